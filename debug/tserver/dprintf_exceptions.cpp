@@ -1,0 +1,96 @@
+// Reports of the pending exception, and the one way in which the module reports a failure.
+
+#include "dbgcommon.h"
+#include "dprintf.h"
+
+static constexpr int kMaxNestedTracing = 2;  // a report is not made from within other logging
+
+// Takes a normalised pending exception, holding it until it is put back.
+struct tFetchedException {
+    PyObject* type = nullptr;
+    PyObject* value = nullptr;
+    PyObject* traceback = nullptr;
+};
+
+// Displays the exception with sys.stderr sent to the channel's file; false when there is no sys.stderr to exchange.
+static bool display_on_channel(tSingleDPData* channel, const tFetchedException& exception)
+{
+    PyObject* borrowed = api.PySys_GetObject("stderr");
+    if (!borrowed || borrowed == api.Py_None)
+        return false;
+    XPyOwned program_stderr(XPy_NewRef(borrowed));
+    // A channel without a Python file has nowhere to show it; None keeps the exception off the native stream, where
+    // Python 2 then only notes that there is no sys.stderr.
+    PyObject* file = channel->file_obj ? channel->file_obj : api.Py_None;
+    if (api.PySys_SetObject("stderr", file) < 0)
+        api.PyErr_Clear();
+    api.PyErr_Display(exception.type, exception.value, exception.traceback);
+    api.PyErr_Clear();
+    if (api.PySys_SetObject("stderr", program_stderr.borrow()) < 0)
+        api.PyErr_Clear();
+    return true;
+}
+
+static void log_exception(tSingleDPData* channel)
+{
+    if (!channel || !api.PyErr_Occurred())
+        return;
+    PyThreadState* tstate = borrow_current_thread_state_or_null();
+    if (!tstate || get_thread_state_tracing(tstate) >= kMaxNestedTracing || channel->in_dprint_count != 0)
+        return;
+    channel->in_dprint_count = 1;
+    increment_thread_state_tracing(tstate);
+    tFetchedException exception;
+    api.PyErr_Fetch(&exception.type, &exception.value, &exception.traceback);
+    if (gDPrintfFile)
+        do_dprintf(kLogCore, "EXCEPTION IN DEBUG TRACER:\n");
+    api.PyErr_NormalizeException(&exception.type, &exception.value, &exception.traceback);
+    bool displayed = display_on_channel(channel, exception);
+    api.PyErr_Restore(exception.type, exception.value, exception.traceback);
+    decrement_thread_state_tracing(tstate);
+    if (displayed)
+        channel->in_dprint_count--;
+    // Kept: without a sys.stderr the count stays at 1 and the channel is silent from then on.
+}
+
+void do_dlogexception(void)
+{
+    if (!gDPrintfFile)
+        return;
+    init_dp_data(&gUnsafeGlobalDPData, 0);
+    log_exception(&gUnsafeGlobalDPData.shared_single_dp_data);
+}
+
+void do_dp_logexception(tSingleDPData* channel)
+{
+    log_exception(channel);
+}
+
+// ---- Failure reports ----
+
+XPY_COLD void report_failure(tDPData* data, const char* text)
+{
+    tSingleDPData* channel = data ? data->internal_failures : nullptr;
+    if (!channel)
+        return;
+    do_dp(channel, "%s", text);
+    do_dp_logexception(channel);
+}
+
+XPY_COLD PyObject* fail_null(tDPData* data, const char* text)
+{
+    report_failure(data, text);
+    return nullptr;
+}
+
+XPY_COLD int fail_int(tDPData* data, const char* text)
+{
+    report_failure(data, text);
+    return -1;
+}
+
+XPY_COLD void clear_failure(tDPData* data, const char* text)
+{
+    report_failure(data, text);
+    api.PyErr_Clear();
+}

@@ -1,0 +1,236 @@
+// Messages: formatted by the interpreter, written to the process-wide Python file, without a trace in the program.
+
+#include <stdio.h>
+#include <string.h>
+
+#include "dbgcommon.h"
+#include "dprintf.h"
+
+// ---- Holding the interpreter's state ----
+
+tHeldState::tHeldState(PyThreadState* tstate) : fTState(tstate), fType(nullptr), fValue(nullptr), fTraceback(nullptr)
+{
+    increment_thread_state_tracing(fTState);
+    api.PyErr_Fetch(&fType, &fValue, &fTraceback);
+}
+
+tHeldState::~tHeldState()
+{
+    api.PyErr_Restore(fType, fValue, fTraceback);
+    decrement_thread_state_tracing(fTState);
+}
+
+// ---- Writing ----
+
+// Text object of a C string. [new]
+static PyObject* text_from_str(const char* text)
+{
+    return api.major_version < 3 ? api.PyString_FromString(text) : api.PyUnicode_FromString(text);
+}
+
+// The remark that stands for a message which no formatter can make. [new]
+static PyObject* text_without_formatter(void)
+{
+    static const char kNoConstructor[] = "DPRINTF error: no way to make a string\n";
+    bool can_make = api.major_version < 3 ? api.PyString_FromString : api.PyUnicode_FromString;
+    if (can_make)
+        return text_from_str("DPRINTF error: PyUnicode_FromFormatV is NULL\n");
+    return api.major_version < 3 ? api.PyBytes_FromString(kNoConstructor)
+                                 : api.PyUnicode_FromStringAndSize(kNoConstructor, sizeof kNoConstructor - 1);
+}
+
+// The message as a text object, or a remark in its place; null when not even that can be made. [new]
+static PyObject* format_message(const char* format, va_list args)
+{
+    PyObject* (*formatter)(const char*, va_list) =
+        api.major_version < 3 ? api.PyString_FromFormatV : api.PyUnicode_FromFormatV;
+    PyObject* text = formatter ? formatter(format, args) : text_without_formatter();
+    if (text)
+        return text;
+    do_dlogexception();
+    api.PyErr_Clear();
+    text = text_from_str("DPRINTF error: exception while formatting string\n");
+    if (text)
+        return text;
+    api.PyErr_Clear();
+    text = text_from_str("DPRINTF error: unable to create output string\n");
+    if (!text)
+        api.PyErr_Clear();
+    return text;
+}
+
+// Writes raw text to the process-wide file and flushes it; failures are cleared.
+static void write_and_flush(PyObject* text)
+{
+    static constexpr int kPyPrintRaw = 1;
+    XPyOwned file(XPy_NewRef(gDPrintfFile));  // writing may run code that replaces the file
+    if (!file)
+        return;
+    if (api.PyFile_WriteObject(text, file.borrow(), kPyPrintRaw) < 0)
+        api.PyErr_Clear();
+    XPyOwned flushed(api.PyObject_CallMethod(file.borrow(), "flush", nullptr));
+    if (!flushed)
+        api.PyErr_Clear();
+}
+
+// Formats and writes with the channel guarded against nested log calls.
+static void write_guarded(tSingleDPData* channel, PyThreadState* tstate, const char* format, va_list args)
+{
+    channel->in_dprint_count = 1;
+    {
+        tHeldState held(tstate);
+        XPyOwned text(format_message(format, args));
+        if (text)
+            write_and_flush(text.borrow());
+    }
+    channel->in_dprint_count--;
+}
+
+void do_dp_v(tSingleDPData* channel, const char* format, va_list args)
+{
+    if (!channel || channel->in_dprint_count != 0)
+        return;
+    PyThreadState* tstate = borrow_current_thread_state_or_null();
+    if (tstate)
+        write_guarded(channel, tstate, format, args);
+}
+
+void do_dp(tSingleDPData* channel, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    do_dp_v(channel, format, args);
+    va_end(args);
+}
+
+// The thread state with which a process-wide message may be written, or null.
+static PyThreadState* borrow_process_wide_gate(int mask)
+{
+    if (!gDPrintfFile || !(gDPrintfMask & mask))
+        return nullptr;
+    init_dp_data(&gUnsafeGlobalDPData, 0);
+    PyThreadState* tstate = borrow_current_thread_state_or_null();
+    return gUnsafeGlobalDPData.shared_single_dp_data.in_dprint_count == 0 ? tstate : nullptr;
+}
+
+void do_dprintf(int mask, const char* format, ...)
+{
+    PyThreadState* tstate = borrow_process_wide_gate(mask);
+    if (!tstate)
+        return;
+    va_list args;
+    va_start(args, format);
+    write_guarded(&gUnsafeGlobalDPData.shared_single_dp_data, tstate, format, args);
+    va_end(args);
+}
+
+void do_dprintf_repr(int mask, const char* prefix, PyObject* obj, const char* suffix)
+{
+    PyThreadState* tstate = borrow_process_wide_gate(mask);
+    if (!tstate)
+        return;
+    tHeldState held(tstate);
+    XPyOwned repr(api.PyObject_Repr(obj));
+    if (repr) {
+        do_dprintf(mask, "%s%s%s", prefix, dprint_check_pystr(repr.borrow()), suffix);
+        return;
+    }
+    do_dprintf(mask, "%s", "exception getting repr in DPRINTF_REPR\n");
+    do_dlogexception();
+    api.PyErr_Clear();
+}
+
+// ---- Texts in buffers ----
+
+// Copies at most kMaxReprChars characters and ends the text. A null buffer gets nothing.
+static void copy_limited(char* buffer, const char* text)
+{
+    if (!buffer)
+        return;
+    size_t length = strnlen(text, kMaxReprChars);
+    memcpy(buffer, text, length);
+    buffer[length] = '\0';
+}
+
+// BUFFER is a field of the record, read after the repr: the code that the repr runs may clear the record.
+static void fill_str_with_repr(tDPData* data, char** buffer, PyObject* obj)
+{
+    PyThreadState* tstate = borrow_current_thread_state_or_null();
+    if (!tstate) {
+        copy_limited(*buffer, "fill_str_with_repr() failed: tstate is NULL");
+        return;
+    }
+    if (data->shared_single_dp_data.in_dprint_count != 0) {
+        copy_limited(*buffer, "fill_str_with_repr() failed: in_dprint_count is not 0");
+        return;
+    }
+    tHeldState held(tstate);
+    XPyOwned repr(api.PyObject_Repr(obj));
+    if (repr) {
+        copy_limited(*buffer, dprint_check_pystr(repr.borrow()));
+        return;
+    }
+    api.PyErr_Clear();
+    copy_limited(*buffer, "exception getting repr in fill_str_with_repr()");
+}
+
+const char* get_dprintf_repr_str1(tDPData* data, PyObject* obj)
+{
+    if (data->_repr_str1)
+        fill_str_with_repr(data, &data->_repr_str1, obj);
+    return data->_repr_str1 ? data->_repr_str1 : "get_dprintf_repr_str1() failure: _repr_str1 is NULL";
+}
+
+const char* get_dprintf_repr_str2(tDPData* data, PyObject* obj)
+{
+    if (data->_repr_str2)
+        fill_str_with_repr(data, &data->_repr_str2, obj);
+    // Kept: the two functions' texts differ
+    return data->_repr_str2 ? data->_repr_str2 : "<error generating repr: no buffer available>";
+}
+
+// ---- The frame text ----
+
+static char frame_text[kMaxReprChars + 1];
+
+static void append_frame_text(const char* format, ...) __attribute__((format(printf, 1, 2)));
+static void append_frame_text(const char* format, ...)
+{
+    size_t used = strlen(frame_text);
+    va_list args;
+    va_start(args, format);
+    vsnprintf(frame_text + used, sizeof frame_text - used, format, args);
+    va_end(args);
+}
+
+static void append_code_static_str(PyObject* code)
+{
+    XPyOwned name(code ? get_code_name(code) : nullptr);
+    XPyOwned filename(code ? get_code_filename(code) : nullptr);
+    if (name && filename) {
+        append_frame_text("%s (%s: %zd)", dprint_check_pystr(name.borrow()), dprint_check_pystr(filename.borrow()),
+                          get_code_firstlineno(code));
+        return;
+    }
+    if (gDPrintfFile) {
+        do_dprintf(kLogInternalFailures, "Failure in append_code_static_str()\n");
+        do_dlogexception();
+    }
+}
+
+const char* get_dprintf_frame_str1(PyObject* frame)
+{
+    frame_text[0] = '\0';
+    if (!frame) {
+        append_frame_text("%s", "<NULL>");
+        return frame_text;
+    }
+    PyThreadState* tstate = borrow_current_thread_state_or_null();
+    if (!tstate)
+        return frame_text;
+    tHeldState held(tstate);
+    append_frame_text("line %d of ", get_frame_lineno(frame));
+    XPyOwned code(get_frame_code(frame));
+    append_code_static_str(code.borrow());
+    return frame_text;
+}

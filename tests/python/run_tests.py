@@ -1,0 +1,44 @@
+"""Runs test modules with unittest and writes down what happened; any interpreter from 2.7 on.
+
+    PYTHON run_tests.py [--report FILE --interpreter NAME] MODULE...
+
+Prints every skipped test with its reason. Exit status 0 when all tests passed and at least one ran.
+"""
+import argparse
+import collections
+import json
+import os
+import sys
+import unittest
+
+
+def load(modules):
+    sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+    return unittest.defaultTestLoader.loadTestsFromNames(modules)
+
+
+def summary(interpreter, result):
+    failed = len(result.failures) + len(result.errors) + len(getattr(result, "unexpectedSuccesses", []))
+    skipped = collections.Counter(reason for _, reason in result.skipped)
+    return {"interpreter": interpreter, "suite": "python", "failed": failed, "skipped": skipped,
+            "passed": result.testsRun - failed - sum(skipped.values())}
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--report")
+    parser.add_argument("--interpreter", default="%d.%d.%d" % sys.version_info[:3])
+    parser.add_argument("modules", nargs="+")
+    options = parser.parse_args()
+    result = unittest.TextTestRunner(verbosity=1).run(load(options.modules))
+    for test, reason in result.skipped:
+        print("skipped %s: %s" % (test, reason))
+    counts = summary(options.interpreter, result)
+    if options.report:
+        with open(options.report, "w") as stream:
+            json.dump(counts, stream)
+    return 0 if counts["failed"] == 0 and result.testsRun else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
