@@ -1,0 +1,119 @@
+// The registry's face towards Python: names and checksums as string objects, and the host's checksum callback.
+
+#include <string.h>
+
+#include "dbgcommon.h"
+#include "fileops_internal.h"
+
+// ---- Conversions ----
+
+static Py_ssize_t string_bytes(PyObject* str)
+{
+    Py_ssize_t length = -1;
+    if (api.major_version < 3)
+        return api.PyString_Size(str);
+    api.PyUnicode_AsUTF8AndSize(str, &length);
+    return length;
+}
+
+// The text of a string object [borrowed from it]; null with an exception that names ROLE.
+static const char* text_of(PyObject* str, const char* role)
+{
+    bool is_string = XPy_IsInstance(str, api.PyUnicode_Type_ptr) || XPy_IsInstance(str, api.PyString_Type_ptr);
+    if (!is_string) {
+        api.PyErr_Format(api.PyExc_TypeError, "%s must be a string", role);
+        return nullptr;
+    }
+    const char* text = _pystring_to_c_string(str);
+    if (!text) {
+        api.PyErr_Format(api.PyExc_ValueError, "%s cannot be converted to UTF-8", role);
+        return nullptr;
+    }
+    if (static_cast<size_t>(string_bytes(str)) != strlen(text)) {
+        api.PyErr_Format(api.PyExc_ValueError, "%s has an embedded null character", role);
+        return nullptr;
+    }
+    return text;
+}
+
+// Converts a checksum that may be null or None, which give a null text; false with an exception pending.
+static bool checksum_text(PyObject* checksum, const char** text)
+{
+    *text = nullptr;
+    if (!checksum || checksum == api.Py_None)
+        return true;
+    *text = text_of(checksum, "checksum");
+    return *text != nullptr;
+}
+
+static bool is_in_angle_brackets(const char* name)
+{
+    size_t length = strlen(name);
+    return length > 0 && name[0] == '<' && name[length - 1] == '>';
+}
+
+static PyObject* new_string(const char* text)
+{
+    return api.major_version < 3 ? api.PyBytes_FromString(text) : api.PyUnicode_FromString(text);
+}
+
+// ---- Look-up and registration ----
+
+PyObject* lookup_canonical_pathname_pystr(tFileOpsData* data, PyObject* pathname, PyObject* checksum)
+{
+    static const char kFailure[] = "Failure in get_canonical_pathname_pystr()\n";
+    const char* name = text_of(pathname, "pathname");
+    if (!name)
+        return fail_null(data->dp, kFailure);
+    if (is_in_angle_brackets(name))
+        return XPy_NewRef(pathname);
+    const char* checksum_str;
+    if (!checksum_text(checksum, &checksum_str))
+        return fail_null(data->dp, kFailure);
+    const char* canonical = lookup_canonical_pathname(data, name, checksum_str);
+    if (canonical)
+        return new_string(canonical);
+    if (api.PyErr_Occurred())
+        return fail_null(data->dp, kFailure);
+    return XPy_NewRef(api.Py_None);
+}
+
+PyObject* register_canonical_pathname_pystr(tFileOpsData* data, PyObject* pathname, PyObject* checksum)
+{
+    const char* name = text_of(pathname, "pathname");
+    if (!name)
+        return nullptr;
+    if (is_in_angle_brackets(name))
+        return new_string(name);
+    const char* checksum_str;
+    if (!checksum_text(checksum, &checksum_str))
+        return nullptr;
+    const char* canonical = register_canonical_pathname(data, name, checksum_str, nullptr);
+    if (!canonical)
+        return api.PyErr_Occurred() ? nullptr : XPy_NewRef(api.Py_None);
+    DO_FILENAMES(data, "Registered canonical in register_canonical_pathname_pystr()\n");
+    DO_FILENAMES(data, "  pathname=%s\n", name);
+    DO_FILENAMES(data, "  canonical=%s\n", canonical);
+    return new_string(canonical);
+}
+
+// ---- Checksums ----
+
+int set_checksum_callback(tFileOpsData* data, PyObject* callable)
+{
+    XPy_SetField(&data->checksum_callback, callable);
+    return 0;
+}
+
+PyObject* get_checksum_for_pathname(tFileOpsData* data, PyObject* pathname)
+{
+    if (!data->checksum_callback || data->checksum_callback == api.Py_None)
+        return XPy_NewRef(api.Py_None);
+    tDPData* dp = data->dp;  // the callback may reset the module, which replaces the record but not its log
+    XPyOwned callback(XPy_NewRef(data->checksum_callback));
+    PyObject* checksum = do_one_arg_call(callback.borrow(), pathname);
+    if (checksum)
+        return checksum;
+    clear_failure(dp, "Failure in get_checksum_for_pathname()\n");
+    return XPy_NewRef(api.Py_None);
+}

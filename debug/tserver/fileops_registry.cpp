@@ -1,0 +1,202 @@
+// The registry of canonical names: the first name registered for a file, or for a checksum, stays the canonical one.
+
+#include <stdlib.h>
+#include <string.h>
+
+#include "dbgcommon.h"
+#include "fileops_internal.h"
+
+int16_t gUseCanonicalPathnames = 1;
+
+// ---- The record ----
+
+struct tFileTable {
+    CUt_HashTable tFileOpsData::*table;
+    uint32_t key_type;
+    bool owns_data;  // client data are heap blocks
+};
+
+// In order of destruction.
+static const tFileTable kFileTables[] = {
+    {&tFileOpsData::absname_cache, 0, true},
+    {&tFileOpsData::lower_absname_cache, 0, true},
+    {&tFileOpsData::stat_cache, 0, true},
+    {&tFileOpsData::unique_fileno_cache, 0, true},
+    {&tFileOpsData::canonical_by_unique_fileno, sizeof(tUniqueFileno), true},
+    {&tFileOpsData::canonical_by_name, 0, true},
+    {&tFileOpsData::canonical_by_checksum, 0, true},
+    {&tFileOpsData::not_found_table, 0, false},  // times
+};
+
+tFileOpsData* create_file_ops_data(tDPData* dp)
+{
+    tFileOpsData* data = static_cast<tFileOpsData*>(calloc(1, sizeof(tFileOpsData)));
+    if (!data)
+        return nullptr;
+    data->dp = dp;
+    for (const tFileTable& row : kFileTables)
+        CU_InitHashTable(&(data->*row.table), row.key_type);
+    data->os_mod = get_imported_module("os");
+    if (!data->os_mod)
+        clear_failure(dp, "Failure to find os module\n");
+    data->checksum_callback = XPy_NewRef(api.Py_None);
+    return data;
+}
+
+void destroy_file_ops_data(tFileOpsData* data)
+{
+    DO_FILENAMES(data, "In destroy_file_ops_data()\n");
+    for (const tFileTable& row : kFileTables) {
+        if (row.owns_data)
+            CU_DeallocHashTable(&(data->*row.table));
+        else
+            CU_DeleteHashTable(&(data->*row.table));
+    }
+    XPy_ClearField(&data->os_mod);
+    XPy_ClearField(&data->checksum_callback);
+    free(data);
+}
+
+// ---- Name preparation ----
+
+// An absolute source name: a private copy, or a name that its cache owns.
+struct tPreparedName {
+    const char* name;
+    char* copy;  // to be freed, or null
+};
+
+static bool get_absname_for_canonical(tFileOpsData* data, const char* name, tPreparedName* prepared)
+{
+    prepared->copy = strdup(name);
+    prepared->name = prepared->copy;
+    if (!prepared->copy) {
+        report_failure(data->dp, "Failure: get_absname_for_canonical()\n");
+        return false;
+    }
+    prune_py_c_or_o(prepared->copy);
+    if (*prepared->copy == '/')
+        return true;
+    prepared->name = get_absname(data, prepared->copy);
+    free(prepared->copy);
+    prepared->copy = nullptr;
+    return prepared->name != nullptr;
+}
+
+// ---- Look-up ----
+
+static const char* found_name(const CUt_HashEntry* entry)
+{
+    return entry ? static_cast<const char*>(entry->clientData) : nullptr;
+}
+
+static tUniqueFileno identity_of(const struct stat* result)
+{
+    return {static_cast<uint64_t>(result->st_dev), static_cast<uint64_t>(result->st_ino)};
+}
+
+static const char* key_of(const tUniqueFileno* identity)
+{
+    return reinterpret_cast<const char*>(identity);
+}
+
+static const char* look_up_prepared(tFileOpsData* data, const char* name, const char* checksum)
+{
+    if (const char* by_name = found_name(data->canonical_by_name.findProc(&data->canonical_by_name, name)))
+        return by_name;
+    if (const struct stat* result = __tracer_stat(data, name)) {
+        tUniqueFileno identity = identity_of(result);
+        CUt_HashTable* by_identity = &data->canonical_by_unique_fileno;
+        if (CUt_HashEntry* entry = by_identity->findProc(by_identity, key_of(&identity)))
+            return found_name(entry);
+    }
+    if (!checksum || !*checksum)
+        return nullptr;
+    return found_name(data->canonical_by_checksum.findProc(&data->canonical_by_checksum, checksum));
+}
+
+const char* lookup_canonical_pathname(tFileOpsData* data, const char* name, const char* checksum)
+{
+    tPreparedName prepared;
+    if (!get_absname_for_canonical(data, name, &prepared))
+        return nullptr;
+    const char* canonical = look_up_prepared(data, prepared.name, checksum);
+    free(prepared.copy);
+    return canonical;
+}
+
+// ---- Registration ----
+
+// The canonical name of the file that NAME denotes: the first name registered for its identity, else NAME.
+static const char* register_canonical_in_by_unique_fileno(tFileOpsData* data, const char* name)
+{
+    const struct stat* result = __tracer_stat(data, name);
+    if (!result)
+        return name;
+    tUniqueFileno identity = identity_of(result);
+    int is_new;
+    CUt_HashTable* table = &data->canonical_by_unique_fileno;
+    CUt_HashEntry* entry = table->createProc(table, key_of(&identity), &is_new);
+    if (entry && !is_new)
+        return entry->clientData ? found_name(entry) : name;
+    if (entry) {
+        entry->clientData = strdup(name);
+        if (entry->clientData)
+            return found_name(entry);
+        CU_DeleteHashEntry(entry);
+    }
+    report_failure(data->dp, "Failure: register_canonical_in_by_unique_fileno()\n");
+    return name;
+}
+
+static void register_canonical_in_by_checksum(tFileOpsData* data, const char* name, const char* checksum)
+{
+    int is_new;
+    CUt_HashEntry* entry = data->canonical_by_checksum.createProc(&data->canonical_by_checksum, checksum, &is_new);
+    if (entry && !is_new) {
+        DO_FILENAMES(data, "Duplicate files for checksum: canonical = '%s'; other = '%s'\n", found_name(entry), name);
+        return;
+    }
+    if (entry) {
+        entry->clientData = strdup(name);
+        if (entry->clientData)
+            return;
+        CU_DeleteHashEntry(entry);
+    }
+    report_failure(data->dp, "Failure: register_canonical_in_by_checksum()\n");
+}
+
+// The entry of a prepared name with its canonical name in it, or null.
+static CUt_HashEntry* register_prepared(tFileOpsData* data, const char* name, int16_t* newly_registered)
+{
+    int is_new;
+    CUt_HashEntry* entry = data->canonical_by_name.createProc(&data->canonical_by_name, name, &is_new);
+    if (!entry || !is_new)
+        return entry;
+    entry->clientData = strdup(register_canonical_in_by_unique_fileno(data, name));
+    if (!entry->clientData) {
+        CU_DeleteHashEntry(entry);
+        return nullptr;
+    }
+    if (newly_registered)
+        *newly_registered = 1;
+    return entry;
+}
+
+const char* register_canonical_pathname(tFileOpsData* data, const char* name, const char* checksum,
+                                        int16_t* newly_registered)
+{
+    tPreparedName prepared;
+    if (!get_absname_for_canonical(data, name, &prepared)) {
+        report_failure(data->dp, "Failure: register_canonical_pathname()\n");
+        return nullptr;
+    }
+    if (newly_registered)
+        *newly_registered = 0;
+    CUt_HashEntry* entry = register_prepared(data, prepared.name, newly_registered);
+    if (!entry)
+        report_failure(data->dp, "Failure: register_canonical_pathname()\n");
+    else if (checksum && *checksum)
+        register_canonical_in_by_checksum(data, prepared.name, checksum);
+    free(prepared.copy);
+    return found_name(entry);
+}
