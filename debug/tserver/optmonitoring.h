@@ -1,0 +1,324 @@
+// The monitoring module: its state, its four classes and the functions that its source files share.
+
+#ifndef OPTMONITORING_OPTMONITORING_H
+#define OPTMONITORING_OPTMONITORING_H
+
+#include "dprintf.h"
+#include "fileops.h"
+#include "xpy_c_api.h"
+
+// Kinds of pathnames; 1 and 2 are not used on purpose.
+enum tPathnameKind {
+    kRegularPathname = 0,
+    kFrozenImportLibPathname = 3,
+    kPseudoPathname = 4,
+    kBrixShellPathname = 5,
+};
+
+// Per-module state; object references are owned and may be null before exec and after clear.
+struct tModuleState {
+    int kPyLineEventId;
+    int kPyStartEventId;
+    int kPyReturnEventId;
+    int kPyYieldEventId;
+    int kPyResumeEventId;
+    PyObject* CInitialCallback;
+    PyObject* monitoring_disabled;
+    PyObject* threading_mod;
+    tFileOpsData* file_ops_data;  // owned
+    tDPData* dp;                  // owned
+    PyObject* CPerFile;
+    PyObject* CPerCodeObject;
+    PyObject* CPerThread;
+    int code_object_extra_index;
+    PyObject* _gInternalPathnameDict;
+    int save_and_restore_errno;  // 1: the callback preserves the program's errno
+    pid_t _gThisProcessPid;      // the callback does nothing while this differs from the cached pid
+    PyObject* _Log;
+    PyObject* _LogException;
+    Py_tss_t* _gPyTssKey;  // owned; reaches each thread's _tPyTssData
+    PyObject* _gThreadStateDictKey;
+};
+
+// The bodies of the four classes. They lie behind the interpreter's object head, whose size depends on the build.
+
+struct CInitialCallbackBody {
+    PyObject* mod;            // [owned]
+    tModuleState* mod_state;  // not owned
+    int _fEventId;
+    PyObject* fSecondCallback;  // [owned]
+    int fCanReturnDisable;
+    int fAnySuspendThread;                 // written by the host
+    int fSteppingEventsNeededEveryThread;  // written by the host
+};
+
+// What a thread's storage slot points at. One per thread, allocated with malloc; the slot is its only holder.
+struct _tPyTssData {
+    PyObject* fPerThreadPtr;         // [borrowed]; null: stale
+    PyThreadState* fThreadStatePtr;  // the thread state for which the pair was made
+};
+
+struct CPerThreadBody {
+    PyObject* mod;            // [owned]
+    tModuleState* mod_state;  // not owned; null once cleared
+    PyObject* capsule_ptr;    // the capsule in the thread state's dict [borrowed]; it owns a reference to the record
+    PyObject* fThreadId;
+    char fSteppingEventsNeeded;
+    PyObject* fOuterMostFrame;
+    PyObject* fStopFrame;
+    PyObject* fDontStopLinenoRange;
+    PyObject* fReturnFrame;
+    PyObject* fStopAtNextLine;
+    int fDebugPolicy;  // -1 unknown, 0 not debugged
+    PyObject* fSuspendLock;
+    int fCheckSuspendLock;
+    PyObject* fThreadName;
+    int fExitingWithException;
+    PyObject* fSteppingCodeObjects;
+    _tPyTssData* _fPyTssData;  // the pair that points at this record, not owned
+};
+
+struct CPerCodeObjectBody {
+    PyObject* fCodeObjectWeakRef;
+    PyObject* fCanonicalPathname;
+    PyObject* fPathnameToReport;
+    PyObject* fIsInternal;
+    PyObject* fEnabledBpLinenos;
+    Py_ssize_t fSteppingEventsNeededCount;
+    Py_ssize_t fReturnEventsNeededCount;
+    int fUpdatePathnameNeeded;
+};
+
+struct CPerFileBody {
+    PyObject* fCanonicalPathname;
+    PyObject* fBpSetByLineno;
+    PyObject* fKnownPerCodeObjects;
+    PyObject* fChecksum;
+};
+
+// What every class is made from. Sizes and offsets are relative to the body until start-up has added the head.
+struct tClassInfo {
+    const char* attribute;  // name in the module
+    PyType_Spec* spec;
+    PyMemberDef* members;     // ended by a row without a name
+    Py_ssize_t* body_offset;  // bytes from the object to its body, -1 until first needed
+};
+
+extern Py_ssize_t gInitialCallbackBodyOffset;
+extern Py_ssize_t gPerThreadBodyOffset;
+extern Py_ssize_t gPerCodeObjectBodyOffset;
+extern Py_ssize_t gPerFileBodyOffset;
+
+// ---- Entry points, the module's methods and constants (optmonitoring_module.cpp) ----
+
+XPY_EXPORT PyObject* PyInit_optmonitoring(void);
+XPY_EXPORT void initoptmonitoring(void);
+
+PyObject* UpdateThisProcessPid(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames);
+PyObject* AddToThreadStateTracing(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames);
+
+// ---- Life of the state (optmonitoring_exec.cpp, optmonitoring_reset.cpp) ----
+
+// 0, or -1 with an exception pending; what a failed exec has made is released again.
+int optmonitoring_exec(PyObject* module);
+
+// Releases everything that the state owns; any of it may be missing. Returns 0.
+int optmonitoring_mod_clear(PyObject* module);
+
+PyObject* optmonitoring_reset(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames);
+
+// The state's file tables; null with an exception pending after a reset that ran out of memory or a clear.
+tFileOpsData* need_file_ops(tModuleState* m);
+
+// ---- Module functions (optmonitoring_functions.cpp) ----
+
+PyObject* lookup_canonical_pathname_wrap(PyObject* module, PyObject* args, PyObject* kwargs);
+PyObject* register_canonical_pathname_wrap(PyObject* module, PyObject* args, PyObject* kwargs);
+PyObject* get_canonical_pathname_wrap(PyObject* module, PyObject* args, PyObject* kwargs);
+PyObject* set_dprintf_file_wrap(PyObject* module, PyObject* args);
+PyObject* set_dprintf_mask_wrap(PyObject* module, PyObject* args);
+PyObject* get_dprintf_mask_wrap(PyObject* module, PyObject* args);
+PyObject* dprintf_wrap(PyObject* module, PyObject* args, PyObject* kwargs);
+PyObject* set_checksum_callback_wrap(PyObject* module, PyObject* args, PyObject* kwargs);
+PyObject* get_checksum_callback_wrap(PyObject* module, PyObject* args, PyObject* kwargs);
+
+// ---- Fast arguments (optmonitoring_fastargs.cpp) ----
+
+// One argument; a null name ends a list.
+struct tFastArgInfo {
+    const char* name;
+    int pos;                  // position, negative: keyword only
+    PyObject* default_value;  // null: required
+    PyObject** value_ptr;     // where the value is stored [borrowed]
+};
+
+// Parses a fast call's arguments. 0, or -1 with TypeError pending.
+int get_fastargs(const tFastArgInfo* infos, PyObject* const* args, size_t nargsf, PyObject* kwnames);
+
+// ---- What the classes share (optmonitoring_classes.cpp) ----
+
+// The class below `object` from which OBJ's type derives: the one of ours that owns its body. [borrowed]
+PyTypeObject* borrow_defining_class(PyObject* obj);
+
+// The module and its state behind an instance of one of our classes or of a subclass; null with an exception pending.
+PyObject* borrow_module_of(PyObject* obj);
+tModuleState* state_of(PyObject* obj);
+tModuleState* state_of_class(PyTypeObject* cls);
+
+// Finds a body for the first time and caches its distance. Null with an exception pending.
+void* find_body(PyObject* obj, PyTypeObject* cls, Py_ssize_t* body_offset);
+
+template <typename T>
+static inline T* get_body(PyObject* obj, PyTypeObject* cls, Py_ssize_t* body_offset)
+{
+    if (XPY_UNLIKELY(*body_offset == -1))
+        return static_cast<T*>(find_body(obj, cls, body_offset));
+    return reinterpret_cast<T*>(reinterpret_cast<char*>(obj) + *body_offset);
+}
+
+// Type of OBJ, read in its header. [borrowed]
+static inline PyTypeObject* borrow_type(PyObject* obj)
+{
+    return *static_cast<PyTypeObject**>(XPy_GetFieldAddress(obj, api.pyobject_offsets.type));
+}
+
+static inline PyTypeObject* as_type(PyObject* cls)
+{
+    return reinterpret_cast<PyTypeObject*>(cls);
+}
+
+// Releases the object members of the class's member table in table order, each set to null first.
+void clear_object_members(PyObject* obj);
+
+// Sets a class attribute that holds a host hook. 0, or -1 with an exception pending.
+int set_class_hook(PyObject* cls, const char* attribute, PyObject* callback);
+
+// Reads a class attribute; when it is missing, what MAKE returns [new] is stored there first. [new]
+PyObject* get_class_attr_or_make(PyObject* cls, const char* attribute, PyObject* (*make)(void));
+PyObject* make_none(void);
+
+// Calls the class's new-record hook, if any, with the tracing counter raised. 0, or -1 with an exception pending.
+int CallNewObjectCallback_direct(tDPData* dp, PyObject* cls, const char* attribute, PyObject* new_object);
+
+// Whether the pending exception is of this kind; then it is cleared.
+bool clear_if_raised(PyObject* exception);
+
+// Refuses keyword arguments of a constructor: 0, or -1 with TypeError pending.
+int refuse_keywords(PyObject* kwargs, const char* class_name);
+
+// ---- CPerThread (optmonitoring_perthread.cpp, optmonitoring_perthread_tss.cpp) ----
+
+extern tClassInfo kPerThreadClass;
+int CPerThread_ClsInit(tModuleState* m);
+int CPerThread_ClsReset(tModuleState* m);
+
+// The body of a record; null with an exception pending when OBJ is none.
+CPerThreadBody* need_per_thread(tModuleState* m, PyObject* obj);
+
+// The record of a thread (None: this one), made when absent and CREATE is true. [new], None, or null.
+PyObject* CPerThread_GetPerThread_direct(tModuleState* m, PyObject* thread_id, PyObject* create);
+
+// This thread's record with its name looked up. [new], None, or null.
+PyObject* CInitialCallback_GetPerThreadCalledFromCallback(tModuleState* m);
+
+// The thread's policy; -1 with or without an exception pending.
+int CPerThread_GetDebugPolicy_direct(tModuleState* m, PyObject* per_thread);
+
+int CPerThread_FindThreadName_direct(tModuleState* m, PyObject* per_thread);
+int CPerThread_ClearPerThreadForCurrentThread(tModuleState* m);
+int CPerThread_Clear_direct(tModuleState* m, PyObject* per_thread);
+int CPerThread_TryRegisterThreadStateDictCapsule_direct(tModuleState* m, PyObject* per_thread);
+
+// The record behind this thread's slot [new]; None when there is none or it was stale; null with an exception
+// pending.
+PyObject* CPerThread_FastGetExistingPerThreadFromPyTss(tModuleState* m);
+
+// The record behind the capsule in this thread state's dict [new], None, or null.
+PyObject* CPerThread_GetExistingPerThreadFromThreadStateDict(tModuleState* m);
+
+int CPerThread_StorePerThreadForCurrentThreadInPyTss_direct(tModuleState* m, PyObject* per_thread);
+int CPerThread_DiscardPerThread_direct(tModuleState* m, PyObject* per_thread);
+PyObject* CPerThread_get_fPerThreadDict(tModuleState* m);  // [new]
+
+// ---- CPerFile (optmonitoring_perfile.cpp) ----
+
+extern tClassInfo kPerFileClass;
+int CPerFile_ClsInit(tModuleState* m);
+int CPerFile_ClsReset(tModuleState* m);
+
+// The record of a canonical pathname, made when absent and CREATE is true. [new], None, or null.
+PyObject* CPerFile_GetPerFile_direct(tDPData* dp, PyObject* per_file_class, PyObject* pathname, PyObject* create);
+
+// Enters the record in (REMOVE: takes it out of) the set of a checksum; None: its own. 0 or -1.
+int CPerFile_UpdateByChecksum_direct(tModuleState* m, PyObject* per_file, PyObject* checksum, int16_t remove);
+
+// ---- CPerCodeObject (optmonitoring_percodeobject.cpp, optmonitoring_percodeobject_life.cpp) ----
+
+extern tClassInfo kPerCodeObjectClass;
+int CPerCodeObject_ClsInit(tModuleState* m);
+int CPerCodeObject_ClsReset(tModuleState* m);
+
+// Result [new], None when absent and not to be made, null with an exception pending.
+PyObject* CPerCodeObject_GetPerCodeObject_direct(tModuleState* m, PyObject* code, PyObject* create, PyObject* frame);
+PyObject* CPerCodeObject_GetExistingPerCodeObject_direct(tModuleState* m, PyObject* code);
+
+// The pathname to report, or with CANONICAL the canonical one (None for pseudo files). [new] or null.
+PyObject* CPerCodeObject_GetPathnameToUse_direct(tModuleState* m, PyObject* code, PyObject* frame, int16_t canonical);
+
+int CPerCodeObject_UpdatePathnameFromFrame_direct(tModuleState* m, PyObject* per_code_object, PyObject* frame);
+int CPerCodeObject_AddToPerFile_direct(tModuleState* m, PyObject* per_code_object);
+int CPerCodeObject_RemoveFromPerFile_direct(tModuleState* m, PyObject* per_code_object);
+int CPerCodeObject_RegisterPerCodeObject_direct(tModuleState* m, PyObject* per_code_object, PyObject* code);
+int CPerCodeObject_cb_code_object_dealloc_direct(tModuleState* m, PyObject* per_code_object);
+PyObject* CPerCodeObject_get_fPerCodeObjectDict(tModuleState* m);  // [new]
+
+// Free function of the code objects' extra slot; EXTRA is the record [steals] or null. Leaves no exception behind.
+void FreeCodeObjectExtra(void* extra);
+
+// The body of a record; null with an exception pending when OBJ is none.
+CPerCodeObjectBody* need_per_code_object(tModuleState* m, PyObject* obj);
+
+// 0, or -1 with TypeError pending when OBJ is no code object.
+int check_code_object(PyObject* obj);
+
+// ---- Pathname kinds and internal frames (optmonitoring_pathnames.cpp) ----
+
+// A tPathnameKind, or -1 with an exception pending.
+int GetPathnameKind_direct(tDPData* dp, PyObject* pathname);
+
+// 1 or 0; never fails.
+int IsInternalPathname(tDPData* dp, PyObject* internal_table, PyObject* pathname);
+
+// 1, 0, or -1 with an exception pending.
+int IsInternalFrame_direct(tModuleState* m, PyObject* frame);
+
+// A frame or None [new]; null with an exception pending.
+PyObject* GetNonInternalFrame_direct(tModuleState* m, PyObject* back_count);
+
+// UTF-8 of a str without embedded nulls [borrowed from it]; null with an exception pending.
+const char* need_utf8(PyObject* str, Py_ssize_t* length);
+
+PyObject* GetPathnameKind(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames);
+PyObject* SetInternalPathnameDict(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames);
+PyObject* IsInternalFrame(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames);
+PyObject* GetNonInternalFrame(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames);
+
+// ---- CInitialCallback (optmonitoring_initialcallback.cpp, optmonitoring_skipsecond.cpp) ----
+
+extern tClassInfo kInitialCallbackClass;
+
+// One call's context, on the stack.
+struct CInitialCallback_Callback_Ctx {
+    tModuleState* m;
+    PyObject* per_thread;       // the thread's record or None [owned]
+    PyObject* per_code_object;  // [owned]
+    PyObject* lineno_obj;       // line number of a LINE event, else None [owned]
+    int saved_errno;
+    int errno_was_saved;
+};
+
+// 1: the event is of no interest, 0: call the second callback, -1: failed, with an exception pending.
+int CInitialCallback_SkipSecondCallback_direct(CInitialCallback_Callback_Ctx* ctx, CInitialCallbackBody* body,
+                                               PyObject* code);
+
+#endif

@@ -1,0 +1,378 @@
+// CInitialCallback: receives every monitoring event and decides, cheapest test first, whether it matters.
+//
+// Exceptions never leave Callback: a failed event is logged, handed to the host's LogException, and answered None.
+
+#include <errno.h>
+
+#include "optmonitoring_internal.h"
+
+static constexpr int kLinenoCallbackNoArgs = 4236;
+
+// What a step of the decision says: go on, the event is answered, or the step failed with an exception pending.
+enum tStep { kGoOn, kAnswered, kFailed };
+
+// ---- The context of one call ----
+
+static void CInitialCallback_Callback_SaveErrno(CInitialCallback_Callback_Ctx* ctx)
+{
+    if (ctx->m->save_and_restore_errno && !ctx->errno_was_saved) {
+        ctx->saved_errno = errno;
+        ctx->errno_was_saved = 1;
+    }
+}
+
+static void CInitialCallback_Callback_Ctx_finish(CInitialCallback_Callback_Ctx* ctx)
+{
+    if (ctx->saved_errno != 0)  // Kept: a saved 0 is not written back
+        errno = ctx->saved_errno;
+    XPy_ClearField(&ctx->per_code_object);
+    XPy_ClearField(&ctx->per_thread);
+    XPy_ClearField(&ctx->lineno_obj);
+}
+
+// Finishes the call with an answer [borrowed]; the result is [new].
+static PyObject* finish_with(CInitialCallback_Callback_Ctx* ctx, PyObject* answer)
+{
+    XPy_DoIncRef(answer);
+    CInitialCallback_Callback_Ctx_finish(ctx);
+    return answer;
+}
+
+// ---- The failure path ----
+
+XPY_COLD static void call_log_exception(tModuleState* m, PyObject* exception)
+{
+    api.PyErr_SetHandledException(exception);  // Kept: not put back afterwards
+    XPyOwned log_exception(XPy_NewRef(m->_LogException));
+    XPyOwned result(do_two_arg_call(log_exception.borrow(), api.Py_None, api.Py_True));
+    if (!result)
+        clear_failure(m->dp, "LogException() failed and exception suppressed\n");
+}
+
+XPY_COLD static void CallLogExceptionWithCurrentRaisedException(tModuleState* m)
+{
+    XPyOwned exception(api.PyErr_GetRaisedException());
+    if (!m->_LogException)
+        return;
+    if (exception)
+        call_log_exception(m, exception.borrow());
+    else
+        clear_failure(m->dp,
+                      "CallLogExceptionWithCurrentRaisedException(): PyErr_GetRaisedException() returned NULL\n");
+}
+
+XPY_COLD static PyObject* suppress_failure(CInitialCallback_Callback_Ctx* ctx)
+{
+    report_failure(ctx->m->dp, "CInitialCallback_Callback() failed and exception suppressed\n");
+    CallLogExceptionWithCurrentRaisedException(ctx->m);
+    return finish_with(ctx, api.Py_None);
+}
+
+// ---- Step by step ----
+
+XPY_COLD static PyObject* answer_not_code(CInitialCallback_Callback_Ctx* ctx, PyObject* first)
+{
+    tModuleState* m = ctx->m;
+    DO_DP(m->dp->initial_monitoring_callbacks,
+          "Initial callback -- first arg %s is not a PyCodeObject; returning DISABLE\n",
+          get_dprintf_repr_str1(m->dp, first));
+    return finish_with(ctx, m->monitoring_disabled);
+}
+
+// The frame that runs, or None. [new]; null with an exception pending.
+static PyObject* get_running_frame(void)
+{
+    PyObject* frame = get_thread_state_frame(api.PyThreadState_Get());
+    return frame || api.PyErr_Occurred() ? frame : new_none();
+}
+
+// Makes the record of a code object seen for the first time, or refines one that was made without a frame.
+XPY_COLD static PyObject* create_or_update_record(tModuleState* m, PyObject* code, XPyOwned* existing)
+{
+    XPyOwned frame(get_running_frame());
+    if (!frame)
+        return nullptr;
+    if (existing->borrow() == api.Py_None)
+        return do_two_arg_call(m->CPerCodeObject, code, frame.borrow());
+    if (CPerCodeObject_UpdatePathnameFromFrame_direct(m, existing->borrow(), frame.borrow()) < 0)
+        return nullptr;
+    return existing->detach();
+}
+
+static PyObject* get_record_inner(tModuleState* m, PyObject* code)
+{
+    XPyOwned record(CPerCodeObject_GetExistingPerCodeObject_direct(m, code));
+    if (!record)
+        return nullptr;
+    if (record.borrow() != api.Py_None &&
+        !per_code_object_body(record.borrow(), as_type(m->CPerCodeObject))->fUpdatePathnameNeeded)
+        return record.detach();
+    return create_or_update_record(m, code, &record);
+}
+
+static PyObject* CInitialCallback_GetPerCodeObjectCalledFromCallback(tModuleState* m, PyObject* code)
+{
+    PyObject* record = get_record_inner(m, code);
+    return record ? record : fail_null(m->dp, "CInitialCallback_GetPerCodeObjectCalledFromCallback() failed\n");
+}
+
+XPY_COLD static PyObject* answer_internal(CInitialCallback_Callback_Ctx* ctx, CInitialCallbackBody* body)
+{
+    tModuleState* m = ctx->m;
+    PyObject* answer = api.Py_None;
+    if (body->fCanReturnDisable) {
+        DO_DP(m->dp->initial_monitoring_callbacks, "Disabling monitoring callbacks for %s\n",
+              get_dprintf_repr_str1(m->dp, ctx->per_code_object));
+        answer = m->monitoring_disabled;
+    } else {
+        DO_DP(m->dp->initial_monitoring_callbacks, "Ignoring callback for %s\n",
+              get_dprintf_repr_str1(m->dp, ctx->per_code_object));
+    }
+    DO_DP(m->dp->initial_monitoring_callbacks, "Initial callback -- return after check internal: %s\n",
+          get_dprintf_repr_str1(m->dp, answer));
+    return answer;
+}
+
+// Answers events of the debugger's own code. A subclass's record is not asked.
+static tStep CInitialCallback_Callback_CheckInternal(CInitialCallback_Callback_Ctx* ctx, CInitialCallbackBody* body,
+                                                     PyObject** answer)
+{
+    PyTypeObject* cls = as_type(ctx->m->CPerCodeObject);
+    if (borrow_type(ctx->per_code_object) != cls)
+        return kGoOn;
+    PyObject* flag = per_code_object_body(ctx->per_code_object, cls)->fIsInternal;
+    int is_internal = flag ? get_istrue(flag) : 0;
+    if (is_internal < 0) {
+        report_failure(ctx->m->dp, "CInitialCallback_Callback_CheckInternal() failed\n");
+        return kFailed;
+    }
+    if (!is_internal)
+        return kGoOn;
+    *answer = answer_internal(ctx, body);
+    return kAnswered;
+}
+
+// Answers LINE events on lines without a breakpoint while nothing else could want them, before any per-thread work.
+static tStep check_breakpoint_lines(CInitialCallback_Callback_Ctx* ctx, CInitialCallbackBody* body,
+                                    PyObject* const* args, Py_ssize_t nargs)
+{
+    if (body->_fEventId != ctx->m->kPyLineEventId || nargs == 1 || body->fAnySuspendThread ||
+        body->fSteppingEventsNeededEveryThread)
+        return kGoOn;
+    CPerCodeObjectBody* record = per_code_object_body(ctx->per_code_object, as_type(ctx->m->CPerCodeObject));
+    if (record->fSteppingEventsNeededCount != 0 || !record->fEnabledBpLinenos ||
+        record->fEnabledBpLinenos == api.Py_None)
+        return kGoOn;
+    XPyOwned linenos(XPy_NewRef(record->fEnabledBpLinenos));  // hashing and comparing may run code that replaces it
+    int has_breakpoint = api.PySet_Contains(linenos.borrow(), args[1]);
+    return has_breakpoint < 0 ? kFailed : has_breakpoint ? kGoOn : kAnswered;
+}
+
+static tStep CInitialCallback_Callback_CheckDebugPolicy(CInitialCallback_Callback_Ctx* ctx)
+{
+    tModuleState* m = ctx->m;
+    if (ctx->per_thread == api.Py_None) {
+        DO_DP(m->dp->initial_monitoring_callbacks,
+              "CInitialCallback_Callback_CheckDebugPolicy(): per_thread is None\n");
+        return kGoOn;
+    }
+    int policy = CPerThread_GetDebugPolicy_direct(m, ctx->per_thread);
+    if (policy == -1 && api.PyErr_Occurred()) {
+        report_failure(m->dp, "CInitialCallback_Callback_CheckDebugPolicy() failed\n");
+        return kFailed;
+    }
+    if (policy != 0)
+        return kGoOn;
+    DO_DP(m->dp->initial_monitoring_callbacks, "CInitialCallback_Callback_CheckDebugPolicy(): debug_policy is 0\n");
+    DO_DP(m->dp->initial_monitoring_callbacks, "Initial callback -- return after debug policy check: %s\n",
+          get_dprintf_repr_str1(m->dp, api.Py_None));
+    return kAnswered;
+}
+
+// The thread id for the log; -1 when it is no number.
+static int thread_id_for_log(CPerThreadBody* body)
+{
+    Py_ssize_t thread_id = body->fThreadId ? py_int_as_ssize_t(body->fThreadId) : -1;
+    if (thread_id == -1 && api.PyErr_Occurred())
+        api.PyErr_Clear();
+    return static_cast<int>(thread_id);
+}
+
+// Passes the thread through its suspend lock: it blocks for as long as somebody else holds the lock.
+XPY_COLD static int pass_suspend_lock(tModuleState* m, CPerThreadBody* body)
+{
+    XPyOwned lock(XPy_NewRef(body->fSuspendLock));
+    if (!lock) {
+        api.PyErr_SetString(api.PyExc_AttributeError, "fSuspendLock");
+        return -1;
+    }
+    DO_DP(m->dp->threading, "fCheckSuspendLock is true; acquiring fSuspendLock: thread_id=%i\n",
+          thread_id_for_log(body));
+    XPyOwned acquired(api.PyObject_CallMethod(lock.borrow(), "acquire", ""));
+    if (!acquired)
+        return -1;
+    DO_DP(m->dp->threading, "acquired fSuspendLock: thread_id=%s\n", get_dprintf_repr_str1(m->dp, body->fThreadId));
+    XPyOwned released(api.PyObject_CallMethod(lock.borrow(), "release", ""));
+    if (!released)
+        return -1;
+    DO_DP(m->dp->threading, "released fSuspendLock: thread_id=%s\n", get_dprintf_repr_str1(m->dp, body->fThreadId));
+    return 0;
+}
+
+XPY_COLD static tStep CInitialCallback_SuspendIfNeeded_direct(CInitialCallback_Callback_Ctx* ctx)
+{
+    tModuleState* m = ctx->m;
+    CInitialCallback_Callback_SaveErrno(ctx);
+    if (ctx->per_thread == api.Py_None)
+        return kGoOn;
+    CPerThreadBody* body = per_thread_body(ctx->per_thread, as_type(m->CPerThread));
+    if (!body->fCheckSuspendLock || pass_suspend_lock(m, body) == 0)
+        return kGoOn;
+    report_failure(m->dp, "CInitialCallback_SuspendIfNeeded_direct() failed\n");
+    return kFailed;
+}
+
+static PyObject* call_second_callback(CInitialCallback_Callback_Ctx* ctx, CInitialCallbackBody* body,
+                                      PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
+{
+    DO_DP(ctx->m->dp->initial_monitoring_callbacks, "Initial callback -- invoking second callback\n");
+    CInitialCallback_Callback_SaveErrno(ctx);
+    XPyOwned second(XPy_NewRef(body->fSecondCallback));
+    PyObject* result = nullptr;
+    if (!second)
+        api.PyErr_SetString(api.PyExc_AttributeError, "_fSecondCallback");
+    else if (api.PyObject_Vectorcall)
+        result = api.PyObject_Vectorcall(second.borrow(), args, static_cast<size_t>(nargs), kwnames);
+    else
+        result = api.PyObject_VectorcallDict(second.borrow(), args, static_cast<size_t>(nargs), nullptr);
+    if (!result)
+        return suppress_failure(ctx);
+    CInitialCallback_Callback_Ctx_finish(ctx);
+    return result;
+}
+
+// The event of a code object, from its record on.
+static PyObject* decide(CInitialCallback_Callback_Ctx* ctx, CInitialCallbackBody* body, PyObject* const* args,
+                        Py_ssize_t nargs, PyObject* kwnames)
+{
+    tModuleState* m = ctx->m;
+    PyObject* answer = nullptr;
+    ctx->per_code_object = CInitialCallback_GetPerCodeObjectCalledFromCallback(m, args[0]);
+    if (!ctx->per_code_object)
+        return suppress_failure(ctx);
+    tStep step = CInitialCallback_Callback_CheckInternal(ctx, body, &answer);
+    if (step != kGoOn)
+        return step == kAnswered ? finish_with(ctx, answer) : suppress_failure(ctx);
+    step = check_breakpoint_lines(ctx, body, args, nargs);
+    if (step != kGoOn)
+        return step == kAnswered ? finish_with(ctx, api.Py_None) : suppress_failure(ctx);
+    ctx->per_thread = CInitialCallback_GetPerThreadCalledFromCallback(m);
+    if (!ctx->per_thread)
+        return suppress_failure(ctx);
+    step = CInitialCallback_Callback_CheckDebugPolicy(ctx);
+    if (step != kGoOn)
+        return step == kAnswered ? finish_with(ctx, api.Py_None) : suppress_failure(ctx);
+    if (body->fAnySuspendThread && CInitialCallback_SuspendIfNeeded_direct(ctx) == kFailed)
+        return suppress_failure(ctx);
+    bool has_line = body->_fEventId == m->kPyLineEventId && nargs != 1;
+    XPy_SetField(&ctx->lineno_obj, has_line ? args[1] : api.Py_None);
+    int skip = CInitialCallback_SkipSecondCallback_direct(ctx, body, args[0]);
+    if (skip < 0)
+        return suppress_failure(ctx);
+    if (!skip)
+        return call_second_callback(ctx, body, args, nargs, kwnames);
+    DO_DP(m->dp->initial_monitoring_callbacks, "Initial callback -- skipping second callback\n");
+    return finish_with(ctx, api.Py_None);
+}
+
+XPY_COLD static PyObject* answer_without_state(void)
+{
+    api.PyErr_Clear();  // the module has been cleared or is being taken apart
+    return new_none();
+}
+
+static PyObject* CInitialCallback_Callback(PyObject* self, PyTypeObject* defining_class, PyObject* const* args,
+                                           Py_ssize_t nargs, PyObject* kwnames)
+{
+    tModuleState* m = static_cast<tModuleState*>(api.PyType_GetModuleState(defining_class));
+    CInitialCallbackBody* body = m && m->dp ? initial_callback_body(self, as_type(m->CInitialCallback)) : nullptr;
+    if (XPY_UNLIKELY(!body))
+        return answer_without_state();
+    if (XPY_UNLIKELY(api.cached_pid != m->_gThisProcessPid))
+        return new_none();  // a forked child whose host has not taken it over
+    CInitialCallback_Callback_Ctx ctx = {m, nullptr, nullptr, nullptr, 0, 0};
+    if (XPY_UNLIKELY(nargs < 1)) {
+        api._PyErr_BadInternalCall(kSourceName, kLinenoCallbackNoArgs);
+        return suppress_failure(&ctx);
+    }
+    if (XPY_UNLIKELY(!XPy_IsInstance(args[0], api.PyCode_Type_ptr)))
+        return answer_not_code(&ctx, args[0]);
+    // The interpreter does not hold the callback that it calls: code run here, or another thread while this one waits
+    // for its suspend lock, may unregister it and drop the instance.
+    XPyOwned held_self(XPy_NewRef(self));
+    DO_DP(m->dp->initial_monitoring_callbacks, "Initial callback called for %s\n second callback is %s\n",
+          get_dprintf_repr_str1(m->dp, args[0]), get_dprintf_repr_str2(m->dp, body->fSecondCallback));
+    return decide(&ctx, body, args, nargs, kwnames);
+}
+
+// ---- Construction and the class ----
+
+static int CInitialCallback_init(PyObject* self, PyObject* args, PyObject* kwargs)
+{
+    tModuleState* m = state_of(self);
+    CInitialCallbackBody* body = m ? initial_callback_body(self, borrow_defining_class(self)) : nullptr;
+    int event_id, can_return_disable;
+    PyObject* second_callback;
+    if (!body || refuse_keywords(kwargs, "CInitialCallback") < 0 ||
+        !api.PyArg_ParseTuple(args, "iOi:CInitialCallback.__init__", &event_id, &second_callback,
+                              &can_return_disable))
+        return -1;
+    PyObject* module = borrow_module_of(self);
+    if (!module)
+        return -1;
+    // Kept: a second __init__ overwrites without releasing.
+    body->mod = XPy_NewRef(module);
+    body->mod_state = m;
+    body->_fEventId = event_id;
+    body->fSecondCallback = XPy_NewRef(second_callback);
+    body->fCanReturnDisable = can_return_disable;
+    body->fAnySuspendThread = 0;
+    body->fSteppingEventsNeededEveryThread = 0;
+    return 0;
+}
+
+static void CInitialCallback_finalize(PyObject* self)
+{
+    clear_object_members(self);
+}
+
+static PyMethodDef kMethods[] = {
+    {"Callback", as_method(CInitialCallback_Callback), kMethInstance, nullptr},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+#define MEMBER(name, field, type, flags)                                  \
+    {                                                                     \
+        name, type, offsetof(CInitialCallbackBody, field), flags, nullptr \
+    }
+static PyMemberDef kMembers[] = {
+    MEMBER("_mod", mod, kMemberObject, kMemberReadOnly),
+    MEMBER("_fSecondCallback", fSecondCallback, kMemberObject, kMemberReadOnly),
+    MEMBER("_fCanReturnDisable", fCanReturnDisable, kMemberInt, kMemberReadOnly),
+    MEMBER("fAnySuspendThread", fAnySuspendThread, kMemberInt, 0),
+    MEMBER("fSteppingEventsNeededEveryThread", fSteppingEventsNeededEveryThread, kMemberInt, 0),
+    {nullptr, 0, 0, 0, nullptr},
+};
+#undef MEMBER
+
+static PyType_Slot kSlots[] = {
+    {kSlotTpMethods, kMethods},
+    {kSlotTpInit, reinterpret_cast<void*>(CInitialCallback_init)},
+    {kSlotTpMembers, kMembers},
+    {kSlotTpFinalize, reinterpret_cast<void*>(CInitialCallback_finalize)},
+    {0, nullptr},
+};
+
+static PyType_Spec kSpec = {"optmonitoring.CInitialCallback", sizeof(CInitialCallbackBody), 0, kTypeBaseType, kSlots};
+
+tClassInfo kInitialCallbackClass = {"CInitialCallback", &kSpec, kMembers, &gInitialCallbackBodyOffset};

@@ -1,0 +1,122 @@
+// The module's entry points, its definition and its smallest functions.
+
+#include "optmonitoring_internal.h"
+
+static const char kDocSetDPrintfFile[] =
+    "Set the dprintf file. Args are (file_obj, fileno, win32_handle), Invalid fileno is -1; invalid win32_handle is "
+    "0";
+static const char kDocDPrintfMask[] = "Set the dprintf mask -- use bitwise or'd (|'d) kLog* constants";
+static const char kDocDPrintf[] =
+    "dprintf(domain: int, s: str | callable) -- writes s to dprintf log if enabled for given domain. The s arg mayy "
+    "be a callback to be called if domain is enabled; callable will be called w/o args and needs to return a str";
+
+static PyMethodDef kMethods[] = {
+    {"lookup_canonical_pathname", as_method(lookup_canonical_pathname_wrap), kMethVarargsKeywords, nullptr},
+    {"register_canonical_pathname", as_method(register_canonical_pathname_wrap), kMethVarargsKeywords, nullptr},
+    {"set_dprintf_file", as_method(set_dprintf_file_wrap), kMethVarargs, kDocSetDPrintfFile},
+    {"set_dprintf_mask", as_method(set_dprintf_mask_wrap), kMethVarargs, kDocDPrintfMask},
+    {"get_dprintf_mask", as_method(get_dprintf_mask_wrap), kMethVarargs, kDocDPrintfMask},  // Kept: the setter's text
+    {"dprintf", as_method(dprintf_wrap), kMethVarargsKeywords, kDocDPrintf},
+    {"get_canonical_pathname", as_method(get_canonical_pathname_wrap), kMethVarargsKeywords, nullptr},
+    {"set_checksum_callback", as_method(set_checksum_callback_wrap), kMethVarargsKeywords, nullptr},
+    {"get_checksum_callback", as_method(get_checksum_callback_wrap), kMethVarargsKeywords, nullptr},
+    {"SetInternalPathnameDict", as_method(SetInternalPathnameDict), kMethFast, nullptr},
+    {"IsInternalFrame", as_method(IsInternalFrame), kMethFast, nullptr},
+    {"GetNonInternalFrame", as_method(GetNonInternalFrame), kMethFast, nullptr},
+    {"GetPathnameKind", as_method(GetPathnameKind), kMethFast, nullptr},
+    {"UpdateThisProcessPid", as_method(UpdateThisProcessPid), kMethFast, nullptr},
+    {"AddToThreadStateTracing", as_method(AddToThreadStateTracing), kMethFast, nullptr},
+    {"reset", as_method(optmonitoring_reset), kMethFast, nullptr},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+static const XPyModuleDef kModuleDef = {
+    "optmonitoring",
+    nullptr,  // no doc
+    sizeof(tModuleState),
+    kMethods,
+    nullptr,  // no create function
+    optmonitoring_exec,
+    0,        // not supported in interpreters with a lock of their own
+    0,        // no GIL slot: a free-threaded interpreter switches its lock on for us
+    nullptr,  // no traverse
+    optmonitoring_mod_clear,
+    nullptr,  // no free
+};
+
+// ---- Start-up ----
+
+static int16_t one_time_init_complete;
+static int call_count;
+
+// Makes body-relative sizes and offsets absolute, which fits the classes to this build's object head.
+static void add_object_head(void)
+{
+    int head = static_cast<int>(api.pyobject_offsets.type) + static_cast<int>(sizeof(void*));
+    const tClassInfo* const classes[] = {&kInitialCallbackClass, &kPerFileClass, &kPerCodeObjectClass,
+                                         &kPerThreadClass};
+    for (const tClassInfo* info : classes) {
+        info->spec->basicsize += head;
+        for (PyMemberDef* member = info->members; member->name; member++)
+            member->offset += head;
+    }
+}
+
+// The definition as an object; interpreters that cannot load in two phases have no sys.monitoring either.
+static PyObject* init_module_def(void)
+{
+    if (api.PyModuleDef_Init)
+        return XPyModuleDef_Init(&kModuleDef);
+    api.PyErr_SetString(api.PyExc_AttributeError, "No sys.monitoring attribute");
+    return nullptr;
+}
+
+PyObject* PyInit_optmonitoring(void)
+{
+    if (one_time_init_complete)
+        return init_module_def();
+    if (XPy_Initialize() != 0)
+        return nullptr;
+    call_count++;
+    if (call_count == 1)
+        add_object_head();
+    one_time_init_complete = 1;
+    return init_module_def();
+}
+
+void initoptmonitoring(void)
+{
+    PyInit_optmonitoring();
+}
+
+// ---- Functions on the process and the thread ----
+
+PyObject* UpdateThisProcessPid(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
+{
+    tModuleState* m = static_cast<tModuleState*>(api.PyModule_GetState(module));
+    if (get_fastargs(kNoArguments, args, static_cast<size_t>(nargs), kwnames) < 0)
+        return fail_null(m->dp, "Exception in UpdateThisProcessPid\n");
+    m->_gThisProcessPid = api.cached_pid;
+    return new_none();
+}
+
+static int add_to_tracing_inner(PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
+{
+    PyObject* count_obj;
+    const tFastArgInfo infos[] = {{"count", 0, nullptr, &count_obj}, {nullptr, 0, nullptr, nullptr}};
+    if (get_fastargs(infos, args, static_cast<size_t>(nargs), kwnames) < 0)
+        return -1;
+    Py_ssize_t count = py_int_as_ssize_t(count_obj);
+    if (count == -1 && api.PyErr_Occurred())
+        return -1;
+    add_to_thread_state_tracing(api.PyThreadState_Get(), count);
+    return 0;
+}
+
+PyObject* AddToThreadStateTracing(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
+{
+    tModuleState* m = static_cast<tModuleState*>(api.PyModule_GetState(module));
+    if (add_to_tracing_inner(args, nargs, kwnames) < 0)
+        return fail_null(m->dp, "Exception in AddToThreadStateTracing\n");
+    return new_none();
+}

@@ -1,0 +1,210 @@
+// How a per-code-object record is tied to its code object, its file and the registry, and how it goes.
+//
+// Life of a record: the code object's extra slot owns a reference, the registry dict another under a weak reference
+// to the code object, and that weak reference's callback, a bound method, a third, so the record lives until its code
+// object dies. Then the interpreter frees the slot (FreeCodeObjectExtra) and afterwards calls the weak reference
+// back; both run the same death steps, of which the second finds nothing to do. The code object is already dead at
+// both times and is not touched.
+
+#include "optmonitoring_internal.h"
+
+static constexpr int kLinenoAddNotPerFile = 2031;
+static constexpr int kLinenoRemoveNotPerFile = 2080;
+
+// ---- The record's file ----
+
+// The file's record [new], made when absent; null with an exception pending.
+static PyObject* get_per_file(tModuleState* m, PyObject* canonical, int lineno)
+{
+    XPyOwned per_file(CPerFile_GetPerFile_direct(m->dp, m->CPerFile, canonical, api.Py_True));
+    if (per_file && !XPy_IsInstance(per_file.borrow(), as_type(m->CPerFile))) {
+        api._PyErr_BadInternalCall(kSourceName, lineno);
+        return nullptr;
+    }
+    return per_file.detach();
+}
+
+// Adds the record to, or discards it from, its file's known records.
+static int change_per_file(tModuleState* m, PyObject* record, int (*change)(PyObject*, PyObject*), int lineno)
+{
+    CPerCodeObjectBody* body = need_per_code_object(m, record);
+    if (!body)
+        return -1;
+    XPyOwned canonical(XPy_NewRef(body->fCanonicalPathname));
+    if (!canonical || canonical.borrow() == api.Py_None)
+        return 0;
+    XPyOwned per_file(get_per_file(m, canonical.borrow(), lineno));
+    CPerFileBody* file_body = per_file ? per_file_body(per_file.borrow(), as_type(m->CPerFile)) : nullptr;
+    if (!file_body)
+        return -1;
+    XPyOwned known(XPy_NewRef(file_body->fKnownPerCodeObjects));
+    if (!known) {
+        api.PyErr_SetString(api.PyExc_AttributeError, "fKnownPerCodeObjects");
+        return -1;
+    }
+    return change(known.borrow(), record) < 0 ? -1 : 0;
+}
+
+int CPerCodeObject_AddToPerFile_direct(tModuleState* m, PyObject* per_code_object)
+{
+    if (change_per_file(m, per_code_object, api.PySet_Add, kLinenoAddNotPerFile) < 0)
+        return fail_int(m->dp, "Exception in CPerCodeObject_AddToPerFile_direct\n");
+    return 0;
+}
+
+int CPerCodeObject_RemoveFromPerFile_direct(tModuleState* m, PyObject* per_code_object)
+{
+    if (change_per_file(m, per_code_object, api.PySet_Discard, kLinenoRemoveNotPerFile) < 0)
+        return fail_int(m->dp, "Exception in CPerCodeObject_RemoveFromPerFile_direct\n");
+    return 0;
+}
+
+// ---- The registry ----
+
+static const char kPerCodeObjectDict[] = "_fPerCodeObjectDict";
+PyObject* CPerCodeObject_get_fPerCodeObjectDict(tModuleState* m)
+{
+    PyObject* dict = get_class_attr_or_make(m->CPerCodeObject, kPerCodeObjectDict, api.PyDict_New);
+    return dict ? dict : fail_null(m->dp, "Exception in CPerCodeObject_get_fPerCodeObjectDict()\n");
+}
+
+int CPerCodeObject_ClsInit(tModuleState* m)
+{
+    XPyOwned dict(api.PyDict_New());
+    if (!dict || api.PyObject_SetAttrString(m->CPerCodeObject, kPerCodeObjectDict, dict.borrow()) < 0)
+        return -1;
+    return set_class_hook(m->CPerCodeObject, kNewPerCodeObjectCreatedCallback, api.Py_None);
+}
+
+int CPerCodeObject_ClsReset(tModuleState* m)
+{
+    XPyOwned dict(CPerCodeObject_get_fPerCodeObjectDict(m));
+    XPyOwned cleared(dict ? api.PyObject_CallMethod(dict.borrow(), "clear", nullptr) : nullptr);
+    return cleared ? set_class_hook(m->CPerCodeObject, kNewPerCodeObjectCreatedCallback, api.Py_None) : -1;
+}
+
+// Deletes a key that may be absent.
+static int delete_if_present(PyObject* dict, PyObject* key)
+{
+    return api.PyObject_DelItem(dict, key) < 0 && !clear_if_raised(api.PyExc_KeyError) ? -1 : 0;
+}
+
+static int enter_in_registry(tModuleState* m, PyObject* record, CPerCodeObjectBody* body)
+{
+    XPyOwned dict(CPerCodeObject_get_fPerCodeObjectDict(m));
+    // Code objects of equal text are equal, and so are the weak references to them. An entry is kept under its own
+    // record's weak reference, or the death of one code object would take away the record of another.
+    if (!dict || delete_if_present(dict.borrow(), body->fCodeObjectWeakRef) < 0)
+        return -1;
+    return api.PyObject_SetItem(dict.borrow(), body->fCodeObjectWeakRef, record);
+}
+
+static int store_in_extra_slot(tModuleState* m, PyObject* record, PyObject* code)
+{
+    if (m->code_object_extra_index == -1)
+        return 0;
+    XPy_DoIncRef(record);  // owned by the slot
+    if (api._PyCode_SetExtra(code, m->code_object_extra_index, record) == 0)
+        return 0;
+    XPy_DoDecRef(record);
+    return -1;
+}
+
+int CPerCodeObject_RegisterPerCodeObject_direct(tModuleState* m, PyObject* per_code_object, PyObject* code)
+{
+    CPerCodeObjectBody* body = need_per_code_object(m, per_code_object);
+    if (!body || store_in_extra_slot(m, per_code_object, code) < 0)
+        return fail_int(m->dp, "Exception in CPerCodeObject_RegisterPerCodeObject_direct()\n");
+    if (enter_in_registry(m, per_code_object, body) == 0)
+        return 0;
+    report_failure(m->dp, "Exception in CPerCodeObject_RegisterPerCodeObject_direct()\n");
+    if (m->code_object_extra_index != -1) {
+        XPyHeldError held;
+        if (api._PyCode_SetExtra(code, m->code_object_extra_index, nullptr) < 0)  // frees the slot's reference
+            api.PyErr_Clear();
+    }
+    return -1;
+}
+
+// Whether the record's weak reference leads to this very code object: 1, 0, or -1 with an exception pending.
+static int belongs_to(CPerCodeObjectBody* body, PyObject* code)
+{
+    if (!body->fCodeObjectWeakRef)
+        return 0;
+    XPyOwned referent(api.PyObject_CallNoArgs(body->fCodeObjectWeakRef));
+    return referent ? referent.borrow() == code : -1;
+}
+
+static PyObject* find_in_registry(tModuleState* m, PyObject* code)
+{
+    XPyOwned dict(CPerCodeObject_get_fPerCodeObjectDict(m));
+    XPyOwned key(dict ? api.PyWeakref_NewRef(code, nullptr) : nullptr);
+    if (!key)
+        return nullptr;
+    XPyOwned record(api.PyObject_GetItem(dict.borrow(), key.borrow()));
+    if (!record)
+        return clear_if_raised(api.PyExc_KeyError) ? new_none() : nullptr;
+    CPerCodeObjectBody* body = need_per_code_object(m, record.borrow());
+    int belongs = body ? belongs_to(body, code) : -1;
+    if (belongs < 0)
+        return nullptr;
+    return belongs ? record.detach() : new_none();
+}
+
+static PyObject* get_existing_inner(tModuleState* m, PyObject* code)
+{
+    if (check_code_object(code) < 0)
+        return nullptr;
+    if (m->code_object_extra_index != -1) {
+        void* extra = nullptr;
+        if (api._PyCode_GetExtra(code, m->code_object_extra_index, &extra) < 0)
+            return nullptr;
+        if (extra)
+            return XPy_NewRef(static_cast<PyObject*>(extra));
+    }
+    return find_in_registry(m, code);
+}
+
+PyObject* CPerCodeObject_GetExistingPerCodeObject_direct(tModuleState* m, PyObject* code)
+{
+    PyObject* record = get_existing_inner(m, code);
+    return record ? record : fail_null(m->dp, "Exception in CPerCodeObject_GetExistingPerCodeObject_direct()\n");
+}
+
+// ---- Death ----
+
+static int death_steps(tModuleState* m, PyObject* record)
+{
+    if (!m->CPerCodeObject || !m->CPerFile)
+        return 0;  // the module has been cleared, and its registries with it
+    CPerCodeObjectBody* body = need_per_code_object(m, record);
+    if (!body || CPerCodeObject_RemoveFromPerFile_direct(m, record) < 0)
+        return -1;
+    XPyOwned dict(CPerCodeObject_get_fPerCodeObjectDict(m));
+    if (!dict)
+        return -1;
+    XPyOwned key(XPy_NewRef(body->fCodeObjectWeakRef));
+    return key ? delete_if_present(dict.borrow(), key.borrow()) : 0;
+}
+
+int CPerCodeObject_cb_code_object_dealloc_direct(tModuleState* m, PyObject* per_code_object)
+{
+    if (death_steps(m, per_code_object) < 0)
+        return fail_int(m->dp, "Exception in CPerCodeObject_cb_code_object_dealloc_direct()\n");
+    return 0;
+}
+
+void FreeCodeObjectExtra(void* extra)
+{
+    if (!extra || !borrow_current_thread_state_or_null())
+        return;
+    PyObject* record = static_cast<PyObject*>(extra);
+    XPyHeldError held;
+    tModuleState* m = state_of(record);
+    if (m && CPerCodeObject_cb_code_object_dealloc_direct(m, record) < 0) {
+        clear_failure(m->dp, "Clearing exception in FreeCodeObjectExtra()\n");
+    } else {
+        api.PyErr_Clear();  // a class that the collector has taken apart has no state: nothing to remove from
+        XPy_DoDecRef(record);
+    }
+}

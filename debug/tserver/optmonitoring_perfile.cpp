@@ -1,0 +1,287 @@
+// CPerFile: the record of one source file, kept by canonical pathname and by checksum.
+
+#include "optmonitoring_internal.h"
+
+// ---- Class attributes ----
+
+static const char kPerFilesDict[] = "_fPerFilesDict";
+static const char kByChecksum[] = "_fByChecksum";
+static const char kNewPerFileCreatedCallback[] = "_fNewPerFileCreatedCallback";
+
+static int set_new_dict(PyObject* cls, const char* attribute)
+{
+    XPyOwned dict(api.PyDict_New());
+    return dict ? api.PyObject_SetAttrString(cls, attribute, dict.borrow()) : -1;
+}
+
+int CPerFile_ClsInit(tModuleState* m)
+{
+    if (set_new_dict(m->CPerFile, kPerFilesDict) < 0 || set_new_dict(m->CPerFile, kByChecksum) < 0)
+        return -1;
+    return set_class_hook(m->CPerFile, kNewPerFileCreatedCallback, api.Py_None);
+}
+
+static int clear_class_dict(PyObject* cls, const char* attribute)
+{
+    XPyOwned dict(api.PyObject_GetAttrString(cls, attribute));
+    XPyOwned cleared(dict ? api.PyObject_CallMethod(dict.borrow(), "clear", nullptr) : nullptr);
+    return cleared ? 0 : -1;
+}
+
+int CPerFile_ClsReset(tModuleState* m)
+{
+    if (clear_class_dict(m->CPerFile, kPerFilesDict) < 0 || clear_class_dict(m->CPerFile, kByChecksum) < 0)
+        return -1;
+    return set_class_hook(m->CPerFile, kNewPerFileCreatedCallback, api.Py_None);
+}
+
+// ---- The index by checksum ----
+
+// Takes the record out of a set of the index, and an emptied set out of the index.
+static int discard_from_set(PyObject* index, PyObject* checksum, PyObject* set, PyObject* per_file)
+{
+    if (api.PySet_Discard(set, per_file) < 0)
+        return -1;
+    Py_ssize_t left = api.PySet_Size(set);
+    return left == 0 ? api.PyObject_DelItem(index, checksum) : left < 0 ? -1 : 0;
+}
+
+int CPerFile_UpdateByChecksum_direct(tModuleState* m, PyObject* per_file, PyObject* checksum, int16_t remove)
+{
+    CPerFileBody* body = per_file_body(per_file, as_type(m->CPerFile));
+    if (!body)
+        return -1;
+    XPyOwned key(XPy_NewRef(checksum == api.Py_None ? body->fChecksum : checksum));
+    if (!key || key.borrow() == api.Py_None)
+        return 0;  // files without a checksum are not indexed
+    XPyOwned index(api.PyObject_GetAttrString(m->CPerFile, kByChecksum));
+    if (!index)
+        return -1;
+    XPyOwned set(api.PyObject_GetItem(index.borrow(), key.borrow()));
+    if (!set)
+        api.PyErr_Clear();  // any failed look-up counts as absent; an unusable key fails below
+    if (remove)
+        return set ? discard_from_set(index.borrow(), key.borrow(), set.borrow(), per_file) : 0;
+    if (!set) {
+        set.reset(api.PySet_New(nullptr));
+        if (!set || api.PyObject_SetItem(index.borrow(), key.borrow(), set.borrow()) < 0)
+            return -1;
+    }
+    return api.PySet_Add(set.borrow(), per_file);
+}
+
+// ---- Construction ----
+
+static PyObject* get_checksum(tModuleState* m, PyObject* pathname)
+{
+    tFileOpsData* file_ops = need_file_ops(m);
+    return file_ops ? get_checksum_for_pathname(file_ops, pathname) : nullptr;
+}
+
+static int replace_field(PyObject** field, PyObject* new_ref)
+{
+    XPyOwned owned(new_ref);
+    if (!owned)
+        return -1;
+    XPy_SetField(field, owned.borrow());
+    return 0;
+}
+
+static int init_inner(tModuleState* m, PyObject* self, CPerFileBody* body, PyObject* pathname)
+{
+    XPy_SetField(&body->fCanonicalPathname, pathname);
+    if (replace_field(&body->fBpSetByLineno, api.PyDict_New()) < 0 ||
+        replace_field(&body->fKnownPerCodeObjects, api.PySet_New(nullptr)) < 0 ||
+        replace_field(&body->fChecksum, get_checksum(m, pathname)) < 0)
+        return -1;
+    return CPerFile_UpdateByChecksum_direct(m, self, api.Py_None, 0);
+}
+
+static int CPerFile_init(PyObject* self, PyObject* args, PyObject* kwargs)
+{
+    tModuleState* m = state_of(self);
+    CPerFileBody* body = m ? per_file_body(self, borrow_defining_class(self)) : nullptr;
+    PyObject* pathname;
+    if (!body || refuse_keywords(kwargs, "CPerFile") < 0 ||
+        !api.PyArg_ParseTuple(args, "O:CPerFile.__init__", &pathname))
+        return -1;
+    return init_inner(m, self, body, pathname) < 0 ? fail_int(m->dp, "Exception in CPerFile.__init__\n") : 0;
+}
+
+static void CPerFile_finalize(PyObject* self)
+{
+    clear_object_members(self);
+}
+
+// ---- Look-up ----
+
+static PyObject* create_per_file(tDPData* dp, PyObject* cls, PyObject* dict, PyObject* pathname)
+{
+    XPyOwned per_file(api.PyObject_CallOneArg(cls, pathname));
+    if (!per_file || api.PyObject_SetItem(dict, pathname, per_file.borrow()) < 0 ||
+        CallNewObjectCallback_direct(dp, cls, kNewPerFileCreatedCallback, per_file.borrow()) < 0)
+        return nullptr;
+    return per_file.detach();
+}
+
+static PyObject* get_per_file_inner(tDPData* dp, PyObject* cls, PyObject* pathname, PyObject* create)
+{
+    XPyOwned dict(api.PyObject_GetAttrString(cls, kPerFilesDict));
+    if (!dict)
+        return nullptr;
+    PyObject* per_file = api.PyObject_GetItem(dict.borrow(), pathname);
+    if (per_file || !clear_if_raised(api.PyExc_KeyError))
+        return per_file;
+    int is_wanted = api.PyObject_IsTrue(create);
+    if (is_wanted < 0)
+        return nullptr;
+    return is_wanted ? create_per_file(dp, cls, dict.borrow(), pathname) : new_none();
+}
+
+PyObject* CPerFile_GetPerFile_direct(tDPData* dp, PyObject* per_file_class, PyObject* pathname, PyObject* create)
+{
+    PyObject* per_file = get_per_file_inner(dp, per_file_class, pathname, create);
+    return per_file ? per_file : fail_null(dp, "Exception in CPerFile_GetPerFile_direct()\n");
+}
+
+// ---- Class methods ----
+
+static PyObject* CPerFile_GetPerFile(PyObject*, PyTypeObject* cls, PyObject* const* args, Py_ssize_t nargs,
+                                     PyObject* kwnames)
+{
+    tModuleState* m = state_of_class(cls);
+    if (!m)
+        return nullptr;
+    PyObject *pathname, *create;
+    const tFastArgInfo infos[] = {
+        {"pathname", 0, nullptr, &pathname}, {"create", 1, api.Py_True, &create}, {nullptr, 0, nullptr, nullptr}};
+    if (get_fastargs(infos, args, static_cast<size_t>(nargs), kwnames) < 0)
+        return fail_null(m->dp, "Exception in CPerFile_GetPerFile()\n");
+    return CPerFile_GetPerFile_direct(m->dp, reinterpret_cast<PyObject*>(cls), pathname, create);
+}
+
+static PyObject* get_set_for_checksum_inner(PyTypeObject* cls, PyObject* checksum)
+{
+    XPyOwned index(api.PyObject_GetAttrString(reinterpret_cast<PyObject*>(cls), kByChecksum));
+    if (!index)
+        return nullptr;
+    PyObject* set = api.PyObject_GetItem(index.borrow(), checksum);
+    if (set || !clear_if_raised(api.PyExc_KeyError))
+        return set;
+    return api.PySet_New(nullptr);
+}
+
+static PyObject* CPerFile_GetPerFileSetForChecksum(PyObject*, PyTypeObject* cls, PyObject* const* args,
+                                                   Py_ssize_t nargs, PyObject* kwnames)
+{
+    tModuleState* m = state_of_class(cls);
+    if (!m)
+        return nullptr;
+    PyObject* checksum;
+    const tFastArgInfo infos[] = {{"checksum", 0, nullptr, &checksum}, {nullptr, 0, nullptr, nullptr}};
+    PyObject* set = nullptr;
+    if (get_fastargs(infos, args, static_cast<size_t>(nargs), kwnames) == 0)
+        set = get_set_for_checksum_inner(cls, checksum);
+    // Kept: the text names another function.
+    return set ? set : fail_null(m->dp, "Exception in CPerFile_GetPerFileForChecksum()\n");
+}
+
+static PyObject* get_all_inner(PyTypeObject* cls)
+{
+    XPyOwned dict(api.PyObject_GetAttrString(reinterpret_cast<PyObject*>(cls), kPerFilesDict));
+    return dict ? api.PyDict_Values(dict.borrow()) : nullptr;
+}
+
+static PyObject* CPerFile_GetAllPerFiles(PyObject*, PyTypeObject* cls, PyObject* const* args, Py_ssize_t nargs,
+                                         PyObject* kwnames)
+{
+    tModuleState* m = state_of_class(cls);
+    if (!m)
+        return nullptr;
+    PyObject* all = nullptr;
+    if (get_fastargs(kNoArguments, args, static_cast<size_t>(nargs), kwnames) == 0)
+        all = get_all_inner(cls);
+    return all ? all : fail_null(m->dp, "Exception in CPerFile_GetAllPerFiles()\n");
+}
+
+static PyObject* CPerFile_SetNewPerFileCreatedCallback(PyObject*, PyTypeObject* cls, PyObject* const* args,
+                                                       Py_ssize_t nargs, PyObject* kwnames)
+{
+    tModuleState* m = state_of_class(cls);
+    if (!m)
+        return nullptr;
+    PyObject* callback;
+    const tFastArgInfo infos[] = {{"callback", 0, nullptr, &callback}, {nullptr, 0, nullptr, nullptr}};
+    if (get_fastargs(infos, args, static_cast<size_t>(nargs), kwnames) < 0 ||
+        set_class_hook(reinterpret_cast<PyObject*>(cls), kNewPerFileCreatedCallback, callback) < 0)
+        return fail_null(m->dp, "Exception in CPerFile_GetPerFile()\n");  // Kept: the text names another function
+    return new_none();
+}
+
+// ---- Instance methods ----
+
+static int update_checksum_inner(tModuleState* m, PyObject* self, CPerFileBody* body)
+{
+    if (!body->fCanonicalPathname) {
+        api.PyErr_SetString(api.PyExc_AttributeError, "fCanonicalPathname");
+        return -1;
+    }
+    XPyOwned checksum(get_checksum(m, body->fCanonicalPathname));
+    if (!checksum)
+        return -1;
+    XPyOwned old(XPy_NewRef(body->fChecksum ? body->fChecksum : api.Py_None));
+    int differs = api.PyObject_RichCompareBool(checksum.borrow(), old.borrow(), kPyNe);
+    if (differs <= 0)
+        return differs;
+    // Kept: the record is added under the old checksum and taken out under the new one.
+    if (CPerFile_UpdateByChecksum_direct(m, self, old.borrow(), 0) < 0)
+        return -1;
+    XPy_SetField(&body->fChecksum, checksum.borrow());
+    return CPerFile_UpdateByChecksum_direct(m, self, checksum.borrow(), 1);
+}
+
+static PyObject* CPerFile_UpdateChecksum(PyObject* self, PyTypeObject* cls, PyObject* const* args, Py_ssize_t nargs,
+                                         PyObject* kwnames)
+{
+    tModuleState* m = state_of_class(cls);
+    CPerFileBody* body = m ? per_file_body(self, cls) : nullptr;
+    if (!body)
+        return nullptr;
+    if (get_fastargs(kNoArguments, args, static_cast<size_t>(nargs), kwnames) < 0 ||
+        update_checksum_inner(m, self, body) < 0)
+        return fail_null(m->dp, "Exception in CPerFile.UpdateChecksum\n");
+    return new_none();
+}
+
+// ---- The class ----
+
+static PyMethodDef kMethods[] = {
+    {"GetPerFile", as_method(CPerFile_GetPerFile), kMethClass, nullptr},
+    {"GetPerFileSetForChecksum", as_method(CPerFile_GetPerFileSetForChecksum), kMethClass, nullptr},
+    {"GetAllPerFiles", as_method(CPerFile_GetAllPerFiles), kMethClass, nullptr},
+    {"SetNewPerFileCreatedCallback", as_method(CPerFile_SetNewPerFileCreatedCallback), kMethClass, nullptr},
+    {"UpdateChecksum", as_method(CPerFile_UpdateChecksum), kMethInstance, nullptr},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+#define MEMBER(name)                                                                 \
+    {                                                                                \
+#name, kMemberObject, offsetof(CPerFileBody, name), kMemberReadOnly, nullptr \
+    }
+static PyMemberDef kMembers[] = {
+    MEMBER(fCanonicalPathname), MEMBER(fBpSetByLineno),      MEMBER(fKnownPerCodeObjects),
+    MEMBER(fChecksum),          {nullptr, 0, 0, 0, nullptr},
+};
+#undef MEMBER
+
+static PyType_Slot kSlots[] = {
+    {kSlotTpInit, reinterpret_cast<void*>(CPerFile_init)},
+    {kSlotTpMethods, kMethods},
+    {kSlotTpMembers, kMembers},
+    {kSlotTpFinalize, reinterpret_cast<void*>(CPerFile_finalize)},
+    {0, nullptr},
+};
+
+static PyType_Spec kSpec = {"optmonitoring.CPerFile", sizeof(CPerFileBody), 0, kTypeBaseType, kSlots};
+
+tClassInfo kPerFileClass = {"CPerFile", &kSpec, kMembers, &gPerFileBodyOffset};

@@ -1,0 +1,518 @@
+// CPerThread: the record of one thread, its construction, registry, hooks and policy.
+
+#include <limits.h>
+
+#include <initializer_list>
+
+#include "optmonitoring_internal.h"
+
+static constexpr int kLinenoNotPerThread = 3682;
+
+CPerThreadBody* need_per_thread(tModuleState* m, PyObject* obj)
+{
+    if (!XPy_IsInstance(obj, as_type(m->CPerThread))) {
+        api.PyErr_SetString(api.PyExc_TypeError, "the object is not a CPerThread");
+        return nullptr;
+    }
+    return per_thread_body(obj, as_type(m->CPerThread));
+}
+
+// ---- Class attributes ----
+
+static const char kPerThreadDict[] = "_fPerThreadDict";
+static const char kDebugPolicyCallback[] = "_fDebugPolicyCallback";
+static const char kNewPerThreadCreatedCallback[] = "_fNewPerThreadCreatedCallback";
+static const char kGetThreadNameCallback[] = "_fGetThreadNameCallback";
+
+PyObject* CPerThread_get_fPerThreadDict(tModuleState* m)
+{
+    return get_class_attr_or_make(m->CPerThread, kPerThreadDict, api.PyDict_New);
+}
+
+static int clear_hooks(tModuleState* m)
+{
+    for (const char* hook : {kDebugPolicyCallback, kNewPerThreadCreatedCallback, kGetThreadNameCallback}) {
+        if (set_class_hook(m->CPerThread, hook, api.Py_None) < 0)
+            return -1;
+    }
+    return 0;
+}
+
+int CPerThread_ClsInit(tModuleState* m)
+{
+    XPyOwned dict(api.PyDict_New());
+    if (!dict || api.PyObject_SetAttrString(m->CPerThread, kPerThreadDict, dict.borrow()) < 0 || clear_hooks(m) < 0)
+        return -1;
+    PyObject* builtins = api.PyEval_GetBuiltins();
+    PyObject* object_class = builtins ? api.PyDict_GetItemString(builtins, "object") : nullptr;
+    if (!object_class) {
+        if (!api.PyErr_Occurred())
+            api.PyErr_SetString(api.PyExc_RuntimeError, "the builtins have no \"object\"");
+        return -1;
+    }
+    m->_gThreadStateDictKey = api.PyObject_CallNoArgs(object_class);
+    return m->_gThreadStateDictKey ? 0 : -1;
+}
+
+int CPerThread_ClsReset(tModuleState* m)
+{
+    if (CPerThread_ClearPerThreadForCurrentThread(m) != 0)
+        return -1;
+    PyObject* tstate_dict = api.PyThreadState_GetDict();
+    if (tstate_dict && m->_gThreadStateDictKey && api.PyObject_DelItem(tstate_dict, m->_gThreadStateDictKey) < 0)
+        api.PyErr_Clear();
+    XPyOwned dict(CPerThread_get_fPerThreadDict(m));
+    XPyOwned cleared(dict ? api.PyObject_CallMethod(dict.borrow(), "clear", nullptr) : nullptr);
+    return cleared ? clear_hooks(m) : -1;
+}
+
+// ---- Construction ----
+
+static PyObject* CreateThreadingLock(tModuleState* m)
+{
+    PyObject* lock = nullptr;
+    if (m->threading_mod)
+        lock = api.PyObject_CallMethod(m->threading_mod, "Lock", nullptr);
+    else
+        api.PyErr_SetString(api.PyExc_RuntimeError, "optmonitoring has been cleared");
+    return lock ? lock : fail_null(m->dp, "Exception in CreateThreadingLock()\n");
+}
+
+static int CPerThread_RegisterPerThread_direct(tModuleState* m, PyObject* self, CPerThreadBody* body)
+{
+    static const char kFailure[] = "Exception in CPerThread_RegisterPerThread_direct()\n";
+    if (CPerThread_TryRegisterThreadStateDictCapsule_direct(m, self) < 0)
+        return fail_int(m->dp, kFailure);
+    XPyOwned dict(CPerThread_get_fPerThreadDict(m));
+    if (dict && api.PyObject_SetItem(dict.borrow(), body->fThreadId, self) == 0)
+        return 0;
+    report_failure(m->dp, kFailure);
+    return -1;
+}
+
+// Takes the capsule of a record that could not be registered out of this thread's dict again.
+static void withdraw_capsule(tModuleState* m, CPerThreadBody* body)
+{
+    PyObject* tstate_dict = body->capsule_ptr ? api.PyThreadState_GetDict() : nullptr;
+    if (!tstate_dict)
+        return;
+    XPyHeldError held;
+    if (api.PyObject_DelItem(tstate_dict, m->_gThreadStateDictKey) < 0)
+        api.PyErr_Clear();
+}
+
+static void set_initial_values(tModuleState* m, PyObject* module, CPerThreadBody* body, PyObject* thread_id)
+{
+    body->mod = XPy_NewRef(module);
+    body->mod_state = m;
+    body->fThreadId = XPy_NewRef(thread_id);
+    body->fSteppingEventsNeeded = 0;
+    body->fOuterMostFrame = new_none();
+    body->fStopFrame = new_none();
+    body->fDontStopLinenoRange = new_none();
+    body->fReturnFrame = new_none();
+    body->fStopAtNextLine = XPy_NewRef(api.Py_False);
+    body->fDebugPolicy = -1;
+    body->fCheckSuspendLock = 0;
+    body->fThreadName = new_none();
+    body->fExitingWithException = 0;
+}
+
+static int init_inner(tModuleState* m, PyObject* self, CPerThreadBody* body, PyObject* thread_id)
+{
+    PyObject* module = borrow_module_of(self);
+    if (!module)
+        return -1;
+    if (body->mod) {
+        api.PyErr_SetString(api.PyExc_RuntimeError, "CPerThread is already initialized");
+        return -1;
+    }
+    clear_object_members(self);  // what the host set before
+    set_initial_values(m, module, body, thread_id);
+    body->fSuspendLock = CreateThreadingLock(m);
+    if (!body->fSuspendLock)
+        return -1;
+    body->fSteppingCodeObjects = api.PySet_New(nullptr);
+    if (!body->fSteppingCodeObjects)
+        return -1;
+    if (CPerThread_RegisterPerThread_direct(m, self, body) < 0) {
+        withdraw_capsule(m, body);
+        return -1;
+    }
+    return CallNewObjectCallback_direct(m->dp, m->CPerThread, kNewPerThreadCreatedCallback, self);
+}
+
+static int CPerThread_init(PyObject* self, PyObject* args, PyObject* kwargs)
+{
+    tModuleState* m = state_of(self);
+    CPerThreadBody* body = m ? per_thread_body(self, borrow_defining_class(self)) : nullptr;
+    if (!body)
+        return -1;
+    PyObject* thread_id;
+    if (refuse_keywords(kwargs, "CPerThread") < 0 ||
+        !api.PyArg_ParseTuple(args, "O:CPerThread.__init__", &thread_id) || init_inner(m, self, body, thread_id) < 0)
+        return fail_int(m->dp, "Exception in CPerThread.__init__\n");
+    return 0;
+}
+
+static void CPerThread_finalize(PyObject* self)
+{
+    XPyHeldError held;
+    CPerThreadBody* body = per_thread_body(self, borrow_defining_class(self));
+    tModuleState* m = body ? body->mod_state : nullptr;
+    // While the capsule owns a reference, the record is not dying: somebody has called __del__() on it. Clearing it
+    // would leave a capsule that leads to a record which it does not hold.
+    bool is_held = body && body->capsule_ptr;
+    if (!is_held && CPerThread_Clear_direct(m, self) < 0)
+        clear_failure(dp_of(m), "Exception in CPerThread_finalize()\n");
+}
+
+// ---- Look-up ----
+
+static PyObject* slow_get_inner(tModuleState* m, PyObject* thread_id, PyObject* create)
+{
+    XPyOwned key;
+    if (thread_id == api.Py_None) {
+        key.reset(api.PyLong_FromLongLong(static_cast<long long>(api.PyThread_get_thread_ident())));
+        if (!key)
+            return nullptr;
+    } else {
+        if (api.PyLong_AsLongLong(thread_id) == -1 && api.PyErr_Occurred())
+            return nullptr;
+        key.reset(XPy_NewRef(thread_id));
+    }
+    XPyOwned dict(CPerThread_get_fPerThreadDict(m));
+    if (!dict)
+        return nullptr;
+    XPyOwned per_thread(api.PyObject_GetItem(dict.borrow(), key.borrow()));
+    if (per_thread)
+        return need_per_thread(m, per_thread.borrow()) ? per_thread.detach() : nullptr;
+    if (!clear_if_raised(api.PyExc_KeyError))
+        return nullptr;
+    int is_wanted = get_istrue(create);
+    if (is_wanted < 0)
+        return nullptr;
+    return is_wanted ? api.PyObject_CallOneArg(m->CPerThread, key.borrow()) : new_none();
+}
+
+static PyObject* CPerThread_SlowGetPerThread_direct(tModuleState* m, PyObject* thread_id, PyObject* create)
+{
+    PyObject* per_thread = slow_get_inner(m, thread_id, create);
+    return per_thread ? per_thread : fail_null(m->dp, "Exception in CPerThread_SlowGetPerThread_direct ()\n");
+}
+
+static PyObject* get_current(tModuleState* m, PyObject* create)
+{
+    XPyOwned per_thread(CPerThread_FastGetExistingPerThreadFromPyTss(m));
+    if (!per_thread || per_thread.borrow() != api.Py_None)
+        return per_thread.detach();
+    per_thread.reset(CPerThread_GetExistingPerThreadFromThreadStateDict(m));
+    if (!per_thread)
+        return nullptr;
+    if (per_thread.borrow() == api.Py_None) {
+        per_thread.reset(CPerThread_SlowGetPerThread_direct(m, api.Py_None, create));
+        if (!per_thread || per_thread.borrow() == api.Py_None)
+            return per_thread.detach();
+        if (CPerThread_TryRegisterThreadStateDictCapsule_direct(m, per_thread.borrow()) < 0)
+            return nullptr;
+    }
+    if (CPerThread_StorePerThreadForCurrentThreadInPyTss_direct(m, per_thread.borrow()) < 0)
+        return nullptr;
+    return per_thread.detach();
+}
+
+PyObject* CPerThread_GetPerThread_direct(tModuleState* m, PyObject* thread_id, PyObject* create)
+{
+    if (!m->CPerThread || !m->_gPyTssKey) {
+        api.PyErr_SetString(api.PyExc_RuntimeError, "optmonitoring is not loaded");
+        return nullptr;
+    }
+    return thread_id == api.Py_None ? get_current(m, create)
+                                    : CPerThread_SlowGetPerThread_direct(m, thread_id, create);
+}
+
+static PyObject* get_for_callback(tModuleState* m)
+{
+    XPyOwned per_thread(CPerThread_FastGetExistingPerThreadFromPyTss(m));
+    if (per_thread.borrow() == api.Py_None)
+        per_thread.reset(CPerThread_GetPerThread_direct(m, api.Py_None, api.Py_True));
+    if (!per_thread || per_thread.borrow() == api.Py_None)
+        return per_thread.detach();
+    CPerThreadBody* body = per_thread_body(per_thread.borrow(), as_type(m->CPerThread));
+    if (body->fThreadName == api.Py_None && CPerThread_FindThreadName_direct(m, per_thread.borrow()) < 0)
+        return nullptr;
+    return per_thread.detach();
+}
+
+PyObject* CInitialCallback_GetPerThreadCalledFromCallback(tModuleState* m)
+{
+    PyObject* per_thread = get_for_callback(m);
+    return per_thread ? per_thread : fail_null(m->dp, "CInitialCallback_GetPerThreadCalledFromCallback() failed\n");
+}
+
+// ---- Debug policy and thread name ----
+
+static PyObject* CPerThread_get_fDebugPolicyCallback(tModuleState* m)
+{
+    PyObject* callback = get_class_attr_or_make(m->CPerThread, kDebugPolicyCallback, make_none);
+    return callback ? callback : fail_null(m->dp, "Exception in CPerThread_get_fDebugPolicyCallback()\n");
+}
+
+static int ask_debug_policy(tModuleState* m, CPerThreadBody* body, PyObject* callback)
+{
+    XPyOwned thread_id(XPy_NewRef(body->fThreadId));
+    DO_DP(m->dp->initial_monitoring_callbacks,
+          "CPerThread_GetDebugPolicy_direct(): calling %s (per_thread.fThreadId=%s)\n",
+          get_dprintf_repr_str1(m->dp, callback), get_dprintf_repr_str2(m->dp, thread_id.borrow()));
+    XPyOwned result(do_one_arg_call(callback, thread_id ? thread_id.borrow() : api.Py_None));
+    if (!result)
+        return -1;
+    Py_ssize_t policy = py_int_as_ssize_t(result.borrow());
+    if (policy == -1 && api.PyErr_Occurred())
+        return -1;
+    if (policy < INT_MIN || policy > INT_MAX) {
+        api.PyErr_SetString(api.PyExc_OverflowError, "the debug policy does not fit into an int");
+        return -1;
+    }
+    body->fDebugPolicy = static_cast<int>(policy);
+    DO_DP(m->dp->initial_monitoring_callbacks,
+          "CPerThread_GetDebugPolicy_direct(): policy returned is %i (per_thread.fThreadId=%s)\n", body->fDebugPolicy,
+          get_dprintf_repr_str2(m->dp, thread_id.borrow()));
+    return body->fDebugPolicy;
+}
+
+static int get_debug_policy_inner(tModuleState* m, PyObject* per_thread)
+{
+    if (!XPy_IsInstance(per_thread, as_type(m->CPerThread))) {
+        api._PyErr_BadInternalCall(kSourceName, kLinenoNotPerThread);
+        return -1;
+    }
+    CPerThreadBody* body = per_thread_body(per_thread, as_type(m->CPerThread));
+    if (!body || body->fDebugPolicy != -1)
+        return body ? body->fDebugPolicy : -1;
+    XPyOwned callback(CPerThread_get_fDebugPolicyCallback(m));
+    if (!callback)
+        return -1;
+    return callback.borrow() == api.Py_None ? 1 : ask_debug_policy(m, body, callback.borrow());
+}
+
+int CPerThread_GetDebugPolicy_direct(tModuleState* m, PyObject* per_thread)
+{
+    int policy = get_debug_policy_inner(m, per_thread);
+    if (policy == -1 && api.PyErr_Occurred())
+        return fail_int(m->dp, "Exception in CPerThread_GetDebugPolicy_direct()\n");
+    return policy;
+}
+
+static int find_thread_name_inner(tModuleState* m, PyObject* per_thread)
+{
+    CPerThreadBody* body = need_per_thread(m, per_thread);
+    if (!body)
+        return -1;
+    if (body->fThreadName != api.Py_None)
+        return 0;
+    XPyOwned callback(api.PyObject_GetAttrString(m->CPerThread, kGetThreadNameCallback));
+    if (!callback)
+        return -1;
+    if (callback.borrow() == api.Py_None)
+        return 0;
+    XPyOwned name(do_one_arg_call(callback.borrow(), per_thread));
+    if (!name)
+        return -1;
+    XPy_SetField(&body->fThreadName, name.borrow());
+    return 0;
+}
+
+int CPerThread_FindThreadName_direct(tModuleState* m, PyObject* per_thread)
+{
+    int result = find_thread_name_inner(m, per_thread);
+    return result < 0 ? fail_int(m->dp, "Exception in CPerThread_FindThreadName_direct()\n") : result;
+}
+
+// ---- Class methods ----
+
+static PyObject* CPerThread_GetPerThread(PyObject*, PyTypeObject* cls, PyObject* const* args, Py_ssize_t nargs,
+                                         PyObject* kwnames)
+{
+    tModuleState* m = state_of_class(cls);
+    if (!m)
+        return nullptr;
+    PyObject *thread_id, *create;
+    const tFastArgInfo infos[] = {{"thread_id", 0, api.Py_None, &thread_id},
+                                  {"create", 1, api.Py_True, &create},
+                                  {nullptr, 0, nullptr, nullptr}};
+    PyObject* per_thread = nullptr;
+    if (get_fastargs(infos, args, static_cast<size_t>(nargs), kwnames) == 0)
+        per_thread = CPerThread_GetPerThread_direct(m, thread_id, create);
+    return per_thread ? per_thread : fail_null(m->dp, "Exception in CPerThread_GetPerThread()\n");
+}
+
+static PyObject* get_all_inner(tModuleState* m)
+{
+    XPyOwned dict(CPerThread_get_fPerThreadDict(m));
+    return dict ? api.PyDict_Values(dict.borrow()) : nullptr;
+}
+
+static PyObject* CPerThread_GetAllPerThreads_direct(tModuleState* m)
+{
+    PyObject* all = get_all_inner(m);
+    return all ? all : fail_null(m->dp, "Exception in CPerThread_GetAllPerThreads_direct()\n");
+}
+
+static PyObject* CPerThread_GetAllPerThreads(PyObject*, PyTypeObject* cls, PyObject* const* args, Py_ssize_t nargs,
+                                             PyObject* kwnames)
+{
+    tModuleState* m = state_of_class(cls);
+    if (!m)
+        return nullptr;
+    PyObject* all = nullptr;
+    if (get_fastargs(kNoArguments, args, static_cast<size_t>(nargs), kwnames) == 0)
+        all = CPerThread_GetAllPerThreads_direct(m);
+    return all ? all : fail_null(m->dp, "Exception in CPerThread_GetAllPerThreads()\n");
+}
+
+// Makes every registered record ask for its policy again.
+static int forget_policies(tModuleState* m)
+{
+    XPyOwned all(get_all_inner(m));
+    Py_ssize_t count = all ? api.PyList_Size(all.borrow()) : -1;
+    for (Py_ssize_t i = 0; i < count; i++) {
+        CPerThreadBody* body = need_per_thread(m, api.PyList_GetItem(all.borrow(), i));
+        if (!body)
+            return -1;
+        body->fDebugPolicy = -1;
+    }
+    return count < 0 ? -1 : 0;
+}
+
+static int CPerThread_SetDebugPolicyCallback_direct(tModuleState* m, PyObject* callback)
+{
+    if (set_class_hook(m->CPerThread, kDebugPolicyCallback, callback) < 0 || forget_policies(m) < 0)
+        return fail_int(m->dp, "Exception in CPerThread_SetDebugPolicyCallback_direct()\n");
+    return 0;
+}
+
+static int CPerThread_SetNewPerThreadCreatedCallback_direct(tModuleState* m, PyObject* callback)
+{
+    if (set_class_hook(m->CPerThread, kNewPerThreadCreatedCallback, callback) < 0)
+        return fail_int(m->dp, "Exception in CPerThread_SetNewPerThreadCreatedCallback_direct()\n");
+    return 0;
+}
+
+static int CPerThread_SetGetThreadNameCallback_direct(tModuleState* m, PyObject* callback)
+{
+    if (set_class_hook(m->CPerThread, kGetThreadNameCallback, callback) < 0)
+        return fail_int(m->dp, "Exception in CPerThread_SetGetThreadNameCallback_direct()\n");
+    return 0;
+}
+
+// The three setters: one argument, a worker, a failure text.
+static PyObject* call_setter(PyTypeObject* cls, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames,
+                             int (*worker)(tModuleState*, PyObject*), const char* failure)
+{
+    tModuleState* m = state_of_class(cls);
+    if (!m)
+        return nullptr;
+    PyObject* callback;
+    const tFastArgInfo infos[] = {{"callback", 0, nullptr, &callback}, {nullptr, 0, nullptr, nullptr}};
+    if (get_fastargs(infos, args, static_cast<size_t>(nargs), kwnames) < 0 || worker(m, callback) < 0)
+        return fail_null(m->dp, failure);
+    return new_none();
+}
+
+static PyObject* CPerThread_SetDebugPolicyCallback(PyObject*, PyTypeObject* cls, PyObject* const* args,
+                                                   Py_ssize_t nargs, PyObject* kwnames)
+{
+    return call_setter(cls, args, nargs, kwnames, CPerThread_SetDebugPolicyCallback_direct,
+                       "Exception in CPerThread_SetDebugPolicyCallback()\n");
+}
+
+static PyObject* CPerThread_SetNewPerThreadCreatedCallback(PyObject*, PyTypeObject* cls, PyObject* const* args,
+                                                           Py_ssize_t nargs, PyObject* kwnames)
+{
+    return call_setter(cls, args, nargs, kwnames, CPerThread_SetNewPerThreadCreatedCallback_direct,
+                       "Exception in CPerThread_SetNewPerThreadCreatedCallback()\n");
+}
+
+static PyObject* CPerThread_SetGetThreadNameCallback(PyObject*, PyTypeObject* cls, PyObject* const* args,
+                                                     Py_ssize_t nargs, PyObject* kwnames)
+{
+    return call_setter(cls, args, nargs, kwnames, CPerThread_SetGetThreadNameCallback_direct,
+                       "Exception in CPerThread_SetGetThreadNameCallback()\n");
+}
+
+// ---- Instance methods ----
+
+static PyObject* CPerThread_GetDebugPolicy(PyObject* self, PyTypeObject* cls, PyObject* const* args, Py_ssize_t nargs,
+                                           PyObject* kwnames)
+{
+    tModuleState* m = state_of_class(cls);
+    if (!m)
+        return nullptr;
+    int policy = -1;
+    if (get_fastargs(kNoArguments, args, static_cast<size_t>(nargs), kwnames) == 0)
+        policy = CPerThread_GetDebugPolicy_direct(m, self);
+    PyObject* result = policy == -1 && api.PyErr_Occurred() ? nullptr : py_int_from_ssize_t(policy);
+    return result ? result : fail_null(m->dp, "Exception in CPerThread_GetDebugPolicy()\n");
+}
+
+static PyObject* CPerThread_FindThreadName(PyObject* self, PyTypeObject* cls, PyObject* const* args, Py_ssize_t nargs,
+                                           PyObject* kwnames)
+{
+    tModuleState* m = state_of_class(cls);
+    if (!m)
+        return nullptr;
+    PyObject* result = nullptr;
+    if (get_fastargs(kNoArguments, args, static_cast<size_t>(nargs), kwnames) == 0 &&
+        CPerThread_FindThreadName_direct(m, self) == 0)
+        result = py_int_from_ssize_t(0);
+    return result ? result : fail_null(m->dp, "Exception in CPerThread_FindThreadName()\n");
+}
+
+// ---- The class ----
+
+static PyMethodDef kMethods[] = {
+    {"GetPerThread", as_method(CPerThread_GetPerThread), kMethClass, nullptr},
+    {"GetAllPerThreads", as_method(CPerThread_GetAllPerThreads), kMethClass, nullptr},
+    {"SetDebugPolicyCallback", as_method(CPerThread_SetDebugPolicyCallback), kMethClass, nullptr},
+    {"SetNewPerThreadCreatedCallback", as_method(CPerThread_SetNewPerThreadCreatedCallback), kMethClass, nullptr},
+    {"SetGetThreadNameCallback", as_method(CPerThread_SetGetThreadNameCallback), kMethClass, nullptr},
+    {"GetDebugPolicy", as_method(CPerThread_GetDebugPolicy), kMethInstance, nullptr},
+    {"FindThreadName", as_method(CPerThread_FindThreadName), kMethInstance, nullptr},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+#define MEMBER(name, type, flags)                                   \
+    {                                                               \
+#name, type, offsetof(CPerThreadBody, name), flags, nullptr \
+    }
+static PyMemberDef kMembers[] = {
+    MEMBER(mod, kMemberObject, kMemberReadOnly),
+    MEMBER(fThreadId, kMemberObject, kMemberReadOnly),
+    MEMBER(fSteppingEventsNeeded, kMemberBool, 0),
+    MEMBER(fOuterMostFrame, kMemberObject, 0),
+    MEMBER(fStopFrame, kMemberObject, 0),
+    MEMBER(fDontStopLinenoRange, kMemberObject, 0),
+    MEMBER(fReturnFrame, kMemberObject, 0),
+    MEMBER(fStopAtNextLine, kMemberObject, 0),
+    MEMBER(fDebugPolicy, kMemberInt, 0),
+    MEMBER(fSuspendLock, kMemberObject, 0),
+    MEMBER(fCheckSuspendLock, kMemberInt, 0),
+    MEMBER(fThreadName, kMemberObject, kMemberReadOnly),
+    MEMBER(fExitingWithException, kMemberInt, 0),
+    MEMBER(fSteppingCodeObjects, kMemberObject, 0),
+    {nullptr, 0, 0, 0, nullptr},
+};
+#undef MEMBER
+
+static PyType_Slot kSlots[] = {
+    {kSlotTpInit, reinterpret_cast<void*>(CPerThread_init)},
+    {kSlotTpMethods, kMethods},
+    {kSlotTpMembers, kMembers},
+    {kSlotTpFinalize, reinterpret_cast<void*>(CPerThread_finalize)},
+    {0, nullptr},
+};
+
+static PyType_Spec kSpec = {"optmonitoring.CPerThread", sizeof(CPerThreadBody), 0, kTypeBaseType, kSlots};
+
+tClassInfo kPerThreadClass = {"CPerThread", &kSpec, kMembers, &gPerThreadBodyOffset};

@@ -1,0 +1,41 @@
+// reset(): back to the state after exec, for a new debug session.
+
+#include "optmonitoring_internal.h"
+
+static int replace_file_tables(tModuleState* m)
+{
+    if (tFileOpsData* old = m->file_ops_data) {
+        m->file_ops_data = nullptr;
+        destroy_file_ops_data(old);
+    }
+    m->file_ops_data = create_file_ops_data(m->dp);
+    if (m->file_ops_data)
+        return 0;
+    api.PyErr_NoMemory();
+    return -1;
+}
+
+static int reset_inner(tModuleState* m)
+{
+    if (!m->dp || !m->CPerThread) {
+        api.PyErr_SetString(api.PyExc_RuntimeError, "optmonitoring has been cleared");
+        return -1;
+    }
+    clear_dp_data(m->dp);
+    set_dp_data_mask(m->dp, 0);
+    m->_gThisProcessPid = api.cached_pid;
+    if (replace_file_tables(m) < 0)
+        return -1;
+    XPyOwned cleared(api.PyObject_CallMethod(m->_gInternalPathnameDict, "clear", nullptr));
+    if (!cleared || CPerFile_ClsReset(m) < 0 || CPerCodeObject_ClsReset(m) < 0)
+        return -1;
+    return CPerThread_ClsReset(m);
+}
+
+PyObject* optmonitoring_reset(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
+{
+    tModuleState* m = static_cast<tModuleState*>(api.PyModule_GetState(module));
+    if (get_fastargs(kNoArguments, args, static_cast<size_t>(nargs), kwnames) < 0 || reset_inner(m) < 0)
+        return fail_null(m->dp, "Exception in optmonitoring_reset\n");
+    return new_none();
+}

@@ -1,0 +1,111 @@
+// The skip decision: whether neither stepping, breakpoints nor return events need this event.
+
+#include "optmonitoring_internal.h"
+
+// The working set of one decision; it holds its own references.
+struct CInitialCallback_SkipSecondCallback_locals {
+    CInitialCallbackBody* body;
+    PyObject* code;             // [owned]
+    PyObject* per_code_object;  // [owned]
+    CPerCodeObjectBody* per_code_object_body;
+    PyObject* per_thread;  // [owned]
+    CPerThreadBody* per_thread_body;
+    PyObject* per_file;    // not consulted
+    PyObject* lineno_obj;  // [owned]
+};
+
+static void CInitialCallback_SkipSecondCallback_clear_frame(CInitialCallback_SkipSecondCallback_locals* locals)
+{
+    XPy_ClearField(&locals->code);
+    XPy_ClearField(&locals->per_code_object);
+    XPy_ClearField(&locals->per_thread);
+    XPy_ClearField(&locals->lineno_obj);
+}
+
+#define LOG(...) DO_DP(m->dp->initial_monitoring_callbacks, __VA_ARGS__)
+
+static bool is_known_event(const tModuleState* m, int event_id)
+{
+    return event_id == m->kPyStartEventId || event_id == m->kPyReturnEventId || event_id == m->kPyYieldEventId ||
+           event_id == m->kPyResumeEventId || event_id == m->kPyLineEventId;
+}
+
+// Fetches the thread's record when the context brought none; -1 when there is none to be had.
+static int find_per_thread(tModuleState* m, CInitialCallback_SkipSecondCallback_locals* locals)
+{
+    if (!locals->per_thread)
+        locals->per_thread = CInitialCallback_GetPerThreadCalledFromCallback(m);
+    if (!locals->per_thread) {
+        LOG("no per_thread, returning -1\n");
+        return -1;
+    }
+    if (locals->per_thread != api.Py_None)
+        locals->per_thread_body = per_thread_body(locals->per_thread, as_type(m->CPerThread));
+    return 0;
+}
+
+// Whether a breakpoint is enabled on the event's line: 1, 0, or -1 with an exception pending.
+static int has_breakpoint(tModuleState* m, PyObject* linenos, PyObject* lineno_obj)
+{
+    int contains = api.PySet_Contains(linenos, lineno_obj);
+    if (contains < 0) {
+        report_failure(m->dp, "Exception in CInitialCallback.SkipSecondCallback():\n");
+        LOG("returning -1 due to failure\n");
+    }
+    return contains;
+}
+
+static int CInitialCallback_SkipSecondCallback_inner(tModuleState* m,
+                                                     CInitialCallback_SkipSecondCallback_locals* locals)
+{
+    int event_id = locals->body->_fEventId;
+    LOG("  CInitialCallback.SkipSecondCallback(): event id %i; ", event_id);
+    if (!is_known_event(m, event_id)) {
+        LOG("early return of False\n");
+        return 0;
+    }
+    if (find_per_thread(m, locals) < 0)
+        return -1;
+    if (locals->per_thread_body && locals->per_thread_body->fSteppingEventsNeeded) {
+        LOG("per_thread_body->fSteppingEventsNeeded is True, returning False\n");
+        return 0;
+    }
+    CPerCodeObjectBody* record = locals->per_code_object_body;
+    if (record->fSteppingEventsNeededCount != 0) {
+        LOG("per_code_object.fSteppingEventsNeededCount != 0, returning False\n");
+        return 0;
+    }
+    XPyOwned linenos(XPy_NewRef(record->fEnabledBpLinenos));  // hashing and comparing may run code that replaces it
+    if (!linenos || linenos.borrow() == api.Py_None) {
+        LOG("per_code_object.fEnabledBpLinenos is None, returning False\n");
+        return 0;
+    }
+    if (event_id == m->kPyLineEventId && locals->lineno_obj != api.Py_None) {
+        int contains = has_breakpoint(m, linenos.borrow(), locals->lineno_obj);
+        if (contains != 0)
+            return contains < 0 ? -1 : 0;
+    }
+    bool is_return = event_id == m->kPyReturnEventId || event_id == m->kPyYieldEventId;
+    if (is_return && record->fReturnEventsNeededCount != 0) {
+        LOG("per_code_object.fReturnEventsNeededCount != 0, returning False\n");
+        return 0;
+    }
+    LOG("returning True\n");
+    return 1;
+}
+
+int CInitialCallback_SkipSecondCallback_direct(CInitialCallback_Callback_Ctx* ctx, CInitialCallbackBody* body,
+                                               PyObject* code)
+{
+    tModuleState* m = ctx->m;
+    CInitialCallback_SkipSecondCallback_locals locals = {};
+    locals.body = body;
+    locals.code = XPy_NewRef(code);
+    locals.per_code_object = XPy_NewRef(ctx->per_code_object);
+    locals.per_code_object_body = per_code_object_body(ctx->per_code_object, as_type(m->CPerCodeObject));
+    locals.per_thread = XPy_NewRef(ctx->per_thread);
+    locals.lineno_obj = XPy_NewRef(ctx->lineno_obj);
+    int skip = CInitialCallback_SkipSecondCallback_inner(m, &locals);
+    CInitialCallback_SkipSecondCallback_clear_frame(&locals);
+    return skip;
+}
