@@ -30,14 +30,14 @@ typedef CUt_HashEntry* (*CUt_FindProc)(CUt_HashTable* table, const char* key);
 typedef CUt_HashEntry* (*CUt_CreateProc)(CUt_HashTable* table, const char* key, int* new_entry);
 
 struct CUt_HashTable {
-    CUt_HashEntry** buckets;           // staticBuckets until the first growth
+    CUt_HashEntry** buckets;  // staticBuckets until the first growth
     CUt_HashEntry* staticBuckets[4];
-    uint32_t numBuckets;               // 4, 16, 64, ...
+    uint32_t numBuckets;  // 4, 16, 64, ...
     uint32_t numEntries;
-    uint32_t rebuildSize;              // grow when numEntries reaches this
-    int32_t downShift;                 // right shift of the multiplicative hash of array keys
-    int32_t mask;                      // numBuckets - 1
-    uint32_t keyType;                  // 0: string keys, else the length of an array key in bytes
+    uint32_t rebuildSize;  // grow when numEntries reaches this
+    int32_t downShift;     // right shift of the multiplicative hash of array keys
+    int32_t mask;          // numBuckets - 1
+    uint32_t keyType;      // 0: string keys, else the length of an array key in bytes
     CUt_FindProc findProc;
     CUt_CreateProc createProc;
 };
