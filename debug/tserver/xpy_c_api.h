@@ -22,9 +22,10 @@
 #define XPY_LIKELY(x) __builtin_expect(!!(x), 1)
 #define XPY_UNLIKELY(x) __builtin_expect(!!(x), 0)
 
-// The interpreter's types, as far as pointers to them and the few records we fill need them. A host that has
-// included the interpreter's own header first keeps its definitions.
-#ifndef Py_PYTHON_H
+// The interpreter's types, as far as pointers to them and the few records we fill need them.
+#ifdef Py_PYTHON_H
+#error "xpy_c_api.h stands in for the interpreter's own header; include one of them"
+#endif
 
 typedef ssize_t Py_ssize_t;
 typedef struct _object PyObject;
@@ -70,21 +71,6 @@ struct PyType_Spec {
     unsigned int flags;
     PyType_Slot* slots;
 };
-
-#else
-
-typedef struct _frame PyFrameObject;
-#if PY_VERSION_HEX < 0x03000000
-typedef struct PyModuleDef PyModuleDef;
-#endif
-#if PY_VERSION_HEX < 0x03070000
-typedef struct _Py_tss_t Py_tss_t;
-#endif
-#if PY_VERSION_HEX < 0x030d0000
-typedef struct PyMutex PyMutex;
-#endif
-
-#endif
 
 typedef void (*XPy_FreeFunc)(void*);
 typedef void* XPy_EvalFrameFunc;  // the frame-evaluation function; its parameters differ between versions

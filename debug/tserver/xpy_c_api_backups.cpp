@@ -186,9 +186,20 @@ PyInterpreterState* Backup_PyThreadState_GetInterpreter(PyThreadState* tstate)
     return *static_cast<PyInterpreterState**>(XPy_GetFieldAddress(tstate, api.tstate_offsets.interp));
 }
 
+// 3.8 alone wants the runtime state in front of the thread state.
+static void init_thread_state_3d8(PyThreadState* tstate)
+{
+    typedef void (*tInit3d8)(void*, PyThreadState*);
+    void* runtime = XPy_LookupPythonFunction("_PyRuntime");
+    if (runtime)
+        reinterpret_cast<tInit3d8>(reinterpret_cast<void*>(api._PyThreadState_Init))(runtime, tstate);
+}
+
 void Backup_PyThreadState_SetCurrent(PyThreadState* tstate)
 {
-    if (api.major_version < 3 || api.minor_version <= 10)
+    if (api.major_version == 3 && api.minor_version == 8)
+        init_thread_state_3d8(tstate);
+    else if (api.major_version < 3 || api.minor_version <= 10)
         api._PyThreadState_Init(tstate);
 }
 

@@ -21,6 +21,7 @@ extern XPy_FieldWithSize py3d11_tstate_fields[];
 extern XPy_FieldWithSize py3d12_tstate_fields[];
 extern XPy_FieldWithSize py3d13_tstate_fields[];
 extern XPy_FieldWithSize py3d14_tstate_fields[];
+extern XPy_FieldWithSize py3d15_tstate_fields[];
 extern XPy_FieldWithSize frame_fields_pre_py3d4[];
 extern XPy_FieldWithSize frame_fields_py3d4[];
 extern XPy_FieldWithSize frame_fields_py3d7[];
@@ -34,6 +35,9 @@ extern XPy_FieldWithSize py3d7_main_interpreter_config_fields[];
 extern XPy_FieldWithSize py3d8_interpreter_state_fields[];
 extern XPy_FieldWithSize py3d8_pyconfig_fields[];
 extern XPy_FieldWithSize py3_mod_def_fields[];
+
+// Bytes of the two list links that a reference-tracing build puts in front of every object header.
+static constexpr Py_ssize_t kTraceRefsHeader = 16;
 
 // ---- Offsets of the running interpreter (xpy_c_api_layout.cpp) ----
 // Each needs major_version and minor_version; all but the first need pyobject_offsets.

@@ -9,8 +9,6 @@
 
 static constexpr Py_ssize_t kPointerSize = 8;
 static constexpr Py_ssize_t kMaxAlignment = 8;  // of any field in the interpreter's structures
-static constexpr Py_ssize_t kTraceRefsHeader =
-    16;  // the two list links in front of a reference-tracing build's header
 static constexpr int kAndLater = 1000;
 
 // A table and the 3.x minor versions that it serves, both included; Python 2 counts as major 2. PYVERSIONS
@@ -40,6 +38,7 @@ static const tLayoutRange kThreadStateLayouts[] = {
     {2, 0, kAndLater, py2_tstate_fields}, {3, 0, 3, py3d0_tstate_fields},    {3, 4, 6, py3d4_tstate_fields},
     {3, 7, 9, py3d7_tstate_fields},       {3, 10, 10, py3d10_tstate_fields}, {3, 11, 11, py3d11_tstate_fields},
     {3, 12, 12, py3d12_tstate_fields},    {3, 13, 13, py3d13_tstate_fields}, {3, 14, 14, py3d14_tstate_fields},
+    {3, 15, 15, py3d15_tstate_fields},
 };
 
 static const tLayoutRange kCFrameLayouts[] = {

@@ -119,6 +119,16 @@ XPy_FieldWithSize py3d14_tstate_fields[] = {
     {nullptr, 0},
 };
 
+XPy_FieldWithSize py3d15_tstate_fields[] = {
+    {"prev", 8}, {"next", 8}, {"interp", 8}, {"eval_breaker", 8}, {"_status", 4}, {"holds_gil", 4},
+    {"gil_requested", 4}, {"_whence", 4}, {"state", 4}, {"py_recursion_remaining", 4},
+    {"py_recursion_limit", 4}, {"recursion_headroom", 4}, {"tracing", 4}, {"what_event", 4},
+    {"current_frame", 8}, {"base_frame", 8}, {"last_profiled_frame", 8}, {"last_profiled_frame_seq", 8},
+    {"c_profilefunc", 8}, {"c_tracefunc", 8}, {"c_profileobj", 8}, {"c_traceobj", 8}, {"current_exception", 8},
+    {"exc_info", 8}, {"dict", 8}, {"gilstate_counter", 4}, {"async_exc", 8}, {"thread_id", 8},
+    {nullptr, 0},
+};
+
 XPy_FieldWithSize frame_fields_pre_py3d4[] = {
     {"<PyObject_VAR_HEAD>", -1}, {"f_back", 8}, {"f_code", 8}, {"f_builtins", 8}, {"f_globals", 8},
     {"f_locals", 8}, {"f_valuestack", 8}, {"f_stacktop", 8}, {"f_trace", 8}, {"f_exc_type", 8},

@@ -19,6 +19,11 @@ static constexpr int kFirstMinorMultiPhase = 5;
 static constexpr int kFirstMinorMultipleInterpreters = 12;
 static constexpr int kFirstMinorGilSlot = 13;
 
+// From 3.15 on a free-threaded interpreter accepts only definitions that carry this mark in the flags of their
+// header.
+static constexpr int kFirstMinorDefinitionMark = 15;
+static constexpr uint16_t kStaticallyAllocated = 4;
+
 struct tModuleSlot {
     int slot;
     void* value;
@@ -55,6 +60,17 @@ static bool fill_slots(const XPyModuleDef* def, tModuleSlot* slots)
     return true;
 }
 
+static void mark_definition(void* def)
+{
+    bool free_threaded = api.pyobject_offsets.mutex != -1;
+    if (!free_threaded || api.minor_version < kFirstMinorDefinitionMark)
+        return;
+    Py_ssize_t offset = FindFieldOffsetMissingOk("ob_flags", free_t_pyobject_fields);
+    if (api.pydebug_build)
+        offset += kTraceRefsHeader;
+    *static_cast<uint16_t*>(XPy_GetFieldAddress(def, offset)) = kStaticallyAllocated;
+}
+
 PyModuleDef* XPy_CreatePy3ModuleDef(const XPyModuleDef* def)
 {
     // Both live as long as the process: the interpreter keeps pointers into them.
@@ -65,6 +81,7 @@ PyModuleDef* XPy_CreatePy3ModuleDef(const XPyModuleDef* def)
         free(slots);
         return nullptr;
     }
+    mark_definition(py_def);
     PyModuleDef* result = static_cast<PyModuleDef*>(py_def);
     if (!set_def_field(py_def, "m_name", def->m_name) || !set_def_field(py_def, "m_doc", def->m_doc) ||
         !set_def_field(py_def, "m_size", def->m_size) || !set_def_field(py_def, "m_methods", def->m_methods))

@@ -158,7 +158,7 @@ class HostedTest : public ::testing::Test
     void SetUp() override { EXPECT_EQ(take_error(), ""); }
     void TearDown() override { EXPECT_EQ(take_error(), ""); }
     // PYVERSIONS: the last version with a thread-state layout
-    static bool has_thread_state_layout() { return !is_py3(15); }
+    static bool has_thread_state_layout() { return !is_py3(16); }
     static bool is_py3(int first, int last = 1000)
     {
         return api.major_version == 3 && api.minor_version >= first && api.minor_version <= last;

@@ -396,6 +396,15 @@ TEST_F(Backups, SetCurrentInitializesTheThreadStateUpTo3Dot10)
     }
 }
 
+TEST_F(Backups, SetCurrentOfALiveThreadStateIsHarmless)
+{
+    if (is_py3(11))
+        GTEST_SKIP() << "from 3.11 on the fallback does nothing, tested above";
+    Backup_PyThreadState_SetCurrent(api.PyThreadState_Get());  // 3.8's function wants the runtime as well
+    XPyOwned answer(eval_python("6 * 7"));
+    EXPECT_EQ(api.PyLong_AsLongLong(answer.borrow()), 42);
+}
+
 // ---- Tracing ----
 
 struct tTracedThread {

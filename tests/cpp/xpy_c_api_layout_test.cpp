@@ -111,6 +111,12 @@ TEST_F(Layout, TablesHoldTheInterpretersFields)
          "py_recursion_remaining:4 py_recursion_limit:4 recursion_headroom:4 tracing:4 what_event:4 "
          "current_frame:8 c_profilefunc:8 c_tracefunc:8 c_profileobj:8 c_traceobj:8 current_exception:8 "
          "exc_info:8 dict:8 gilstate_counter:4 async_exc:8 thread_id:8"},
+        {"py3d15_tstate_fields", py3d15_tstate_fields,
+         "prev:8 next:8 interp:8 eval_breaker:8 _status:4 holds_gil:4 gil_requested:4 _whence:4 state:4 "
+         "py_recursion_remaining:4 py_recursion_limit:4 recursion_headroom:4 tracing:4 what_event:4 "
+         "current_frame:8 base_frame:8 last_profiled_frame:8 last_profiled_frame_seq:8 c_profilefunc:8 "
+         "c_tracefunc:8 c_profileobj:8 c_traceobj:8 current_exception:8 exc_info:8 dict:8 gilstate_counter:4 "
+         "async_exc:8 thread_id:8"},
         {"frame_fields_pre_py3d4", frame_fields_pre_py3d4,
          "<PyObject_VAR_HEAD> f_back:8 f_code:8 f_builtins:8 f_globals:8 f_locals:8 f_valuestack:8 "
          "f_stacktop:8 f_trace:8 f_exc_type:8 f_exc_value:8 f_exc_traceback:8 f_tstate:8 f_lasti:4 f_lineno:4 "
@@ -396,6 +402,7 @@ TEST_F(Layout, ThreadStateOffsetsFollowTheVersion)
         {3, 9, {8, 16, 24, 64, 80, 176, 44, 48, -1, -1}},   {3, 10, {8, 16, 24, 64, 80, 176, 44, -1, -1, -1}},
         {3, 11, {8, 16, -1, 72, 88, 152, 44, -1, 56, -1}},  {3, 12, {8, 16, -1, 72, 88, 136, 44, -1, 56, 48}},
         {3, 13, {8, 16, -1, 88, 104, 152, 60, -1, 72, 64}}, {3, 14, {8, 16, -1, 88, 104, 152, 60, -1, 72, 64}},
+        {3, 15, {8, 16, -1, 112, 128, 176, 64, -1, 72, 68}},
     };
     tCapturedFd errors;
     for (const auto& version : kVersions) {
@@ -412,7 +419,7 @@ TEST_F(Layout, ThreadStateOffsetsFollowTheVersion)
 
 TEST_F(Layout, VersionsWithoutAThreadStateTableAreReportedAndKeepZeros)
 {
-    set_version(3, 99);
+    set_version(3, 16);
     tCapturedFd errors;
     InitThreadStateOffsets();
     EXPECT_EQ(errors.text(), "Cannot find tstate fields for this python version\n");

@@ -204,6 +204,35 @@ TEST_F(ModuleDefinition, SlotsFollowTheVersion)
     EXPECT_EQ(slot[1].value, reinterpret_cast<void*>(exec_function));
 }
 
+TEST_F(ModuleDefinition, FreeThreadedDefinitionsAreMarkedFrom3Dot15On)
+{
+    static const struct {
+        const char* what;
+        int minor;
+        XPy_PyObjectOffsets offsets;
+        int debug;
+        size_t flags_at;
+        uint16_t flags;
+    } kBuilds[] = {
+        {"free-threaded 3.15", 15, {-1, 24, 10, -1, -1}, 0, 8, 4},
+        {"free-threaded 3.16", 16, {-1, 24, 10, -1, -1}, 0, 8, 4},
+        {"free-threaded 3.14", 14, {-1, 24, 10, -1, -1}, 0, 8, 0},
+        {"free-threaded, reference-tracing 3.15", 15, {-1, 40, 26, -1, -1}, 1, 24, 4},
+        {"ordinary 3.15", 15, {0, 8, -1, 4, 6}, 0, 8, 0},
+    };
+    for (const auto& build : kBuilds) {
+        set_minor(build.minor);
+        api.pyobject_offsets = build.offsets;
+        api.pydebug_build = build.debug;
+        const char* def = reinterpret_cast<const char*>(XPy_CreatePy3ModuleDef(&fDef));
+        for (size_t at = 0; at < static_cast<size_t>(build.offsets.type); at += 2) {
+            uint16_t halfword;
+            memcpy(&halfword, def + at, sizeof halfword);
+            EXPECT_EQ(halfword, at == build.flags_at ? build.flags : 0) << build.what << " at " << at;
+        }
+    }
+}
+
 TEST_F(ModuleDefinition, SlotsAreLeftOutWithTheirFunctions)
 {
     fDef.m_create = nullptr;
