@@ -5,7 +5,10 @@ JOBS ?= $(shell nproc)
 # Interpreters to test with, by the names that `tools/interpreters list` prints; empty: all of them.
 PYTHONS ?=
 
-.PHONY: help setup build run test test-all test-cpp test-python asan bench tests-built \
+# Interpreters that `make test` gets when they are missing; see `tools/interpreters`.
+INSTALL ?= 3.14 3.15 3.14-debug
+
+.PHONY: help setup build run test test-all test-cpp test-python asan bench tests-built some-interpreters \
         interpreters clean
 
 help:  ## list the targets
@@ -22,10 +25,20 @@ build:  ## compile build/optmonitoring.so
 run: build  ## debug real programs under the filter and show what happened
 	@python="$$(tools/choose_python)" && $$python examples/filter_demo.py --module-dir $(BUILD)
 
-tests-built:
+tests-built: $(if $(PYTHONS),,some-interpreters)
 	@tools/setup test
 	@cmake -S . -B $(BUILD) -G Ninja "-DOPTMONITORING_PYTHONS=$(PYTHONS)" >/dev/null
 	@cmake --build $(BUILD) -j $(JOBS)
+
+some-interpreters:
+	@tools/setup build
+	@tools/interpreters install $(INSTALL) || echo "Not all could be had; the tests go on with those that are here."
+
+test-all:  ## the same, and insist on the whole matrix of interpreters
+	@tools/setup test
+	@tools/interpreters install --all
+	@tools/interpreters check
+	@$(MAKE) --no-print-directory test INSTALL=3.14 PYTHONS=
 
 test: tests-built  ## run all tests in every interpreter found
 	@tools/run_ctest $(BUILD)

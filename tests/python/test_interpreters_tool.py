@@ -197,6 +197,29 @@ class ListTest(ToolTest):
         self.assertEqual((one["version"], one["flavour"]), (list(sys.version_info[:3]), "+".join(words) or "release"))
 
 
+class CheckTest(ToolTest):
+    MATRIX = [("2.7", "release")] + [("3.%d" % minor, "release") for minor in range(6, 16)] + [
+        ("3.14", "debug"), ("3.15", "debug"), ("3.13", "freethreaded"), ("3.11", "debug+tracerefs")]
+
+    def make_matrix(self):
+        for number, (version, flavour) in enumerate(self.MATRIX):
+            folder = self.make_folder("pyenv", "versions", str(number), "bin")
+            self.interpreter(os.path.join(folder, "python"), version + ".1", flavour)
+
+    def test_whole_matrix(self):
+        self.make_matrix()
+        self.assertEqual(self.run_tool("check"), (0, "The whole matrix is here: 15 interpreters.\n", ""))
+
+    def test_each_missing_one_is_named(self):
+        self.make_matrix()
+        for number in (0, 7, 14):
+            shutil.rmtree(os.path.join(self.pyenv, "versions", str(number)))
+        status, out, err = self.run_tool("check")
+        self.assertEqual((status, out), (1, ""))
+        self.assertEqual(err.splitlines()[0],
+                         "Missing of the whole matrix: 2.7 release, 3.12 release, 3.11 debug+tracerefs.")
+
+
 class InstallTest(ToolTest):
     def setUp(self):
         ToolTest.setUp(self)
