@@ -176,12 +176,6 @@ static inline T* get_body(PyObject* obj, PyTypeObject* cls, Py_ssize_t* body_off
     return reinterpret_cast<T*>(reinterpret_cast<char*>(obj) + *body_offset);
 }
 
-// Type of OBJ, read in its header. [borrowed]
-static inline PyTypeObject* borrow_type(PyObject* obj)
-{
-    return *static_cast<PyTypeObject**>(XPy_GetFieldAddress(obj, api.pyobject_offsets.type));
-}
-
 static inline PyTypeObject* as_type(PyObject* cls)
 {
     return reinterpret_cast<PyTypeObject*>(cls);

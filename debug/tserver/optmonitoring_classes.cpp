@@ -18,7 +18,7 @@ PyTypeObject* borrow_defining_class(PyObject* obj)
 {
     // A subclass made in Python has no module of its own; ours is the class right below `object`, because it is the
     // one that gives the instances their layout.
-    PyTypeObject* type = borrow_type(obj);
+    PyTypeObject* type = XPy_BorrowTypeInline(obj);
     for (PyTypeObject* base = borrow_base(type); base && borrow_base(base); base = borrow_base(base))
         type = base;
     return type;

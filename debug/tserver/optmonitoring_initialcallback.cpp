@@ -138,7 +138,7 @@ static tStep CInitialCallback_Callback_CheckInternal(CInitialCallback_Callback_C
                                                      PyObject** answer)
 {
     PyTypeObject* cls = as_type(ctx->m->CPerCodeObject);
-    if (borrow_type(ctx->per_code_object) != cls)
+    if (XPy_BorrowTypeInline(ctx->per_code_object) != cls)
         return kGoOn;
     PyObject* flag = per_code_object_body(ctx->per_code_object, cls)->fIsInternal;
     int is_internal = flag ? get_istrue(flag) : 0;
@@ -153,19 +153,19 @@ static tStep CInitialCallback_Callback_CheckInternal(CInitialCallback_Callback_C
 }
 
 // Answers LINE events on lines without a breakpoint while nothing else could want them, before any per-thread work.
-static tStep check_breakpoint_lines(CInitialCallback_Callback_Ctx* ctx, CInitialCallbackBody* body,
-                                    PyObject* const* args, Py_ssize_t nargs)
+static inline tStep check_breakpoint_lines(tModuleState* m, CInitialCallbackBody* body, CPerCodeObjectBody* record,
+                                           PyObject* const* args, Py_ssize_t nargs)
 {
-    if (body->_fEventId != ctx->m->kPyLineEventId || nargs == 1 || body->fAnySuspendThread ||
-        body->fSteppingEventsNeededEveryThread)
+    if (body->_fEventId != m->kPyLineEventId || nargs == 1 || body->fAnySuspendThread ||
+        body->fSteppingEventsNeededEveryThread || record->fSteppingEventsNeededCount != 0)
         return kGoOn;
-    CPerCodeObjectBody* record = per_code_object_body(ctx->per_code_object, as_type(ctx->m->CPerCodeObject));
-    if (record->fSteppingEventsNeededCount != 0 || !record->fEnabledBpLinenos ||
-        record->fEnabledBpLinenos == api.Py_None)
+    PyObject* linenos = record->fEnabledBpLinenos;
+    if (!linenos || linenos == api.Py_None)
         return kGoOn;
-    XPyOwned linenos(XPy_NewRef(record->fEnabledBpLinenos));  // hashing and comparing may run code that replaces it
-    int has_breakpoint = api.PySet_Contains(linenos.borrow(), args[1]);
-    return has_breakpoint < 0 ? kFailed : has_breakpoint ? kGoOn : kAnswered;
+    XPy_InlineIncRef(linenos);  // hashing and comparing may run code that replaces it
+    int has_breakpoint = api.PySet_Contains(linenos, args[1]);
+    XPy_InlineDecRef(linenos);
+    return has_breakpoint == 0 ? kAnswered : has_breakpoint < 0 ? kFailed : kGoOn;
 }
 
 static tStep CInitialCallback_Callback_CheckDebugPolicy(CInitialCallback_Callback_Ctx* ctx)
@@ -176,7 +176,9 @@ static tStep CInitialCallback_Callback_CheckDebugPolicy(CInitialCallback_Callbac
               "CInitialCallback_Callback_CheckDebugPolicy(): per_thread is None\n");
         return kGoOn;
     }
-    int policy = CPerThread_GetDebugPolicy_direct(m, ctx->per_thread);
+    int policy = per_thread_body(ctx->per_thread, as_type(m->CPerThread))->fDebugPolicy;
+    if (policy == -1)
+        policy = CPerThread_GetDebugPolicy_direct(m, ctx->per_thread);
     if (policy == -1 && api.PyErr_Occurred()) {
         report_failure(m->dp, "CInitialCallback_Callback_CheckDebugPolicy() failed\n");
         return kFailed;
@@ -251,31 +253,22 @@ static PyObject* call_second_callback(CInitialCallback_Callback_Ctx* ctx, CIniti
     return result;
 }
 
-// The event of a code object, from its record on.
-static PyObject* decide(CInitialCallback_Callback_Ctx* ctx, CInitialCallbackBody* body, PyObject* const* args,
-                        Py_ssize_t nargs, PyObject* kwnames)
+// The event of a code object from its thread on.
+static PyObject* decide_for_thread(CInitialCallback_Callback_Ctx* ctx, CInitialCallbackBody* body,
+                                   PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
 {
     tModuleState* m = ctx->m;
-    PyObject* answer = nullptr;
-    ctx->per_code_object = CInitialCallback_GetPerCodeObjectCalledFromCallback(m, args[0]);
-    if (!ctx->per_code_object)
-        return suppress_failure(ctx);
-    tStep step = CInitialCallback_Callback_CheckInternal(ctx, body, &answer);
-    if (step != kGoOn)
-        return step == kAnswered ? finish_with(ctx, answer) : suppress_failure(ctx);
-    step = check_breakpoint_lines(ctx, body, args, nargs);
-    if (step != kGoOn)
-        return step == kAnswered ? finish_with(ctx, api.Py_None) : suppress_failure(ctx);
-    ctx->per_thread = CInitialCallback_GetPerThreadCalledFromCallback(m);
+    PyObject* ready = borrow_ready_per_thread(m);
+    ctx->per_thread = ready ? XPy_NewRef(ready) : CInitialCallback_GetPerThreadCalledFromCallback(m);
     if (!ctx->per_thread)
         return suppress_failure(ctx);
-    step = CInitialCallback_Callback_CheckDebugPolicy(ctx);
+    tStep step = CInitialCallback_Callback_CheckDebugPolicy(ctx);
     if (step != kGoOn)
         return step == kAnswered ? finish_with(ctx, api.Py_None) : suppress_failure(ctx);
-    if (body->fAnySuspendThread && CInitialCallback_SuspendIfNeeded_direct(ctx) == kFailed)
+    if (XPY_UNLIKELY(body->fAnySuspendThread) && CInitialCallback_SuspendIfNeeded_direct(ctx) == kFailed)
         return suppress_failure(ctx);
     bool has_line = body->_fEventId == m->kPyLineEventId && nargs != 1;
-    XPy_SetField(&ctx->lineno_obj, has_line ? args[1] : api.Py_None);
+    ctx->lineno_obj = XPy_NewRef(has_line ? args[1] : api.Py_None);
     int skip = CInitialCallback_SkipSecondCallback_direct(ctx, body, args[0]);
     if (skip < 0)
         return suppress_failure(ctx);
@@ -285,34 +278,110 @@ static PyObject* decide(CInitialCallback_Callback_Ctx* ctx, CInitialCallbackBody
     return finish_with(ctx, api.Py_None);
 }
 
+// The event of a code object, step by step; for those that the short road does not answer.
+__attribute__((noinline)) static PyObject* decide(tModuleState* m, CInitialCallbackBody* body, PyObject* const* args,
+                                                  Py_ssize_t nargs, PyObject* kwnames)
+{
+    CInitialCallback_Callback_Ctx ctx = {m, nullptr, nullptr, nullptr, 0, 0};
+    DO_DP(m->dp->initial_monitoring_callbacks, "Initial callback called for %s\n second callback is %s\n",
+          get_dprintf_repr_str1(m->dp, args[0]), get_dprintf_repr_str2(m->dp, body->fSecondCallback));
+    PyObject* answer = nullptr;
+    ctx.per_code_object = CInitialCallback_GetPerCodeObjectCalledFromCallback(m, args[0]);
+    if (!ctx.per_code_object)
+        return suppress_failure(&ctx);
+    tStep step = CInitialCallback_Callback_CheckInternal(&ctx, body, &answer);
+    if (step != kGoOn)
+        return step == kAnswered ? finish_with(&ctx, answer) : suppress_failure(&ctx);
+    CPerCodeObjectBody* record = per_code_object_body(ctx.per_code_object, as_type(m->CPerCodeObject));
+    step = check_breakpoint_lines(m, body, record, args, nargs);
+    if (step != kGoOn)
+        return step == kAnswered ? finish_with(&ctx, api.Py_None) : suppress_failure(&ctx);
+    return decide_for_thread(&ctx, body, args, nargs, kwnames);
+}
+
+// The same from the thread on, for a record [borrowed] that has passed the earlier steps.
+__attribute__((noinline)) static PyObject* decide_with_record(tModuleState* m, CInitialCallbackBody* body,
+                                                              PyObject* record, PyObject* const* args,
+                                                              Py_ssize_t nargs, PyObject* kwnames)
+{
+    CInitialCallback_Callback_Ctx ctx = {m, nullptr, XPy_NewRef(record), nullptr, 0, 0};
+    return decide_for_thread(&ctx, body, args, nargs, kwnames);
+}
+
+XPY_COLD static PyObject* fail_line_check(tModuleState* m)
+{
+    CInitialCallback_Callback_Ctx ctx = {m, nullptr, nullptr, nullptr, 0, 0};
+    return suppress_failure(&ctx);
+}
+
+// The short road: a record that is ready, no log. Everything that it does not answer goes on step by step.
+static inline PyObject* decide_shortly(tModuleState* m, CInitialCallbackBody* body, PyObject* const* args,
+                                       Py_ssize_t nargs, PyObject* kwnames)
+{
+    PyObject* record = borrow_ready_record(m, args[0]);
+    if (XPY_UNLIKELY(!record || m->dp->initial_monitoring_callbacks))
+        return decide(m, body, args, nargs, kwnames);
+    CPerCodeObjectBody* record_body = per_code_object_body(record, as_type(m->CPerCodeObject));
+    if (XPY_UNLIKELY(record_body->fIsInternal != api.Py_False)) {
+        bool is_internal =
+            record_body->fIsInternal == api.Py_True && XPy_BorrowTypeInline(record) == as_type(m->CPerCodeObject);
+        if (!is_internal)
+            return decide(m, body, args, nargs, kwnames);
+        return XPy_NewRef(body->fCanReturnDisable ? m->monitoring_disabled : api.Py_None);
+    }
+    tStep step = check_breakpoint_lines(m, body, record_body, args, nargs);
+    if (XPY_LIKELY(step == kAnswered))
+        return XPy_NewRef(api.Py_None);
+    if (XPY_UNLIKELY(step == kFailed))
+        return fail_line_check(m);
+    record = borrow_ready_record(m, args[0]);  // the look-up may have run code that dropped the record
+    return record ? decide_with_record(m, body, record, args, nargs, kwnames) : decide(m, body, args, nargs, kwnames);
+}
+
+// ---- The callback ----
+
 XPY_COLD static PyObject* answer_without_state(void)
 {
     api.PyErr_Clear();  // the module has been cleared or is being taken apart
     return new_none();
 }
 
+// An event that carries no code object, or none at all.
+XPY_COLD static PyObject* answer_odd_arguments(tModuleState* m, PyObject* const* args, Py_ssize_t nargs)
+{
+    CInitialCallback_Callback_Ctx ctx = {m, nullptr, nullptr, nullptr, 0, 0};
+    if (nargs >= 1)
+        return answer_not_code(&ctx, args[0]);
+    api._PyErr_BadInternalCall(kSourceName, kLinenoCallbackNoArgs);
+    return suppress_failure(&ctx);
+}
+
+// The state of a half-made instance, which has no module of its own.
+XPY_COLD static tModuleState* find_state(PyTypeObject* defining_class)
+{
+    return static_cast<tModuleState*>(api.PyType_GetModuleState(defining_class));
+}
+
 static PyObject* CInitialCallback_Callback(PyObject* self, PyTypeObject* defining_class, PyObject* const* args,
                                            Py_ssize_t nargs, PyObject* kwnames)
 {
-    tModuleState* m = static_cast<tModuleState*>(api.PyType_GetModuleState(defining_class));
-    CInitialCallbackBody* body = m && m->dp ? initial_callback_body(self, as_type(m->CInitialCallback)) : nullptr;
-    if (XPY_UNLIKELY(!body))
+    CInitialCallbackBody* body = initial_callback_body(self, defining_class);
+    tModuleState* m = body ? body->mod_state : nullptr;  // that of the defining class, as construction found it
+    if (XPY_UNLIKELY(!m))
+        m = find_state(defining_class);
+    if (XPY_UNLIKELY(!m || !m->dp || !body))
         return answer_without_state();
     if (XPY_UNLIKELY(api.cached_pid != m->_gThisProcessPid))
-        return new_none();  // a forked child whose host has not taken it over
-    CInitialCallback_Callback_Ctx ctx = {m, nullptr, nullptr, nullptr, 0, 0};
-    if (XPY_UNLIKELY(nargs < 1)) {
-        api._PyErr_BadInternalCall(kSourceName, kLinenoCallbackNoArgs);
-        return suppress_failure(&ctx);
-    }
-    if (XPY_UNLIKELY(!XPy_IsInstance(args[0], api.PyCode_Type_ptr)))
-        return answer_not_code(&ctx, args[0]);
+        return XPy_NewRef(api.Py_None);  // a forked child whose host has not taken it over
+    if (XPY_UNLIKELY(nargs < 1 || (XPy_BorrowTypeInline(args[0]) != api.PyCode_Type_ptr &&
+                                   !XPy_IsInstance(args[0], api.PyCode_Type_ptr))))
+        return answer_odd_arguments(m, args, nargs);
     // The interpreter does not hold the callback that it calls: code run here, or another thread while this one waits
     // for its suspend lock, may unregister it and drop the instance.
-    XPyOwned held_self(XPy_NewRef(self));
-    DO_DP(m->dp->initial_monitoring_callbacks, "Initial callback called for %s\n second callback is %s\n",
-          get_dprintf_repr_str1(m->dp, args[0]), get_dprintf_repr_str2(m->dp, body->fSecondCallback));
-    return decide(&ctx, body, args, nargs, kwnames);
+    XPy_InlineIncRef(self);
+    PyObject* answer = decide_shortly(m, body, args, nargs, kwnames);
+    XPy_InlineDecRef(self);
+    return answer;
 }
 
 // ---- Construction and the class ----
@@ -347,7 +416,7 @@ static void CInitialCallback_finalize(PyObject* self)
 }
 
 static PyMethodDef kMethods[] = {
-    {"Callback", as_method(CInitialCallback_Callback), kMethInstance, nullptr},
+    {"Callback", AS_METHOD(CInitialCallback_Callback), kMethInstance, nullptr},
     {nullptr, nullptr, 0, nullptr},
 };
 

@@ -23,6 +23,7 @@ static constexpr int kMemberSsize = 19;
 static constexpr int kMemberReadOnly = 1;
 
 // Type slots and flags.
+static constexpr int kSlotTpClear = 51;
 static constexpr int kSlotTpInit = 60;
 static constexpr int kSlotTpMethods = 64;
 static constexpr int kSlotTpMembers = 72;
@@ -41,11 +42,8 @@ static constexpr const char* kNewPerCodeObjectCreatedCallback = "_fNewPerCodeObj
 typedef PyObject* (*tDefiningClassMethod)(PyObject* self, PyTypeObject* cls, PyObject* const* args, Py_ssize_t nargs,
                                           PyObject* kwnames);
 
-template <typename T>
-static PyCFunction as_method(T function)
-{
-    return reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(function));
-}
+// A method's function for its table; a macro, so that the tables are constants and need no start-up code.
+#define AS_METHOD(function) reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(function))
 
 static inline tDPData* dp_of(tModuleState* m)
 {
@@ -74,6 +72,34 @@ static inline CPerFileBody* per_file_body(PyObject* obj, PyTypeObject* cls)
 static inline CInitialCallbackBody* initial_callback_body(PyObject* obj, PyTypeObject* cls)
 {
     return get_body<CInitialCallbackBody>(obj, cls, &gInitialCallbackBodyOffset);
+}
+
+// ---- The roads of the callback, inline ----
+// They take what is ready and leave everything else, failures included, to the functions that find out why it is not.
+
+// The record in the code object's extra slot [borrowed] if it needs no refinement, else null.
+static inline PyObject* borrow_ready_record(tModuleState* m, PyObject* code)
+{
+    void* extra = nullptr;
+    if (XPY_UNLIKELY(api._PyCode_GetExtra(code, m->code_object_extra_index, &extra) < 0)) {
+        api.PyErr_Clear();
+        return nullptr;
+    }
+    PyObject* record = static_cast<PyObject*>(extra);
+    if (XPY_UNLIKELY(!record || gPerCodeObjectBodyOffset == -1))
+        return nullptr;
+    bool is_ready = !per_code_object_body(record, as_type(m->CPerCodeObject))->fUpdatePathnameNeeded;
+    return XPY_LIKELY(is_ready) ? record : nullptr;
+}
+
+// The record behind this thread's storage slot [borrowed] if it is not stale and has its name, else null.
+static inline PyObject* borrow_ready_per_thread(tModuleState* m)
+{
+    _tPyTssData* pair = static_cast<_tPyTssData*>(api.PyThread_tss_get(m->_gPyTssKey));
+    if (XPY_UNLIKELY(!pair || !pair->fPerThreadPtr || pair->fThreadStatePtr != api.PyThreadState_Get()))
+        return nullptr;
+    bool has_name = per_thread_body(pair->fPerThreadPtr, as_type(m->CPerThread))->fThreadName != api.Py_None;
+    return XPY_LIKELY(has_name) ? pair->fPerThreadPtr : nullptr;
 }
 
 #endif

@@ -11,22 +11,22 @@ static const char kDocDPrintf[] =
     "be a callback to be called if domain is enabled; callable will be called w/o args and needs to return a str";
 
 static PyMethodDef kMethods[] = {
-    {"lookup_canonical_pathname", as_method(lookup_canonical_pathname_wrap), kMethVarargsKeywords, nullptr},
-    {"register_canonical_pathname", as_method(register_canonical_pathname_wrap), kMethVarargsKeywords, nullptr},
-    {"set_dprintf_file", as_method(set_dprintf_file_wrap), kMethVarargs, kDocSetDPrintfFile},
-    {"set_dprintf_mask", as_method(set_dprintf_mask_wrap), kMethVarargs, kDocDPrintfMask},
-    {"get_dprintf_mask", as_method(get_dprintf_mask_wrap), kMethVarargs, kDocDPrintfMask},  // Kept: the setter's text
-    {"dprintf", as_method(dprintf_wrap), kMethVarargsKeywords, kDocDPrintf},
-    {"get_canonical_pathname", as_method(get_canonical_pathname_wrap), kMethVarargsKeywords, nullptr},
-    {"set_checksum_callback", as_method(set_checksum_callback_wrap), kMethVarargsKeywords, nullptr},
-    {"get_checksum_callback", as_method(get_checksum_callback_wrap), kMethVarargsKeywords, nullptr},
-    {"SetInternalPathnameDict", as_method(SetInternalPathnameDict), kMethFast, nullptr},
-    {"IsInternalFrame", as_method(IsInternalFrame), kMethFast, nullptr},
-    {"GetNonInternalFrame", as_method(GetNonInternalFrame), kMethFast, nullptr},
-    {"GetPathnameKind", as_method(GetPathnameKind), kMethFast, nullptr},
-    {"UpdateThisProcessPid", as_method(UpdateThisProcessPid), kMethFast, nullptr},
-    {"AddToThreadStateTracing", as_method(AddToThreadStateTracing), kMethFast, nullptr},
-    {"reset", as_method(optmonitoring_reset), kMethFast, nullptr},
+    {"lookup_canonical_pathname", AS_METHOD(lookup_canonical_pathname_wrap), kMethVarargsKeywords, nullptr},
+    {"register_canonical_pathname", AS_METHOD(register_canonical_pathname_wrap), kMethVarargsKeywords, nullptr},
+    {"set_dprintf_file", AS_METHOD(set_dprintf_file_wrap), kMethVarargs, kDocSetDPrintfFile},
+    {"set_dprintf_mask", AS_METHOD(set_dprintf_mask_wrap), kMethVarargs, kDocDPrintfMask},
+    {"get_dprintf_mask", AS_METHOD(get_dprintf_mask_wrap), kMethVarargs, kDocDPrintfMask},  // Kept: the setter's text
+    {"dprintf", AS_METHOD(dprintf_wrap), kMethVarargsKeywords, kDocDPrintf},
+    {"get_canonical_pathname", AS_METHOD(get_canonical_pathname_wrap), kMethVarargsKeywords, nullptr},
+    {"set_checksum_callback", AS_METHOD(set_checksum_callback_wrap), kMethVarargsKeywords, nullptr},
+    {"get_checksum_callback", AS_METHOD(get_checksum_callback_wrap), kMethVarargsKeywords, nullptr},
+    {"SetInternalPathnameDict", AS_METHOD(SetInternalPathnameDict), kMethFast, nullptr},
+    {"IsInternalFrame", AS_METHOD(IsInternalFrame), kMethFast, nullptr},
+    {"GetNonInternalFrame", AS_METHOD(GetNonInternalFrame), kMethFast, nullptr},
+    {"GetPathnameKind", AS_METHOD(GetPathnameKind), kMethFast, nullptr},
+    {"UpdateThisProcessPid", AS_METHOD(UpdateThisProcessPid), kMethFast, nullptr},
+    {"AddToThreadStateTracing", AS_METHOD(AddToThreadStateTracing), kMethFast, nullptr},
+    {"reset", AS_METHOD(optmonitoring_reset), kMethFast, nullptr},
     {nullptr, nullptr, 0, nullptr},
 };
 

@@ -349,10 +349,10 @@ static PyObject* CPerCodeObject_cb_code_object_dealloc(PyObject* self, PyTypeObj
 // ---- The class ----
 
 static PyMethodDef kMethods[] = {
-    {"GetPerCodeObject", as_method(CPerCodeObject_GetPerCodeObject), kMethClass, nullptr},
-    {"SetNewPerCodeObjectCreatedCallback", as_method(CPerCodeObject_SetNewPerCodeObjectCreatedCallback), kMethClass,
+    {"GetPerCodeObject", AS_METHOD(CPerCodeObject_GetPerCodeObject), kMethClass, nullptr},
+    {"SetNewPerCodeObjectCreatedCallback", AS_METHOD(CPerCodeObject_SetNewPerCodeObjectCreatedCallback), kMethClass,
      nullptr},
-    {"_cb_code_object_dealloc", as_method(CPerCodeObject_cb_code_object_dealloc), kMethInstance, nullptr},
+    {"_cb_code_object_dealloc", AS_METHOD(CPerCodeObject_cb_code_object_dealloc), kMethInstance, nullptr},
     {nullptr, nullptr, 0, nullptr},
 };
 

@@ -5,6 +5,10 @@
 // object dies. Then the interpreter frees the slot (FreeCodeObjectExtra) and afterwards calls the weak reference
 // back; both run the same death steps, of which the second finds nothing to do. The code object is already dead at
 // both times and is not touched.
+//
+// On a free-threaded interpreter it is the collector that finds a code object dead. The order is then reversed, and
+// the collector leaves the callback inside the weak reference it has called back: weak reference, callback and record
+// would hold each other for ever, so the freed slot takes the callback away.
 
 #include "optmonitoring_internal.h"
 
@@ -194,17 +198,44 @@ int CPerCodeObject_cb_code_object_dealloc_direct(tModuleState* m, PyObject* per_
     return 0;
 }
 
+// Takes the callback away from the record's weak reference, which stays what it is otherwise: dead, or alive when the
+// slot was freed for another record.
+static void drop_callback(tModuleState* m, PyObject* record)
+{
+    CPerCodeObjectBody* body = need_per_code_object(m, record);
+    XPyOwned weak_ref(body ? XPy_NewRef(body->fCodeObjectWeakRef) : nullptr);
+    XPyOwned code(weak_ref ? api.PyObject_CallNoArgs(weak_ref.borrow()) : nullptr);
+    if (!code)
+        return;
+    if (code.borrow() != api.Py_None) {
+        XPyOwned without_callback(api.PyWeakref_NewRef(code.borrow(), nullptr));
+        if (without_callback)
+            XPy_SetField(&body->fCodeObjectWeakRef, without_callback.borrow());
+        return;
+    }
+    typedef int (*tClear)(PyObject*);
+    void* slot = api.PyType_GetSlot(XPy_BorrowType(weak_ref.borrow()), kSlotTpClear);
+    if (slot)
+        reinterpret_cast<tClear>(slot)(weak_ref.borrow());
+}
+
 void FreeCodeObjectExtra(void* extra)
 {
     if (!extra || !borrow_current_thread_state_or_null())
         return;
     PyObject* record = static_cast<PyObject*>(extra);
     XPyHeldError held;
+    XPyOwned owned;  // released when everything else is done
     tModuleState* m = state_of(record);
     if (m && CPerCodeObject_cb_code_object_dealloc_direct(m, record) < 0) {
         clear_failure(m->dp, "Clearing exception in FreeCodeObjectExtra()\n");
     } else {
         api.PyErr_Clear();  // a class that the collector has taken apart has no state: nothing to remove from
-        XPy_DoDecRef(record);
+        owned.reset(record);
+    }
+    bool free_threaded = api.pyobject_offsets.mutex != -1;
+    if (m && free_threaded) {
+        drop_callback(m, record);
+        api.PyErr_Clear();
     }
 }

@@ -256,11 +256,11 @@ static PyObject* CPerFile_UpdateChecksum(PyObject* self, PyTypeObject* cls, PyOb
 // ---- The class ----
 
 static PyMethodDef kMethods[] = {
-    {"GetPerFile", as_method(CPerFile_GetPerFile), kMethClass, nullptr},
-    {"GetPerFileSetForChecksum", as_method(CPerFile_GetPerFileSetForChecksum), kMethClass, nullptr},
-    {"GetAllPerFiles", as_method(CPerFile_GetAllPerFiles), kMethClass, nullptr},
-    {"SetNewPerFileCreatedCallback", as_method(CPerFile_SetNewPerFileCreatedCallback), kMethClass, nullptr},
-    {"UpdateChecksum", as_method(CPerFile_UpdateChecksum), kMethInstance, nullptr},
+    {"GetPerFile", AS_METHOD(CPerFile_GetPerFile), kMethClass, nullptr},
+    {"GetPerFileSetForChecksum", AS_METHOD(CPerFile_GetPerFileSetForChecksum), kMethClass, nullptr},
+    {"GetAllPerFiles", AS_METHOD(CPerFile_GetAllPerFiles), kMethClass, nullptr},
+    {"SetNewPerFileCreatedCallback", AS_METHOD(CPerFile_SetNewPerFileCreatedCallback), kMethClass, nullptr},
+    {"UpdateChecksum", AS_METHOD(CPerFile_UpdateChecksum), kMethInstance, nullptr},
     {nullptr, nullptr, 0, nullptr},
 };
 

@@ -472,13 +472,13 @@ static PyObject* CPerThread_FindThreadName(PyObject* self, PyTypeObject* cls, Py
 // ---- The class ----
 
 static PyMethodDef kMethods[] = {
-    {"GetPerThread", as_method(CPerThread_GetPerThread), kMethClass, nullptr},
-    {"GetAllPerThreads", as_method(CPerThread_GetAllPerThreads), kMethClass, nullptr},
-    {"SetDebugPolicyCallback", as_method(CPerThread_SetDebugPolicyCallback), kMethClass, nullptr},
-    {"SetNewPerThreadCreatedCallback", as_method(CPerThread_SetNewPerThreadCreatedCallback), kMethClass, nullptr},
-    {"SetGetThreadNameCallback", as_method(CPerThread_SetGetThreadNameCallback), kMethClass, nullptr},
-    {"GetDebugPolicy", as_method(CPerThread_GetDebugPolicy), kMethInstance, nullptr},
-    {"FindThreadName", as_method(CPerThread_FindThreadName), kMethInstance, nullptr},
+    {"GetPerThread", AS_METHOD(CPerThread_GetPerThread), kMethClass, nullptr},
+    {"GetAllPerThreads", AS_METHOD(CPerThread_GetAllPerThreads), kMethClass, nullptr},
+    {"SetDebugPolicyCallback", AS_METHOD(CPerThread_SetDebugPolicyCallback), kMethClass, nullptr},
+    {"SetNewPerThreadCreatedCallback", AS_METHOD(CPerThread_SetNewPerThreadCreatedCallback), kMethClass, nullptr},
+    {"SetGetThreadNameCallback", AS_METHOD(CPerThread_SetGetThreadNameCallback), kMethClass, nullptr},
+    {"GetDebugPolicy", AS_METHOD(CPerThread_GetDebugPolicy), kMethInstance, nullptr},
+    {"FindThreadName", AS_METHOD(CPerThread_FindThreadName), kMethInstance, nullptr},
     {nullptr, nullptr, 0, nullptr},
 };
 

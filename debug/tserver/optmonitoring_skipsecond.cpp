@@ -2,24 +2,23 @@
 
 #include "optmonitoring_internal.h"
 
-// The working set of one decision; it holds its own references.
+// The working set of one decision. The call's context and the interpreter hold what it borrows for longer than the
+// decision lasts; only a thread's record that the decision had to fetch itself is its own.
 struct CInitialCallback_SkipSecondCallback_locals {
     CInitialCallbackBody* body;
-    PyObject* code;             // [owned]
-    PyObject* per_code_object;  // [owned]
+    PyObject* code;             // [borrowed]
+    PyObject* per_code_object;  // [borrowed]
     CPerCodeObjectBody* per_code_object_body;
-    PyObject* per_thread;  // [owned]
+    PyObject* per_thread;  // [borrowed], or the same as fetched_per_thread
     CPerThreadBody* per_thread_body;
-    PyObject* per_file;    // not consulted
-    PyObject* lineno_obj;  // [owned]
+    PyObject* per_file;            // not consulted
+    PyObject* lineno_obj;          // [borrowed]
+    PyObject* fetched_per_thread;  // [owned], null: the context brought one
 };
 
 static void CInitialCallback_SkipSecondCallback_clear_frame(CInitialCallback_SkipSecondCallback_locals* locals)
 {
-    XPy_ClearField(&locals->code);
-    XPy_ClearField(&locals->per_code_object);
-    XPy_ClearField(&locals->per_thread);
-    XPy_ClearField(&locals->lineno_obj);
+    XPy_ClearField(&locals->fetched_per_thread);
 }
 
 #define LOG(...) DO_DP(m->dp->initial_monitoring_callbacks, __VA_ARGS__)
@@ -33,8 +32,10 @@ static bool is_known_event(const tModuleState* m, int event_id)
 // Fetches the thread's record when the context brought none; -1 when there is none to be had.
 static int find_per_thread(tModuleState* m, CInitialCallback_SkipSecondCallback_locals* locals)
 {
-    if (!locals->per_thread)
-        locals->per_thread = CInitialCallback_GetPerThreadCalledFromCallback(m);
+    if (!locals->per_thread) {
+        locals->fetched_per_thread = CInitialCallback_GetPerThreadCalledFromCallback(m);
+        locals->per_thread = locals->fetched_per_thread;
+    }
     if (!locals->per_thread) {
         LOG("no per_thread, returning -1\n");
         return -1;
@@ -100,11 +101,11 @@ int CInitialCallback_SkipSecondCallback_direct(CInitialCallback_Callback_Ctx* ct
     tModuleState* m = ctx->m;
     CInitialCallback_SkipSecondCallback_locals locals = {};
     locals.body = body;
-    locals.code = XPy_NewRef(code);
-    locals.per_code_object = XPy_NewRef(ctx->per_code_object);
+    locals.code = code;
+    locals.per_code_object = ctx->per_code_object;
     locals.per_code_object_body = per_code_object_body(ctx->per_code_object, as_type(m->CPerCodeObject));
-    locals.per_thread = XPy_NewRef(ctx->per_thread);
-    locals.lineno_obj = XPy_NewRef(ctx->lineno_obj);
+    locals.per_thread = ctx->per_thread;
+    locals.lineno_obj = ctx->lineno_obj;
     int skip = CInitialCallback_SkipSecondCallback_inner(m, &locals);
     CInitialCallback_SkipSecondCallback_clear_frame(&locals);
     return skip;

@@ -257,6 +257,43 @@ static inline Py_ssize_t XPy_GetRefCnt(const PyObject* obj)
                                : *static_cast<const Py_ssize_t*>(count);
 }
 
+// The primitives above, inline: reading and writing the count costs less than a call.
+static inline void XPy_InlineIncRef(PyObject* obj)
+{
+    if (XPY_UNLIKELY(!api.can_update_refcount_directly)) {
+        api.Py_IncRef(obj);
+        return;
+    }
+    void* count = reinterpret_cast<char*>(obj) + api.pyobject_offsets.refcnt;
+    if (XPY_LIKELY(api.refcnt_is_32bit)) {
+        uint32_t word = *static_cast<uint32_t*>(count);
+        if (static_cast<int32_t>(word) >= 0)
+            *static_cast<uint32_t*>(count) = word + 1;
+    } else {
+        ++*static_cast<int64_t*>(count);
+    }
+}
+
+static inline void XPy_InlineDecRef(PyObject* obj)
+{
+    if (XPY_LIKELY(api.can_update_refcount_directly)) {
+        void* count = reinterpret_cast<char*>(obj) + api.pyobject_offsets.refcnt;
+        if (XPY_LIKELY(api.refcnt_is_32bit)) {
+            int32_t word = *static_cast<int32_t*>(count);
+            if (word < 0)
+                return;
+            if (XPY_LIKELY(word > 1)) {
+                *static_cast<int32_t*>(count) = word - 1;
+                return;
+            }
+        } else if (*static_cast<int64_t*>(count) > 1) {
+            --*static_cast<int64_t*>(count);
+            return;
+        }
+    }
+    api.Py_DecRef(obj);
+}
+
 // Sets an owned field to null, then releases what it held.
 template <typename T>
 static inline void XPy_ClearField(T** field)
@@ -264,14 +301,14 @@ static inline void XPy_ClearField(T** field)
     PyObject* old = reinterpret_cast<PyObject*>(*field);
     *field = nullptr;
     if (old)
-        XPy_DoDecRef(old);
+        XPy_InlineDecRef(old);
 }
 
 // OBJ with a new reference taken; null stays null. [new]
 static inline PyObject* XPy_NewRef(PyObject* obj)
 {
     if (obj)
-        XPy_DoIncRef(obj);
+        XPy_InlineIncRef(obj);
     return obj;
 }
 
@@ -281,7 +318,7 @@ static inline void XPy_SetField(PyObject** field, PyObject* value)
     PyObject* old = *field;
     *field = XPy_NewRef(value);
     if (old)
-        XPy_DoDecRef(old);
+        XPy_InlineDecRef(old);
 }
 
 // One local strong reference; move-only.
@@ -305,7 +342,7 @@ class XPyOwned
         PyObject* old = fPtr;
         fPtr = new_ref;
         if (old)
-            XPy_DoDecRef(old);
+            XPy_InlineDecRef(old);
     }
     PyObject** out() { return &fPtr; }  // for calls that store a [new] reference; only while empty
     explicit operator bool() const { return fPtr != nullptr; }
@@ -330,12 +367,18 @@ class XPyHeldError
     PyObject* fTraceback = nullptr;
 };
 
-// True when the type of OBJ, read in its header, is TYPE or derives from it. Null arguments: false.
+// Type of OBJ, read in its header. [borrowed]
+static inline PyTypeObject* XPy_BorrowTypeInline(PyObject* obj)
+{
+    return *reinterpret_cast<PyTypeObject**>(reinterpret_cast<char*>(obj) + api.pyobject_offsets.type);
+}
+
+// True when the type of OBJ is TYPE or derives from it. Null arguments: false.
 static inline bool XPy_IsInstance(PyObject* obj, PyTypeObject* type)
 {
     if (!obj || !type)
         return false;
-    PyTypeObject* own = *static_cast<PyTypeObject**>(XPy_GetFieldAddress(obj, api.pyobject_offsets.type));
+    PyTypeObject* own = XPy_BorrowTypeInline(obj);
     return own == type || api.PyType_IsSubtype(own, type);
 }
 

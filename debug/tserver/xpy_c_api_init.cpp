@@ -551,36 +551,10 @@ void XPy_CallDecRef(PyObject* obj)
 
 void XPy_DoIncRef(PyObject* obj)
 {
-    if (!api.can_update_refcount_directly) {
-        api.Py_IncRef(obj);
-        return;
-    }
-    void* count = reinterpret_cast<char*>(obj) + api.pyobject_offsets.refcnt;
-    if (!api.refcnt_is_32bit) {
-        ++*static_cast<int64_t*>(count);
-        return;
-    }
-    int32_t* word = static_cast<int32_t*>(count);
-    if (*word >= 0)
-        *word = static_cast<int32_t>(static_cast<uint32_t>(*word) + 1);
+    XPy_InlineIncRef(obj);
 }
 
 void XPy_DoDecRef(PyObject* obj)
 {
-    if (api.can_update_refcount_directly) {
-        void* count = reinterpret_cast<char*>(obj) + api.pyobject_offsets.refcnt;
-        if (api.refcnt_is_32bit) {
-            int32_t* word = static_cast<int32_t*>(count);
-            if (*word < 0)
-                return;
-            if (*word > 1) {
-                --*word;
-                return;
-            }
-        } else if (*static_cast<int64_t*>(count) > 1) {
-            --*static_cast<int64_t*>(count);
-            return;
-        }
-    }
-    api.Py_DecRef(obj);
+    XPy_InlineDecRef(obj);
 }

@@ -76,6 +76,11 @@ class File(unittest.TestCase):
         flags = re.search(r"GNU_STACK(?:\s+0x\w+){5}\s+([RWE ]+?)\s+0x", headers).group(1)
         self.assertEqual(flags.strip(), "RW")
 
+    def test_runs_no_code_of_its_own_when_loaded(self):
+        sections = output(tool("readelf"), "-SW", support.module_file())
+        size = re.search(r"\.init_array\s+INIT_ARRAY\s+\w+\s+\w+\s+(\w+)", sections)
+        self.assertEqual(int(size.group(1), 16), 8, "more than the C runtime's own entry: a table is not a constant")
+
     def test_asks_for_no_interpreter_and_no_c_plus_plus_symbol(self):
         undefined = [(name, kind) for name, kind in symbols() if kind in "Uwv"]
         self.assertIn(("malloc", "U"), undefined)
