@@ -200,6 +200,21 @@ bool clear_if_raised(PyObject* exception);
 // Refuses keyword arguments of a constructor: 0, or -1 with TypeError pending.
 int refuse_keywords(PyObject* kwargs, const char* class_name);
 
+// ---- A look into sets of line numbers (optmonitoring_linenos.cpp) ----
+
+// Where exact sets and ints keep what the look needs, bytes; set_type is null where it is not possible.
+struct tLinenoPeek {
+    PyTypeObject* set_type;
+    Py_ssize_t set_mask;
+    Py_ssize_t set_table;
+    Py_ssize_t int_tag;
+    Py_ssize_t int_digit;
+};
+extern tLinenoPeek gLinenoPeek;
+
+// Once per process, after the binding layer has started up.
+void init_lineno_peek(void);
+
 // ---- CPerThread (optmonitoring_perthread.cpp, optmonitoring_perthread_tss.cpp) ----
 
 extern tClassInfo kPerThreadClass;

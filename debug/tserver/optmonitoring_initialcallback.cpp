@@ -152,19 +152,22 @@ static tStep CInitialCallback_Callback_CheckInternal(CInitialCallback_Callback_C
     return kAnswered;
 }
 
-// Answers LINE events on lines without a breakpoint while nothing else could want them, before any per-thread work.
-static inline tStep check_breakpoint_lines(tModuleState* m, CInitialCallbackBody* body, CPerCodeObjectBody* record,
-                                           PyObject* const* args, Py_ssize_t nargs)
+// The breakpoint lines that alone decide a LINE event [borrowed], because nothing else could want it; else null.
+static inline PyObject* borrow_deciding_lines(tModuleState* m, CInitialCallbackBody* body, CPerCodeObjectBody* record,
+                                              Py_ssize_t nargs)
 {
     if (body->_fEventId != m->kPyLineEventId || nargs == 1 || body->fAnySuspendThread ||
         body->fSteppingEventsNeededEveryThread || record->fSteppingEventsNeededCount != 0)
-        return kGoOn;
+        return nullptr;
     PyObject* linenos = record->fEnabledBpLinenos;
-    if (!linenos || linenos == api.Py_None)
-        return kGoOn;
-    XPy_InlineIncRef(linenos);  // hashing and comparing may run code that replaces it
-    int has_breakpoint = api.PySet_Contains(linenos, args[1]);
-    XPy_InlineDecRef(linenos);
+    return linenos == api.Py_None ? nullptr : linenos;
+}
+
+// Answers LINE events on lines without a breakpoint, before any per-thread work.
+static tStep check_breakpoint_lines(PyObject* linenos, PyObject* lineno)
+{
+    XPyOwned held(XPy_NewRef(linenos));  // hashing and comparing may run code that replaces it
+    int has_breakpoint = api.PySet_Contains(linenos, lineno);
     return has_breakpoint == 0 ? kAnswered : has_breakpoint < 0 ? kFailed : kGoOn;
 }
 
@@ -234,19 +237,26 @@ XPY_COLD static tStep CInitialCallback_SuspendIfNeeded_direct(CInitialCallback_C
     return kFailed;
 }
 
+// Calls the second callback with exactly the arguments received. [new], or null with an exception pending. The
+// instance, which the caller holds, holds the callback.
+static inline PyObject* call_second(CInitialCallbackBody* body, PyObject* const* args, Py_ssize_t nargs,
+                                    PyObject* kwnames)
+{
+    if (XPY_UNLIKELY(!body->fSecondCallback)) {
+        api.PyErr_SetString(api.PyExc_AttributeError, "_fSecondCallback");
+        return nullptr;
+    }
+    if (XPY_LIKELY(api.PyObject_Vectorcall != nullptr))
+        return api.PyObject_Vectorcall(body->fSecondCallback, args, static_cast<size_t>(nargs), kwnames);
+    return api.PyObject_VectorcallDict(body->fSecondCallback, args, static_cast<size_t>(nargs), nullptr);
+}
+
 static PyObject* call_second_callback(CInitialCallback_Callback_Ctx* ctx, CInitialCallbackBody* body,
                                       PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
 {
     DO_DP(ctx->m->dp->initial_monitoring_callbacks, "Initial callback -- invoking second callback\n");
     CInitialCallback_Callback_SaveErrno(ctx);
-    XPyOwned second(XPy_NewRef(body->fSecondCallback));
-    PyObject* result = nullptr;
-    if (!second)
-        api.PyErr_SetString(api.PyExc_AttributeError, "_fSecondCallback");
-    else if (api.PyObject_Vectorcall)
-        result = api.PyObject_Vectorcall(second.borrow(), args, static_cast<size_t>(nargs), kwnames);
-    else
-        result = api.PyObject_VectorcallDict(second.borrow(), args, static_cast<size_t>(nargs), nullptr);
+    PyObject* result = call_second(body, args, nargs, kwnames);
     if (!result)
         return suppress_failure(ctx);
     CInitialCallback_Callback_Ctx_finish(ctx);
@@ -279,8 +289,8 @@ static PyObject* decide_for_thread(CInitialCallback_Callback_Ctx* ctx, CInitialC
 }
 
 // The event of a code object, step by step; for those that the short road does not answer.
-__attribute__((noinline)) static PyObject* decide(tModuleState* m, CInitialCallbackBody* body, PyObject* const* args,
-                                                  Py_ssize_t nargs, PyObject* kwnames)
+static PyObject* decide(tModuleState* m, CInitialCallbackBody* body, PyObject* const* args, Py_ssize_t nargs,
+                        PyObject* kwnames)
 {
     CInitialCallback_Callback_Ctx ctx = {m, nullptr, nullptr, nullptr, 0, 0};
     DO_DP(m->dp->initial_monitoring_callbacks, "Initial callback called for %s\n second callback is %s\n",
@@ -293,49 +303,124 @@ __attribute__((noinline)) static PyObject* decide(tModuleState* m, CInitialCallb
     if (step != kGoOn)
         return step == kAnswered ? finish_with(&ctx, answer) : suppress_failure(&ctx);
     CPerCodeObjectBody* record = per_code_object_body(ctx.per_code_object, as_type(m->CPerCodeObject));
-    step = check_breakpoint_lines(m, body, record, args, nargs);
+    PyObject* linenos = borrow_deciding_lines(m, body, record, nargs);
+    step = linenos ? check_breakpoint_lines(linenos, args[1]) : kGoOn;
     if (step != kGoOn)
         return step == kAnswered ? finish_with(&ctx, api.Py_None) : suppress_failure(&ctx);
     return decide_for_thread(&ctx, body, args, nargs, kwnames);
 }
 
 // The same from the thread on, for a record [borrowed] that has passed the earlier steps.
-__attribute__((noinline)) static PyObject* decide_with_record(tModuleState* m, CInitialCallbackBody* body,
-                                                              PyObject* record, PyObject* const* args,
-                                                              Py_ssize_t nargs, PyObject* kwnames)
+static PyObject* decide_with_record(tModuleState* m, CInitialCallbackBody* body, PyObject* record,
+                                    PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
 {
     CInitialCallback_Callback_Ctx ctx = {m, nullptr, XPy_NewRef(record), nullptr, 0, 0};
     return decide_for_thread(&ctx, body, args, nargs, kwnames);
 }
 
-XPY_COLD static PyObject* fail_line_check(tModuleState* m)
+// A LINE event whose line may be among the breakpoint lines: the interpreter looks it up.
+static PyObject* decide_by_line(tModuleState* m, CInitialCallbackBody* body, PyObject* linenos, PyObject* const* args,
+                                Py_ssize_t nargs, PyObject* kwnames)
 {
-    CInitialCallback_Callback_Ctx ctx = {m, nullptr, nullptr, nullptr, 0, 0};
-    return suppress_failure(&ctx);
+    tStep step = check_breakpoint_lines(linenos, args[1]);
+    if (step == kAnswered)
+        return XPy_NewRef(api.Py_None);
+    if (step == kFailed) {
+        CInitialCallback_Callback_Ctx ctx = {m, nullptr, nullptr, nullptr, 0, 0};
+        return suppress_failure(&ctx);
+    }
+    PyObject* record = borrow_ready_record(m, args[0]);  // the look-up may have run code that dropped it
+    return record ? decide_with_record(m, body, record, args, nargs, kwnames) : decide(m, body, args, nargs, kwnames);
 }
 
-// The short road: a record that is ready, no log. Everything that it does not answer goes on step by step.
-static inline PyObject* decide_shortly(tModuleState* m, CInitialCallbackBody* body, PyObject* const* args,
-                                       Py_ssize_t nargs, PyObject* kwnames)
+// An event that the host is to see, found so without a context; only errno is saved around the call.
+__attribute__((noinline)) static PyObject* forward(PyObject* self, tModuleState* m, CInitialCallbackBody* body,
+                                                   PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
+{
+    XPy_InlineIncRef(self);
+    int saved_errno = m->save_and_restore_errno ? errno : 0;
+    PyObject* result = call_second(body, args, nargs, kwnames);
+    if (XPY_UNLIKELY(!result)) {
+        CInitialCallback_Callback_Ctx ctx = {m, nullptr, nullptr, nullptr, saved_errno, 1};
+        result = suppress_failure(&ctx);
+    } else if (saved_errno != 0) {
+        errno = saved_errno;
+    }
+    XPy_InlineDecRef(self);
+    return result;
+}
+
+// How far the short road has got with an event.
+enum tShortRoad { kStepByStep, kByLine, kForThread, kForward, kAnsweredNone };
+
+// Runs what may run code of the program. The interpreter does not hold the callback that it calls: such code, or
+// another thread while this one waits for its suspend lock, may unregister it and drop the instance, so it is held
+// here.
+__attribute__((noinline)) static PyObject* decide_held(PyObject* self, tModuleState* m, CInitialCallbackBody* body,
+                                                       PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames,
+                                                       tShortRoad road, PyObject* found)
+{
+    XPyOwned held(XPy_NewRef(self));
+    switch (road) {
+        case kByLine:
+            return decide_by_line(m, body, found, args, nargs, kwnames);
+        case kForThread:
+            return decide_with_record(m, body, found, args, nargs, kwnames);
+        default:
+            break;
+    }
+    return decide(m, body, args, nargs, kwnames);
+}
+
+// The policy, the suspend check and the skip decision, where this thread's record is ready and the answers are at
+// hand. What is borrowed here is held by the code object's slot and the thread's dict, which no code of the program
+// can change meanwhile.
+static inline tShortRoad decide_for_ready_thread(tModuleState* m, CInitialCallbackBody* body,
+                                                 CPerCodeObjectBody* record, PyObject* const* args, Py_ssize_t nargs)
+{
+    PyObject* per_thread = borrow_ready_per_thread(m);
+    if (XPY_UNLIKELY(!per_thread))
+        return kForThread;
+    CPerThreadBody* thread = per_thread_body(per_thread, as_type(m->CPerThread));
+    if (thread->fDebugPolicy == 0)
+        return kAnsweredNone;
+    bool must_ask = thread->fDebugPolicy == -1;
+    bool may_suspend = body->fAnySuspendThread && thread->fCheckSuspendLock;
+    if (XPY_UNLIKELY(must_ask || may_suspend))
+        return kForThread;
+    bool has_line = body->_fEventId == m->kPyLineEventId && nargs != 1;
+    tSkipReason reason = find_skip_reason(m, body->_fEventId, thread, record, has_line ? args[1] : api.Py_None);
+    if (reason == kNothingNeedsIt)
+        return kAnsweredNone;
+    return reason == kLineMayHaveBreakpoint ? kForThread : kForward;
+}
+
+// The short road: a record that is ready, no log, and no code of the program. What it does not answer goes on held.
+static inline PyObject* decide_shortly(PyObject* self, tModuleState* m, CInitialCallbackBody* body,
+                                       PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
 {
     PyObject* record = borrow_ready_record(m, args[0]);
     if (XPY_UNLIKELY(!record || m->dp->initial_monitoring_callbacks))
-        return decide(m, body, args, nargs, kwnames);
+        return decide_held(self, m, body, args, nargs, kwnames, kStepByStep, nullptr);
     CPerCodeObjectBody* record_body = per_code_object_body(record, as_type(m->CPerCodeObject));
     if (XPY_UNLIKELY(record_body->fIsInternal != api.Py_False)) {
         bool is_internal =
             record_body->fIsInternal == api.Py_True && XPy_BorrowTypeInline(record) == as_type(m->CPerCodeObject);
         if (!is_internal)
-            return decide(m, body, args, nargs, kwnames);
+            return decide_held(self, m, body, args, nargs, kwnames, kStepByStep, nullptr);
         return XPy_NewRef(body->fCanReturnDisable ? m->monitoring_disabled : api.Py_None);
     }
-    tStep step = check_breakpoint_lines(m, body, record_body, args, nargs);
-    if (XPY_LIKELY(step == kAnswered))
+    PyObject* linenos = borrow_deciding_lines(m, body, record_body, nargs);
+    if (!linenos) {
+        tShortRoad road = decide_for_ready_thread(m, body, record_body, args, nargs);
+        if (road == kAnsweredNone)
+            return XPy_NewRef(api.Py_None);
+        return road == kForward ? forward(self, m, body, args, nargs, kwnames)
+                                : decide_held(self, m, body, args, nargs, kwnames, road, record);
+    }
+    if (XPY_LIKELY(is_surely_absent(linenos, args[1])))
         return XPy_NewRef(api.Py_None);
-    if (XPY_UNLIKELY(step == kFailed))
-        return fail_line_check(m);
-    record = borrow_ready_record(m, args[0]);  // the look-up may have run code that dropped the record
-    return record ? decide_with_record(m, body, record, args, nargs, kwnames) : decide(m, body, args, nargs, kwnames);
+    return decide_held(self, m, body, args, nargs, kwnames, kByLine, linenos);
 }
 
 // ---- The callback ----
@@ -376,12 +461,7 @@ static PyObject* CInitialCallback_Callback(PyObject* self, PyTypeObject* definin
     if (XPY_UNLIKELY(nargs < 1 || (XPy_BorrowTypeInline(args[0]) != api.PyCode_Type_ptr &&
                                    !XPy_IsInstance(args[0], api.PyCode_Type_ptr))))
         return answer_odd_arguments(m, args, nargs);
-    // The interpreter does not hold the callback that it calls: code run here, or another thread while this one waits
-    // for its suspend lock, may unregister it and drop the instance.
-    XPy_InlineIncRef(self);
-    PyObject* answer = decide_shortly(m, body, args, nargs, kwnames);
-    XPy_InlineDecRef(self);
-    return answer;
+    return decide_shortly(self, m, body, args, nargs, kwnames);
 }
 
 // ---- Construction and the class ----

@@ -78,8 +78,10 @@ PyObject* PyInit_optmonitoring(void)
     if (XPy_Initialize() != 0)
         return nullptr;
     call_count++;
-    if (call_count == 1)
+    if (call_count == 1) {
         add_object_head();
+        init_lineno_peek();
+    }
     one_time_init_complete = 1;
     return init_module_def();
 }

@@ -23,12 +23,6 @@ static void CInitialCallback_SkipSecondCallback_clear_frame(CInitialCallback_Ski
 
 #define LOG(...) DO_DP(m->dp->initial_monitoring_callbacks, __VA_ARGS__)
 
-static bool is_known_event(const tModuleState* m, int event_id)
-{
-    return event_id == m->kPyStartEventId || event_id == m->kPyReturnEventId || event_id == m->kPyYieldEventId ||
-           event_id == m->kPyResumeEventId || event_id == m->kPyLineEventId;
-}
-
 // Fetches the thread's record when the context brought none; -1 when there is none to be had.
 static int find_per_thread(tModuleState* m, CInitialCallback_SkipSecondCallback_locals* locals)
 {
@@ -56,43 +50,38 @@ static int has_breakpoint(tModuleState* m, PyObject* linenos, PyObject* lineno_o
     return contains;
 }
 
+// What the log says of a reason, by tSkipReason; a line with a breakpoint is not remarked on.
+static const char* const kReasonTexts[] = {
+    "early return of False\n",
+    "per_thread_body->fSteppingEventsNeeded is True, returning False\n",
+    "per_code_object.fSteppingEventsNeededCount != 0, returning False\n",
+    "per_code_object.fEnabledBpLinenos is None, returning False\n",
+    nullptr,
+    "per_code_object.fReturnEventsNeededCount != 0, returning False\n",
+    "returning True\n",
+};
+
 static int CInitialCallback_SkipSecondCallback_inner(tModuleState* m,
                                                      CInitialCallback_SkipSecondCallback_locals* locals)
 {
     int event_id = locals->body->_fEventId;
-    LOG("  CInitialCallback.SkipSecondCallback(): event id %i; ", event_id);
-    if (!is_known_event(m, event_id)) {
-        LOG("early return of False\n");
-        return 0;
-    }
-    if (find_per_thread(m, locals) < 0)
-        return -1;
-    if (locals->per_thread_body && locals->per_thread_body->fSteppingEventsNeeded) {
-        LOG("per_thread_body->fSteppingEventsNeeded is True, returning False\n");
-        return 0;
-    }
     CPerCodeObjectBody* record = locals->per_code_object_body;
-    if (record->fSteppingEventsNeededCount != 0) {
-        LOG("per_code_object.fSteppingEventsNeededCount != 0, returning False\n");
-        return 0;
+    LOG("  CInitialCallback.SkipSecondCallback(): event id %i; ", event_id);
+    tSkipReason reason = find_skip_reason(m, event_id, nullptr, record, locals->lineno_obj);
+    if (reason != kUnknownEvent) {
+        if (find_per_thread(m, locals) < 0)
+            return -1;
+        reason = find_skip_reason(m, event_id, locals->per_thread_body, record, locals->lineno_obj);
     }
-    XPyOwned linenos(XPy_NewRef(record->fEnabledBpLinenos));  // hashing and comparing may run code that replaces it
-    if (!linenos || linenos.borrow() == api.Py_None) {
-        LOG("per_code_object.fEnabledBpLinenos is None, returning False\n");
-        return 0;
-    }
-    if (event_id == m->kPyLineEventId && locals->lineno_obj != api.Py_None) {
+    if (reason == kLineMayHaveBreakpoint) {
+        XPyOwned linenos(XPy_NewRef(record->fEnabledBpLinenos));  // the look-up may run code that replaces it
         int contains = has_breakpoint(m, linenos.borrow(), locals->lineno_obj);
         if (contains != 0)
             return contains < 0 ? -1 : 0;
+        reason = find_return_reason(m, event_id, record);
     }
-    bool is_return = event_id == m->kPyReturnEventId || event_id == m->kPyYieldEventId;
-    if (is_return && record->fReturnEventsNeededCount != 0) {
-        LOG("per_code_object.fReturnEventsNeededCount != 0, returning False\n");
-        return 0;
-    }
-    LOG("returning True\n");
-    return 1;
+    LOG("%s", kReasonTexts[reason]);
+    return reason == kNothingNeedsIt;
 }
 
 int CInitialCallback_SkipSecondCallback_direct(CInitialCallback_Callback_Ctx* ctx, CInitialCallbackBody* body,

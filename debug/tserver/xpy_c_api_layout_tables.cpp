@@ -237,4 +237,14 @@ XPy_FieldWithSize py3_mod_def_fields[] = {
     {nullptr, 0},
 };
 
+XPy_FieldWithSize py3d12_set_fields[] = {
+    {"<PyObject_HEAD>", -1}, {"fill", 8}, {"used", 8}, {"mask", 8}, {"table", 8},
+    {nullptr, 0},
+};
+
+XPy_FieldWithSize py3d12_int_fields[] = {
+    {"<PyObject_HEAD>", -1}, {"lv_tag", 8}, {"ob_digit", 4},
+    {nullptr, 0},
+};
+
 // clang-format on

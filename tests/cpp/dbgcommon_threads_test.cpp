@@ -147,6 +147,7 @@ TEST_F(DbgcommonThreads, ThreadWithoutFramesHasNone)
     EXPECT_EQ(get_stack_depth(fresh), 0);
     EXPECT_EQ(borrow_thread_state_traceobj(fresh), nullptr);
     EXPECT_EQ(get_thread_state_tracing(fresh), 0);
+    api.PyThreadState_Clear(fresh);
     api.PyThreadState_Delete(fresh);
 }
 
@@ -315,14 +316,14 @@ TEST_F(DbgcommonThreads, RaisedCounterStopsTracing)
 TEST_F(DbgcommonThreads, OwnTraceFunctionIsSetAndRemoved)
 {
     run("obj = Plain()\ndef f(): pass");
-    Py_ssize_t before = XPy_GetRefCnt(var("obj"));
+    Py_ssize_t before = count_of(var("obj"));
     EXPECT_EQ(set_thread_state_trace_cfunc(tstate(), count_trace_calls, var("obj")), 0);
     XPyOwned traced(api.PyObject_CallNoArgs(var("f")));
     EXPECT_EQ(borrow_thread_state_traceobj(tstate()), var("obj"));
     EXPECT_EQ(set_thread_state_trace_cfunc(tstate(), nullptr, nullptr), 0);
     EXPECT_GT(gTraceCalls, 0);
     EXPECT_EQ(gTraceObj, var("obj"));
-    EXPECT_EQ(XPy_GetRefCnt(var("obj")), before);
+    EXPECT_EQ(count_of(var("obj")), before);
     int calls = gTraceCalls;
     XPyOwned untraced(api.PyObject_CallNoArgs(var("f")));
     EXPECT_EQ(gTraceCalls, calls);

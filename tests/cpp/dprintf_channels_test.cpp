@@ -597,24 +597,24 @@ TEST_F(DprintfPyFiles, PyFileAloneSwitchesTheChannelsOn)
 TEST_F(DprintfPyFiles, RecordOwnsOneReferenceToItsFile)
 {
     run("first = Log()\nsecond = Log()");
-    Py_ssize_t before = XPy_GetRefCnt(var("first"));
+    Py_ssize_t before = count_of(var("first"));
     set_dp_data_file_obj(fData, var("first"), -1, nullptr);
-    EXPECT_EQ(XPy_GetRefCnt(var("first")), before + 1);
+    EXPECT_EQ(count_of(var("first")), before + 1);
     set_dp_data_file_obj(fData, var("first"), -1, nullptr);
-    EXPECT_EQ(XPy_GetRefCnt(var("first")), before + 1);
+    EXPECT_EQ(count_of(var("first")), before + 1);
     set_dp_data_file_obj(fData, var("second"), -1, nullptr);
-    EXPECT_EQ(XPy_GetRefCnt(var("first")), before);
-    EXPECT_EQ(XPy_GetRefCnt(var("second")), before + 1);
+    EXPECT_EQ(count_of(var("first")), before);
+    EXPECT_EQ(count_of(var("second")), before + 1);
     clear_dp_data(fData);
-    EXPECT_EQ(XPy_GetRefCnt(var("second")), before);
+    EXPECT_EQ(count_of(var("second")), before);
 }
 
 TEST_F(DprintfPyFiles, ProcessWideStateOwnsTwoReferencesToItsFile)
 {
     run("file = Log()");
-    Py_ssize_t before = XPy_GetRefCnt(var("file"));
+    Py_ssize_t before = count_of(var("file"));
     set_dprintf_file(var("file"), fWire.writer(), this);
-    EXPECT_EQ(XPy_GetRefCnt(var("file")), before + 2);
+    EXPECT_EQ(count_of(var("file")), before + 2);
     EXPECT_EQ(gDPrintfFile, var("file"));
     EXPECT_EQ(gDPrintfNativeFileno, fWire.writer());
     EXPECT_EQ(gUnsafeGlobalDPData.shared_single_dp_data.file_obj, var("file"));
@@ -623,7 +623,7 @@ TEST_F(DprintfPyFiles, ProcessWideStateOwnsTwoReferencesToItsFile)
     dprint_no_tstate(kLogCore, "native\n");
     EXPECT_EQ(fWire.take(), tTexts({"native\n"}));
     set_dprintf_file(nullptr, -1, nullptr);
-    EXPECT_EQ(XPy_GetRefCnt(var("file")), before);
+    EXPECT_EQ(count_of(var("file")), before);
 }
 
 TEST_F(DprintfPyFiles, NoneWithADescriptorLeavesANativeChannelOnly)

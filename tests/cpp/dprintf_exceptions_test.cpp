@@ -109,12 +109,12 @@ TEST_F(DprintfExceptions, ChannelReportNeedsNoProcessWideFile)
 TEST_F(DprintfExceptions, ProgramsStderrIsPutBack)
 {
     run("mine = Log()\nsys.stderr = mine");
-    Py_ssize_t before = XPy_GetRefCnt(var("mine"));
+    Py_ssize_t before = count_of(var("mine"));
     raise_value_error("broken");
     do_dp_logexception(channel());
     EXPECT_EQ(take_exception(), "ValueError: broken");
     EXPECT_EQ(api.PySys_GetObject("stderr"), var("mine"));
-    EXPECT_EQ(XPy_GetRefCnt(var("mine")), before);
+    EXPECT_EQ(count_of(var("mine")), before);
     EXPECT_EQ(logged("mine"), "");
 }
 

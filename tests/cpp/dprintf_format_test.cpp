@@ -637,8 +637,10 @@ PyCodeObject* give_stand_in_code(PyFrameObject*)
     return reinterpret_cast<PyCodeObject*>(XPy_NewRef(gStandInCode));
 }
 
-TEST_F(DprintfFormat, FrameTextEndsAfterTheLineWhenTheNameCannotBeHad)
+TEST_F(DprintfFormat, FrameTextEndsAfterTheLineWhenTheNameIsOursAlone)
 {
+    if (!sees_only_references())
+        GTEST_SKIP() << kNoCount;
     run("class Code(object):\n"
         "    co_filename = 'f.py'\n"
         "    co_firstlineno = 1\n"
@@ -651,7 +653,14 @@ TEST_F(DprintfFormat, FrameTextEndsAfterTheLineWhenTheNameCannotBeHad)
     open_log();
     EXPECT_STREQ(get_dprintf_frame_str1(var("frame")), "line 1 of ");
     EXPECT_EQ(logged(), "borrow_attrib failed\nFailure in append_code_static_str()\n");
+}
+
+TEST_F(DprintfFormat, FrameTextEndsAfterTheLineWithoutCode)
+{
+    run("exec_as('f.py', 'def run(): return sys._getframe()\\nframe = run()')");
+    open_log();
     gStandInCode = nullptr;
+    tSwapped<decltype(api.PyFrame_GetCode)> stand_in(api.PyFrame_GetCode, give_stand_in_code);
     EXPECT_STREQ(get_dprintf_frame_str1(var("frame")), "line 1 of ");
     EXPECT_EQ(logged(), "Failure in append_code_static_str()\n");
 }

@@ -6,6 +6,7 @@
 #include "fileops.h"
 #include "fileops_test_support.h"
 #include "hosted_support.h"
+#include "reference_count.h"
 
 constexpr char kFileOpsHelpers[] = R"(
 import gc, sys, traceback

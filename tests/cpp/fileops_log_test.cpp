@@ -23,14 +23,14 @@ TEST_F(FileOpsRecordLog, RecordOwnsOneReferenceToEachOfItsObjects)
 {
     set_dp_data_mask(dp, 0);  // Python code that writes a log uses None as well
     XPyOwned os(XPy_NewRef(data->os_mod));
-    Py_ssize_t os_before = XPy_GetRefCnt(os.borrow()), none_before = XPy_GetRefCnt(api.Py_None);
+    Py_ssize_t os_before = count_of(os.borrow()), none_before = count_of(api.Py_None);
     tFileOpsData* other = create_file_ops_data(dp);
-    bool none_counts = !XPy_IsImmortal(api.Py_None);
-    EXPECT_EQ(os_before + 1, XPy_GetRefCnt(os.borrow()));
-    EXPECT_EQ(none_before + (none_counts ? 1 : 0), XPy_GetRefCnt(api.Py_None));
+    bool none_counts = !is_immortal(api.Py_None);
+    EXPECT_EQ(os_before + 1, count_of(os.borrow()));
+    EXPECT_EQ(none_before + (none_counts ? 1 : 0), count_of(api.Py_None));
     destroy_file_ops_data(other);
-    EXPECT_EQ(os_before, XPy_GetRefCnt(os.borrow()));
-    EXPECT_EQ(none_before, XPy_GetRefCnt(api.Py_None));
+    EXPECT_EQ(os_before, count_of(os.borrow()));
+    EXPECT_EQ(none_before, count_of(api.Py_None));
 }
 
 TEST_F(FileOpsRecordLog, MissingOsModuleIsReportedClearedAndKeptAsNull)
@@ -50,12 +50,12 @@ TEST_F(FileOpsRecordLog, MissingOsModuleIsReportedClearedAndKeptAsNull)
 TEST_F(FileOpsRecordLog, DestructionIsLoggedFirst)
 {
     XPyOwned callback(XPy_NewRef(borrow_global("recording")));
-    Py_ssize_t before = XPy_GetRefCnt(callback.borrow());
+    Py_ssize_t before = count_of(callback.borrow());
     set_checksum_callback(data, callback.borrow());
     destroy_file_ops_data(data);
     data = nullptr;
     EXPECT_EQ("In destroy_file_ops_data()\n", take_log());
-    EXPECT_EQ(before, XPy_GetRefCnt(callback.borrow()));
+    EXPECT_EQ(before, count_of(callback.borrow()));
 }
 
 // ---- The filenames channel ----

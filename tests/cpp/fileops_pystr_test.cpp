@@ -39,12 +39,12 @@ TEST_F(LookupPystr, NameInAngleBracketsIsTheSameObjectAndMakesNoEntry)
 {
     for (const char* name : {"<string>", "<>", "<a> and <b>"}) {
         XPyOwned pathname(str(name));
-        Py_ssize_t before = XPy_GetRefCnt(pathname.borrow());
+        Py_ssize_t before = count_of(pathname.borrow());
         // The checksum is not even converted.
         XPyOwned result(lookup_canonical_pathname_pystr(data, pathname.borrow(), api.Py_True));
         EXPECT_EQ(pathname.borrow(), result.borrow());
-        if (!XPy_IsImmortal(pathname.borrow())) {
-            EXPECT_EQ(before + 1, XPy_GetRefCnt(pathname.borrow()));
+        if (!is_immortal(pathname.borrow())) {
+            EXPECT_EQ(before + 1, count_of(pathname.borrow()));
         }
     }
     EXPECT_EQ(0u, data->absname_cache.numEntries);
@@ -238,7 +238,7 @@ TEST_F(NameConversion, EveryOperationLeavesTheCountsOfItsArgumentsAsTheyWere)
                                  checksum.borrow(), number.borrow(),  api.Py_None};
     std::vector<Py_ssize_t> before;
     for (PyObject* object : objects)
-        before.push_back(XPy_GetRefCnt(object));
+        before.push_back(count_of(object));
     for (int round = 0; round < 3; ++round) {
         for (PyObject* name : {known.borrow(), missing.borrow(), pseudo.borrow(), number.borrow()}) {
             for (PyObject* sum : {checksum.borrow(), number.borrow(), api.Py_None}) {
@@ -250,7 +250,7 @@ TEST_F(NameConversion, EveryOperationLeavesTheCountsOfItsArgumentsAsTheyWere)
         }
     }
     for (size_t i = 0; i < before.size(); ++i)
-        EXPECT_EQ(before[i], XPy_GetRefCnt(objects[i])) << i;
+        EXPECT_EQ(before[i], count_of(objects[i])) << i;
 }
 
 // ---- The checksum callback ----
@@ -330,16 +330,16 @@ TEST_F(ChecksumCallback, IsNotCheckedToBeCallable)
 TEST_F(ChecksumCallback, ReplacementMovesOneReference)
 {
     XPyOwned first(XPy_NewRef(borrow_global("recording"))), second(XPy_NewRef(borrow_global("raising")));
-    Py_ssize_t first_before = XPy_GetRefCnt(first.borrow()), second_before = XPy_GetRefCnt(second.borrow());
+    Py_ssize_t first_before = count_of(first.borrow()), second_before = count_of(second.borrow());
     set_checksum_callback(data, first.borrow());
-    EXPECT_EQ(first_before + 1, XPy_GetRefCnt(first.borrow()));
+    EXPECT_EQ(first_before + 1, count_of(first.borrow()));
     set_checksum_callback(data, first.borrow());
-    EXPECT_EQ(first_before + 1, XPy_GetRefCnt(first.borrow()));
+    EXPECT_EQ(first_before + 1, count_of(first.borrow()));
     set_checksum_callback(data, second.borrow());
-    EXPECT_EQ(first_before, XPy_GetRefCnt(first.borrow()));
-    EXPECT_EQ(second_before + 1, XPy_GetRefCnt(second.borrow()));
+    EXPECT_EQ(first_before, count_of(first.borrow()));
+    EXPECT_EQ(second_before + 1, count_of(second.borrow()));
     set_checksum_callback(data, api.Py_None);
-    EXPECT_EQ(second_before, XPy_GetRefCnt(second.borrow()));
+    EXPECT_EQ(second_before, count_of(second.borrow()));
 }
 
 TEST_F(ChecksumCallback, CallsLeaveTheCountsAsTheyWere)
@@ -353,15 +353,15 @@ TEST_F(ChecksumCallback, CallsLeaveTheCountsAsTheyWere)
         // The first calls may let the interpreter's caches go of a None.
         for (int i = 0; i < 5; ++i)
             XPyOwned ignored(get_checksum_for_pathname(data, pathname.borrow()));
-        Py_ssize_t pathname_before = XPy_GetRefCnt(pathname.borrow());
-        Py_ssize_t callable_before = XPy_GetRefCnt(callable.borrow());
-        Py_ssize_t none_before = XPy_GetRefCnt(api.Py_None);
+        Py_ssize_t pathname_before = count_of(pathname.borrow());
+        Py_ssize_t callable_before = count_of(callable.borrow());
+        Py_ssize_t none_before = count_of(api.Py_None);
         for (int i = 0; i < 5; ++i)
             XPyOwned ignored(get_checksum_for_pathname(data, pathname.borrow()));
         bool is_append = strcmp(callback, "[].append") == 0;  // the list keeps what it is given
-        EXPECT_EQ(pathname_before + (is_append ? 5 : 0), XPy_GetRefCnt(pathname.borrow()));
-        EXPECT_EQ(callable_before, XPy_GetRefCnt(callable.borrow()));
-        EXPECT_EQ(none_before, XPy_GetRefCnt(api.Py_None));
+        EXPECT_EQ(pathname_before + (is_append ? 5 : 0), count_of(pathname.borrow()));
+        EXPECT_EQ(callable_before, count_of(callable.borrow()));
+        EXPECT_EQ(none_before, count_of(api.Py_None));
     }
 }
 
@@ -370,12 +370,12 @@ TEST_F(ChecksumCallback, ResultIsTheCallersAlone)
     XPyOwned pathname(str("/a.py")), answer(eval_python("['list']"));
     api.PyDict_SetItemString(scope.borrow(), "answer", answer.borrow());
     set_checksum_callback(data, borrow_global("recording"));
-    Py_ssize_t before = XPy_GetRefCnt(answer.borrow());
+    Py_ssize_t before = count_of(answer.borrow());
     {
         XPyOwned result(get_checksum_for_pathname(data, pathname.borrow()));
-        EXPECT_EQ(before + 1, XPy_GetRefCnt(answer.borrow()));
+        EXPECT_EQ(before + 1, count_of(answer.borrow()));
     }
-    EXPECT_EQ(before, XPy_GetRefCnt(answer.borrow()));
+    EXPECT_EQ(before, count_of(answer.borrow()));
 }
 
 // What the callback below resets.
@@ -388,9 +388,9 @@ struct tResetting {
 
 PyObject* reset_and_answer(PyObject* self, PyObject*)
 {
-    Py_ssize_t before = XPy_GetRefCnt(self);
+    Py_ssize_t before = count_of(self);
     destroy_file_ops_data(*gResetting.data);
-    gResetting.callback_lives = XPy_GetRefCnt(self) == before;
+    gResetting.callback_lives = count_of(self) == before;
     *gResetting.data = create_file_ops_data(gResetting.dp);
     if (!gResetting.raises)
         return api.PyBool_FromLong(1);
@@ -412,7 +412,7 @@ TEST_F(ChecksumCallback, ResetInsideItIsSurvived)
         XPyOwned result(get_checksum_for_pathname(data, pathname.borrow()));
         EXPECT_EQ(raises ? api.Py_None : api.Py_True, result.borrow());
         EXPECT_TRUE(gResetting.callback_lives);
-        EXPECT_EQ(1, XPy_GetRefCnt(self.borrow()));
+        EXPECT_EQ(1, count_of(self.borrow()));
         EXPECT_EQ("", take_error());
         EXPECT_EQ("In destroy_file_ops_data()\n" +
                       (raises ? "Failure in get_checksum_for_pathname()\n" + kPendingReport : ""),

@@ -16,6 +16,7 @@
 #include "dbgcommon.h"
 #include "dprintf.h"
 #include "gtest/gtest.h"
+#include "reference_count.h"
 
 // A descriptor to write to; each write arrives as one message.
 class tWire
@@ -260,7 +261,7 @@ def live():
     {
         std::vector<Py_ssize_t> counts;
         for (PyObject* object : objects)
-            counts.push_back(XPy_GetRefCnt(object));
+            counts.push_back(count_of(object));
         return counts;
     }
 

@@ -8,6 +8,8 @@ import ctypes
 import os
 import sys
 
+import support      # noqa: F401 -- keeps counts changing and code objects dying on free-threaded 3.13
+
 
 def main(arguments):
     if not 2 <= len(arguments) <= 4:

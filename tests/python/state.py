@@ -59,10 +59,10 @@ class Slot(ctypes.Structure):
 
 
 class ModuleDef(ctypes.Structure):
-    """The interpreter's module definition of a release build."""
+    """The interpreter's module definition."""
 
     _fields_ = [
-        ("head", ctypes.c_byte * 40),
+        ("head", ctypes.c_byte * (object.__basicsize__ + 24)),
         ("name", ctypes.c_char_p),
         ("doc", ctypes.c_char_p),
         ("size", ctypes.c_ssize_t),

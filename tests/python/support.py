@@ -10,6 +10,7 @@ import gc
 import os
 import subprocess
 import sys
+import sysconfig
 import unittest
 import warnings
 
@@ -17,8 +18,15 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 HOST_DIR = os.path.join(HERE, "host")
 DEFAULT_MASK = 84           # the module's and the process-wide mask of a fresh import
 HEAD_LINE = "EXCEPTION IN DEBUG TRACER:\n"
+FREE_THREADED = bool(sysconfig.get_config_var("Py_GIL_DISABLED"))
 
 needs_monitoring = unittest.skipUnless(hasattr(sys, "monitoring"), "this interpreter has no sys.monitoring")
+
+if FREE_THREADED and sys.version_info < (3, 14):
+    # PYVERSIONS: free-threaded 3.13 makes code objects, classes and modules immortal as soon as a second thread starts:
+    # they would never die, and their counts would never change
+    import _testinternalcapi
+    _testinternalcapi.suppress_immortalization(True)
 
 
 # ---- The module ----
@@ -124,7 +132,28 @@ def get_mask():
     return mask
 
 
+# ---- The interpreter's own exceptions ----
+
+def error_text(action):
+    """The text of the exception that the action raises; the interpreter's own texts differ between versions."""
+    try:
+        action()
+    except Exception as e:
+        return str(e)
+    raise AssertionError("no exception was raised")
+
+
+NOT_A_KEY = error_text(lambda: {}[[]])          # a list looked up in a dict
+NOT_AN_ELEMENT = error_text(lambda: [] in {1})  # a list looked up in a set
+DIVISION_BY_ZERO = error_text(lambda: 1 // 0)
+
+
 # ---- Children ----
+
+# A free-threaded interpreter switches its lock on for the module and says so on standard error; nothing else is hidden.
+LOCK_WARNING = "The global interpreter lock (GIL) has been enabled to load module 'optmonitoring'"
+CHILD_OPTIONS = ["-W", "ignore:%s:RuntimeWarning" % LOCK_WARNING] if FREE_THREADED else []
+
 
 def run_child(script, *arguments, **options):
     """Exit status, standard output and standard error of a child interpreter.
@@ -140,9 +169,9 @@ def run_child(script, *arguments, **options):
     if options:
         raise TypeError("unknown options: %s" % ", ".join(sorted(options)))
     if script.endswith(".py") and "\n" not in script:
-        command = [sys.executable, os.path.join(HERE, script)]
+        command = [sys.executable] + CHILD_OPTIONS + [os.path.join(HERE, script)]
     else:
-        command = [sys.executable, "-c", script]
+        command = [sys.executable] + CHILD_OPTIONS + ["-c", script]
     child = subprocess.Popen(command + [str(argument) for argument in arguments], stdout=subprocess.PIPE,
                              stderr=subprocess.PIPE, universal_newlines=True, env=environment)
     out, err = child.communicate()
@@ -158,6 +187,19 @@ def check_child(test, script, *arguments, **options):
 
 # ---- Leaks ----
 
+# free-threaded interpreters give the memory of what one collection found back in a later one
+COLLECTIONS = 3 if FREE_THREADED else 1
+
+
+def bury_code():
+    """To be called after the last reference to a code object has gone, when that death is to be seen.
+
+    Free-threaded interpreters put off the counting of references to code objects: only the collector finds them dead.
+    """
+    if FREE_THREADED:
+        gc.collect()
+
+
 def total_instances(cls):
     """A number that grows by one with each live instance of the class; compare two of them.
 
@@ -166,6 +208,17 @@ def total_instances(cls):
     """
     gc.collect()
     return sys.getrefcount(cls)
+
+
+def references(objects):
+    """The references to each object of a new list besides the list's and that of one variable of the caller.
+
+    Tells counts apart from what a call adds: newer interpreters pass a variable's object without counting it.
+    """
+    alone = object()
+    measure = [alone]
+    counts = [sys.getrefcount(each) for each in measure + objects]
+    return [count - counts[0] for count in counts[1:]]
 
 
 def resident_bytes():
@@ -179,12 +232,15 @@ def allocated_blocks():
         with warnings.catch_warnings():
             warnings.simplefilter("ignore")
             sys._clear_type_cache()         # fills up slowly and holds names
-    gc.collect()
+    for _ in range(COLLECTIONS):
+        gc.collect()
     return sys.getallocatedblocks() if hasattr(sys, "getallocatedblocks") else len(gc.get_objects())
 
 
 def repeat(action, count=200, warm_up=50):
     """Growth in memory blocks over COUNT calls, after some calls that fill caches."""
+    if FREE_THREADED:
+        warm_up = max(warm_up, count)       # how much a collection leaves for later depends on how much it has found
     for _ in range(warm_up):
         action()
     before = allocated_blocks()
@@ -195,6 +251,8 @@ def repeat(action, count=200, warm_up=50):
 
 def assert_no_leak(test, action, count=200, warm_up=50, slack=20, rounds=3):
     """A leak of one block a call shows as COUNT blocks in every round; caches stop growing in one of them."""
+    if FREE_THREADED:
+        slack = max(slack, count // 2)      # the memory of what a collection has found comes back late, in lumps
     growths = []
     while len(growths) < rounds:
         growths.append(repeat(action, count, warm_up))

@@ -215,7 +215,7 @@ print(first.CPerFile.__basicsize__ == second.CPerFile.__basicsize__)
         out = self.attempt("""
 import optmonitoring, state
 library = ctypes.PyDLL(support.module_file())
-library.PyInit_optmonitoring.restype = ctypes.py_object
+library.PyInit_optmonitoring.restype = ctypes.c_void_p      # borrowed
 names = ["CInitialCallback", "CPerFile", "CPerCodeObject", "CPerThread"]
 sizes = [getattr(optmonitoring, name).__basicsize__ for name in names]
 for _ in range(3):
@@ -251,6 +251,7 @@ code = compile("pass", "<x>", "exec")
 record = first.CPerCodeObject.GetPerCodeObject(code)
 print(first.CPerCodeObject.GetPerCodeObject(code) is record)
 del code, record
+support.bury_code()
 print(len(first.CPerCodeObject._fPerCodeObjectDict))
 """)
         self.assertEqual(out, "True\n0\n")

@@ -92,14 +92,15 @@ class DefinitionTest(unittest.TestCase):
 
     def test_both_entry_points_are_exported(self):
         library = support.library()
-        library.PyInit_optmonitoring.restype = ctypes.py_object
-        self.assertEqual(type(library.PyInit_optmonitoring()).__name__, "moduledef")
+        library.PyInit_optmonitoring.restype = ctypes.c_void_p     # borrowed
+        definition = state.object_at(library.PyInit_optmonitoring())
+        self.assertEqual(type(definition).__name__, "moduledef")
         library.initoptmonitoring.restype = None
         self.assertIsNone(library.initoptmonitoring())
 
     def test_second_start_does_not_add_the_object_head_again(self):
         library = support.library()
-        library.PyInit_optmonitoring.restype = ctypes.py_object
+        library.PyInit_optmonitoring.restype = ctypes.c_void_p     # borrowed
         library.PyInit_optmonitoring()
         other = state.new_module()
         for name in CLASSES:

@@ -1,5 +1,6 @@
 """reset(), and what happens when the interpreter takes the module apart."""
 
+import gc
 import os
 import sys
 import threading
@@ -168,6 +169,7 @@ class ClearTest(unittest.TestCase):
     """What happens when the interpreter takes the module apart."""
 
     def test_everything_owned_is_released(self):
+        gc.collect()        # garbage of other tests holds references too, until it is collected
         owned = [brixbase.dlog.Log, brixbase.dlog.LogException, threading]
         before = [sys.getrefcount(obj) for obj in owned]
         module = state.new_module()

@@ -348,6 +348,7 @@ class ConstructionTest(PerCodeObjectTestCase):
         del first
         self.assertGreater(support.total_instances(self.cls), before)
         del second, code
+        support.bury_code()
         self.assertEqual(support.total_instances(self.cls), before)
 
     def construction_fails(self, error, text, texts):

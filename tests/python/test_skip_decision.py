@@ -1,6 +1,7 @@
 """The skip decision: every combination of its inputs for all events, its log line, and its references."""
 
 import itertools
+import re
 import sys
 import unittest
 
@@ -159,8 +160,8 @@ class FailedDecision(DecisionTestCase):
 
     def test_an_unhashable_line(self):
         self.per_code.fEnabledBpLinenos = {LINE}
-        self.assert_failed([], r"^! TypeError: unhashable type: 'list'$")
-        self.assert_reported(TypeError, "unhashable type: 'list'")
+        self.assert_failed([], "^! TypeError: %s$" % re.escape(support.NOT_AN_ELEMENT))
+        self.assert_reported(TypeError, support.NOT_AN_ELEMENT)
 
     def test_what_is_no_set(self):
         for lines in ([LINE], {LINE: 1}, 5, "2", False):
@@ -183,7 +184,7 @@ class FailedDecision(DecisionTestCase):
     def test_the_failures_domain_alone(self):
         self.per_code.fEnabledBpLinenos = {LINE}
         answer, log = self.decide("LINE", [], mask=FAILURES)
-        error = "! TypeError: unhashable type: 'list'"
+        error = "! TypeError: " + support.NOT_AN_ELEMENT
         self.assertEqual(log, ["Exception in CInitialCallback.SkipSecondCallback():\n", error, SUPPRESSED, error])
 
 

@@ -1,0 +1,82 @@
+"""What an event costs may only fall: instructions above a C callback that does nothing, against the stored counts.
+
+    OPTMONITORING_DIR=BUILD PYTHON test_event_budgets.py --store
+
+writes down the counts of this interpreter's version as the new limits.
+"""
+
+import json
+import os
+import sys
+import sysconfig
+import unittest
+
+import support
+
+sys.path.insert(0, os.path.join(support.HERE, "..", "..", "bench"))
+import instructions     # noqa: E402
+
+FLOOR = "floor"
+ROADS = ("line_off", "line_skip_thread", "policy_0", "internal_none")
+STORED = os.path.join(instructions.HERE, "stored_counts.json")
+SLACK = 5
+VERSION = "%d.%d" % sys.version_info[:2]
+
+
+def measure():
+    """{road: instructions over the floor}, and those of the floor itself."""
+    costs = instructions.measure(sys.executable, (FLOOR,) + ROADS, support.module_dir())
+    return {road: instructions.over_floor(costs, road) for road in ROADS}, costs[FLOOR].per_event
+
+
+def read_stored():
+    try:
+        with open(STORED) as stream:
+            return json.load(stream)
+    except FileNotFoundError:
+        return {}
+
+
+def store():
+    stored = read_stored()
+    stored[VERSION] = measure()[0]
+    with open(STORED, "w") as stream:
+        json.dump(stored, stream, indent=2, sort_keys=True)
+        stream.write("\n")
+    print("%s: %s" % (VERSION, stored[VERSION]))
+
+
+@support.needs_monitoring
+class EventBudgets(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        if hasattr(sys, "gettotalrefcount") or sysconfig.get_config_var("Py_GIL_DISABLED"):
+            raise unittest.SkipTest("the counts are those of release builds")
+        if not instructions.has_valgrind():
+            raise unittest.SkipTest("valgrind is not installed")
+        cls.stored = read_stored().get(VERSION)
+        if cls.stored is None:
+            raise unittest.SkipTest("no counts are stored for Python %s" % VERSION)
+        cls.counts, cls.floor = measure()
+        print("\ninstructions of an event, Python %s: floor %.1f" % (VERSION, cls.floor))
+        for road in ROADS:
+            print("  %-18s %7.1f over the floor, stored %.1f" % (road, cls.counts[road], cls.stored[road]))
+
+    def test_a_count_is_stored_for_every_road(self):
+        self.assertEqual(sorted(self.stored), sorted(ROADS))
+
+    def test_every_road_costs_something(self):
+        for road in ROADS:
+            self.assertGreater(self.counts[road], 0, road)
+
+    def test_no_road_costs_more_than_stored(self):
+        over = {road: (self.counts[road], self.stored[road]) for road in ROADS
+                if self.counts[road] > self.stored[road] + SLACK}
+        self.assertEqual(over, {}, "roads over their stored count (measured, stored)")
+
+
+if __name__ == "__main__":
+    if sys.argv[1:] == ["--store"]:
+        store()
+    else:
+        unittest.main()
