@@ -6,7 +6,7 @@ JOBS ?= $(shell nproc)
 PYTHONS ?=
 
 # Interpreters that `make test` gets when they are missing; see `tools/interpreters`.
-INSTALL ?= 3.14 3.15 3.14-debug
+INTERPRETERS ?= 3.14 3.15 3.14-debug
 
 .PHONY: help setup build run test test-all test-cpp test-python asan bench tests-built some-interpreters \
         interpreters clean
@@ -32,13 +32,13 @@ tests-built: $(if $(PYTHONS),,some-interpreters)
 
 some-interpreters:
 	@tools/setup build
-	@tools/interpreters install $(INSTALL) || echo "Not all could be had; the tests go on with those that are here."
+	@tools/interpreters install $(INTERPRETERS) || echo "Not all could be had; the tests go on with those that are here."
 
 test-all:  ## the same, and insist on the whole matrix of interpreters
 	@tools/setup test
 	@tools/interpreters install --all
 	@tools/interpreters check
-	@$(MAKE) --no-print-directory test INSTALL=3.14 PYTHONS=
+	@$(MAKE) --no-print-directory test INTERPRETERS=3.14 PYTHONS=
 
 test: tests-built  ## run all tests in every interpreter found
 	@tools/run_ctest $(BUILD)

@@ -514,13 +514,7 @@ static PyMemberDef kMembers[] = {
 };
 #undef MEMBER
 
-static PyType_Slot kSlots[] = {
-    {kSlotTpMethods, kMethods},
-    {kSlotTpInit, reinterpret_cast<void*>(CInitialCallback_init)},
-    {kSlotTpMembers, kMembers},
-    {kSlotTpFinalize, reinterpret_cast<void*>(CInitialCallback_finalize)},
-    {0, nullptr},
-};
+static PyType_Slot kSlots[] = {CLASS_SLOTS(CInitialCallback)};
 
 static PyType_Spec kSpec = {"optmonitoring.CInitialCallback", sizeof(CInitialCallbackBody), 0, kTypeBaseType, kSlots};
 

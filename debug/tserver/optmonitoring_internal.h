@@ -45,6 +45,11 @@ typedef PyObject* (*tDefiningClassMethod)(PyObject* self, PyTypeObject* cls, PyO
 // A method's function for its table; a macro, so that the tables are constants and need no start-up code.
 #define AS_METHOD(function) reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(function))
 
+// The slots of one of the four classes.
+#define CLASS_SLOTS(cls)                                                                                        \
+    {kSlotTpMethods, kMethods}, {kSlotTpInit, reinterpret_cast<void*>(cls##_init)}, {kSlotTpMembers, kMembers}, \
+        {kSlotTpFinalize, reinterpret_cast<void*>(cls##_finalize)}, {0, nullptr},
+
 static inline tDPData* dp_of(tModuleState* m)
 {
     return m ? m->dp : nullptr;

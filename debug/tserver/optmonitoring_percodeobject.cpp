@@ -372,13 +372,7 @@ static PyMemberDef kMembers[] = {
 };
 #undef MEMBER
 
-static PyType_Slot kSlots[] = {
-    {kSlotTpInit, reinterpret_cast<void*>(CPerCodeObject_init)},
-    {kSlotTpMethods, kMethods},
-    {kSlotTpMembers, kMembers},
-    {kSlotTpFinalize, reinterpret_cast<void*>(CPerCodeObject_finalize)},
-    {0, nullptr},
-};
+static PyType_Slot kSlots[] = {CLASS_SLOTS(CPerCodeObject)};
 
 static PyType_Spec kSpec = {"optmonitoring.CPerCodeObject", sizeof(CPerCodeObjectBody), 0, kTypeBaseType, kSlots};
 

@@ -274,13 +274,7 @@ static PyMemberDef kMembers[] = {
 };
 #undef MEMBER
 
-static PyType_Slot kSlots[] = {
-    {kSlotTpInit, reinterpret_cast<void*>(CPerFile_init)},
-    {kSlotTpMethods, kMethods},
-    {kSlotTpMembers, kMembers},
-    {kSlotTpFinalize, reinterpret_cast<void*>(CPerFile_finalize)},
-    {0, nullptr},
-};
+static PyType_Slot kSlots[] = {CLASS_SLOTS(CPerFile)};
 
 static PyType_Spec kSpec = {"optmonitoring.CPerFile", sizeof(CPerFileBody), 0, kTypeBaseType, kSlots};
 

@@ -505,13 +505,7 @@ static PyMemberDef kMembers[] = {
 };
 #undef MEMBER
 
-static PyType_Slot kSlots[] = {
-    {kSlotTpInit, reinterpret_cast<void*>(CPerThread_init)},
-    {kSlotTpMethods, kMethods},
-    {kSlotTpMembers, kMembers},
-    {kSlotTpFinalize, reinterpret_cast<void*>(CPerThread_finalize)},
-    {0, nullptr},
-};
+static PyType_Slot kSlots[] = {CLASS_SLOTS(CPerThread)};
 
 static PyType_Spec kSpec = {"optmonitoring.CPerThread", sizeof(CPerThreadBody), 0, kTypeBaseType, kSlots};
 
