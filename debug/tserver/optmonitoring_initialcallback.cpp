@@ -11,6 +11,12 @@ static constexpr int kLinenoCallbackNoArgs = 4236;
 // What a step of the decision says: go on, the event is answered, or the step failed with an exception pending.
 enum tStep { kGoOn, kAnswered, kFailed };
 
+// None as an answer. [new]; it is immortal wherever events are filtered, from 3.12 on, and needs no count.
+static inline PyObject* answer_none(void)
+{
+    return api.Py_None;
+}
+
 // ---- The context of one call ----
 
 static void CInitialCallback_Callback_SaveErrno(CInitialCallback_Callback_Ctx* ctx)
@@ -408,18 +414,18 @@ static inline PyObject* decide_shortly(PyObject* self, tModuleState* m, CInitial
             record_body->fIsInternal == api.Py_True && XPy_BorrowTypeInline(record) == as_type(m->CPerCodeObject);
         if (!is_internal)
             return decide_held(self, m, body, args, nargs, kwnames, kStepByStep, nullptr);
-        return XPy_NewRef(body->fCanReturnDisable ? m->monitoring_disabled : api.Py_None);
+        return body->fCanReturnDisable ? XPy_NewRef(m->monitoring_disabled) : answer_none();
     }
     PyObject* linenos = borrow_deciding_lines(m, body, record_body, nargs);
     if (!linenos) {
         tShortRoad road = decide_for_ready_thread(m, body, record_body, args, nargs);
         if (road == kAnsweredNone)
-            return XPy_NewRef(api.Py_None);
+            return answer_none();
         return road == kForward ? forward(self, m, body, args, nargs, kwnames)
                                 : decide_held(self, m, body, args, nargs, kwnames, road, record);
     }
     if (XPY_LIKELY(is_surely_absent(linenos, args[1])))
-        return XPy_NewRef(api.Py_None);
+        return answer_none();
     return decide_held(self, m, body, args, nargs, kwnames, kByLine, linenos);
 }
 
@@ -441,23 +447,33 @@ XPY_COLD static PyObject* answer_odd_arguments(tModuleState* m, PyObject* const*
     return suppress_failure(&ctx);
 }
 
-// The state of a half-made instance, which has no module of its own.
-XPY_COLD static tModuleState* find_state(PyTypeObject* defining_class)
+static PyObject* CInitialCallback_Callback(PyObject* self, PyTypeObject* defining_class, PyObject* const* args,
+                                           Py_ssize_t nargs, PyObject* kwnames);
+
+// The first event of a process, whose body is yet to be found, and events of half-made instances and cleared modules.
+XPY_COLD static PyObject* start_slowly(PyObject* self, PyTypeObject* defining_class, PyObject* const* args,
+                                       Py_ssize_t nargs, PyObject* kwnames)
 {
-    return static_cast<tModuleState*>(api.PyType_GetModuleState(defining_class));
+    CInitialCallbackBody* body = initial_callback_body(self, defining_class);
+    if (body && !body->mod_state)
+        body->mod_state = static_cast<tModuleState*>(api.PyType_GetModuleState(defining_class));
+    if (!body || !body->mod_state || !body->mod_state->dp)
+        return answer_without_state();
+    return CInitialCallback_Callback(self, defining_class, args, nargs, kwnames);
 }
 
 static PyObject* CInitialCallback_Callback(PyObject* self, PyTypeObject* defining_class, PyObject* const* args,
                                            Py_ssize_t nargs, PyObject* kwnames)
 {
-    CInitialCallbackBody* body = initial_callback_body(self, defining_class);
-    tModuleState* m = body ? body->mod_state : nullptr;  // that of the defining class, as construction found it
-    if (XPY_UNLIKELY(!m))
-        m = find_state(defining_class);
-    if (XPY_UNLIKELY(!m || !m->dp || !body))
-        return answer_without_state();
+    Py_ssize_t offset = gInitialCallbackBodyOffset;
+    if (XPY_UNLIKELY(offset == -1))
+        return start_slowly(self, defining_class, args, nargs, kwnames);
+    CInitialCallbackBody* body = reinterpret_cast<CInitialCallbackBody*>(reinterpret_cast<char*>(self) + offset);
+    tModuleState* m = body->mod_state;  // that of the defining class, as construction found it
+    if (XPY_UNLIKELY(!m || !m->dp))
+        return start_slowly(self, defining_class, args, nargs, kwnames);
     if (XPY_UNLIKELY(api.cached_pid != m->_gThisProcessPid))
-        return XPy_NewRef(api.Py_None);  // a forked child whose host has not taken it over
+        return answer_none();  // a forked child whose host has not taken it over
     if (XPY_UNLIKELY(nargs < 1 || (XPy_BorrowTypeInline(args[0]) != api.PyCode_Type_ptr &&
                                    !XPy_IsInstance(args[0], api.PyCode_Type_ptr))))
         return answer_odd_arguments(m, args, nargs);
