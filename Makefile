@@ -8,7 +8,7 @@ PYTHONS ?=
 # Interpreters that `make test` gets when they are missing; see `tools/interpreters`.
 INTERPRETERS ?= 3.14 3.15 3.14-debug
 
-.PHONY: help setup build run test test-all test-cpp test-python asan bench tests-built some-interpreters \
+.PHONY: help setup build run test test-all test-cpp test-python asan bench bench-units tests-built some-interpreters \
         interpreters clean
 
 help:  ## list the targets
@@ -55,7 +55,11 @@ asan:  ## the C++ tests that need no interpreter, under ASan and UBSan
 	@cmake --build $(BUILD)-asan --target plain_tests -j $(JOBS)
 	@cd $(BUILD)-asan && ctest -R '^cpp_plain' --output-on-failure
 
-bench:  ## the benchmarks of the hash table and the registry
+bench: build  ## what an event costs on every road, instructions and times (some minutes an interpreter)
+	@tools/setup test
+	@python3 bench/run_bench.py --module-dir $(BUILD)
+
+bench-units:  ## the benchmarks of the hash table and the registry
 	@tools/setup build && tools/setup bench
 	@cmake -S . -B $(BUILD)-bench -G Ninja -DOPTMONITORING_TESTS=OFF -DOPTMONITORING_BENCH=ON >/dev/null
 	@cmake --build $(BUILD)-bench -j $(JOBS)

@@ -1,5 +1,7 @@
 """What an event costs may only fall: instructions above a C callback that does nothing, against the stored counts.
 
+Counts belong to one interpreter and one compiler; elsewhere the tests are skipped.
+
     OPTMONITORING_DIR=BUILD PYTHON test_event_budgets.py --store
 
 writes down the counts of this interpreter's version as the new limits.
@@ -7,6 +9,7 @@ writes down the counts of this interpreter's version as the new limits.
 
 import json
 import os
+import re
 import sys
 import sysconfig
 import unittest
@@ -17,10 +20,16 @@ sys.path.insert(0, os.path.join(support.HERE, "..", "..", "bench"))
 import instructions     # noqa: E402
 
 FLOOR = "floor"
-ROADS = ("line_off", "line_skip_thread", "policy_0", "internal_none")
+ROADS = ("line_off", "line_skip_thread", "step_thread", "policy_0", "internal_none", "fork_child")
 STORED = os.path.join(instructions.HERE, "stored_counts.json")
 SLACK = 5
-VERSION = "%d.%d" % sys.version_info[:2]
+
+
+def setting():
+    """The interpreter and the compiler of the module, to which the counts belong."""
+    with open(support.module_file(), "rb") as stream:
+        compilers = set(re.findall(rb"GCC: \([^)]*\) [0-9.]+|clang version [0-9.]+", stream.read()))
+    return "%d.%d.%d, %s" % (sys.version_info[:3] + (", ".join(sorted(c.decode() for c in compilers)),))
 
 
 def measure():
@@ -39,11 +48,11 @@ def read_stored():
 
 def store():
     stored = read_stored()
-    stored[VERSION] = measure()[0]
+    stored[setting()] = {road: round(count, 2) for road, count in measure()[0].items()}
     with open(STORED, "w") as stream:
         json.dump(stored, stream, indent=2, sort_keys=True)
         stream.write("\n")
-    print("%s: %s" % (VERSION, stored[VERSION]))
+    print("%s: %s" % (setting(), stored[setting()]))
 
 
 @support.needs_monitoring
@@ -54,11 +63,11 @@ class EventBudgets(unittest.TestCase):
             raise unittest.SkipTest("the counts are those of release builds")
         if not instructions.has_valgrind():
             raise unittest.SkipTest("valgrind is not installed")
-        cls.stored = read_stored().get(VERSION)
+        cls.stored = read_stored().get(setting())
         if cls.stored is None:
-            raise unittest.SkipTest("no counts are stored for Python %s" % VERSION)
+            raise unittest.SkipTest("no counts are stored for Python %s" % setting())
         cls.counts, cls.floor = measure()
-        print("\ninstructions of an event, Python %s: floor %.1f" % (VERSION, cls.floor))
+        print("\ninstructions of an event, Python %s: floor %.1f" % (setting(), cls.floor))
         for road in ROADS:
             print("  %-18s %7.1f over the floor, stored %.1f" % (road, cls.counts[road], cls.stored[road]))
 

@@ -1,0 +1,496 @@
+"""Runs one road of a monitoring event many times, and proves at the end that it was this road.
+
+    OPTMONITORING_DIR=BUILD PYTHON event_roads.py VARIANT COUNT [PASSES]
+    PYTHON event_roads.py --list
+
+A variant is a way to watch a hot loop of COUNT turns: not at all, with rivals written in Python, or with the filter,
+one variant for each way an event can be answered.  Instructions per event are the difference between two COUNTs,
+divided by the events; run_bench.py does that.  So everything outside of the loop has to cost the same for every COUNT
+and in every run: the collector is off, the process ends without tearing anything down, and nothing is printed that
+differs from run to run.  Little is imported: under valgrind the interpreter's start takes the time.
+
+Prints blank-separated names and values: `events`, those of one pass; with PASSES given, `seconds`, those of the fastest
+pass; `pid` where it was another process that ran the loop.  Exit status 0; 1 when the variant did not do its work; 77
+when this interpreter cannot run it.
+"""
+
+import _thread
+import gc
+import operator
+import os
+import sys
+import time
+
+from event_watch import (END_LINE, EVENTS, LINE, RESUME, RETURN, START, TOOL, TURN_LINES, YIELD, Failed, Filter,
+                         Recorder, bare_callback, callee, check, line_loop, lines_of, replace_callback, watch)
+
+SKIPPED = 77
+NEW_FILE = "/nonexistent/program_%d.py"
+
+
+class Skipped(Exception):
+    """This interpreter cannot run the variant."""
+
+
+# ---- Variants ----
+# A variant is a generator: it sets up until its `yield`, which may give a loop other than the kind's own; the measured
+# passes run there, and their number is sent in; then it proves.
+
+VARIANTS = {}     # name -> (kind, generator function)
+
+
+def variant(kind, name=None):
+    def register(function):
+        VARIANTS[name or function.__name__] = kind, function
+        return function
+    return register
+
+
+def _untraced():
+    check(sys.gettrace() is None and sys.monitoring.get_tool(TOOL) is None, "something is watching")
+    yield
+    check(sys.gettrace() is None and sys.monitoring.get_tool(TOOL) is None, "something was watching")
+
+
+for _name, _kind in (("none", LINE), ("none_call", START), ("none_generator", YIELD)):
+    variant(_kind, _name)(_untraced)
+
+
+def _floor(kind, callback=None):
+    def floor():
+        floor_callback = callback or bare_callback(kind)
+        watch(kind, floor_callback)
+        yield
+        recorder = Recorder()
+        replace_callback(kind, floor_callback, recorder)
+        kind.loop(2)
+        check(len(recorder.seen) >= 2 * kind.per_turn, "only %d events of 2 turns came", len(recorder.seen))
+    return floor
+
+
+for _name, _kind in (("floor", LINE), ("floor_start", START), ("floor_return", RETURN), ("floor_yield", YIELD),
+                     ("floor_resume", RESUME)):
+    variant(_kind, _name)(_floor(_kind))
+
+
+@variant(LINE)
+def py_noop():
+    def callback(code, line):
+        pass
+    yield from _floor(LINE, callback)()
+
+
+@variant(LINE)
+def py_filter():
+    """What a host without native code would write: breakpoint lines by file (hashing a code object is slow)."""
+    breakpoints = {line_loop.__code__.co_filename: {END_LINE}}
+    seen = []
+
+    def callback(code, line):
+        lines = breakpoints.get(code.co_filename)
+        if lines is not None and line in lines:
+            seen.append(line)
+    watch(LINE, callback)
+    passes = yield
+    check(seen == [END_LINE] * passes, "reported %r in %d passes", seen, passes)
+
+
+@variant(LINE)
+def settrace():
+    lines = []
+
+    def trace(frame, event, arg):
+        return trace
+
+    def recording(frame, event, arg):
+        if event == "line":
+            lines.append(frame.f_lineno)
+        return recording
+
+    def loop(count, function=trace):
+        sys.settrace(function)
+        result = line_loop(count)
+        sys.settrace(None)
+        return result
+    yield loop
+    loop(2, recording)
+    check(lines == lines_of(2), "the trace function was told of %r", lines)
+
+
+def _bdb(**options):
+    import bdb
+
+    class Debugger(bdb.Bdb):
+        stops = []
+
+        def user_line(self, frame):
+            if frame.f_lineno == END_LINE:
+                self.stops.append(frame.f_lineno)
+            self.set_continue()
+
+    debugger = Debugger(**options)
+    error = debugger.set_break(line_loop.__code__.co_filename, END_LINE)
+    check(not error, "%s", error)
+    passes = yield lambda count: debugger.runcall(line_loop, count)
+    check(debugger.stops == [END_LINE] * passes, "stopped at %r in %d passes", debugger.stops, passes)
+
+
+@variant(LINE)
+def bdb():
+    yield from _bdb()
+
+
+@variant(LINE)
+def bdb_monitoring():
+    if sys.version_info < (3, 14):
+        raise Skipped("bdb has no monitoring backend before 3.14")
+    yield from _bdb(backend="monitoring")
+
+
+@variant(LINE)
+def debugpy():
+    try:
+        import debugpy as module
+    except ImportError:
+        raise Skipped("debugpy is not installed") from None
+    module.listen(("127.0.0.1", 0))
+    module.trace_this_thread(True)
+    yield
+    check(sys.gettrace() is not None or sys.monitoring.get_tool(TOOL) is not None, "debugpy did not trace")
+
+
+# ---- Variants of the filter: LINE ----
+
+@variant(LINE)
+def line_off():
+    """The common road: a line without a breakpoint, answered before the thread's record is looked for."""
+    f = Filter(LINE)
+    f.watch()
+    f.prove((yield), [END_LINE])
+
+
+@variant(LINE)
+def line_on():
+    f = Filter(LINE, c_second=True, lines=TURN_LINES)
+    f.watch()
+    yield
+    f.prove_forwarded(2, TURN_LINES * 2 + TURN_LINES[:1])
+
+
+@variant(LINE)
+def line_skip_thread():
+    """A line without a breakpoint while stepping is on somewhere: the decision is made with the thread's record."""
+    f = Filter(LINE)
+    f.callback.fSteppingEventsNeededEveryThread = 1
+    f.watch()
+    f.prove((yield), [END_LINE])
+    f.thread.fSteppingEventsNeeded = True         # the road goes by this record
+    f.prove_reports(2, lines_of(2))
+
+
+@variant(LINE)
+def step_thread():
+    """Stepping in this thread: forwarded."""
+    f = Filter(LINE, c_second=True)
+    f.callback.fSteppingEventsNeededEveryThread = 1
+    f.thread.fSteppingEventsNeeded = True
+    f.watch()
+    yield
+    f.prove_forwarded(2, lines_of(2))
+
+
+@variant(LINE)
+def step_code():
+    """Stepping in this code object: forwarded."""
+    f = Filter(LINE, c_second=True)
+    f.record.fSteppingEventsNeededCount = 1
+    f.watch()
+    yield
+    f.prove_forwarded(2, lines_of(2))
+
+
+@variant(LINE)
+def policy_0():
+    """A thread that is not debugged, while stepping is on somewhere."""
+    f = Filter(LINE, policy=0)
+    f.callback.fSteppingEventsNeededEveryThread = 1
+    f.watch()
+    f.prove((yield), [])
+    f.thread.fDebugPolicy = 1
+    f.prove_reports(2, [END_LINE])
+    f.thread.fSteppingEventsNeeded = True         # every line's event came as far as the policy
+    f.prove_reports(2, lines_of(2))
+
+
+@variant(LINE)
+def any_suspend():
+    """Some thread is to be suspended, not this one."""
+    f = Filter(LINE)
+    f.callback.fAnySuspendThread = 1
+    f.watch()
+    f.prove((yield), [END_LINE])
+
+    class Lock:
+        passed = 0
+
+        def acquire(self):
+            self.passed += 1
+
+        def release(self):
+            pass
+
+    f.thread.fSuspendLock = lock = Lock()
+    f.thread.fCheckSuspendLock = 1
+    f.prove_reports(2, [END_LINE])
+    check(lock.passed == len(lines_of(2)), "the lock was passed %d times", lock.passed)
+
+
+@variant(LINE)
+def internal_disable():
+    """The debugger's own code: each location is switched off at its first event."""
+    f = Filter(LINE, internal=True)
+    f.watch()
+    f.prove((yield), [])
+    check(f.record.fIsInternal is True, "the code is not internal")
+    f.prove_places_alive(False)
+
+
+@variant(LINE)
+def internal_none():
+    """The debugger's own code where locations may not be switched off."""
+    f = Filter(LINE, internal=True, can_return_disable=0)
+    f.watch()
+    f.prove((yield), [])
+    check(f.record.fIsInternal is True, "the code is not internal")
+    f.prove_places_alive(True)
+
+
+measured_pid = None     # where it is not this process
+
+
+@variant(LINE)
+def fork_child():
+    """A forked child whose host has not taken it over."""
+    f = Filter(LINE)
+    f.watch()
+
+    def in_child(count):
+        result = line_loop(count)
+        f.prove(1, [])
+        f.om.UpdateThisProcessPid()
+        f.prove_reports(2, [END_LINE])
+        return result
+
+    def loop(count):
+        global measured_pid
+        measured_pid = os.fork()
+        if measured_pid == 0:
+            exit_with(lambda: check(in_child(count) == count, "the child's loop ended early"))
+        status = os.waitstatus_to_exitcode(os.waitpid(measured_pid, 0)[1])
+        check(status == 0, "the child ended with status %d", status)
+        return count
+    yield loop
+    check(f.seen == [], "the parent reported %r", f.seen)
+    f.prove_reports(2, [END_LINE])
+
+
+# ---- Variants of the filter: the other kinds ----
+
+def _skipped(kind):
+    def skipped():
+        f = Filter(kind)
+        f.watch()
+        f.prove((yield), [])
+        f.thread.fSteppingEventsNeeded = True
+        kind.loop(3)
+        check(len(f.seen) >= 3, "while stepping, only %d events of 3 turns were reported", len(f.seen))
+    return skipped
+
+
+for _name, _kind in (("start_skipped", START), ("return_skipped", RETURN), ("yield_skipped", YIELD),
+                     ("resume_skipped", RESUME)):
+    variant(_kind, _name)(_skipped(_kind))
+
+
+# ---- First events ----
+# New functions of COUNT different code objects, each called once.
+
+def _new_functions(count, new_files):
+    code, make_function = callee.__code__, type(callee)
+    return [make_function(code.replace(co_name="callee_%d" % i, co_filename=NEW_FILE % (i if new_files else 0)), {})
+            for i in range(count)]
+
+
+def _call_each(functions):
+    for function in functions:
+        function()
+    return len(functions)
+
+
+def _watch_all(functions, callback):
+    watch(START, callback)
+    for function in functions:
+        sys.monitoring.set_local_events(TOOL, function.__code__, EVENTS.PY_START)
+
+
+def _first_floor(new_files):
+    def floor():
+        loop = FirstEvents(new_files, operator.is_)
+        check((yield loop) == 1, "an event is the first one only once")
+        recorder = Recorder()
+        replace_callback(START, operator.is_, recorder)
+        loop.call()
+        check(len(recorder.seen) == len(loop.functions), "%d events came", len(recorder.seen))
+    return floor
+
+
+class FirstEvents:
+    """A loop over functions that never ran before; making them is a part of every COUNT, in the floor as well."""
+
+    def __init__(self, new_files, callback):
+        self.new_files = new_files
+        self.callback = callback
+        self.functions = []
+
+    def __call__(self, count):
+        self.functions = _new_functions(count, self.new_files)
+        _watch_all(self.functions, self.callback)
+        return self.call()
+
+    def call(self):
+        return _call_each(self.functions)
+
+
+def _first_event(new_files):
+    def first_event():
+        f = Filter(START, c_second=True)
+        files = len(f.om.CPerFile.GetAllPerFiles())
+        loop = FirstEvents(new_files, f.callback.Callback)
+        check((yield loop) == 1, "an event is the first one only once")
+        get = f.om.CPerCodeObject.GetPerCodeObject
+        records = {get(function.__code__, False) for function in loop.functions}
+        check(None not in records and len(records) == len(loop.functions), "%d records for %d code objects",
+              len(records), len(loop.functions))
+        new = len(f.om.CPerFile.GetAllPerFiles()) - files
+        expected = len(loop.functions) if new_files else 1
+        check(new == expected, "%d new files, expected %d", new, expected)
+        f.prove_quiet()
+    return first_event
+
+
+for _suffix, _new_files in (("same_file", False), ("new_file", True)):
+    variant(START, "floor_first_" + _suffix)(_first_floor(_new_files))
+    variant(START, "first_event_" + _suffix)(_first_event(_new_files))
+
+
+def _run_threads(count):
+    """Threads that raise one event each, one after the other."""
+    done = _thread.allocate_lock()
+    done.acquire()
+
+    def run():
+        try:
+            callee()
+        finally:
+            done.release()
+    for _ in range(count):
+        _thread.start_new_thread(run, ())
+        done.acquire()
+    return count
+
+
+@variant(START)
+def floor_thread():
+    watch(START, operator.is_)
+    yield _run_threads
+    recorder = Recorder()
+    replace_callback(START, operator.is_, recorder)
+    _run_threads(3)
+    check(len(recorder.seen) == 3, "%d events of 3 threads came", len(recorder.seen))
+
+
+@variant(START)
+def new_thread():
+    """A thread's first event, with the life and death of its record; the host's two hooks are C functions."""
+    f = Filter(START)
+    f.om.CPerThread.SetDebugPolicyCallback(operator.truth)
+    f.om.CPerThread.SetGetThreadNameCallback(operator.attrgetter("fThreadId"))
+    f.watch()
+    yield _run_threads
+    found = []
+    done = _thread.allocate_lock()
+    done.acquire()
+
+    def run():
+        try:
+            found.append(f.om.CPerThread.GetPerThread(None, False))
+            callee()
+            record = f.om.CPerThread.GetPerThread(None, False)
+            if record is not None:
+                found.extend((record.fDebugPolicy, record.fThreadName == _thread.get_ident()))
+        finally:
+            done.release()
+    _thread.start_new_thread(run, ())
+    done.acquire()
+    check(found == [None, 1, True], "a thread's record before and after its event: %r", found)
+    check(f.seen == [], "reported %r", f.seen)
+
+
+# ---- Running ----
+
+def run(name, count, passes=None):
+    kind, function = VARIANTS[name]
+    gc.disable()
+    steps = function()
+    loop = next(steps) or kind.loop
+    seconds = []
+    for _ in range(passes or 1):
+        before = time.perf_counter()
+        turns = loop(count)
+        seconds.append(time.perf_counter() - before)
+        check(turns == count, "%r turns instead of %d", turns, count)
+    try:
+        steps.send(len(seconds))
+        raise Failed("the variant did not end")
+    except StopIteration:
+        pass
+    if loop is kind.loop and sys.monitoring.get_tool(TOOL):
+        kind.prove_events()
+    print("events", count * kind.per_turn)
+    if passes:
+        print("seconds", min(seconds))
+    if measured_pid:
+        print("pid", measured_pid)
+
+
+def exit_with(function):
+    """Run and end the process at once: the end of an interpreter costs the more the more it holds."""
+    status = 0
+    try:
+        function()
+    except Skipped as reason:
+        print("skipped: %s" % reason)
+        status = SKIPPED
+    except Failed as reason:
+        print("event_roads.py %s: %s" % (" ".join(sys.argv[1:]), reason), file=sys.stderr)
+        status = 1
+    except BaseException:
+        sys.excepthook(*sys.exc_info())
+        status = 1
+    sys.stdout.flush()
+    sys.stderr.flush()
+    os._exit(status)
+
+
+def main(arguments):
+    if arguments == ["--list"]:
+        print("\n".join(VARIANTS))
+        return
+    numbers = arguments[1:]
+    if len(numbers) not in (1, 2) or arguments[0] not in VARIANTS or not all(n.isdecimal() for n in numbers):
+        sys.exit("usage: event_roads.py VARIANT COUNT [PASSES] | --list")
+    exit_with(lambda: run(arguments[0], *map(int, numbers)))
+
+
+if __name__ == "__main__":
+    main(sys.argv[1:])
