@@ -100,6 +100,8 @@ static inline PyObject* borrow_ready_record(tModuleState* m, PyObject* code)
 // The record behind this thread's storage slot [borrowed] if it is not stale and has its name, else null.
 static inline PyObject* borrow_ready_per_thread(tModuleState* m)
 {
+    if (XPY_UNLIKELY(!m->_gPyTssKey))
+        return nullptr;  // the host's log module, imported before the key is made, calls back
     _tPyTssData* pair = static_cast<_tPyTssData*>(api.PyThread_tss_get(m->_gPyTssKey));
     if (XPY_UNLIKELY(!pair || !pair->fPerThreadPtr || pair->fThreadStatePtr != api.PyThreadState_Get()))
         return nullptr;

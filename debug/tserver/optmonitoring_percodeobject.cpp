@@ -178,11 +178,8 @@ static int init_inner(tModuleState* m, PyObject* self, CPerCodeObjectBody* body,
         api.PyErr_SetString(api.PyExc_RuntimeError, "CPerCodeObject is already initialized");
         return -1;
     }
-    if (fill_body(m, self, body, code, frame) < 0) {
-        clear_object_members(self);
-        return -1;
-    }
-    if (CPerCodeObject_AddToPerFile_direct(m, self) < 0) {
+    if (fill_body(m, self, body, code, frame) < 0 || CPerCodeObject_AddToPerFile_direct(m, self) < 0) {
+        XPyHeldError held;
         clear_object_members(self);
         return -1;
     }

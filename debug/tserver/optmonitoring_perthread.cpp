@@ -56,8 +56,10 @@ int CPerThread_ClsInit(tModuleState* m)
 
 int CPerThread_ClsReset(tModuleState* m)
 {
-    if (CPerThread_ClearPerThreadForCurrentThread(m) != 0)
+    if (CPerThread_ClearPerThreadForCurrentThread(m) != 0) {
+        api.PyErr_SetString(api.PyExc_RuntimeError, "the thread's storage slot could not be cleared");
         return -1;
+    }
     PyObject* tstate_dict = api.PyThreadState_GetDict();
     if (tstate_dict && m->_gThreadStateDictKey && api.PyObject_DelItem(tstate_dict, m->_gThreadStateDictKey) < 0)
         api.PyErr_Clear();

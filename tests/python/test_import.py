@@ -199,6 +199,16 @@ print(first is second is sys.modules["optmonitoring"], first.__file__ == support
     def test_host_functions_are_not_called_by_the_import(self):
         self.assertEqual(self.with_dlog("def Log(*args): raise SystemExit\nLogException = Log"), "imported\nTrue\n")
 
+    def test_host_module_that_calls_back_while_it_is_imported(self):
+        self.assertEqual(self.with_dlog(
+            "import sys\n"
+            "module = sys.modules['optmonitoring']\n"
+            "code = compile('x = 1', '/nowhere/early.py', 'exec')\n"
+            "module.CPerCodeObject.GetPerCodeObject(code, True, sys._getframe()).fEnabledBpLinenos = set()\n"
+            "callback = module.CInitialCallback(module.kPyStartEventId, None, 1)\n"
+            "assert callback.Callback(code, 0) is None\n"
+            "Log = LogException = None\n"), "imported\nTrue\n")
+
     def test_import_again_makes_a_module_of_its_own(self):
         out = self.attempt("""
 import optmonitoring as first
