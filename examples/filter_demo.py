@@ -22,6 +22,7 @@ import sys
 import tempfile
 
 HERE = os.path.dirname(os.path.abspath(__file__))
+HOST_DIR = os.path.normpath(os.path.join(HERE, "..", "debug", "host"))     # has brixbase
 PROGRAM_NAMES = ("json", "tokenize", "ast")
 NEEDS_MONITORING = """\
 the event filter needs Python 3.12 or later (sys.monitoring); this is Python %d.%d, %s.
@@ -52,7 +53,7 @@ def parse_arguments(arguments):
 
 
 def import_module(folder):
-    """Import optmonitoring from `folder`; it imports brixbase, which is beside this file."""
+    """Import optmonitoring from `folder`; it imports brixbase from HOST_DIR."""
     if not glob.glob(os.path.join(folder, "optmonitoring.*")):
         raise CannotRun("no optmonitoring module in %s\n"
                         "Build it first, or name its folder with --module-dir DIR." % folder)
@@ -69,9 +70,10 @@ def import_module(folder):
 
 def own_files():
     """The host's own source files: the debugger does not debug itself."""
-    return [os.path.join(HERE, name) for name in (
-        "filter_demo.py", "filter_host.py", "real_programs.py",
-        os.path.join("brixbase", "__init__.py"), os.path.join("brixbase", "dlog.py"))]
+    base = os.path.join(HOST_DIR, "brixbase")
+    return ([os.path.join(HERE, name) for name in (
+        "filter_demo.py", "filter_host.py", "real_programs.py")]
+            + [os.path.join(base, name) for name in ("__init__.py", "dlog.py")])
 
 
 def find_breakpoints(program, breaks):
@@ -252,7 +254,7 @@ def main(arguments=None):
         if not hasattr(sys, "monitoring"):
             raise CannotRun(NEEDS_MONITORING % (sys.version_info[:2] + (
                 sys.executable, os.path.relpath(os.path.join(HERE, "filter_demo.py")))))
-        sys.path.insert(0, HERE)
+        sys.path[:0] = [HERE, HOST_DIR]
         from filter_host import HostError
         try:
             return run(options, folder)

@@ -11,8 +11,9 @@ import sys
 import tempfile
 import unittest
 
-EXAMPLES = os.path.normpath(os.path.join(
-    os.path.dirname(os.path.abspath(__file__)), "..", "..", "examples"))
+ROOT = os.path.normpath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
+EXAMPLES = os.path.join(ROOT, "examples")
+HOST_DIR = os.path.join(ROOT, "debug", "host")       # has the brixbase that the examples use
 DEMO = os.path.join(EXAMPLES, "filter_demo.py")
 EVENTS = ["LINE", "PY_START", "PY_RETURN", "PY_YIELD", "PY_RESUME"]
 HAS_MONITORING = hasattr(sys, "monitoring")
@@ -20,13 +21,13 @@ HAS_MONITORING = hasattr(sys, "monitoring")
 # Runs the demonstration inside a program that has done something first.
 RUN_MAIN = """
 import sys
-sys.path.insert(0, %r)
+sys.path[:0] = %r
 import filter_demo
 %%s
 status = filter_demo.main(sys.argv[1:])
 %%s
 sys.exit(status)
-""" % EXAMPLES
+""" % [EXAMPLES, HOST_DIR]
 
 
 def module_dir():

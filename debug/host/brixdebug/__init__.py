@@ -1,0 +1,31 @@
+"""A debugger with pdb's commands whose breakpoints cost next to nothing and hold in every thread.
+
+    python -m brixdebug [-c COMMAND]... [-m MODULE | SCRIPT] ARGS
+
+or, inside a program, `brixdebug.set_trace()` (also through `breakpoint()` with
+PYTHONBREAKPOINT=brixdebug.set_trace), `post_mortem`, `pm`, `run`, `runeval`,
+`runctx`, `runcall`: each does what the function of `pdb` of that name does.
+
+An author of a debugger finds the engine in `brixdebug.engine`: `Bdb`, to be
+used where `bdb.Bdb` was.
+"""
+
+import sys
+
+if sys.version_info < (3, 12):
+    raise ImportError("brixdebug needs Python 3.12 or later, for sys.monitoring; this is %d.%d"
+                      % sys.version_info[:2])
+
+try:
+    import optmonitoring
+except ModuleNotFoundError as error:
+    if error.name != "optmonitoring":
+        raise
+    raise ImportError("brixdebug needs the module optmonitoring (the file optmonitoring.so); "
+                      "put the folder that holds it on PYTHONPATH") from None
+
+from brixdebug.debugger import (Debugger, main, pm, post_mortem, run, runcall, runctx, runeval,
+                                set_trace)
+
+__all__ = ["Debugger", "main", "pm", "post_mortem", "run", "runcall", "runctx", "runeval",
+           "set_trace"]

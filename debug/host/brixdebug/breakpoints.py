@@ -1,0 +1,145 @@
+"""What the filter is told of breakpoints: which lines of which code objects.
+
+A debugger's breakpoints are names and line numbers.  The filter looks at a code
+object's record: `fEnabledBpLinenos`, the set of lines to report, None where
+there is no breakpoint.  Between the two stand the module's per-file records,
+which know all code objects of a file that ran so far; code that runs later is
+caught by the hook for new records, before its first event is decided.
+"""
+
+import bdb
+import os
+import sys
+import weakref
+
+import optmonitoring
+from brixbase import dlog
+
+
+def is_pseudo_file(filename):
+    """True for a name such as <string> and for the empty one."""
+    return optmonitoring.GetPathnameKind(filename) != optmonitoring.kRegularPathname
+
+
+class BreakLines:
+    """Keeps the records in line with the breakpoints of the monitor's debugger."""
+
+    def __init__(self, monitor):
+        self._monitor = monitor
+        self._absolute_names = {}     # relative file name -> absolute
+        self._pseudo_codes = {}       # name of no file -> {id: weak reference to code}
+
+    def absolute_name(self, filename):
+        """`filename` made absolute as it was when its code was first seen; None for no file."""
+        if is_pseudo_file(filename):
+            return None
+        if os.path.isabs(filename):
+            return filename
+        return self._absolute_names.get(filename) or os.path.abspath(filename)
+
+    def share(self, debugger, filename):
+        """Bring the records of one file in line with its breakpoints.
+
+        True when a code object has got lines that it had not: the start of its
+        function may have been switched off when nothing was in it.
+        """
+        lines = dict.fromkeys(debugger.breaks.get(filename, ()), filename)
+        if is_pseudo_file(filename):
+            records = self._records_of_pseudo_file(filename)
+        else:
+            per_file = optmonitoring.CPerFile.GetPerFile(
+                optmonitoring.get_canonical_pathname(filename))
+            per_file.fBpSetByLineno.clear()
+            per_file.fBpSetByLineno.update(lines)
+            records = list(per_file.fKnownPerCodeObjects)
+        grown = False
+        for record in records:
+            grown |= self._enable_lines(debugger, record)
+        return grown
+
+    def _records_of_pseudo_file(self, filename):
+        codes = [reference() for reference in list(self._pseudo_codes.get(filename, {}).values())]
+        records = [optmonitoring.CPerCodeObject.GetPerCodeObject(code, False)
+                   for code in codes if code is not None]
+        return [record for record in records if record is not None]
+
+    def find_running_code(self):
+        """Make records of all code that is running: it may not start again for a long time."""
+        for frame in sys._current_frames().values():
+            while frame is not None:
+                if optmonitoring.CPerCodeObject.GetPerCodeObject(frame.f_code, False) is None:
+                    optmonitoring.CPerCodeObject.GetPerCodeObject(frame.f_code, True, frame)
+                frame = frame.f_back
+
+    def on_new_code(self, record):
+        """The hook for new records: no line of the code is decided before this ends."""
+        try:
+            self._remember_name(record)
+            debugger = self._monitor.debugger
+            if debugger is not None and debugger.breaks:
+                with self._monitor.switching:
+                    self._enable_lines(debugger, record)
+        except Exception:
+            dlog.LogException("a new code object")
+
+    def _remember_name(self, record):
+        code = record.fCodeObjectWeakRef()
+        if code is None:
+            return
+        filename = code.co_filename
+        if record.fCanonicalPathname is None:
+            codes = self._pseudo_codes.setdefault(filename, {})
+            key = id(code)
+            codes[key] = weakref.ref(code, lambda _: codes.pop(key, None))
+        elif not os.path.isabs(filename) and not is_pseudo_file(filename):
+            self._absolute_names[filename] = record.fPathnameToReport
+
+    def narrow(self, debugger, code):
+        """A breakpoint by function name may have found its line: report no others."""
+        record = optmonitoring.CPerCodeObject.GetPerCodeObject(code, False)
+        if record is not None:
+            with self._monitor.switching:
+                self._enable_lines(debugger, record)
+
+    def _enable_lines(self, debugger, record):
+        """Tell the filter the lines of one code object; True when there are new ones."""
+        code = record.fCodeObjectWeakRef()
+        if code is None:
+            return False
+        lines = None if record.fIsInternal else self._lines(debugger, record, code)
+        before = record.fEnabledBpLinenos
+        if lines == before:
+            return False
+        record.fEnabledBpLinenos = lines
+        self._monitor.apply(record)
+        return bool(lines) and not lines <= (before or set())
+
+    def _lines(self, debugger, record, code):
+        """The set of lines to report, None when there is none."""
+        if record.fCanonicalPathname is None:
+            names = dict.fromkeys(debugger.breaks.get(code.co_filename, ()), code.co_filename)
+        else:
+            names = optmonitoring.CPerFile.GetPerFile(record.fCanonicalPathname).fBpSetByLineno
+        if not names:
+            return None
+        code_lines = {line for _, _, line in code.co_lines() if line is not None}
+        lines = code_lines.intersection(names)
+        first_line = code.co_firstlineno
+        if first_line in names:
+            lines |= _function_lines(names[first_line], first_line, code, code_lines)
+        return lines or None
+
+
+def _function_lines(filename, first_line, code, code_lines):
+    """The lines at which a breakpoint by function name may stop.
+
+    It is the first line that is executed, which is not known before it is.
+    """
+    lines = set()
+    for breakpoint in bdb.Breakpoint.bplist.get((filename, first_line), ()):
+        if breakpoint.funcname == code.co_name:
+            if breakpoint.func_first_executable_line:
+                lines.add(breakpoint.func_first_executable_line)
+            else:
+                lines |= code_lines
+    return lines

@@ -1,0 +1,81 @@
+"""What the standard debugger's classes need so that their events can come from elsewhere.
+
+From 3.14 on `bdb.Bdb` switches its events on and off through two methods,
+`start_trace` and `stop_trace`.  Before that it calls `sys.settrace` in six
+methods.  `TraceBase` gives every version the two methods: the six are run as
+they are, with a stand-in for `sys` among their globals.
+"""
+
+import bdb
+import sys
+import types
+
+
+def rebind(function, **names):
+    """A copy of `function` that sees `names` in place of its own globals of these names."""
+    copy = types.FunctionType(function.__code__, {**function.__globals__, **names},
+                              function.__name__, function.__defaults__, function.__closure__)
+    copy.__kwdefaults__ = function.__kwdefaults__
+    copy.__doc__ = function.__doc__
+    copy.__qualname__ = function.__qualname__
+    return copy
+
+
+class _SysWithTraceMethods:
+    """`sys` for methods of a debugger: `settrace` goes to the debugger itself."""
+
+    def __getattr__(self, name):
+        return getattr(sys, name)
+
+    def settrace(self, function):
+        debugger = sys._getframe(1).f_locals["self"]
+        if function is None:
+            debugger.stop_trace()
+        else:
+            debugger.start_trace()
+
+
+sys_with_trace_methods = _SysWithTraceMethods()
+
+HAS_TRACE_METHODS = hasattr(bdb.Bdb, "start_trace")
+
+
+class _NoTracer:
+    """Takes the place of the tracer that 3.14's `Bdb` may keep: there is none, and nothing to update."""
+
+    def __bool__(self):
+        return False
+
+    def update_local_events(self, frame=None):
+        pass
+
+    def restart_events(self):
+        pass
+
+    def disable_current_event(self):
+        pass
+
+
+class TraceBase(bdb.Bdb):
+    """`bdb.Bdb` whose events are switched by `start_trace` and `stop_trace` on every version."""
+
+    if HAS_TRACE_METHODS:
+        _no_tracer = _NoTracer()
+
+        @property
+        def monitoring_tracer(self):
+            return self._no_tracer
+
+        @monitoring_tracer.setter
+        def monitoring_tracer(self, tracer):
+            pass               # the standard backends are not used, whichever was asked for
+    else:
+        for _name in ("set_trace", "set_continue", "set_quit", "run", "runeval", "runcall"):
+            locals()[_name] = rebind(getattr(bdb.Bdb, _name), sys=sys_with_trace_methods)
+        del _name
+
+        def start_trace(self):
+            raise NotImplementedError
+
+        def stop_trace(self):
+            raise NotImplementedError

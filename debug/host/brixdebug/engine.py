@@ -1,0 +1,178 @@
+"""The engine: a drop-in for `bdb.Bdb` whose events come from the native filter.
+
+A class that derives from `bdb.Bdb` works when its base is replaced by `Bdb` of
+this module.  What changes for it:
+
+* breakpoints hold in every thread, and cost next to nothing elsewhere;
+* `step`, `next`, `until` and `return` belong to the thread that they were asked
+  for (the fields that say where to stop are per thread);
+* a file has one name, whichever link or relative path it is reached by.
+
+The decisions themselves (what stops, which method is called) are those of
+`bdb.Bdb`, inherited.
+"""
+
+import bdb
+import os
+import sys
+
+import optmonitoring
+
+from brixbase import dlog
+from brixdebug import compat
+from brixdebug.breakpoints import is_pseudo_file
+from brixdebug.monitor import monitor
+from brixdebug.stops import PerThread, StopStates
+
+BdbQuit = bdb.BdbQuit
+Breakpoint = bdb.Breakpoint
+
+# Classes whose user_call does something only where the debugger stops anyway.
+_QUIET_CALL_MODULES = ("bdb", "pdb", __name__)
+
+
+class Bdb(compat.TraceBase):
+    """`bdb.Bdb` on the native filter; see the module's text."""
+
+    botframe = PerThread()
+    stopframe = PerThread()
+    returnframe = PerThread()
+    stoplineno = PerThread()
+    frame_returning = PerThread()
+    enterframe = PerThread()
+    cmdframe = PerThread()
+    cmdlineno = PerThread()
+    trace_opcodes = PerThread()
+
+    # Whether user_call has to be called in code with breakpoints when nothing stops there.
+    wants_calls = False
+
+    # Whether a child that the program forks is debugged too.
+    follows_fork = False
+
+    _keeps_tracing = False
+
+    def __init_subclass__(cls, **kwargs):
+        super().__init_subclass__(**kwargs)
+        for base in cls.__mro__:
+            if "user_call" in vars(base):
+                cls.wants_calls = base.__module__ not in _QUIET_CALL_MODULES
+                break
+
+    def __new__(cls, *args, **kwargs):
+        # Not in __init__: classes with several bases call the standard one by name.
+        self = super().__new__(cls)
+        self.stop_states = StopStates()
+        self._first_names = {}
+        return self
+
+    # -- events on and off ---------------------------------------------------
+
+    def start_trace(self):
+        """This debugger gets the process's events from now on."""
+        monitor.start(self)
+
+    def stop_trace(self):
+        """This debugger gets no more events."""
+        if not self._keeps_tracing:
+            monitor.stop(self)
+
+    # No context manager of contextlib below: its code would run after the events
+    # are on and be the first that is reported.
+
+    def set_trace(self, frame=None):
+        """Start debugging from `frame`, the caller's when it is None."""
+        if frame is None:
+            frame = sys._getframe().f_back
+        state = self.stop_states.own()
+        muted, state.is_muted = state.is_muted, True
+        keeps_tracing, self._keeps_tracing = self._keeps_tracing, True
+        try:
+            super().set_trace(frame)
+        finally:
+            self._keeps_tracing = keeps_tracing
+            state.is_muted = muted
+
+    def set_continue(self):
+        """Stop at breakpoints only.  One that is set later, by any thread, holds too."""
+        keeps_tracing, self._keeps_tracing = self._keeps_tracing, True
+        try:
+            super().set_continue()
+        finally:
+            self._keeps_tracing = keeps_tracing
+
+    def _set_stopinfo(self, *args, **kwargs):
+        super()._set_stopinfo(*args, **kwargs)
+        monitor.needs_changed(self)
+
+    # -- files -----------------------------------------------------------------
+
+    def canonic(self, filename):
+        """The name of a file: the same for all its links and forms; the first that was seen."""
+        name = self.fncache.get(filename)
+        if name is None:
+            name = monitor.break_lines.absolute_name(filename)
+            if name is None:
+                return super().canonic(filename)
+            self.fncache[filename] = name = self._first_name(super().canonic(name))
+        return name
+
+    def _first_name(self, name):
+        if is_pseudo_file(name):
+            return name
+        first = self._first_names.setdefault(optmonitoring.get_canonical_pathname(name), name)
+        if first != name:
+            try:
+                # A file that came in the place of a removed one is a file of its own.
+                if not os.path.samefile(first, name):
+                    return name
+            except OSError:
+                return name
+        return first
+
+    # -- breakpoints -------------------------------------------------------------
+
+    def _add_to_breaks(self, filename, lineno):
+        super()._add_to_breaks(filename, lineno)
+        monitor.breaks_changed(self, filename)
+
+    def _prune_breaks(self, filename, lineno):
+        super()._prune_breaks(filename, lineno)
+        monitor.breaks_changed(self, filename)
+
+    def set_break(self, filename, lineno, *args, **kwargs):
+        result = super().set_break(filename, lineno, *args, **kwargs)
+        # Once more: a breakpoint that knows its function was not there the first time.
+        monitor.breaks_changed(self, self.canonic(filename))
+        return result
+
+    def break_here(self, frame):
+        code = frame.f_code
+        breaks = self.breaks.get(self.canonic(code.co_filename), ())
+        at_function = code.co_firstlineno in breaks
+        result = super().break_here(frame)
+        if at_function:
+            monitor.break_lines.narrow(self, code)
+        return result
+
+    def clear_all_file_breaks(self, filename):
+        result = super().clear_all_file_breaks(filename)
+        monitor.breaks_changed(self, self.canonic(filename))
+        return result
+
+    def clear_all_breaks(self):
+        filenames = list(self.breaks)
+        result = super().clear_all_breaks()
+        for filename in filenames:
+            monitor.breaks_changed(self, filename)
+        return result
+
+    # -- exceptions ------------------------------------------------------------
+
+    def reaches_program(self, exception):
+        """True when an exception of a user_ method goes on into the program, as with `bdb.Bdb`."""
+        return True
+
+    def on_own_error(self, exception):
+        """An exception that is kept away from the program."""
+        dlog.LogException("the debugger")

@@ -1,0 +1,52 @@
+"""Contents of source files: the checksum that the native module keeps for each file, and copies found by it.
+
+A checksum says which files are copies of each other.  It never makes two files
+one: breakpoints go by the canonical pathname, so ask the module for that without
+a checksum.  `get_canonical_pathname(pathname, checksum)` answers with the name of
+the first file that had the same text when it does not know `pathname` yet.
+"""
+
+import hashlib
+import os
+import stat
+
+import optmonitoring
+
+_DIGEST_BYTES = 16
+
+
+def checksum(pathname):
+    """Hash of the file's bytes as hexadecimal text, None for what cannot be read.
+
+    The module calls this on the program's thread for every new source file, so it
+    raises nothing and waits for nothing: a name may belong to a pipe or a device.
+    """
+    try:
+        with open(pathname, "rb", buffering=0, opener=_open_without_waiting) as file:
+            if not stat.S_ISREG(os.fstat(file.fileno()).st_mode):
+                return None
+            return hashlib.file_digest(file, _new_digest).hexdigest()
+    except Exception:             # no such file, or a name that cannot be one
+        return None
+
+
+def _open_without_waiting(pathname, flags):
+    return os.open(pathname, flags | os.O_NONBLOCK | os.O_NOCTTY)
+
+
+def _new_digest():
+    return hashlib.blake2b(digest_size=_DIGEST_BYTES)
+
+
+def duplicates():
+    """Groups of canonical pathnames of files with equal contents, as sorted lists.
+
+    Known are the files that had a record made since the checksum callback was set.
+    """
+    # By the records' own checksums: the module's index by checksum keeps a file
+    # that has changed under its old one.
+    groups = {}
+    for per_file in optmonitoring.CPerFile.GetAllPerFiles():
+        if per_file.fChecksum is not None:
+            groups.setdefault(per_file.fChecksum, []).append(per_file.fCanonicalPathname)
+    return sorted(sorted(names) for names in groups.values() if len(names) > 1)

@@ -1,0 +1,37 @@
+"""The debugger's own code: the filter never stops in it."""
+
+import bdb
+import cmd
+import importlib
+import os
+import pdb
+
+import brixbase
+import optmonitoring
+
+_added = set()
+
+
+def add_internal_file(path):
+    """Never stop in the code of `path`; for a debugger built on the engine: its own files.
+
+    Call it before that code runs under the debugger: what has run keeps what it was.
+    """
+    _added.add(os.path.abspath(path))
+
+
+def pathname_table():
+    """The table that the filter asks: canonical names as keys."""
+    names = ["<frozen importlib._bootstrap>", "<frozen importlib._bootstrap_external>",
+             "<frozen zipimport>"]
+    files = [bdb.__file__, cmd.__file__, pdb.__file__, importlib.__file__,
+             importlib._bootstrap.__file__, importlib._bootstrap_external.__file__]
+    for package in (__file__, brixbase.__file__):
+        folder = os.path.dirname(os.path.abspath(package))
+        files += [os.path.join(folder, name) for name in os.listdir(folder)
+                  if name.endswith(".py")]
+    files += _added
+    # Both the name as it stands, which is what frozen code reports, and the canonical one.
+    names += files
+    names += [optmonitoring.get_canonical_pathname(name) for name in files]
+    return dict.fromkeys(names, True)

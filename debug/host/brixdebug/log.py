@@ -1,0 +1,87 @@
+"""Switches the native module's log on and off: one file for the module and the host."""
+
+import contextlib
+import io
+
+import optmonitoring
+from brixbase import dlog
+
+_MASKS = {
+    "other": optmonitoring.kLogOther,
+    "filenames": optmonitoring.kLogFilenames,
+    "core": optmonitoring.kLogCore,
+    "breakpoints": optmonitoring.kLogBreakpoints,
+    "exceptions": optmonitoring.kLogExceptions,
+    "io": optmonitoring.kLogIO,
+    "internal_failures": optmonitoring.kLogInternalFailures,
+    "threading": optmonitoring.kLogThreading,
+    "initial": optmonitoring.kLogInitialMonitoringCallbacks,
+    "second": optmonitoring.kLogSecondMonitoringCallbacks,
+}
+_MASKS["all"] = sum(_MASKS.values())
+
+DOMAINS = tuple(_MASKS)
+DEFAULT_DOMAINS = ("core", "exceptions", "internal_failures")
+
+_log_file = None
+
+
+def domain_mask(domains):
+    """The module's log mask for names out of DOMAINS; ValueError names the unknown ones."""
+    mask = 0
+    unknown = []
+    for name in domains:
+        if name in _MASKS:
+            mask |= _MASKS[name]
+        else:
+            unknown.append(name)
+    if unknown:
+        raise ValueError("unknown log domain %s; known: %s"
+                         % (", ".join(map(repr, unknown)), ", ".join(DOMAINS)))
+    return mask
+
+
+def parse_domains(text):
+    """The names in a text like "core,filenames"."""
+    return tuple(name.strip() for name in text.split(",") if name.strip())
+
+
+def open_log(path, domains=DEFAULT_DOMAINS):
+    """Log what belongs to `domains` at the end of the file `path`.
+
+    Raises ValueError for an unknown domain and OSError for a file that cannot be
+    written; the log stays as it was then.
+    """
+    global _log_file
+    mask = domain_mask(domains)
+    opened = _open(path)
+    close_log()
+    _log_file = opened
+    dlog.SetLogFile(opened)
+    optmonitoring.set_dprintf_mask(mask)
+    # The descriptor serves the places where no Python code may run.
+    optmonitoring.set_dprintf_file(opened, opened.fileno(), 0)
+
+
+def close_log():
+    """Back to the state before `open_log`; nothing when there is no log."""
+    global _log_file
+    if _log_file is None:
+        return
+    optmonitoring.set_dprintf_file(None, -1, 0)
+    optmonitoring.set_dprintf_mask(domain_mask(DEFAULT_DOMAINS))
+    dlog.SetLogFile(None)
+    with contextlib.suppress(OSError):    # the program has closed all descriptors
+        _log_file.close()
+    _log_file = None
+
+
+def _open(path):
+    """A text file that has nothing of its own to lose or to lock.
+
+    There is no buffer: a killed process leaves all it wrote, and a forked child
+    can neither write its parent's lines again nor wait for a lock that another
+    thread of the parent had.  Written in native code, it takes no Python call.
+    """
+    return io.TextIOWrapper(io.FileIO(path, "a"), encoding="utf-8",
+                            errors="backslashreplace", write_through=True)
