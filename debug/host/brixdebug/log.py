@@ -46,6 +46,10 @@ def parse_domains(text):
     return tuple(name.strip() for name in text.split(",") if name.strip())
 
 
+def is_open():
+    return _log_file is not None
+
+
 def open_log(path, domains=DEFAULT_DOMAINS):
     """Log what belongs to `domains` at the end of the file `path`.
 

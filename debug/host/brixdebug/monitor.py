@@ -117,6 +117,10 @@ class Monitor:
             if grown and self._filter_tool_id is not None:
                 sys.monitoring.restart_events()
 
+    def end_all_threads(self):
+        """Every thread that is debugged gets `BdbQuit` at its next event."""
+        self.suspension.end_all()
+
     def settle(self):
         """The end of an event: do what had to wait for it."""
         if self._release_wanted:
@@ -163,6 +167,8 @@ class Monitor:
                 state.stepped.clear()
         self._stepped = {}
         self._any_stops_anywhere = False
+        self.suspension.is_ending_all = False
+        self.reporter.ended_thread_ids.clear()
         for record in list(self._local_events):
             record.fEnabledBpLinenos = None
             record.fSteppingEventsNeededCount = 0
@@ -170,6 +176,7 @@ class Monitor:
             per_thread.fSteppingEventsNeeded = False
         for per_file in optmonitoring.CPerFile.GetAllPerFiles():
             per_file.fBpSetByLineno.clear()
+        self.suspension.forget_running_code()
         self._give_back()
 
     def _give_back(self):
@@ -217,7 +224,7 @@ class Monitor:
         self._set_stepped(self._collect_all_stepped(debugger, busy))
         self._mark_threads({state.thread_id for state in busy if state.stops_anywhere})
         step_events = _UNWIND_EVENTS if busy else 0
-        if self._any_stops_anywhere:
+        if self._any_stops_anywhere or self.suspension.is_ending_all:
             step_events |= _FIND_EVENTS
         find_events = _FIND_EVENTS if debugger.breaks or self.suspension.is_active else 0
         self._set_events(step_events | find_events, step_events)

@@ -6,6 +6,7 @@ a second one waits here until the first has gone on.
 """
 
 import _thread
+import bdb
 import bisect
 import functools
 import sys
@@ -43,6 +44,7 @@ class Reporter:
         self.lock = threading.RLock()     # held by the one thread that reports
         self._depth = 0
         self._pending = {}                # thread id -> exception to raise
+        self.ended_thread_ids = set()     # they have got their BdbQuit
 
     @property
     def is_busy(self):
@@ -71,7 +73,7 @@ class Reporter:
         if debugger is None:
             return
         state = debugger.stop_states.own()
-        if state.is_muted:
+        if state.is_muted or self._end_thread(event):
             return
         if state.is_free or frame.f_trace == debugger.trace_dispatch \
                 or debugger.break_anywhere(frame):
@@ -81,7 +83,7 @@ class Reporter:
         try:
             frame = sys._getframe(1)
             debugger = self._monitor.debugger
-            if debugger is None:
+            if debugger is None or self._end_thread(_events.PY_START):
                 return None
             if self._is_call_wanted(debugger, frame):
                 self._report_call(debugger, frame, _events.PY_START)
@@ -150,6 +152,16 @@ class Reporter:
         if not (state.is_free or state.is_muted):
             self._report(debugger, frame, name, value, event)
 
+    def _end_thread(self, event):
+        """The user has quit: the thread ends here, if it has not been told before."""
+        if not self._monitor.suspension.is_ending_all:
+            return False
+        thread_id = _thread.get_ident()
+        if thread_id not in self.ended_thread_ids:
+            self.ended_thread_ids.add(thread_id)
+            self._raise_in_program(bdb.BdbQuit(), event)
+        return True
+
     # -- reporting -------------------------------------------------------------------
 
     def _report(self, debugger, frame, name, value, event):
@@ -162,7 +174,10 @@ class Reporter:
                 self._dispatch(debugger, frame, name, value)
             except BaseException as error:
                 if debugger.reaches_program(error):
+                    # As with sys.settrace: what raises is not asked again.
                     frame.f_trace = None
+                    debugger.stop_states.own().run_freely()
+                    self._monitor.needs_changed(debugger)
                     self._raise_in_program(error, event)
                 else:
                     debugger.on_own_error(error)

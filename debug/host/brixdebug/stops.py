@@ -45,6 +45,12 @@ class StopState:
         return self.stoplineno == -1 and self.stopframe is not None \
             and self.stopframe is self.botframe
 
+    def run_freely(self):
+        """Stop at breakpoints only."""
+        self.stopframe = self.botframe = NOWHERE
+        self.returnframe = None
+        self.stoplineno = -1
+
     @property
     def stops_anywhere(self):
         """The thread stops at the next line, whatever code it is in."""

@@ -18,6 +18,17 @@ _events = sys.monitoring.events
 _HOLD_LOCAL_EVENTS = _events.LINE | _events.PY_START | _events.JUMP
 
 
+def debugged_frames():
+    """The topmost frame of each thread that is not the debugger's own, by thread id."""
+    frames = {}
+    for thread_id, frame in sys._current_frames().items():
+        while frame is not None and optmonitoring.IsInternalFrame(frame):
+            frame = frame.f_back
+        if frame is not None:
+            frames[thread_id] = frame
+    return frames
+
+
 class SuspendLock:
     """The lock of one thread's record; tells whether the thread waits at it."""
 
@@ -58,6 +69,7 @@ class Suspension:
         self._holder = None                   # id of the thread that is not held
         self._held = []                       # records of the threads that are
         self._records = set()                 # of code that they run
+        self.is_ending_all = False            # every thread ends at its next event
         self.own_thread_ids = set()           # threads of a debugger: never debugged
 
     # -- hooks of the per-thread records ------------------------------------------
@@ -66,7 +78,8 @@ class Suspension:
         per_thread = optmonitoring.CPerThread
         per_thread.SetNewPerThreadCreatedCallback(self._on_new_thread)
         per_thread.SetDebugPolicyCallback(self._debug_policy)
-        per_thread.SetGetThreadNameCallback(self._thread_name)
+        per_thread.SetGetThreadNameCallback(
+            lambda record: self.thread_name(record.fThreadId))
 
     def remove_hooks(self):
         per_thread = optmonitoring.CPerThread
@@ -78,9 +91,9 @@ class Suspension:
         return 0 if thread_id in self.own_thread_ids else 1
 
     @staticmethod
-    def _thread_name(per_thread):
-        thread = threading._active.get(per_thread.fThreadId)
-        return thread.name if thread is not None else "thread %d" % per_thread.fThreadId
+    def thread_name(thread_id):
+        thread = threading._active.get(thread_id)
+        return thread.name if thread is not None else "thread %d" % thread_id
 
     def _on_new_thread(self, per_thread):
         try:
@@ -94,7 +107,8 @@ class Suspension:
 
     @property
     def is_active(self):
-        return self._depth > 0
+        """Events are needed in all code that runs."""
+        return self._depth > 0 or self.is_ending_all
 
     @contextlib.contextmanager
     def others_held(self):
@@ -118,20 +132,29 @@ class Suspension:
         self._hold_all()
 
     def _hold_all(self):
-        frames = sys._current_frames()
-        for thread_id, frame in frames.items():
-            if thread_id == self._holder or thread_id in self.own_thread_ids:
-                continue
-            self._hold(optmonitoring.CPerThread.GetPerThread(thread_id))
-            while frame is not None:
+        for thread_id in sys._current_frames():
+            if thread_id != self._holder and thread_id not in self.own_thread_ids:
+                self._hold(optmonitoring.CPerThread.GetPerThread(thread_id))
+        self._monitor.set_any_suspended(1)
+        self._watch_running_code()
+
+    def _watch_running_code(self):
+        """Have events of all code that other threads are in."""
+        for thread_id, frame in sys._current_frames().items():
+            while frame is not None and thread_id != threading.get_ident():
                 record = optmonitoring.CPerCodeObject.GetPerCodeObject(frame.f_code, True, frame)
                 if record is not None and not record.fIsInternal:
                     self._records.add(record)
                 frame = frame.f_back
-        self._monitor.set_any_suspended(1)
         for record in self._records:
             self._monitor.apply(record)
         sys.monitoring.restart_events()
+
+    def end_all(self):
+        """From now on every thread gets an event soon, to end at."""
+        self.is_ending_all = True
+        self._monitor.refresh()
+        self._watch_running_code()
 
     def _hold(self, per_thread):
         if per_thread in self._held:
@@ -149,12 +172,16 @@ class Suspension:
         self._holder = None
         self._monitor.set_any_suspended(0)
         held, self._held = self._held, []
-        records, self._records = self._records, set()
-        for record in records:
-            self._monitor.apply(record)
+        if not self.is_ending_all:
+            self.forget_running_code()
         for per_thread in held:
             per_thread.fCheckSuspendLock = 0
             per_thread.fSuspendLock.open()
+
+    def forget_running_code(self):
+        records, self._records = self._records, set()
+        for record in records:
+            self._monitor.apply(record)
 
     def local_events(self, record):
         """What one code object needs so that threads in it are held."""
