@@ -8,8 +8,8 @@ PYTHONS ?=
 # Interpreters that `make test` gets when they are missing; see `tools/interpreters`.
 INTERPRETERS ?= 3.14 3.15 3.14-debug
 
-.PHONY: help setup build run test test-all test-cpp test-python asan bench bench-units tests-built some-interpreters \
-        interpreters clean
+.PHONY: help setup build run demo test test-all test-cpp test-python asan bench bench-quick bench-growth bench-units \
+        bench-debugpy bench-docs tests-built some-interpreters interpreters clean
 
 help:  ## list the targets
 	@grep -E '^[a-z-]+:.*## ' $(MAKEFILE_LIST) | sed -E 's/:.*## /\t/' | expand -t 16
@@ -22,7 +22,10 @@ build:  ## compile build/optmonitoring.so
 	@cmake -S . -B $(BUILD) -G Ninja >/dev/null
 	@cmake --build $(BUILD) --target optmonitoring -j $(JOBS)
 
-run: build  ## debug real programs under the filter and show what happened
+run: build  ## debug a real, threaded program and show the session
+	@python="$$(tools/choose_python)" && $$python examples/debug_session.py --module-dir $(BUILD)
+
+demo: build  ## run real programs under the bare filter and show how many events it let through
 	@python="$$(tools/choose_python)" && $$python examples/filter_demo.py --module-dir $(BUILD)
 
 tests-built: $(if $(PYTHONS),,some-interpreters)
@@ -57,14 +60,34 @@ asan:  ## the C++ tests that need no interpreter, under ASan and UBSan
 
 bench: build  ## what an event costs on every road, instructions and times (some minutes an interpreter)
 	@tools/setup test
-	@python3 bench/run_bench.py --module-dir $(BUILD)
+	@python3 bench/run_bench.py --module-dir $(BUILD) --results $(BUILD)/bench \
+	    --debugpy "$(or $(BENCH_DEBUGPY),$(BUILD)/debugpy/{version})"
+
+bench-quick: build  ## the roads with a budget alone, in release builds
+	@tools/setup test
+	@python3 bench/run_bench.py --quick --module-dir $(BUILD) --results $(BUILD)/bench/quick
+
+bench-growth: build  ## how that, and the memory, grows with what the filter keeps
+	@python3 bench/growth.py --full --module-dir $(BUILD) --results $(BUILD)/bench
 
 bench-units:  ## the benchmarks of the hash table and the registry
 	@tools/setup build && tools/setup bench
 	@cmake -S . -B $(BUILD)-bench -G Ninja -DOPTMONITORING_TESTS=OFF -DOPTMONITORING_BENCH=ON >/dev/null
 	@cmake --build $(BUILD)-bench -j $(JOBS)
-	@$(BUILD)-bench/bench/dbgtracerhash_bench
-	@$(BUILD)-bench/bench/fileops_bench
+	@mkdir -p $(BUILD)/bench
+	@for unit in dbgtracerhash fileops; do \
+	    $(BUILD)-bench/bench/$${unit}_bench --benchmark_out_format=json \
+	        --benchmark_out=$(BUILD)/bench/units-$$unit.json || exit 1; done
+
+bench-debugpy:  ## get debugpy, a peer that `make bench` measures where it is found
+	@for version in 3.12 3.13 3.14 3.15; do \
+	    python3 -m pip install --quiet --upgrade --target $(BUILD)/debugpy/$$version --python-version $$version \
+	        --only-binary=:all: debugpy || exit 1; done
+
+bench-docs:  ## measure everything and renew the tables and plots of docs/performance.md
+	@$(MAKE) --no-print-directory bench || echo "Not all is well; the page goes on with what was measured."
+	@$(MAKE) --no-print-directory bench-growth bench-units
+	@python3 bench/write_docs.py --results $(BUILD)/bench
 
 interpreters:  ## list the interpreters found
 	@tools/interpreters list
