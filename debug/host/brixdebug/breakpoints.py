@@ -1,10 +1,10 @@
 """What the filter is told of breakpoints: which lines of which code objects.
 
-A debugger's breakpoints are names and line numbers.  The filter looks at a code
-object's record: `fEnabledBpLinenos`, the set of lines to report, None where
-there is no breakpoint.  Between the two stand the module's per-file records,
-which know all code objects of a file that ran so far; code that runs later is
-caught by the hook for new records, before its first event is decided.
+A debugger's breakpoints are names and line numbers; what can be told to the
+filter and to the interpreter is a set of lines for each code object.  Between the
+two stand the module's per-file records, which know all code objects of a file
+that ran so far; code that runs later is caught by the hook for new records,
+before its first event is decided.
 """
 
 import bdb
@@ -26,6 +26,7 @@ class BreakLines:
 
     def __init__(self, monitor):
         self._monitor = monitor
+        self.lines = {}               # record -> set of lines to report; none without
         self._absolute_names = {}     # relative file name -> absolute
         self._pseudo_codes = {}       # name of no file -> {id: weak reference to code}
 
@@ -43,6 +44,8 @@ class BreakLines:
         True when a code object has got lines that it had not: the start of its
         function may have been switched off when nothing was in it.
         """
+        for record in [each for each in self.lines if each.fCodeObjectWeakRef() is None]:
+            del self.lines[record]
         lines = dict.fromkeys(debugger.breaks.get(filename, ()), filename)
         if is_pseudo_file(filename):
             records = self._records_of_pseudo_file(filename)
@@ -107,10 +110,13 @@ class BreakLines:
         if code is None:
             return False
         lines = None if record.fIsInternal else self._lines(debugger, record, code)
-        before = record.fEnabledBpLinenos
+        before = self.lines.get(record)
         if lines == before:
             return False
-        record.fEnabledBpLinenos = lines
+        if lines:
+            self.lines[record] = lines
+        else:
+            del self.lines[record]
         self._monitor.apply(record)
         return bool(lines) and not lines <= (before or set())
 

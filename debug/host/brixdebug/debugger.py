@@ -55,6 +55,8 @@ class Debugger(pdb.Pdb, Bdb):
         monitor.needs_changed(self)
 
     def sigint_handler(self, signum, frame):
+        if monitor.suspension.holder not in (None, threading.get_ident()):
+            return            # the prompt is another thread's, and this one is not to die of it
         state = self.stop_states.own()
         muted, state.is_muted = state.is_muted, True
         try:
@@ -103,7 +105,8 @@ class Debugger(pdb.Pdb, Bdb):
             filename = str(target)
         if optmonitoring.get_canonical_pathname(filename) in internal.pathname_table():
             self.error("Cannot debug %s: it is the debugger's own code" % filename)
-            sys.exit(2)
+            _CommandLineDebugger.has_refused = self._user_requested_quit = True
+            return
         super()._run(target)
 
     # -- commands that pdb has not -----------------------------------------------------
@@ -141,9 +144,9 @@ class Debugger(pdb.Pdb, Bdb):
             self.error("The command takes no argument")
             return
         shown = (self.stop_states.selected or self.stop_states.own()).thread_id
-        self.message("  %-4s%-15s%-20s%s" % ("Num", "State", "Name", "Place"))
+        self.message("  %-4s%-15s%-20s %s" % ("Num", "State", "Name", "Place"))
         for number, thread_id, frame in self._numbered_threads():
-            self.message("%s %-4d%-15s%-20s%s(%s)%s()" % (
+            self.message("%s %-4d%-15s%-20s %s(%s)%s()" % (
                 ">" if thread_id == shown else " ", number, self._thread_state(thread_id),
                 monitor.suspension.thread_name(thread_id),
                 self.canonic(frame.f_code.co_filename), frame.f_lineno, frame.f_code.co_name))
@@ -215,6 +218,7 @@ class Debugger(pdb.Pdb, Bdb):
 
 class _CommandLineDebugger(Debugger):
     _ends_program = True
+    has_refused = False                       # there was nothing that can be debugged
 
 
 # pdb's own functions, which make a Debugger where they made a Pdb.
@@ -286,4 +290,7 @@ def main():
     _open_log(_take_log_options(arguments))
     sys.argv[1:] = arguments
     threading.excepthook = _hide_quit(threading.excepthook)
+    sys.unraisablehook = _hide_quit(sys.unraisablehook)       # threads that `threading` did not start
     compat.rebind(pdb.main, **{**_names, "Pdb": _CommandLineDebugger})()
+    if _CommandLineDebugger.has_refused:
+        sys.exit(2)

@@ -20,6 +20,11 @@ What is switched on under them:
     RAISE, PY_UNWIND               while a thread is stepped
     LINE, JUMP, returns            in the code objects of frames that are stepped
     LINE, PY_START, JUMP           in all running code, while a thread is at the prompt
+
+While all threads run freely the second callbacks switch off, place by place, what
+is no breakpoint (DISABLE), and the program pays for nothing but the lines that have
+one.  While a thread is stepped or at the prompt everything stays armed; the filter is
+given the lines then (`fEnabledBpLinenos`) and answers for the others in native code.
 """
 
 import os
@@ -70,7 +75,8 @@ class Monitor:
         self._raiser_events = 0
         self._any_stops_anywhere = False
         self._needs_changed = False
-        self._release_wanted = False
+        self.is_idle = True                   # all threads run freely
+        self.epoch = 0                        # counts the times when places were armed again
         os.register_at_fork(after_in_child=self._after_fork_in_child)
 
     # -- for debuggers -------------------------------------------------------------
@@ -78,28 +84,23 @@ class Monitor:
     def start(self, debugger):
         """`debugger` gets the events from now on."""
         with self.switching:
-            self._release_wanted = False
             self.debugger = debugger
-            for filename in list(debugger.breaks):
-                self.break_lines.share(debugger, filename)
-            if debugger.breaks:
-                self.break_lines.find_running_code()
-            self._refresh()
+            self._share(debugger, list(debugger.breaks))
 
     def stop(self, debugger):
         """`debugger` gets no more events; everything that was taken is given back."""
         if self.debugger is not debugger:
             return
         with self.switching:
-            if self.reporter.is_busy:
-                # In the middle of an event: an exception may still have to be raised.
-                self._release_wanted = True
-            else:
+            self.debugger = None
+            for state in debugger.stop_states.all():
+                state.stepped.clear()
+            if not self.reporter.is_busy:     # else when the event ends: it may have to raise
                 self._release()
 
     def needs_changed(self, debugger):
         """What stops the threads of `debugger` has changed."""
-        if self.debugger is not debugger:
+        if debugger is None or self.debugger is not debugger:
             return
         if self.reporter.is_busy:
             self._needs_changed = True        # looked at when the event ends
@@ -111,11 +112,17 @@ class Monitor:
         if self.debugger is not debugger:
             return
         with self.switching:
-            grown = self.break_lines.share(debugger, filename)
+            self._share(debugger, [filename])
+
+    def _share(self, debugger, filenames):
+        grown = False
+        for filename in filenames:
+            grown |= self.break_lines.share(debugger, filename)
+        if debugger.breaks:
             self.break_lines.find_running_code()
-            self._refresh()
-            if grown and self._filter_tool_id is not None:
-                sys.monitoring.restart_events()
+        self._refresh()
+        if grown:
+            self.rearm()
 
     def end_all_threads(self):
         """Every thread that is debugged gets `BdbQuit` at its next event."""
@@ -123,7 +130,7 @@ class Monitor:
 
     def settle(self):
         """The end of an event: do what had to wait for it."""
-        if self._release_wanted:
+        if self.debugger is None:
             with self.switching:
                 self._release()
         elif self._needs_changed:
@@ -145,6 +152,7 @@ class Monitor:
                     event, second_callback, 0 if event & _LASTING_EVENTS else 1)
         for event, callback in self._initial_callbacks.items():
             sys.monitoring.register_callback(filter_tool_id, event, callback.Callback)
+        self.reporter.register_raiser()
 
     def _install_hooks(self):
         optmonitoring.SetInternalPathnameDict(internal.pathname_table())
@@ -160,13 +168,11 @@ class Monitor:
 
     def _release(self):
         """Everything off and given back, and nothing remembered of breakpoints and steps."""
-        debugger, self.debugger = self.debugger, None
-        self._release_wanted = self._needs_changed = False
-        if debugger is not None:
-            for state in debugger.stop_states.all():
-                state.stepped.clear()
+        self._needs_changed = False
         self._stepped = {}
         self._any_stops_anywhere = False
+        self.is_idle = True
+        self.break_lines.lines.clear()
         self.suspension.is_ending_all = False
         self.reporter.ended_thread_ids.clear()
         for record in list(self._local_events):
@@ -198,10 +204,27 @@ class Monitor:
 
     # -- what is switched on ---------------------------------------------------------
 
-    @property
-    def may_disable_calls(self):
-        """Nobody waits for the start of just any function."""
-        return not (self._any_stops_anywhere or self.suspension.is_active)
+    def is_line_off(self, code, line):
+        """Nobody waits for this line of `code`."""
+        if not self.is_idle:
+            return False
+        record = optmonitoring.CPerCodeObject.GetPerCodeObject(code, False)
+        return line not in self.break_lines.lines.get(record, ())
+
+    def is_call_off(self, code, line):
+        """Nobody waits for the start of just any function, nor for that of `code` at `line`.
+
+        With its start switched off, a function on one line reports no line either.
+        """
+        if self._any_stops_anywhere or self.suspension.is_active:
+            return False
+        record = optmonitoring.CPerCodeObject.GetPerCodeObject(code, False)
+        return line not in self.break_lines.lines.get(record, ())
+
+    def rearm(self):
+        """Arm what was switched off place by place.  What is needed has to be written before."""
+        self.epoch += 1
+        sys.monitoring.restart_events()
 
     def refresh(self):
         """Switch on what is needed now, and nothing else."""
@@ -221,6 +244,7 @@ class Monitor:
             self._give_back()
             return
         self._claim()
+        was_idle, self.is_idle = self.is_idle, not (busy or self.suspension.is_active)
         self._set_stepped(self._collect_all_stepped(debugger, busy))
         self._mark_threads({state.thread_id for state in busy if state.stops_anywhere})
         step_events = _UNWIND_EVENTS if busy else 0
@@ -228,6 +252,16 @@ class Monitor:
             step_events |= _FIND_EVENTS
         find_events = _FIND_EVENTS if debugger.breaks or self.suspension.is_active else 0
         self._set_events(step_events | find_events, step_events)
+        if was_idle != self.is_idle:
+            self._change_idle()
+
+    def _change_idle(self):
+        """All threads run freely now, or no longer."""
+        self.reporter.register_raiser()
+        for record in list(self.break_lines.lines):
+            self.apply(record)
+        if not self.is_idle:
+            self.rearm()
 
     def _collect_all_stepped(self, debugger, busy):
         """The code objects that have to be reported, each with its local events."""
@@ -300,13 +334,16 @@ class Monitor:
         for thread_id in stepping_thread_ids:
             optmonitoring.CPerThread.GetPerThread(thread_id).fSteppingEventsNeeded = True
         if begins:
-            sys.monitoring.restart_events()
+            self.rearm()
 
     def apply(self, record):
         """Switch on in one code object what it needs now."""
         events = self._stepped.get(record, 0) | self.suspension.local_events(record)
         count = 1 if events else 0
-        if record.fEnabledBpLinenos is not None:
+        lines = self.break_lines.lines.get(record)
+        # None lets every line through, to be switched off by the second callback.
+        record.fEnabledBpLinenos = None if self.is_idle else lines
+        if lines:
             events |= _BREAK_LOCAL_EVENTS
             if self.debugger is not None and self.debugger.wants_calls:
                 count = 1
@@ -340,20 +377,39 @@ class Monitor:
         for callback in self._initial_callbacks.values():
             callback.fAnySuspendThread = value
 
+    # -- the raiser ----------------------------------------------------------------------
+
+    def begin_raising(self, code):
+        """The raiser gets an event of the calling thread soon, which runs `code` or leaves it."""
+        with self.switching:
+            self._claim()
+            sys.monitoring.set_events(RAISER_TOOL_ID, self._raiser_events | _UNWIND_EVENTS)
+            sys.monitoring.set_local_events(
+                RAISER_TOOL_ID, code,
+                sys.monitoring.get_local_events(RAISER_TOOL_ID, code) | _STEP_LOCAL_EVENTS)
+
+    def end_raising(self, code):
+        with self.switching:
+            record = optmonitoring.CPerCodeObject.GetPerCodeObject(code, False)
+            sys.monitoring.set_events(RAISER_TOOL_ID, self._raiser_events)
+            sys.monitoring.set_local_events(RAISER_TOOL_ID, code,
+                                            self._local_events.get(record, 0))
+
     # -- fork --------------------------------------------------------------------------
 
     def _after_fork_in_child(self):
         """Only the forking thread is left; locks of the others will never be released."""
-        self.switching = threading.RLock()
-        self.reporter.begin_anew()
+        # The filter answers nothing in a child before it is told the new process id.
+        optmonitoring.UpdateThisProcessPid()
+        if not self.switching._is_owned():
+            self.switching = threading.RLock()
+        self.reporter.keep_only_own()
         self.suspension.forget_other_threads()
         if self.debugger is None:
             return
         self.debugger.stop_states.keep_only_own()
-        # The filter answers nothing in a child before it is told the new process id.
-        optmonitoring.UpdateThisProcessPid()
         if not self.debugger.follows_fork:
-            self._release()
+            self.stop(self.debugger)
 
 
 def _free_filter_tool_id():

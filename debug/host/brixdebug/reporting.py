@@ -9,10 +9,14 @@ import _thread
 import bdb
 import bisect
 import functools
+import signal
 import sys
 import threading
 
+import optmonitoring
 from brixbase import dlog
+
+from brixdebug.suspension import is_threading_code
 
 _events = sys.monitoring.events
 _DISABLE = sys.monitoring.DISABLE
@@ -37,14 +41,29 @@ class Reporter:
             _events.STOP_ITERATION: self._on_exception,
             _events.INSTRUCTION: self._on_instruction,
         }
+        self._raiser_callbacks = {
+            _events.LINE: self._on_raiser_line,
+            _events.JUMP: self._on_raiser_jump,
+            _events.PY_START: self._on_raiser_call,
+            _events.PY_RESUME: self._on_raiser_call,
+        }
         self.begin_anew()
 
     def begin_anew(self):
-        """Nothing is being reported; also after a fork, whatever another thread was doing."""
+        """Nothing is being reported."""
         self.lock = threading.RLock()     # held by the one thread that reports
-        self._depth = 0
-        self._pending = {}                # thread id -> exception to raise
+        self._depth = 0                   # its events inside events
+        self.waiting_thread_ids = set()   # of the threads that wait for the lock
+        self._pending = {}                # thread id -> exception to raise, and the code to do it in
         self.ended_thread_ids = set()     # they have got their BdbQuit
+
+    def keep_only_own(self):
+        """After a fork, in the child: what the calling thread is doing goes on."""
+        own_id = _thread.get_ident()
+        pending = {own_id: self._pending[own_id]} if own_id in self._pending else {}
+        if not self.lock._is_owned():
+            self.begin_anew()
+        self._pending = pending
 
     @property
     def is_busy(self):
@@ -53,43 +72,57 @@ class Reporter:
 
     # -- the callbacks ---------------------------------------------------------------
 
+    # DISABLE takes hold after the callback has ended.  Should another thread arm places
+    # meanwhile, it must not: so the epoch is looked at once more as the very last thing.
+
     def _on_line(self, code, line):
         try:
-            return self._line(sys._getframe(1), _events.LINE)
+            epoch = self._monitor.epoch
+            if self._monitor.is_line_off(code, line):
+                return _DISABLE if epoch == self._monitor.epoch else None
+            return self._line(sys._getframe(1))
         except BaseException as error:
             return self._failed(error)
 
     def _on_jump(self, code, offset, destination):
         """A loop on one line: each pass is a line of its own, as with `sys.settrace`."""
         try:
-            if destination > offset or not _is_same_line(code, offset, destination):
-                return _DISABLE
-            return self._line(sys._getframe(1), _events.JUMP)
+            epoch = self._monitor.epoch
+            if self._is_jump_off(code, offset, destination):
+                return _DISABLE if epoch == self._monitor.epoch else None
+            return self._line(sys._getframe(1))
         except BaseException as error:
             return self._failed(error)
 
-    def _line(self, frame, event):
+    def _is_jump_off(self, code, offset, destination):
+        line = _line_at(code, offset)
+        return destination > offset or line != _line_at(code, destination) \
+            or self._monitor.is_line_off(code, line)
+
+    def _line(self, frame):
         debugger = self._monitor.debugger
         if debugger is None:
             return
         state = debugger.stop_states.own()
-        if state.is_muted or self._end_thread(event):
+        if state.is_muted or self._end_thread(frame):
             return
-        if state.is_free or frame.f_trace == debugger.trace_dispatch \
-                or debugger.break_anywhere(frame):
-            self._report(debugger, frame, "line", None, event)
+        if debugger.break_anywhere(frame) \
+                or frame.f_trace == debugger.trace_dispatch and not state.is_free:
+            self._report(debugger, frame, "line", None)
 
     def _on_call(self, code, offset):
         try:
+            epoch = self._monitor.epoch
             frame = sys._getframe(1)
             debugger = self._monitor.debugger
-            if debugger is None or self._end_thread(_events.PY_START):
+            if debugger is None or self._end_thread(frame):
                 return None
             if self._is_call_wanted(debugger, frame):
-                self._report_call(debugger, frame, _events.PY_START)
+                self._report_call(debugger, frame)
                 return None
-            # Off at this place until events are restarted, when somebody steps.
-            return _DISABLE if self._monitor.may_disable_calls else None
+            if self._monitor.is_call_off(code, _line_at(code, offset)):
+                return _DISABLE if epoch == self._monitor.epoch else None
+            return None
         except BaseException as error:
             return self._failed(error)
 
@@ -98,7 +131,7 @@ class Reporter:
             frame = sys._getframe(1)
             debugger = self._monitor.debugger
             if debugger is not None and self._is_call_wanted(debugger, frame):
-                self._report_call(debugger, frame, _events.PY_THROW)
+                self._report_call(debugger, frame)
         except BaseException as error:
             self._failed(error)
 
@@ -109,8 +142,8 @@ class Reporter:
             return False
         return state.stops_anywhere or debugger.wants_calls and debugger.break_anywhere(frame)
 
-    def _report_call(self, debugger, frame, event):
-        self._report(debugger, frame, "call", None, event)
+    def _report_call(self, debugger, frame):
+        self._report(debugger, frame, "call", None)
         if frame.f_trace == debugger.trace_dispatch and self._monitor.debugger is debugger:
             state = debugger.stop_states.own()
             if not state.is_free:
@@ -118,20 +151,20 @@ class Reporter:
 
     def _on_return(self, code, offset, value):
         try:
-            self._traced(sys._getframe(1), "return", value, _events.PY_RETURN)
+            self._traced(sys._getframe(1), "return", value)
         except BaseException as error:
             return self._failed(error)
 
     def _on_unwind(self, code, offset, exception):
         try:
-            self._traced(sys._getframe(1), "return", None, _events.PY_UNWIND)
+            self._traced(sys._getframe(1), "return", None)
         except BaseException as error:
             self._failed(error)
 
     def _on_exception(self, code, offset, exception):
         try:
             self._traced(sys._getframe(1), "exception",
-                         (type(exception), exception, exception.__traceback__), _events.RAISE)
+                         (type(exception), exception, exception.__traceback__))
         except BaseException as error:
             return self._failed(error)
 
@@ -139,52 +172,72 @@ class Reporter:
         try:
             frame = sys._getframe(1)
             if frame.f_trace_opcodes:
-                self._traced(frame, "opcode", None, _events.INSTRUCTION)
+                self._traced(frame, "opcode", None)
         except BaseException as error:
             return self._failed(error)
 
-    def _traced(self, frame, name, value, event):
+    def _traced(self, frame, name, value):
         """Report an event of a frame that is being stepped."""
         debugger = self._monitor.debugger
         if debugger is None or frame.f_trace != debugger.trace_dispatch:
             return
         state = debugger.stop_states.own()
         if not (state.is_free or state.is_muted):
-            self._report(debugger, frame, name, value, event)
+            self._report(debugger, frame, name, value)
 
-    def _end_thread(self, event):
+    def _end_thread(self, frame):
         """The user has quit: the thread ends here, if it has not been told before."""
         if not self._monitor.suspension.is_ending_all:
             return False
-        thread_id = _thread.get_ident()
-        if thread_id not in self.ended_thread_ids:
-            self.ended_thread_ids.add(thread_id)
-            self._raise_in_program(bdb.BdbQuit(), event)
+        if _thread.get_ident() not in self.ended_thread_ids and not is_threading_code(frame):
+            self.raise_in_program(bdb.BdbQuit())
         return True
 
     # -- reporting -------------------------------------------------------------------
 
-    def _report(self, debugger, frame, name, value, event):
+    def _report(self, debugger, frame, name, value):
         """Hand one event to the debugger; one thread at a time gets through."""
-        with self.lock:
-            if self._monitor.debugger is not debugger:
-                return
-            self._depth += 1
-            try:
+        interruption = self._wait_for_turn()
+        self._depth += 1
+        try:
+            if interruption is not None:
+                self.raise_in_program(interruption)
+            if self._monitor.debugger is debugger:
                 self._dispatch(debugger, frame, name, value)
+        except BaseException as error:
+            self._report_failed(debugger, frame, error)
+        finally:
+            self._depth -= 1
+            if not self.is_busy:
+                self._monitor.settle()
+            self.lock.release()
+
+    def _wait_for_turn(self):
+        """Take the lock.  The exception of a signal handler meanwhile is returned: the event is not lost."""
+        if self.lock._is_owned():
+            self.lock.acquire()
+            return None
+        interruption = None
+        self.waiting_thread_ids.add(_thread.get_ident())
+        while not self.lock._is_owned():
+            try:
+                self.lock.acquire()
             except BaseException as error:
-                if debugger.reaches_program(error):
-                    # As with sys.settrace: what raises is not asked again.
-                    frame.f_trace = None
-                    debugger.stop_states.own().run_freely()
-                    self._monitor.needs_changed(debugger)
-                    self._raise_in_program(error, event)
-                else:
-                    debugger.on_own_error(error)
-            finally:
-                self._depth -= 1
-                if not self.is_busy:
-                    self._monitor.settle()
+                interruption = error
+        self.waiting_thread_ids.discard(_thread.get_ident())
+        return interruption
+
+    def _report_failed(self, debugger, frame, error):
+        if debugger.reaches_program(error):
+            # As with sys.settrace: what raises is not asked again.
+            frame.f_trace = None
+            debugger.stop_states.own().run_freely()
+            self._monitor.needs_changed(debugger)
+            self.raise_in_program(error)
+        elif _is_of_signal_handler(error):
+            self.raise_in_program(error)
+        else:
+            debugger.on_own_error(error)
 
     def _dispatch(self, debugger, frame, name, value):
         trace = debugger.trace_dispatch(frame, name, value)
@@ -206,20 +259,49 @@ class Reporter:
 
     # -- exceptions ------------------------------------------------------------------
 
-    def _raise_in_program(self, error, event):
-        """Have `error` raised where the event happened, when this callback has ended."""
-        self._pending[_thread.get_ident()] = error
-        for each in _same_kind(event):
-            sys.monitoring.register_callback(self._raiser_tool_id, each, self._raise_pending)
+    def raise_in_program(self, error):
+        """Have `error` raised in the calling thread's program code, when the callback has ended.
+
+        That is where the event happened, or at the next line where the raiser has no such event.
+        """
+        if isinstance(error, bdb.BdbQuit):
+            self.ended_thread_ids.add(_thread.get_ident())
+        code = optmonitoring.GetNonInternalFrame().f_code
+        self._pending[_thread.get_ident()] = error, code
+        self._monitor.begin_raising(code)
+        for event in self.callbacks:
+            sys.monitoring.register_callback(self._raiser_tool_id, event, self._raise_pending)
+
+    def register_raiser(self):
+        """The raiser's callbacks while it has nothing to raise: none, or what switches places off."""
+        if self._pending:
+            return
+        callbacks = self._raiser_callbacks if self._monitor.is_idle else {}
+        for event in self.callbacks:
+            sys.monitoring.register_callback(self._raiser_tool_id, event, callbacks.get(event))
+
+    def _on_raiser_line(self, code, line):
+        epoch = self._monitor.epoch
+        if self._monitor.is_line_off(code, line):
+            return _DISABLE if epoch == self._monitor.epoch else None
+
+    def _on_raiser_jump(self, code, offset, destination):
+        epoch = self._monitor.epoch
+        if self._is_jump_off(code, offset, destination):
+            return _DISABLE if epoch == self._monitor.epoch else None
+
+    def _on_raiser_call(self, code, offset):
+        epoch = self._monitor.epoch
+        if self._monitor.is_call_off(code, _line_at(code, offset)):
+            return _DISABLE if epoch == self._monitor.epoch else None
 
     def _raise_pending(self, *args):
         """The raiser's callback: asked for the same event, after the filter."""
-        error = self._pending.pop(_thread.get_ident(), None)
+        error, code = self._pending.pop(_thread.get_ident(), (None, None))
         if error is None:
             return None                   # the event of another thread
-        if not self._pending:
-            for event in self.callbacks:
-                sys.monitoring.register_callback(self._raiser_tool_id, event, None)
+        self.register_raiser()
+        self._monitor.end_raising(code)
         if not self.is_busy:
             self._monitor.settle()
         try:
@@ -227,26 +309,26 @@ class Reporter:
         finally:
             del error
 
-    @staticmethod
-    def _failed(error):
+    def _failed(self, error):
         """An exception of our own code, or one that a signal handler raised in it."""
-        if isinstance(error, Exception):
+        if _is_of_signal_handler(error):
+            self.raise_in_program(error)
+        else:
             dlog.LogException("the debugger")
-        elif threading.current_thread() is threading.main_thread():
-            # The interpreter's to deliver again, when this callback has ended.
-            _thread.start_new_thread(_thread.interrupt_main, ())
 
 
-_KINDS = ((_events.PY_START, _events.PY_RESUME), (_events.PY_RETURN, _events.PY_YIELD),
-          (_events.RAISE, _events.STOP_ITERATION))
-
-
-def _same_kind(event):
-    """The events that share the callback of `event`."""
-    for kind in _KINDS:
-        if event in kind:
-            return kind
-    return (event,)
+def _is_of_signal_handler(error):
+    """True when the program's own handler of a signal raised `error`, wherever that was."""
+    if not isinstance(error, Exception):
+        return True
+    codes = {getattr(signal.getsignal(number), "__code__", None)
+             for number in signal.valid_signals()}
+    traceback = error.__traceback__
+    while traceback is not None:
+        if traceback.tb_frame.f_code in codes:
+            return True
+        traceback = traceback.tb_next
+    return False
 
 
 @functools.lru_cache(maxsize=256)
@@ -255,7 +337,6 @@ def _line_starts(code_id, code):
     return [start for start, _ in starts], [line for _, line in starts]
 
 
-def _is_same_line(code, offset, destination):
+def _line_at(code, offset):
     starts, lines = _line_starts(id(code), code)
-    return lines[bisect.bisect_right(starts, offset) - 1] \
-        == lines[bisect.bisect_right(starts, destination) - 1]
+    return lines[bisect.bisect_right(starts, offset) - 1]

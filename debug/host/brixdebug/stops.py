@@ -94,6 +94,9 @@ class StopStates:
 
     def all(self):
         """The records of all threads that live; forgets the others."""
+        running = set(sys._current_frames())
+        for thread_id in [each for each in self._waiting if each not in running]:
+            self._waiting.pop(thread_id, None)
         states = list(self._waiting.values())
         for thread_id, reference in list(self._by_thread_id.items()):
             state = reference()

@@ -29,35 +29,64 @@ def debugged_frames():
     return frames
 
 
-class SuspendLock:
-    """The lock of one thread's record; tells whether the thread waits at it."""
+def is_threading_code(frame):
+    """Where a thread has locks that others need to start one, to end one or to list them."""
+    return frame.f_code.co_filename == threading.__file__
 
-    def __init__(self):
-        self._lock = threading.Lock()
+
+class SuspendLock:
+    """Stands as the lock of one thread's record: a gate; tells whether the thread waits at it."""
+
+    def __init__(self, on_interruption):
+        self._on_interruption = on_interruption
+        self._gate = None                     # a lock for each time that it is closed
         self.has_waiter = False
 
     def close(self):
         """Hold the thread from its next event on.  Called by another thread, or by itself."""
-        self._lock.acquire(blocking=False)
+        if self._gate is None:
+            gate = threading.Lock()
+            gate.acquire()
+            self._gate = gate
 
     def open(self):
-        """Let it go on."""
-        try:
-            self._lock.release()
-        except RuntimeError:
-            pass                              # it is open
+        """Let it go on, to its next event at least."""
+        gate, self._gate = self._gate, None
+        if gate is not None:
+            gate.release()
 
     # The two that the filter calls, in the thread that is held.
 
     def acquire(self):
+        """Wait for the gate.  What the handler of a signal raises meanwhile has to wait too."""
+        if is_threading_code(sys._getframe(1)):
+            return                            # it goes on until it is out of there
+        interruption = None
         self.has_waiter = True
-        try:
-            self._lock.acquire()
-        finally:
-            self.has_waiter = False
+        gate = self._gate
+        while gate is not None and gate is self._gate:
+            try:
+                gate.acquire()
+            except BaseException as error:
+                interruption = error
+        self.has_waiter = False
+        if interruption is not None:
+            self._on_interruption(interruption)
 
     def release(self):
-        self._lock.release()
+        """Nothing is to be given back: the gate has no owner."""
+
+
+class _OwnThread:
+    """Enters a thread's id in a set as long as the thread lives: ids are used again."""
+
+    def __init__(self, thread_ids, thread_id):
+        self._thread_ids = thread_ids
+        self._thread_id = thread_id
+        thread_ids.add(thread_id)
+
+    def __del__(self):
+        self._thread_ids.discard(self._thread_id)
 
 
 class Suspension:
@@ -66,11 +95,12 @@ class Suspension:
     def __init__(self, monitor):
         self._monitor = monitor
         self._depth = 0
-        self._holder = None                   # id of the thread that is not held
+        self.holder = None                    # id of the thread at the prompt, which is not held
         self._held = []                       # records of the threads that are
         self._records = set()                 # of code that they run
         self.is_ending_all = False            # every thread ends at its next event
         self.own_thread_ids = set()           # threads of a debugger: never debugged
+        self._own = threading.local()
 
     # -- hooks of the per-thread records ------------------------------------------
 
@@ -90,6 +120,12 @@ class Suspension:
     def _debug_policy(self, thread_id):
         return 0 if thread_id in self.own_thread_ids else 1
 
+    def adopt_thread(self):
+        """The calling thread is the debugger's own from now on: it is not stopped, and not held."""
+        thread_id = threading.get_ident()
+        self._own.thread = _OwnThread(self.own_thread_ids, thread_id)
+        optmonitoring.CPerThread.GetPerThread(thread_id).fDebugPolicy = 0
+
     @staticmethod
     def thread_name(thread_id):
         thread = threading._active.get(thread_id)
@@ -97,11 +133,14 @@ class Suspension:
 
     def _on_new_thread(self, per_thread):
         try:
-            per_thread.fSuspendLock = SuspendLock()
-            if self._depth and per_thread.fThreadId != self._holder:
+            self._give_lock(per_thread)
+            if self._depth and per_thread.fThreadId != self.holder:
                 self._hold(per_thread)
         except Exception:
             dlog.LogException("a new thread")
+
+    def _give_lock(self, per_thread):
+        per_thread.fSuspendLock = SuspendLock(self._monitor.reporter.raise_in_program)
 
     # -- holding --------------------------------------------------------------------
 
@@ -123,17 +162,14 @@ class Suspension:
         self._depth += 1
         if self._depth > 1:
             return
-        self._holder = threading.get_ident()
-        if self._monitor.debugger is None or len(sys._current_frames()) < 2:
-            # No event would reach a thread, or there is none; one that is started now
-            # is caught by _on_new_thread.
-            return
-        self._monitor.refresh()
-        self._hold_all()
+        self.holder = threading.get_ident()
+        if self._monitor.debugger is not None:    # else no event would reach a thread
+            self._monitor.refresh()
+            self._hold_all()
 
     def _hold_all(self):
         for thread_id in sys._current_frames():
-            if thread_id != self._holder and thread_id not in self.own_thread_ids:
+            if thread_id != self.holder and thread_id not in self.own_thread_ids:
                 self._hold(optmonitoring.CPerThread.GetPerThread(thread_id))
         self._monitor.set_any_suspended(1)
         self._watch_running_code()
@@ -148,7 +184,7 @@ class Suspension:
                 frame = frame.f_back
         for record in self._records:
             self._monitor.apply(record)
-        sys.monitoring.restart_events()
+        self._monitor.rearm()
 
     def end_all(self):
         """From now on every thread gets an event soon, to end at."""
@@ -160,7 +196,7 @@ class Suspension:
         if per_thread in self._held:
             return
         if not isinstance(per_thread.fSuspendLock, SuspendLock):
-            per_thread.fSuspendLock = SuspendLock()       # made before the hook was set
+            self._give_lock(per_thread)           # it was made before the hook was set
         per_thread.fSuspendLock.close()
         per_thread.fCheckSuspendLock = 1
         self._held.append(per_thread)
@@ -169,7 +205,7 @@ class Suspension:
         self._depth -= 1
         if self._depth:
             return
-        self._holder = None
+        self.holder = None
         self._monitor.set_any_suspended(0)
         held, self._held = self._held, []
         if not self.is_ending_all:
@@ -177,6 +213,7 @@ class Suspension:
         for per_thread in held:
             per_thread.fCheckSuspendLock = 0
             per_thread.fSuspendLock.open()
+        self._monitor.needs_changed(self._monitor.debugger)
 
     def forget_running_code(self):
         records, self._records = self._records, set()
@@ -188,7 +225,9 @@ class Suspension:
         return _HOLD_LOCAL_EVENTS if record in self._records else 0
 
     def is_waiting(self, thread_id):
-        """True when the thread stands at its lock."""
+        """True when the thread stands at its lock, or waits to report an event."""
+        if thread_id in self._monitor.reporter.waiting_thread_ids:
+            return True
         per_thread = optmonitoring.CPerThread.GetPerThread(thread_id, False)
         lock = per_thread.fSuspendLock if per_thread is not None else None
         return isinstance(lock, SuspendLock) and lock.has_waiter
@@ -196,7 +235,8 @@ class Suspension:
     def forget_other_threads(self):
         """After a fork, in the child: nobody is left to be held, or to let go."""
         self._held = []
-        self._records = set()
-        self._depth = 0
-        self._holder = None
+        if self.holder != threading.get_ident():
+            self._depth = 0
+            self.holder = None
+        self.forget_running_code()
         self._monitor.set_any_suspended(0)
