@@ -101,9 +101,22 @@ class Bdb(compat.TraceBase):
         finally:
             self._keeps_tracing = keeps_tracing
 
-    def _set_stopinfo(self, *args, **kwargs):
-        super()._set_stopinfo(*args, **kwargs)
+    def _set_stopinfo(self, stopframe, *args, **kwargs):
+        super()._set_stopinfo(self._visible_target(stopframe), *args, **kwargs)
         monitor.needs_changed(self)
+
+    def _visible_target(self, frame):
+        """A frame to stop in, for `frame`: no event of internal code is ever reported."""
+        if frame is None or frame is self.botframe or not optmonitoring.IsInternalFrame(frame):
+            return frame
+        if self.frame_returning is not None and self.frame_returning.f_back is frame:
+            return None                   # it is reached at once: stop at what comes next
+        caller = frame.f_back
+        while caller is not None and optmonitoring.IsInternalFrame(caller):
+            if caller is self.botframe:
+                return frame              # the program ends before anything else
+            caller = caller.f_back
+        return caller or frame
 
     # -- files -----------------------------------------------------------------
 

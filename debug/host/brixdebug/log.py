@@ -2,6 +2,7 @@
 
 import contextlib
 import io
+import os
 
 import optmonitoring
 from brixbase import dlog
@@ -75,9 +76,11 @@ def close_log():
     optmonitoring.set_dprintf_file(None, -1, 0)
     optmonitoring.set_dprintf_mask(domain_mask(DEFAULT_DOMAINS))
     dlog.SetLogFile(None)
-    with contextlib.suppress(OSError):    # the program has closed all descriptors
-        _log_file.close()
+    descriptor = _log_file.fileno()
+    _log_file.close()
     _log_file = None
+    with contextlib.suppress(OSError):    # the program has closed all descriptors
+        os.close(descriptor)
 
 
 def _open(path):
@@ -86,6 +89,9 @@ def _open(path):
     There is no buffer: a killed process leaves all it wrote, and a forked child
     can neither write its parent's lines again nor wait for a lock that another
     thread of the parent had.  Written in native code, it takes no Python call.
+    The descriptor is not the file's own: a log that is open when the process ends
+    is not to be warned of.
     """
-    return io.TextIOWrapper(io.FileIO(path, "a"), encoding="utf-8",
+    descriptor = os.open(path, os.O_WRONLY | os.O_CREAT | os.O_APPEND, 0o666)
+    return io.TextIOWrapper(io.FileIO(descriptor, "a", closefd=False), encoding="utf-8",
                             errors="backslashreplace", write_through=True)

@@ -89,8 +89,8 @@ class Monitor:
 
     def stop(self, debugger):
         """`debugger` gets no more events; everything that was taken is given back."""
-        if self.debugger is not debugger:
-            return
+        if self.debugger is not debugger or self.suspension.is_ending_all:
+            return            # the process ends, and its other threads have still to be told
         with self.switching:
             self.debugger = None
             for state in debugger.stop_states.all():

@@ -240,8 +240,11 @@ class Reporter:
             debugger.on_own_error(error)
 
     def _dispatch(self, debugger, frame, name, value):
-        trace = debugger.trace_dispatch(frame, name, value)
         state = debugger.stop_states.own()
+        try:
+            trace = debugger.trace_dispatch(frame, name, value)
+        finally:
+            state.enterframe = None       # 3.13 keeps it, and with it the frame's variables
         if debugger.quitting or state.is_free and not debugger.breaks:
             frame.f_trace = None
         elif trace is not None:

@@ -1,0 +1,4 @@
+def doubled(n):
+    result = n * 2                    # stop
+    return result
+# bdb

@@ -1,0 +1,3 @@
+def where(text):
+    name = __name__ + text
+    return name

@@ -1,0 +1,3 @@
+def count(n):
+    n += 1                            # stop
+    return n

@@ -1,0 +1,3 @@
+def where():
+    name = __name__
+    return name
