@@ -16,6 +16,9 @@ struct tNameCache {
 };
 XPY_EXPORT PyObject* borrow_cached_name(tNameCache* cache);
 
+// Reads an attribute through a cached name. [new]; null with an exception pending.
+PyObject* get_cached_attr(PyObject* obj, tNameCache* cache);
+
 // ---- Frames (dbgcommon_frames.cpp); null and -1 also stand for failures ----
 
 XPY_EXPORT int is_frame_object(PyObject* obj);
@@ -55,6 +58,10 @@ XPY_EXPORT int get_thread_state_tracing(PyThreadState* tstate);  // 0 when unkno
 XPY_EXPORT void increment_thread_state_tracing(PyThreadState* tstate);
 XPY_EXPORT void decrement_thread_state_tracing(PyThreadState* tstate);
 XPY_EXPORT void add_to_thread_state_tracing(PyThreadState* tstate, Py_ssize_t n);
+// Whether the frame that runs on this thread is one of CODE, found without making an object of the frame. False
+// leaves it open.
+bool is_surely_running(PyThreadState* tstate, PyObject* code);
+
 XPY_EXPORT int get_thread_state_what_event(PyThreadState* tstate);  // -1 when unknown
 XPY_EXPORT int set_thread_state_trace_cfunc(PyThreadState* tstate, Py_tracefunc func, PyObject* obj);
 

@@ -10,7 +10,4 @@
 // exception: accessors leave none pending.
 void log_and_clear(const char* text);
 
-// Reads an attribute through a cached name. [new]; null with an exception pending.
-PyObject* get_cached_attr(PyObject* obj, tNameCache* cache);
-
 #endif

@@ -99,9 +99,29 @@ PyObject* get_code_name(PyObject* code)
     return XPy_NewRef(borrow_code_name(code));
 }
 
+// Reads the attribute by the descriptor that the type of code objects, which nobody can change, has for it: without a
+// search for the name. [new], or null, perhaps with an exception pending.
+static PyObject* get_filename_by_descriptor(PyObject* code)
+{
+    typedef PyObject* (*tDescrGet)(PyObject*, PyObject*, PyObject*);
+    static constexpr int kSlotDescrGet = 54;
+    static PyObject* descriptor;  // like the names, made on first use and never released
+    static tDescrGet get;
+    PyObject* type = reinterpret_cast<PyObject*>(api.PyCode_Type_ptr);
+    if (XPY_UNLIKELY(!descriptor)) {
+        descriptor = get_cached_attr(type, &co_filename);
+        void* slot = descriptor ? api.PyType_GetSlot(XPy_BorrowTypeInline(descriptor), kSlotDescrGet) : nullptr;
+        get = reinterpret_cast<tDescrGet>(slot);
+    }
+    return get ? get(descriptor, code, type) : nullptr;
+}
+
 PyObject* get_code_filename(PyObject* code)
 {
-    PyObject* filename = get_cached_attr(code, &co_filename);
+    // PYVERSIONS: long before 3.12, slots of the interpreter's own types could not be asked for.
+    bool is_code =
+        api.major_version == 3 && api.minor_version >= 12 && XPy_BorrowTypeInline(code) == api.PyCode_Type_ptr;
+    PyObject* filename = is_code ? get_filename_by_descriptor(code) : get_cached_attr(code, &co_filename);
     if (!filename)
         log_and_clear("Exception in get_code_filename()\n");
     return filename;

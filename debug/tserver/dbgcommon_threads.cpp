@@ -55,6 +55,21 @@ PyObject* get_thread_state_frame(PyThreadState* tstate)
     return reinterpret_cast<PyObject*>(api.PyThreadState_GetFrame(tstate));
 }
 
+// The interpreter's own record of the running frame begins with the code object. PYVERSIONS: from 3.12 on; the low
+// bits of that word are marks of the interpreter from 3.14 on. Where it were otherwise, the word would be no such
+// address.
+bool is_surely_running(PyThreadState* tstate, PyObject* code)
+{
+    static constexpr uintptr_t kMarks = 7;
+    bool is_known = api.major_version == 3 && api.minor_version >= 12 && api.tstate_offsets.cframe > 0;
+    void* frame = is_known ? XPy_GetFieldAddress(tstate, api.tstate_offsets.cframe) : nullptr;
+    if (frame)
+        frame = *static_cast<void**>(frame);
+    if (frame && api.minor_version == 12)
+        frame = *static_cast<void**>(XPy_GetFieldAddress(frame, api.cframe_offsets.current_frame));
+    return frame && (*static_cast<uintptr_t*>(frame) & ~kMarks) == reinterpret_cast<uintptr_t>(code);
+}
+
 PyObject* borrow_thread_state_traceobj(PyThreadState* tstate)
 {
     PyObject** traceobj = find_field<PyObject*>(tstate, api.tstate_offsets.c_traceobj);

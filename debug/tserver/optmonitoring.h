@@ -3,6 +3,7 @@
 #ifndef OPTMONITORING_OPTMONITORING_H
 #define OPTMONITORING_OPTMONITORING_H
 
+#include "dbgcommon.h"
 #include "dprintf.h"
 #include "fileops.h"
 #include "xpy_c_api.h"
@@ -157,6 +158,9 @@ int get_fastargs(const tFastArgInfo* infos, PyObject* const* args, size_t nargsf
 
 // ---- What the classes share (optmonitoring_classes.cpp) ----
 
+// The class that TYPE derives from, null for `object`. [borrowed]
+PyTypeObject* borrow_base(PyTypeObject* type);
+
 // The class below `object` from which OBJ's type derives: the one of ours that owns its body. [borrowed]
 PyTypeObject* borrow_defining_class(PyObject* obj);
 
@@ -184,15 +188,54 @@ static inline PyTypeObject* as_type(PyObject* cls)
 // Releases the object members of the class's member table in table order, each set to null first.
 void clear_object_members(PyObject* obj);
 
-// Sets a class attribute that holds a host hook. 0, or -1 with an exception pending.
-int set_class_hook(PyObject* cls, const char* attribute, PyObject* callback);
+// Where a class keeps its version, bytes; the interpreter takes it away as soon as an attribute is set.
+extern Py_ssize_t gTypeVersionOffset;
+
+// A state of a class that some finding was made in: it holds for as long as nobody has changed the class.
+struct tClassMark {
+    PyTypeObject* cls;  // null: no finding
+    uint32_t version;
+};
+
+// Whether the class is as it was when it was marked.
+static inline bool is_as_marked(const tClassMark* mark, PyTypeObject* cls)
+{
+    return mark->cls == cls &&
+           *reinterpret_cast<uint32_t*>(reinterpret_cast<char*>(cls) + gTypeVersionOffset) == mark->version;
+}
+
+// Once per process, after the binding layer has started up.
+void init_class_versions(void);
+
+// Marks the class as it is; nothing is marked where the interpreter gives classes no versions that are of use.
+void mark_class(tClassMark* mark, PyTypeObject* cls);
+
+// An attribute of a class: a registry, or a host hook.
+struct tClassAttr {
+    tNameCache name;
+    tClassMark mark;  // when VALUE was found
+    PyObject* value;  // a plain dict, or None [borrowed from the class's own dict]
+};
+
+// Reads a class attribute. [new]; null with an exception pending.
+PyObject* get_class_attr(PyObject* cls, tClassAttr* attribute);
+
+// Sets one. 0, or -1 with an exception pending.
+int set_class_attr(PyObject* cls, tClassAttr* attribute, PyObject* value);
 
 // Reads a class attribute; when it is missing, what MAKE returns [new] is stored there first. [new]
-PyObject* get_class_attr_or_make(PyObject* cls, const char* attribute, PyObject* (*make)(void));
+PyObject* get_class_attr_or_make(PyObject* cls, tClassAttr* attribute, PyObject* (*make)(void));
 PyObject* make_none(void);
 
 // Calls the class's new-record hook, if any, with the tracing counter raised. 0, or -1 with an exception pending.
-int CallNewObjectCallback_direct(tDPData* dp, PyObject* cls, const char* attribute, PyObject* new_object);
+int CallNewObjectCallback_direct(tDPData* dp, PyObject* cls, tClassAttr* attribute, PyObject* new_object);
+
+// The registries are the host's to replace, so any mapping may stand there: item access, where KeyError means absent.
+// 1 with *ITEM [new], 0 when absent, -1 with an exception pending.
+int get_item_if_present(PyObject* mapping, PyObject* key, PyObject** item);
+
+// Deletes a key that may be absent. 0, or -1 with an exception pending.
+int delete_item_if_present(PyObject* mapping, PyObject* key);
 
 // Whether the pending exception is of this kind; then it is cleared.
 bool clear_if_raised(PyObject* exception);
@@ -271,6 +314,18 @@ int CPerCodeObject_ClsReset(tModuleState* m);
 PyObject* CPerCodeObject_GetPerCodeObject_direct(tModuleState* m, PyObject* code, PyObject* create, PyObject* frame);
 PyObject* CPerCodeObject_GetExistingPerCodeObject_direct(tModuleState* m, PyObject* code);
 
+// The frame that runs, or None. [new]; null with an exception pending.
+PyObject* get_running_frame(void);
+
+// Makes the record of a code object that is seen for the first time, as a call of the class with the running frame
+// would. False when it is not plain to see that there is no record yet and that a call would do the same: nothing has
+// happened then, and nothing is pending. *RECORD is [new], or null with an exception pending.
+bool CPerCodeObject_CreateShortly(tModuleState* m, PyObject* code, PyObject** record);
+
+// Drops what was found out about files and about the class; whenever the module starts, and whenever its file tables
+// go.
+void CPerCodeObject_ForgetFindings(tModuleState* m);
+
 // The pathname to report, or with CANONICAL the canonical one (None for pseudo files). [new] or null.
 PyObject* CPerCodeObject_GetPathnameToUse_direct(tModuleState* m, PyObject* code, PyObject* frame, int16_t canonical);
 
@@ -280,6 +335,12 @@ int CPerCodeObject_RemoveFromPerFile_direct(tModuleState* m, PyObject* per_code_
 int CPerCodeObject_RegisterPerCodeObject_direct(tModuleState* m, PyObject* per_code_object, PyObject* code);
 int CPerCodeObject_cb_code_object_dealloc_direct(tModuleState* m, PyObject* per_code_object);
 PyObject* CPerCodeObject_get_fPerCodeObjectDict(tModuleState* m);  // [new]
+
+// The registry if it is a plain dict [new]; else null, perhaps with an exception pending.
+PyObject* CPerCodeObject_GetPlainRegistry(tModuleState* m);
+
+// Whether the record's weak reference leads to this very code object: 1, 0, or -1 with an exception pending.
+int CPerCodeObject_BelongsTo(CPerCodeObjectBody* body, PyObject* code);
 
 // Free function of the code objects' extra slot; EXTRA is the record [steals] or null. Leaves no exception behind.
 void FreeCodeObjectExtra(void* extra);

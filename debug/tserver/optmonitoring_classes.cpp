@@ -9,7 +9,7 @@ Py_ssize_t gPerFileBodyOffset = -1;
 
 // ---- From an instance to its class, body and module ----
 
-static PyTypeObject* borrow_base(PyTypeObject* type)
+PyTypeObject* borrow_base(PyTypeObject* type)
 {
     return *static_cast<PyTypeObject**>(XPy_GetFieldAddress(type, api.typeobject_offsets.tp_base));
 }
@@ -76,9 +76,65 @@ bool clear_if_raised(PyObject* exception)
     return true;
 }
 
-int set_class_hook(PyObject* cls, const char* attribute, PyObject* callback)
+// Classes have versions: the interpreter gives a class a new number after every change, once it is looked at again,
+// and takes it away with the next change. Its own caches of class attributes go by that number.
+Py_ssize_t gTypeVersionOffset = -1;
+
+static uint32_t version_of(PyTypeObject* cls)
 {
-    return api.PyObject_SetAttrString(cls, attribute, callback);
+    void* field = XPy_GetFieldAddress(cls, gTypeVersionOffset);
+    return field ? *static_cast<uint32_t*>(field) : 0;
+}
+
+void init_class_versions(void)
+{
+    // PYVERSIONS: the versions whose type objects have the layout of the table. Without a known place of the count
+    // the build is free-threaded.
+    bool is_known = api.major_version == 3 && api.minor_version >= 12 && api.minor_version <= 15 &&
+                    api.pyobject_offsets.refcnt != -1;
+    if (is_known)
+        gTypeVersionOffset =
+            api.typeobject_offsets.tp_base + FindFieldOffset("tp_version_tag", py3d12_type_tail_fields);
+}
+
+void mark_class(tClassMark* mark, PyTypeObject* cls)
+{
+    mark->version = version_of(cls);
+    mark->cls = mark->version ? cls : nullptr;
+}
+
+// Remembers what was read, if it lies in the class's own dict as it is and is surely no descriptor: a registry as it
+// was made, or a hook that is off.
+static void remember_value(PyObject* cls, tClassAttr* attribute, PyObject* value)
+{
+    PyObject** own = api._PyObject_GetDictPtr(cls);
+    if (!own || !*own || !(value == api.Py_None || is_plain_dict(value)))
+        return;
+    if (api.PyDict_GetItemWithError(*own, attribute->name.name) == value) {
+        attribute->value = value;
+        mark_class(&attribute->mark, as_type(cls));
+    } else if (api.PyErr_Occurred()) {
+        api.PyErr_Clear();
+    }
+}
+
+PyObject* get_class_attr(PyObject* cls, tClassAttr* attribute)
+{
+    if (XPY_LIKELY(is_as_marked(&attribute->mark, as_type(cls))))
+        return XPy_NewRef(attribute->value);
+    attribute->mark.cls = nullptr;
+    PyObject* value = get_cached_attr(cls, &attribute->name);
+    if (value)
+        remember_value(cls, attribute, value);
+    return value;
+}
+
+int set_class_attr(PyObject* cls, tClassAttr* attribute, PyObject* value)
+{
+    // A class of an earlier interpreter may have had the same address and version.
+    attribute->mark.cls = nullptr;
+    PyObject* name = borrow_cached_name(&attribute->name);
+    return name ? api.PyObject_SetAttr(cls, name, value) : -1;
 }
 
 PyObject* make_none(void)
@@ -86,15 +142,35 @@ PyObject* make_none(void)
     return new_none();
 }
 
-PyObject* get_class_attr_or_make(PyObject* cls, const char* attribute, PyObject* (*make)(void))
+PyObject* get_class_attr_or_make(PyObject* cls, tClassAttr* attribute, PyObject* (*make)(void))
 {
-    PyObject* value = api.PyObject_GetAttrString(cls, attribute);
+    PyObject* value = get_class_attr(cls, attribute);
     if (value || !clear_if_raised(api.PyExc_AttributeError))
         return value;
     XPyOwned made(make());
-    if (!made || api.PyObject_SetAttrString(cls, attribute, made.borrow()) < 0)
+    if (!made || set_class_attr(cls, attribute, made.borrow()) < 0)
         return nullptr;
     return made.detach();
+}
+
+// ---- Registries ----
+
+int get_item_if_present(PyObject* mapping, PyObject* key, PyObject** item)
+{
+    int found;
+    if (is_plain_dict(mapping)) {
+        found = api.PyDict_GetItemRef(mapping, key, item);  // spares the KeyError
+    } else {
+        *item = api.PyObject_GetItem(mapping, key);
+        found = *item ? 1 : -1;
+    }
+    return found < 0 && clear_if_raised(api.PyExc_KeyError) ? 0 : found;
+}
+
+int delete_item_if_present(PyObject* mapping, PyObject* key)
+{
+    int result = is_plain_dict(mapping) ? api.PyDict_Pop(mapping, key, nullptr) : api.PyObject_DelItem(mapping, key);
+    return result < 0 && !clear_if_raised(api.PyExc_KeyError) ? -1 : 0;
 }
 
 // ---- The new-record hook ----
@@ -108,9 +184,9 @@ static int call_new_object_callback(PyObject* callback, PyObject* new_object)
     return result ? 0 : -1;
 }
 
-int CallNewObjectCallback_direct(tDPData* dp, PyObject* cls, const char* attribute, PyObject* new_object)
+int CallNewObjectCallback_direct(tDPData* dp, PyObject* cls, tClassAttr* attribute, PyObject* new_object)
 {
-    XPyOwned callback(api.PyObject_GetAttrString(cls, attribute));
+    XPyOwned callback(get_class_attr(cls, attribute));
     if (callback.borrow() == api.Py_None)
         return 0;
     if (!callback || call_new_object_callback(callback.borrow(), new_object) < 0)

@@ -196,6 +196,7 @@ int optmonitoring_exec(PyObject* module)
         return -1;
     }
     memset(m, 0, sizeof *m);
+    CPerCodeObject_ForgetFindings(m);
     if (exec_inner(module, m) == 0)
         return 0;
     // The interpreter drops a module that failed here without clearing it.
@@ -229,6 +230,7 @@ int optmonitoring_mod_clear(PyObject* module)
         DO_DP(m->dp->core, "In optmonitoring_mod_clear\n");
     if (tFileOpsData* file_ops = take(&m->file_ops_data))
         destroy_file_ops_data(file_ops);
+    CPerCodeObject_ForgetFindings(m);
     free_dp_data(take(&m->dp));
     for (PyObject* tModuleState::*field :
          {&tModuleState::CInitialCallback, &tModuleState::monitoring_disabled, &tModuleState::threading_mod,

@@ -85,13 +85,6 @@ XPY_COLD static PyObject* answer_not_code(CInitialCallback_Callback_Ctx* ctx, Py
     return finish_with(ctx, m->monitoring_disabled);
 }
 
-// The frame that runs, or None. [new]; null with an exception pending.
-static PyObject* get_running_frame(void)
-{
-    PyObject* frame = get_thread_state_frame(api.PyThreadState_Get());
-    return frame || api.PyErr_Occurred() ? frame : new_none();
-}
-
 // Makes the record of a code object seen for the first time, or refines one that was made without a frame.
 XPY_COLD static PyObject* create_or_update_record(tModuleState* m, PyObject* code, XPyOwned* existing)
 {
@@ -116,10 +109,12 @@ static PyObject* get_record_inner(tModuleState* m, PyObject* code)
     return create_or_update_record(m, code, &record);
 }
 
+static const char kNoRecord[] = "CInitialCallback_GetPerCodeObjectCalledFromCallback() failed\n";
+
 static PyObject* CInitialCallback_GetPerCodeObjectCalledFromCallback(tModuleState* m, PyObject* code)
 {
     PyObject* record = get_record_inner(m, code);
-    return record ? record : fail_null(m->dp, "CInitialCallback_GetPerCodeObjectCalledFromCallback() failed\n");
+    return record ? record : fail_null(m->dp, kNoRecord);
 }
 
 XPY_COLD static PyObject* answer_internal(CInitialCallback_Callback_Ctx* ctx, CInitialCallbackBody* body)
@@ -294,6 +289,23 @@ static PyObject* decide_for_thread(CInitialCallback_Callback_Ctx* ctx, CInitialC
     return finish_with(ctx, api.Py_None);
 }
 
+// The event of a code object from its record, which the context has, on.
+static PyObject* decide_from_record(CInitialCallback_Callback_Ctx* ctx, CInitialCallbackBody* body,
+                                    PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
+{
+    tModuleState* m = ctx->m;
+    PyObject* answer = nullptr;
+    tStep step = CInitialCallback_Callback_CheckInternal(ctx, body, &answer);
+    if (step != kGoOn)
+        return step == kAnswered ? finish_with(ctx, answer) : suppress_failure(ctx);
+    CPerCodeObjectBody* record = per_code_object_body(ctx->per_code_object, as_type(m->CPerCodeObject));
+    PyObject* linenos = borrow_deciding_lines(m, body, record, nargs);
+    step = linenos ? check_breakpoint_lines(linenos, args[1]) : kGoOn;
+    if (step != kGoOn)
+        return step == kAnswered ? finish_with(ctx, api.Py_None) : suppress_failure(ctx);
+    return decide_for_thread(ctx, body, args, nargs, kwnames);
+}
+
 // The event of a code object, step by step; for those that the short road does not answer.
 static PyObject* decide(tModuleState* m, CInitialCallbackBody* body, PyObject* const* args, Py_ssize_t nargs,
                         PyObject* kwnames)
@@ -301,19 +313,8 @@ static PyObject* decide(tModuleState* m, CInitialCallbackBody* body, PyObject* c
     CInitialCallback_Callback_Ctx ctx = {m, nullptr, nullptr, nullptr, 0, 0};
     DO_DP(m->dp->initial_monitoring_callbacks, "Initial callback called for %s\n second callback is %s\n",
           get_dprintf_repr_str1(m->dp, args[0]), get_dprintf_repr_str2(m->dp, body->fSecondCallback));
-    PyObject* answer = nullptr;
     ctx.per_code_object = CInitialCallback_GetPerCodeObjectCalledFromCallback(m, args[0]);
-    if (!ctx.per_code_object)
-        return suppress_failure(&ctx);
-    tStep step = CInitialCallback_Callback_CheckInternal(&ctx, body, &answer);
-    if (step != kGoOn)
-        return step == kAnswered ? finish_with(&ctx, answer) : suppress_failure(&ctx);
-    CPerCodeObjectBody* record = per_code_object_body(ctx.per_code_object, as_type(m->CPerCodeObject));
-    PyObject* linenos = borrow_deciding_lines(m, body, record, nargs);
-    step = linenos ? check_breakpoint_lines(linenos, args[1]) : kGoOn;
-    if (step != kGoOn)
-        return step == kAnswered ? finish_with(&ctx, api.Py_None) : suppress_failure(&ctx);
-    return decide_for_thread(&ctx, body, args, nargs, kwnames);
+    return ctx.per_code_object ? decide_from_record(&ctx, body, args, nargs, kwnames) : suppress_failure(&ctx);
 }
 
 // The same from the thread on, for a record [borrowed] that has passed the earlier steps.
@@ -402,12 +403,11 @@ static inline tShortRoad decide_for_ready_thread(tModuleState* m, CInitialCallba
 }
 
 // The short road: a record that is ready, no log, and no code of the program. What it does not answer goes on held.
-static inline PyObject* decide_shortly(PyObject* self, tModuleState* m, CInitialCallbackBody* body,
-                                       PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
+__attribute__((always_inline)) static inline PyObject* decide_shortly(PyObject* self, tModuleState* m,
+                                                                      CInitialCallbackBody* body, PyObject* record,
+                                                                      PyObject* const* args, Py_ssize_t nargs,
+                                                                      PyObject* kwnames)
 {
-    PyObject* record = borrow_ready_record(m, args[0]);
-    if (XPY_UNLIKELY(!record || m->dp->initial_monitoring_callbacks))
-        return decide_held(self, m, body, args, nargs, kwnames, kStepByStep, nullptr);
     CPerCodeObjectBody* record_body = per_code_object_body(record, as_type(m->CPerCodeObject));
     if (XPY_UNLIKELY(record_body->fIsInternal != api.Py_False)) {
         bool is_internal =
@@ -427,6 +427,27 @@ static inline PyObject* decide_shortly(PyObject* self, tModuleState* m, CInitial
     if (XPY_LIKELY(is_surely_absent(linenos, args[1])))
         return answer_none();
     return decide_held(self, m, body, args, nargs, kwnames, kByLine, linenos);
+}
+
+// An event without a ready record, or with the log open. That of a code object seen for the first time gets its
+// record and goes on along the short road.
+__attribute__((noinline)) static PyObject* decide_first(PyObject* self, tModuleState* m, CInitialCallbackBody* body,
+                                                        PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
+{
+    XPyOwned held(XPy_NewRef(self));
+    PyObject* made;
+    if (m->dp->initial_monitoring_callbacks || !CPerCodeObject_CreateShortly(m, args[0], &made))
+        return decide(m, body, args, nargs, kwnames);
+    CInitialCallback_Callback_Ctx ctx = {m, nullptr, made, nullptr, 0, 0};
+    if (!made) {
+        report_failure(m->dp, kNoRecord);
+        return suppress_failure(&ctx);
+    }
+    bool is_ready = !per_code_object_body(made, as_type(m->CPerCodeObject))->fUpdatePathnameNeeded;
+    if (!is_ready || m->dp->initial_monitoring_callbacks)  // the host's hook may have opened the log
+        return decide_from_record(&ctx, body, args, nargs, kwnames);
+    XPyOwned record(made);
+    return decide_shortly(self, m, body, made, args, nargs, kwnames);
 }
 
 // ---- The callback ----
@@ -477,7 +498,10 @@ static PyObject* CInitialCallback_Callback(PyObject* self, PyTypeObject* definin
     if (XPY_UNLIKELY(nargs < 1 || (XPy_BorrowTypeInline(args[0]) != api.PyCode_Type_ptr &&
                                    !XPy_IsInstance(args[0], api.PyCode_Type_ptr))))
         return answer_odd_arguments(m, args, nargs);
-    return decide_shortly(self, m, body, args, nargs, kwnames);
+    PyObject* record = borrow_ready_record(m, args[0]);
+    if (XPY_UNLIKELY(!record || m->dp->initial_monitoring_callbacks))
+        return decide_first(self, m, body, args, nargs, kwnames);
+    return decide_shortly(self, m, body, record, args, nargs, kwnames);
 }
 
 // ---- Construction and the class ----

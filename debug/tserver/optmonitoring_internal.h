@@ -26,17 +26,19 @@ static constexpr int kMemberReadOnly = 1;
 static constexpr int kSlotTpClear = 51;
 static constexpr int kSlotTpInit = 60;
 static constexpr int kSlotTpMethods = 64;
+static constexpr int kSlotTpNew = 65;
 static constexpr int kSlotTpMembers = 72;
 static constexpr int kSlotTpFinalize = 80;
 static constexpr unsigned int kTypeBaseType = 1u << 10;
 
-static constexpr int kPyNe = 3;  // operator code of inequality
+static constexpr int kPyEq = 2;  // operator codes of equality and inequality
+static constexpr int kPyNe = 3;
 
 // The descriptor list of a function without arguments.
 static constexpr tFastArgInfo kNoArguments[] = {{nullptr, 0, nullptr, nullptr}};
 
 // Class attribute with the host's hook for new code-object records.
-static constexpr const char* kNewPerCodeObjectCreatedCallback = "_fNewPerCodeObjectCreatedCallback";
+extern tClassAttr gNewPerCodeObjectCreatedCallback;
 
 // A fast method of an instance or a class.
 typedef PyObject* (*tDefiningClassMethod)(PyObject* self, PyTypeObject* cls, PyObject* const* args, Py_ssize_t nargs,
@@ -53,6 +55,12 @@ typedef PyObject* (*tDefiningClassMethod)(PyObject* self, PyTypeObject* cls, PyO
 static inline tDPData* dp_of(tModuleState* m)
 {
     return m ? m->dp : nullptr;
+}
+
+// Whether no operation on the mapping is one of the program's own.
+static inline bool is_plain_dict(PyObject* mapping)
+{
+    return XPy_BorrowTypeInline(mapping) == api.PyDict_Type_ptr;
 }
 
 // None as the result of a method. [new]

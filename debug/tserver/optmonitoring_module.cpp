@@ -81,6 +81,7 @@ PyObject* PyInit_optmonitoring(void)
     if (call_count == 1) {
         add_object_head();
         init_lineno_peek();
+        init_class_versions();
     }
     one_time_init_complete = 1;
     return init_module_def();

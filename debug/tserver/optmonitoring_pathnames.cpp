@@ -62,10 +62,10 @@ int IsInternalPathname(tDPData* dp, PyObject* internal_table, PyObject* pathname
     if (!XPy_IsInstance(internal_table, api.PyDict_Type_ptr))
         return 0;
     XPyOwned table(XPy_NewRef(internal_table));  // comparing names may run code that replaces the table
-    PyObject* value = api.PyDict_GetItemWithError(table.borrow(), pathname);
-    if (!value && api.PyErr_Occurred())
+    int is_key = api.PyDict_Contains(table.borrow(), pathname);
+    if (is_key < 0)
         api.PyErr_Clear();
-    return value != nullptr;
+    return is_key == 1;
 }
 
 PyObject* SetInternalPathnameDict(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)

@@ -7,6 +7,8 @@
 
 static constexpr int kLinenoNoPathname = 1784;
 
+tClassAttr gNewPerCodeObjectCreatedCallback = {{"_fNewPerCodeObjectCreatedCallback", nullptr}, {nullptr, 0}, nullptr};
+
 int check_code_object(PyObject* obj)
 {
     if (XPy_IsInstance(obj, api.PyCode_Type_ptr))
@@ -128,37 +130,179 @@ static PyObject* get_pathname_inner(tModuleState* m, PyObject* code, PyObject* f
     return name.detach();
 }
 
+static PyObject* fail_without_pathname(void)
+{
+    if (!api.PyErr_Occurred())
+        api._PyErr_BadInternalCall(kSourceName, kLinenoNoPathname);
+    return nullptr;
+}
+
 PyObject* CPerCodeObject_GetPathnameToUse_direct(tModuleState* m, PyObject* code, PyObject* frame, int16_t canonical)
 {
     PyObject* pathname = get_pathname_inner(m, code, frame, canonical);
-    if (!pathname && !api.PyErr_Occurred())
-        api._PyErr_BadInternalCall(kSourceName, kLinenoNoPathname);
-    return pathname;
+    return pathname ? pathname : fail_without_pathname();
+}
+
+// ---- Both names of a code object ----
+// Once found, the names of a regular file stay what they are for as long as the file tables live: an absolute name, a
+// stat result and a registration are never taken back. So they are kept by the code's own file name, and the code
+// objects of a file that has been seen share them.
+
+struct tPathnames {
+    XPyOwned to_report;
+    XPyOwned canonical;
+};
+
+// The names found, by the code's own file name: pairs of the name to report (None: the file name itself) and the
+// canonical name. The keys are exact strs, so that looking one up runs no code of the program. One dict for the
+// process is enough: a second module in it starts over.
+struct tKnownPathnames {
+    tModuleState* owner;
+    PyObject* dict;           // [owned], null: none
+    PyObject* last_filename;  // the name found last [owned], null: none; code of one file mostly comes in a row
+    PyObject* last_pair;      // its pair [owned]
+};
+static tKnownPathnames known_pathnames;
+
+static tClassMark plainly_constructed;  // the class makes records as its own functions do, nobody's else
+
+static void drop_known_pathnames(void)
+{
+    XPy_ClearField(&known_pathnames.last_filename);
+    XPy_ClearField(&known_pathnames.last_pair);
+    XPy_ClearField(&known_pathnames.dict);
+}
+
+void CPerCodeObject_ForgetFindings(tModuleState* m)
+{
+    plainly_constructed.cls = nullptr;
+    if (known_pathnames.owner == m)
+        drop_known_pathnames();
+}
+
+// The module's dict of known names [borrowed], made on first use; null with an exception pending.
+static PyObject* borrow_known_pathnames(tModuleState* m)
+{
+    if (known_pathnames.owner != m)
+        drop_known_pathnames();
+    known_pathnames.owner = m;
+    if (!known_pathnames.dict)
+        known_pathnames.dict = api.PyDict_New();
+    return known_pathnames.dict;
+}
+
+// The pair of a file name [borrowed]; null, and nothing pending, when it is not known.
+static PyObject* borrow_known_pair(tModuleState* m, PyObject* filename)
+{
+    if (!known_pathnames.dict || known_pathnames.owner != m)
+        return nullptr;
+    if (filename == known_pathnames.last_filename)
+        return known_pathnames.last_pair;
+    if (XPy_BorrowTypeInline(filename) != api.PyUnicode_Type_ptr)
+        return nullptr;
+    PyObject* pair = api.PyDict_GetItemWithError(known_pathnames.dict, filename);
+    if (pair) {
+        XPy_SetField(&known_pathnames.last_filename, filename);
+        XPy_SetField(&known_pathnames.last_pair, pair);
+    } else if (api.PyErr_Occurred()) {
+        api.PyErr_Clear();
+    }
+    return pair;
+}
+
+static bool find_known_pathnames(tModuleState* m, PyObject* filename, tPathnames* names)
+{
+    PyObject* pair = borrow_known_pair(m, filename);
+    if (!pair)
+        return false;
+    PyObject* to_report = api.PyTuple_GetItem(pair, 0);
+    names->to_report.reset(XPy_NewRef(to_report == api.Py_None ? filename : to_report));
+    names->canonical.reset(XPy_NewRef(api.PyTuple_GetItem(pair, 1)));
+    return true;
+}
+
+static PyObject* make_pair(PyObject* first, PyObject* second)
+{
+    XPyOwned pair(api.PyTuple_New(2));
+    bool is_filled = pair && api.PyTuple_SetItem(pair.borrow(), 0, XPy_NewRef(first)) == 0 &&
+                     api.PyTuple_SetItem(pair.borrow(), 1, XPy_NewRef(second)) == 0;
+    return is_filled ? pair.detach() : nullptr;
+}
+
+// Keeps the names of a regular file in KNOWN; a failure to do so costs nothing but time.
+static void keep_pathnames(tModuleState* m, PyObject* known, PyObject* filename, const tPathnames& names)
+{
+    bool is_kept = XPy_BorrowTypeInline(filename) == api.PyUnicode_Type_ptr &&
+                   XPy_BorrowTypeInline(names.canonical.borrow()) == api.PyUnicode_Type_ptr &&
+                   GetPathnameKind_direct(m->dp, filename) == kRegularPathname;
+    if (!is_kept)
+        return;
+    PyObject* to_report = names.to_report.borrow();
+    XPyOwned pair(make_pair(to_report == filename ? api.Py_None : to_report, names.canonical.borrow()));
+    if (!pair || api.PyDict_SetItem(known, filename, pair.borrow()) < 0)
+        api.PyErr_Clear();
+}
+
+// The pathname to report and the canonical one; -1 with an exception pending.
+static int find_pathnames(tModuleState* m, PyObject* code, PyObject* frame, tPathnames* names)
+{
+    XPyOwned filename(get_code_filename(code));
+    if (!filename) {
+        fail_without_pathname();
+        return -1;
+    }
+    if (find_known_pathnames(m, filename.borrow(), names))
+        return 0;
+    XPyOwned known(XPy_NewRef(borrow_known_pathnames(m)));
+    if (!known)
+        return -1;
+    names->to_report.reset(CPerCodeObject_GetPathnameToUse_direct(m, code, frame, 0));
+    if (names->to_report)
+        names->canonical.reset(CPerCodeObject_GetPathnameToUse_direct(m, code, frame, 1));
+    if (!names->canonical)
+        return -1;
+    if (known.borrow() == known_pathnames.dict)  // the host's callback may have reset the module
+        keep_pathnames(m, known.borrow(), filename.borrow(), *names);
+    return 0;
 }
 
 // ---- Construction ----
 
-// Fills the body; the weak reference's callback keeps the record alive until its code object dies.
-static int fill_body(tModuleState* m, PyObject* self, CPerCodeObjectBody* body, PyObject* code, PyObject* frame)
+static PyObject* get_death_callback(PyObject* self)
 {
-    XPyOwned to_report(CPerCodeObject_GetPathnameToUse_direct(m, code, frame, 0));
-    XPyOwned canonical(to_report ? CPerCodeObject_GetPathnameToUse_direct(m, code, frame, 1) : nullptr);
-    if (!canonical)
-        return -1;
-    XPyOwned on_death(api.PyObject_GetAttrString(self, "_cb_code_object_dealloc"));
+    static tNameCache cb_code_object_dealloc = {"_cb_code_object_dealloc", nullptr};
+    return get_cached_attr(self, &cb_code_object_dealloc);
+}
+
+// Sets the weak reference, whose callback [steals], perhaps null, keeps the record alive until its code object dies.
+static int set_weak_ref(CPerCodeObjectBody* body, PyObject* code, PyObject* death_callback)
+{
+    XPyOwned on_death(death_callback);
     XPyOwned weak_ref(on_death ? api.PyWeakref_NewRef(code, on_death.borrow()) : nullptr);
     if (!weak_ref)
         return -1;
     XPy_SetField(&body->fCodeObjectWeakRef, weak_ref.borrow());
-    XPy_SetField(&body->fCanonicalPathname, canonical.borrow());
-    XPy_SetField(&body->fPathnameToReport, to_report.borrow());
-    bool is_internal = IsInternalPathname(m->dp, m->_gInternalPathnameDict, canonical.borrow());
+    return 0;
+}
+
+static void fill_body(tModuleState* m, CPerCodeObjectBody* body, PyObject* frame, const tPathnames& names)
+{
+    PyObject* canonical = names.canonical.borrow();
+    XPy_SetField(&body->fCanonicalPathname, canonical);
+    XPy_SetField(&body->fPathnameToReport, names.to_report.borrow());
+    bool is_internal = IsInternalPathname(m->dp, m->_gInternalPathnameDict, canonical);
     XPy_SetField(&body->fIsInternal, is_internal ? api.Py_True : api.Py_False);
     XPy_SetField(&body->fEnabledBpLinenos, api.Py_None);
     body->fSteppingEventsNeededCount = 0;
     body->fReturnEventsNeededCount = 0;
     body->fUpdatePathnameNeeded = frame == api.Py_None;
-    return 0;
+}
+
+// Takes a half-made record apart: its weak reference, if it has one, would keep it alive for nothing.
+static void undo_start(PyObject* self)
+{
+    XPyHeldError held;
+    clear_object_members(self);
 }
 
 // Takes a record that could not be registered apart again: its weak reference would keep it alive for nothing.
@@ -170,6 +314,25 @@ static void undo_construction(tModuleState* m, PyObject* self)
     clear_object_members(self);
 }
 
+// Makes a record out of SELF, which may have its weak reference already, and whose NAMES may be known already.
+static int construct(tModuleState* m, PyObject* self, CPerCodeObjectBody* body, PyObject* code, PyObject* frame,
+                     tPathnames* names)
+{
+    bool is_started = (names->canonical || find_pathnames(m, code, frame, names) == 0) &&
+                      (body->fCodeObjectWeakRef || set_weak_ref(body, code, get_death_callback(self)) == 0);
+    if (is_started)
+        fill_body(m, body, frame, *names);
+    if (!is_started || CPerCodeObject_AddToPerFile_direct(m, self) < 0) {
+        undo_start(self);
+        return -1;
+    }
+    if (CPerCodeObject_RegisterPerCodeObject_direct(m, self, code) < 0) {
+        undo_construction(m, self);
+        return -1;
+    }
+    return CallNewObjectCallback_direct(m->dp, m->CPerCodeObject, &gNewPerCodeObjectCreatedCallback, self);
+}
+
 static int init_inner(tModuleState* m, PyObject* self, CPerCodeObjectBody* body, PyObject* code, PyObject* frame)
 {
     if (check_code_object(code) < 0)
@@ -178,17 +341,11 @@ static int init_inner(tModuleState* m, PyObject* self, CPerCodeObjectBody* body,
         api.PyErr_SetString(api.PyExc_RuntimeError, "CPerCodeObject is already initialized");
         return -1;
     }
-    if (fill_body(m, self, body, code, frame) < 0 || CPerCodeObject_AddToPerFile_direct(m, self) < 0) {
-        XPyHeldError held;
-        clear_object_members(self);
-        return -1;
-    }
-    if (CPerCodeObject_RegisterPerCodeObject_direct(m, self, code) < 0) {
-        undo_construction(m, self);
-        return -1;
-    }
-    return CallNewObjectCallback_direct(m->dp, m->CPerCodeObject, kNewPerCodeObjectCreatedCallback, self);
+    tPathnames names;
+    return construct(m, self, body, code, frame, &names);
 }
+
+static const char kInitFailure[] = "Exception in CPerCodeObject.__init__\n";
 
 static int CPerCodeObject_init(PyObject* self, PyObject* args, PyObject* kwargs)
 {
@@ -198,9 +355,7 @@ static int CPerCodeObject_init(PyObject* self, PyObject* args, PyObject* kwargs)
     if (!body || refuse_keywords(kwargs, "CPerCodeObject") < 0 ||
         !api.PyArg_ParseTuple(args, "OO:CPerCodeObject.__init__", &code, &frame))
         return -1;
-    if (init_inner(m, self, body, code, frame) < 0)
-        return fail_int(m->dp, "Exception in CPerCodeObject.__init__\n");
-    return 0;
+    return init_inner(m, self, body, code, frame) < 0 ? fail_int(m->dp, kInitFailure) : 0;
 }
 
 static void CPerCodeObject_finalize(PyObject* self)
@@ -306,7 +461,7 @@ static PyObject* CPerCodeObject_GetPerCodeObject(PyObject*, PyTypeObject* cls, P
 // Kept: both texts name the class of another record.
 static int CPerCodeObject_SetNewPerCodeObjectCreatedCallback_direct(tModuleState* m, PyObject* callback)
 {
-    if (set_class_hook(m->CPerCodeObject, kNewPerCodeObjectCreatedCallback, callback) < 0)
+    if (set_class_attr(m->CPerCodeObject, &gNewPerCodeObjectCreatedCallback, callback) < 0)
         return fail_int(m->dp, "Exception in CPerThread_SetNewPerCodeObjectCreatedCallback_direct()\n");
     return 0;
 }
@@ -343,7 +498,9 @@ static PyObject* CPerCodeObject_cb_code_object_dealloc(PyObject* self, PyTypeObj
     return new_none();
 }
 
-// ---- The class ----
+// ---- The class's methods ----
+
+static constexpr int kDeathCallback = 2;  // its place in the table
 
 static PyMethodDef kMethods[] = {
     {"GetPerCodeObject", AS_METHOD(CPerCodeObject_GetPerCodeObject), kMethClass, nullptr},
@@ -352,6 +509,127 @@ static PyMethodDef kMethods[] = {
     {"_cb_code_object_dealloc", AS_METHOD(CPerCodeObject_cb_code_object_dealloc), kMethInstance, nullptr},
     {nullptr, nullptr, 0, nullptr},
 };
+
+// ---- The first event of a code object ----
+// What a call of the class does, without the call, while nobody has replaced the class's construction. The record's
+// own weak reference serves to find out that no other record is registered: the hash of a code object, which costs
+// more than the rest of a look-up, is then computed once.
+
+typedef PyObject* (*tNew)(PyTypeObject*, PyObject*, PyObject*);
+
+static tNew make_instance;  // its __new__ then
+
+// The death callback, if it is what the record's attribute is. [new], or null, perhaps with an exception pending.
+static PyObject* make_death_callback(PyObject* self, PyTypeObject* cls)
+{
+    return api.PyCMethod_New(&kMethods[kDeathCallback], self, nullptr, cls);
+}
+
+static bool has_plain_death_callback(PyObject* self, PyTypeObject* cls)
+{
+    XPyOwned ours(make_death_callback(self, cls));
+    XPyOwned theirs(get_death_callback(self));
+    return ours && theirs && XPy_BorrowTypeInline(ours.borrow()) == XPy_BorrowTypeInline(theirs.borrow()) &&
+           api.PyObject_RichCompareBool(ours.borrow(), theirs.borrow(), kPyEq) == 1;
+}
+
+static PyObject* make_blank(PyTypeObject* cls)
+{
+    XPyOwned no_args(api.PyTuple_New(0));
+    return no_args ? make_instance(cls, no_args.borrow(), nullptr) : nullptr;
+}
+
+// Finds out whether the class constructs plainly, and marks it so.
+XPY_COLD static void examine_class(PyTypeObject* cls)
+{
+    void* make = api.PyType_GetSlot(cls, kSlotTpNew);
+    make_instance = reinterpret_cast<tNew>(make);
+    bool is_plain = api.PyType_GetSlot(cls, kSlotTpInit) == reinterpret_cast<void*>(CPerCodeObject_init) &&
+                    make == api.PyType_GetSlot(borrow_base(cls), kSlotTpNew);
+    XPyOwned sample(is_plain ? make_blank(cls) : nullptr);
+    if (sample && has_plain_death_callback(sample.borrow(), cls))
+        mark_class(&plainly_constructed, cls);
+}
+
+// An instance [new]; null, perhaps with an exception pending, when construction was replaced.
+static PyObject* make_plain_instance(PyTypeObject* cls)
+{
+    if (XPY_UNLIKELY(!is_as_marked(&plainly_constructed, cls))) {
+        plainly_constructed.cls = nullptr;
+        if (gTypeVersionOffset != -1)
+            examine_class(cls);
+    }
+    return plainly_constructed.cls ? make_blank(cls) : nullptr;
+}
+
+// Whether the registry surely has no record of this code object; an exception may be pending if not.
+static bool is_surely_unregistered(tModuleState* m, CPerCodeObjectBody* body, PyObject* code)
+{
+    XPyOwned dict(CPerCodeObject_GetPlainRegistry(m));
+    if (!dict)
+        return false;
+    XPyOwned other;
+    int found = api.PyDict_Contains(dict.borrow(), body->fCodeObjectWeakRef);
+    if (found <= 0)
+        return found == 0;
+    if (api.PyDict_GetItemRef(dict.borrow(), body->fCodeObjectWeakRef, other.out()) <= 0)
+        return false;
+    CPerCodeObjectBody* other_body = need_per_code_object(m, other.borrow());
+    return other_body && CPerCodeObject_BelongsTo(other_body, code) == 0;
+}
+
+// An instance with its weak reference, for a code object that surely has no record. [new], or null and nothing
+// pending.
+static PyObject* start_record(tModuleState* m, PyObject* code)
+{
+    PyTypeObject* cls = as_type(m->CPerCodeObject);
+    XPyOwned self(make_plain_instance(cls));
+    CPerCodeObjectBody* body = self ? per_code_object_body(self.borrow(), cls) : nullptr;
+    if (body && set_weak_ref(body, code, make_death_callback(self.borrow(), cls)) == 0 &&
+        is_surely_unregistered(m, body, code))
+        return self.detach();
+    api.PyErr_Clear();
+    if (self)
+        undo_start(self.borrow());
+    return nullptr;
+}
+
+PyObject* get_running_frame(void)
+{
+    PyObject* frame = get_thread_state_frame(api.PyThreadState_Get());
+    return frame || api.PyErr_Occurred() ? frame : new_none();
+}
+
+// The frame for the record of CODE. [new] Of a record whose names are known, nothing is asked but whether there is
+// one, which anything but None answers.
+static PyObject* get_frame_for(PyObject* code, const tPathnames& names)
+{
+    if (names.canonical && is_surely_running(api.PyThreadState_Get(), code))
+        return XPy_NewRef(api.Py_True);
+    return get_running_frame();
+}
+
+bool CPerCodeObject_CreateShortly(tModuleState* m, PyObject* code, PyObject** record)
+{
+    void* extra = nullptr;
+    bool is_first = api._PyCode_GetExtra(code, m->code_object_extra_index, &extra) == 0 && !extra;
+    XPyOwned filename(is_first ? get_code_filename(code) : nullptr);
+    tPathnames names;
+    if (filename)
+        find_known_pathnames(m, filename.borrow(), &names);
+    XPyOwned frame(filename ? get_frame_for(code, names) : nullptr);
+    XPyOwned self(frame ? start_record(m, code) : nullptr);
+    if (!self) {
+        api.PyErr_Clear();
+        return false;
+    }
+    CPerCodeObjectBody* body = per_code_object_body(self.borrow(), as_type(m->CPerCodeObject));
+    bool is_made = construct(m, self.borrow(), body, code, frame.borrow(), &names) == 0;
+    *record = is_made ? self.detach() : fail_null(m->dp, kInitFailure);
+    return true;
+}
+
+// ---- The class ----
 
 #define MEMBER(name, type, flags)                                       \
     {                                                                   \

@@ -65,42 +65,54 @@ int CPerCodeObject_RemoveFromPerFile_direct(tModuleState* m, PyObject* per_code_
 
 // ---- The registry ----
 
-static const char kPerCodeObjectDict[] = "_fPerCodeObjectDict";
+static tClassAttr per_code_object_dict = {{"_fPerCodeObjectDict", nullptr}, {nullptr, 0}, nullptr};
+
 PyObject* CPerCodeObject_get_fPerCodeObjectDict(tModuleState* m)
 {
-    PyObject* dict = get_class_attr_or_make(m->CPerCodeObject, kPerCodeObjectDict, api.PyDict_New);
+    PyObject* dict = get_class_attr_or_make(m->CPerCodeObject, &per_code_object_dict, api.PyDict_New);
     return dict ? dict : fail_null(m->dp, "Exception in CPerCodeObject_get_fPerCodeObjectDict()\n");
+}
+
+PyObject* CPerCodeObject_GetPlainRegistry(tModuleState* m)
+{
+    XPyOwned dict(get_class_attr(m->CPerCodeObject, &per_code_object_dict));
+    bool is_plain = dict && is_plain_dict(dict.borrow());
+    return is_plain ? dict.detach() : nullptr;
 }
 
 int CPerCodeObject_ClsInit(tModuleState* m)
 {
     XPyOwned dict(api.PyDict_New());
-    if (!dict || api.PyObject_SetAttrString(m->CPerCodeObject, kPerCodeObjectDict, dict.borrow()) < 0)
+    if (!dict || set_class_attr(m->CPerCodeObject, &per_code_object_dict, dict.borrow()) < 0)
         return -1;
-    return set_class_hook(m->CPerCodeObject, kNewPerCodeObjectCreatedCallback, api.Py_None);
+    return set_class_attr(m->CPerCodeObject, &gNewPerCodeObjectCreatedCallback, api.Py_None);
 }
 
 int CPerCodeObject_ClsReset(tModuleState* m)
 {
     XPyOwned dict(CPerCodeObject_get_fPerCodeObjectDict(m));
     XPyOwned cleared(dict ? api.PyObject_CallMethod(dict.borrow(), "clear", nullptr) : nullptr);
-    return cleared ? set_class_hook(m->CPerCodeObject, kNewPerCodeObjectCreatedCallback, api.Py_None) : -1;
+    return cleared ? set_class_attr(m->CPerCodeObject, &gNewPerCodeObjectCreatedCallback, api.Py_None) : -1;
 }
 
-// Deletes a key that may be absent.
-static int delete_if_present(PyObject* dict, PyObject* key)
+// Code objects of equal text are equal, and so are the weak references to them. An entry is kept under its own
+// record's weak reference, or the death of one code object would take away the record of another.
+static int enter_under_own_key(PyObject* dict, PyObject* key, PyObject* record)
 {
-    return api.PyObject_DelItem(dict, key) < 0 && !clear_if_raised(api.PyExc_KeyError) ? -1 : 0;
+    if (is_plain_dict(dict)) {
+        Py_ssize_t before = api.PyDict_Size(dict);
+        if (api.PyDict_SetItem(dict, key, record) < 0)
+            return -1;
+        if (api.PyDict_Size(dict) > before)
+            return 0;  // there was none of an equal code object
+    }
+    return delete_item_if_present(dict, key) < 0 ? -1 : api.PyObject_SetItem(dict, key, record);
 }
 
 static int enter_in_registry(tModuleState* m, PyObject* record, CPerCodeObjectBody* body)
 {
     XPyOwned dict(CPerCodeObject_get_fPerCodeObjectDict(m));
-    // Code objects of equal text are equal, and so are the weak references to them. An entry is kept under its own
-    // record's weak reference, or the death of one code object would take away the record of another.
-    if (!dict || delete_if_present(dict.borrow(), body->fCodeObjectWeakRef) < 0)
-        return -1;
-    return api.PyObject_SetItem(dict.borrow(), body->fCodeObjectWeakRef, record);
+    return dict ? enter_under_own_key(dict.borrow(), body->fCodeObjectWeakRef, record) : -1;
 }
 
 static int store_in_extra_slot(tModuleState* m, PyObject* record, PyObject* code)
@@ -130,8 +142,7 @@ int CPerCodeObject_RegisterPerCodeObject_direct(tModuleState* m, PyObject* per_c
     return -1;
 }
 
-// Whether the record's weak reference leads to this very code object: 1, 0, or -1 with an exception pending.
-static int belongs_to(CPerCodeObjectBody* body, PyObject* code)
+int CPerCodeObject_BelongsTo(CPerCodeObjectBody* body, PyObject* code)
 {
     if (!body->fCodeObjectWeakRef)
         return 0;
@@ -145,11 +156,12 @@ static PyObject* find_in_registry(tModuleState* m, PyObject* code)
     XPyOwned key(dict ? api.PyWeakref_NewRef(code, nullptr) : nullptr);
     if (!key)
         return nullptr;
-    XPyOwned record(api.PyObject_GetItem(dict.borrow(), key.borrow()));
-    if (!record)
-        return clear_if_raised(api.PyExc_KeyError) ? new_none() : nullptr;
+    XPyOwned record;
+    int found = get_item_if_present(dict.borrow(), key.borrow(), record.out());
+    if (found <= 0)
+        return found < 0 ? nullptr : new_none();
     CPerCodeObjectBody* body = need_per_code_object(m, record.borrow());
-    int belongs = body ? belongs_to(body, code) : -1;
+    int belongs = body ? CPerCodeObject_BelongsTo(body, code) : -1;
     if (belongs < 0)
         return nullptr;
     return belongs ? record.detach() : new_none();
@@ -188,7 +200,7 @@ static int death_steps(tModuleState* m, PyObject* record)
     if (!dict)
         return -1;
     XPyOwned key(XPy_NewRef(body->fCodeObjectWeakRef));
-    return key ? delete_if_present(dict.borrow(), key.borrow()) : 0;
+    return key ? delete_item_if_present(dict.borrow(), key.borrow()) : 0;
 }
 
 int CPerCodeObject_cb_code_object_dealloc_direct(tModuleState* m, PyObject* per_code_object)

@@ -4,35 +4,35 @@
 
 // ---- Class attributes ----
 
-static const char kPerFilesDict[] = "_fPerFilesDict";
-static const char kByChecksum[] = "_fByChecksum";
-static const char kNewPerFileCreatedCallback[] = "_fNewPerFileCreatedCallback";
+static tClassAttr per_files_dict = {{"_fPerFilesDict", nullptr}, {nullptr, 0}, nullptr};
+static tClassAttr by_checksum = {{"_fByChecksum", nullptr}, {nullptr, 0}, nullptr};
+static tClassAttr new_per_file_created_callback = {{"_fNewPerFileCreatedCallback", nullptr}, {nullptr, 0}, nullptr};
 
-static int set_new_dict(PyObject* cls, const char* attribute)
+static int set_new_dict(PyObject* cls, tClassAttr* attribute)
 {
     XPyOwned dict(api.PyDict_New());
-    return dict ? api.PyObject_SetAttrString(cls, attribute, dict.borrow()) : -1;
+    return dict ? set_class_attr(cls, attribute, dict.borrow()) : -1;
 }
 
 int CPerFile_ClsInit(tModuleState* m)
 {
-    if (set_new_dict(m->CPerFile, kPerFilesDict) < 0 || set_new_dict(m->CPerFile, kByChecksum) < 0)
+    if (set_new_dict(m->CPerFile, &per_files_dict) < 0 || set_new_dict(m->CPerFile, &by_checksum) < 0)
         return -1;
-    return set_class_hook(m->CPerFile, kNewPerFileCreatedCallback, api.Py_None);
+    return set_class_attr(m->CPerFile, &new_per_file_created_callback, api.Py_None);
 }
 
-static int clear_class_dict(PyObject* cls, const char* attribute)
+static int clear_class_dict(PyObject* cls, tClassAttr* attribute)
 {
-    XPyOwned dict(api.PyObject_GetAttrString(cls, attribute));
+    XPyOwned dict(get_class_attr(cls, attribute));
     XPyOwned cleared(dict ? api.PyObject_CallMethod(dict.borrow(), "clear", nullptr) : nullptr);
     return cleared ? 0 : -1;
 }
 
 int CPerFile_ClsReset(tModuleState* m)
 {
-    if (clear_class_dict(m->CPerFile, kPerFilesDict) < 0 || clear_class_dict(m->CPerFile, kByChecksum) < 0)
+    if (clear_class_dict(m->CPerFile, &per_files_dict) < 0 || clear_class_dict(m->CPerFile, &by_checksum) < 0)
         return -1;
-    return set_class_hook(m->CPerFile, kNewPerFileCreatedCallback, api.Py_None);
+    return set_class_attr(m->CPerFile, &new_per_file_created_callback, api.Py_None);
 }
 
 // ---- The index by checksum ----
@@ -54,11 +54,11 @@ int CPerFile_UpdateByChecksum_direct(tModuleState* m, PyObject* per_file, PyObje
     XPyOwned key(XPy_NewRef(checksum == api.Py_None ? body->fChecksum : checksum));
     if (!key || key.borrow() == api.Py_None)
         return 0;  // files without a checksum are not indexed
-    XPyOwned index(api.PyObject_GetAttrString(m->CPerFile, kByChecksum));
+    XPyOwned index(get_class_attr(m->CPerFile, &by_checksum));
     if (!index)
         return -1;
-    XPyOwned set(api.PyObject_GetItem(index.borrow(), key.borrow()));
-    if (!set)
+    XPyOwned set;
+    if (get_item_if_present(index.borrow(), key.borrow(), set.out()) < 0)
         api.PyErr_Clear();  // any failed look-up counts as absent; an unusable key fails below
     if (remove)
         return set ? discard_from_set(index.borrow(), key.borrow(), set.borrow(), per_file) : 0;
@@ -119,19 +119,20 @@ static PyObject* create_per_file(tDPData* dp, PyObject* cls, PyObject* dict, PyO
 {
     XPyOwned per_file(api.PyObject_CallOneArg(cls, pathname));
     if (!per_file || api.PyObject_SetItem(dict, pathname, per_file.borrow()) < 0 ||
-        CallNewObjectCallback_direct(dp, cls, kNewPerFileCreatedCallback, per_file.borrow()) < 0)
+        CallNewObjectCallback_direct(dp, cls, &new_per_file_created_callback, per_file.borrow()) < 0)
         return nullptr;
     return per_file.detach();
 }
 
 static PyObject* get_per_file_inner(tDPData* dp, PyObject* cls, PyObject* pathname, PyObject* create)
 {
-    XPyOwned dict(api.PyObject_GetAttrString(cls, kPerFilesDict));
+    XPyOwned dict(get_class_attr(cls, &per_files_dict));
     if (!dict)
         return nullptr;
-    PyObject* per_file = api.PyObject_GetItem(dict.borrow(), pathname);
-    if (per_file || !clear_if_raised(api.PyExc_KeyError))
-        return per_file;
+    PyObject* per_file;
+    int found = get_item_if_present(dict.borrow(), pathname, &per_file);
+    if (found != 0)
+        return found < 0 ? nullptr : per_file;
     int is_wanted = api.PyObject_IsTrue(create);
     if (is_wanted < 0)
         return nullptr;
@@ -162,12 +163,13 @@ static PyObject* CPerFile_GetPerFile(PyObject*, PyTypeObject* cls, PyObject* con
 
 static PyObject* get_set_for_checksum_inner(PyTypeObject* cls, PyObject* checksum)
 {
-    XPyOwned index(api.PyObject_GetAttrString(reinterpret_cast<PyObject*>(cls), kByChecksum));
+    XPyOwned index(get_class_attr(reinterpret_cast<PyObject*>(cls), &by_checksum));
     if (!index)
         return nullptr;
-    PyObject* set = api.PyObject_GetItem(index.borrow(), checksum);
-    if (set || !clear_if_raised(api.PyExc_KeyError))
-        return set;
+    PyObject* set;
+    int found = get_item_if_present(index.borrow(), checksum, &set);
+    if (found != 0)
+        return found < 0 ? nullptr : set;
     return api.PySet_New(nullptr);
 }
 
@@ -188,7 +190,7 @@ static PyObject* CPerFile_GetPerFileSetForChecksum(PyObject*, PyTypeObject* cls,
 
 static PyObject* get_all_inner(PyTypeObject* cls)
 {
-    XPyOwned dict(api.PyObject_GetAttrString(reinterpret_cast<PyObject*>(cls), kPerFilesDict));
+    XPyOwned dict(get_class_attr(reinterpret_cast<PyObject*>(cls), &per_files_dict));
     return dict ? api.PyDict_Values(dict.borrow()) : nullptr;
 }
 
@@ -213,7 +215,7 @@ static PyObject* CPerFile_SetNewPerFileCreatedCallback(PyObject*, PyTypeObject* 
     PyObject* callback;
     const tFastArgInfo infos[] = {{"callback", 0, nullptr, &callback}, {nullptr, 0, nullptr, nullptr}};
     if (get_fastargs(infos, args, static_cast<size_t>(nargs), kwnames) < 0 ||
-        set_class_hook(reinterpret_cast<PyObject*>(cls), kNewPerFileCreatedCallback, callback) < 0)
+        set_class_attr(reinterpret_cast<PyObject*>(cls), &new_per_file_created_callback, callback) < 0)
         return fail_null(m->dp, "Exception in CPerFile_GetPerFile()\n");  // Kept: the text names another function
     return new_none();
 }

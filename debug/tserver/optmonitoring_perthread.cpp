@@ -19,20 +19,21 @@ CPerThreadBody* need_per_thread(tModuleState* m, PyObject* obj)
 
 // ---- Class attributes ----
 
-static const char kPerThreadDict[] = "_fPerThreadDict";
-static const char kDebugPolicyCallback[] = "_fDebugPolicyCallback";
-static const char kNewPerThreadCreatedCallback[] = "_fNewPerThreadCreatedCallback";
-static const char kGetThreadNameCallback[] = "_fGetThreadNameCallback";
+static tClassAttr per_thread_dict = {{"_fPerThreadDict", nullptr}, {nullptr, 0}, nullptr};
+static tClassAttr debug_policy_callback = {{"_fDebugPolicyCallback", nullptr}, {nullptr, 0}, nullptr};
+static tClassAttr new_per_thread_created_callback = {
+    {"_fNewPerThreadCreatedCallback", nullptr}, {nullptr, 0}, nullptr};
+static tClassAttr get_thread_name_callback = {{"_fGetThreadNameCallback", nullptr}, {nullptr, 0}, nullptr};
 
 PyObject* CPerThread_get_fPerThreadDict(tModuleState* m)
 {
-    return get_class_attr_or_make(m->CPerThread, kPerThreadDict, api.PyDict_New);
+    return get_class_attr_or_make(m->CPerThread, &per_thread_dict, api.PyDict_New);
 }
 
 static int clear_hooks(tModuleState* m)
 {
-    for (const char* hook : {kDebugPolicyCallback, kNewPerThreadCreatedCallback, kGetThreadNameCallback}) {
-        if (set_class_hook(m->CPerThread, hook, api.Py_None) < 0)
+    for (tClassAttr* hook : {&debug_policy_callback, &new_per_thread_created_callback, &get_thread_name_callback}) {
+        if (set_class_attr(m->CPerThread, hook, api.Py_None) < 0)
             return -1;
     }
     return 0;
@@ -41,7 +42,7 @@ static int clear_hooks(tModuleState* m)
 int CPerThread_ClsInit(tModuleState* m)
 {
     XPyOwned dict(api.PyDict_New());
-    if (!dict || api.PyObject_SetAttrString(m->CPerThread, kPerThreadDict, dict.borrow()) < 0 || clear_hooks(m) < 0)
+    if (!dict || set_class_attr(m->CPerThread, &per_thread_dict, dict.borrow()) < 0 || clear_hooks(m) < 0)
         return -1;
     PyObject* builtins = api.PyEval_GetBuiltins();
     PyObject* object_class = builtins ? api.PyDict_GetItemString(builtins, "object") : nullptr;
@@ -141,7 +142,7 @@ static int init_inner(tModuleState* m, PyObject* self, CPerThreadBody* body, PyO
         withdraw_capsule(m, body);
         return -1;
     }
-    return CallNewObjectCallback_direct(m->dp, m->CPerThread, kNewPerThreadCreatedCallback, self);
+    return CallNewObjectCallback_direct(m->dp, m->CPerThread, &new_per_thread_created_callback, self);
 }
 
 static int CPerThread_init(PyObject* self, PyObject* args, PyObject* kwargs)
@@ -186,11 +187,12 @@ static PyObject* slow_get_inner(tModuleState* m, PyObject* thread_id, PyObject* 
     XPyOwned dict(CPerThread_get_fPerThreadDict(m));
     if (!dict)
         return nullptr;
-    XPyOwned per_thread(api.PyObject_GetItem(dict.borrow(), key.borrow()));
-    if (per_thread)
-        return need_per_thread(m, per_thread.borrow()) ? per_thread.detach() : nullptr;
-    if (!clear_if_raised(api.PyExc_KeyError))
+    XPyOwned per_thread;
+    int found = get_item_if_present(dict.borrow(), key.borrow(), per_thread.out());
+    if (found < 0)
         return nullptr;
+    if (found)
+        return need_per_thread(m, per_thread.borrow()) ? per_thread.detach() : nullptr;
     int is_wanted = get_istrue(create);
     if (is_wanted < 0)
         return nullptr;
@@ -256,7 +258,7 @@ PyObject* CInitialCallback_GetPerThreadCalledFromCallback(tModuleState* m)
 
 static PyObject* CPerThread_get_fDebugPolicyCallback(tModuleState* m)
 {
-    PyObject* callback = get_class_attr_or_make(m->CPerThread, kDebugPolicyCallback, make_none);
+    PyObject* callback = get_class_attr_or_make(m->CPerThread, &debug_policy_callback, make_none);
     return callback ? callback : fail_null(m->dp, "Exception in CPerThread_get_fDebugPolicyCallback()\n");
 }
 
@@ -313,7 +315,7 @@ static int find_thread_name_inner(tModuleState* m, PyObject* per_thread)
         return -1;
     if (body->fThreadName != api.Py_None)
         return 0;
-    XPyOwned callback(api.PyObject_GetAttrString(m->CPerThread, kGetThreadNameCallback));
+    XPyOwned callback(get_class_attr(m->CPerThread, &get_thread_name_callback));
     if (!callback)
         return -1;
     if (callback.borrow() == api.Py_None)
@@ -389,21 +391,21 @@ static int forget_policies(tModuleState* m)
 
 static int CPerThread_SetDebugPolicyCallback_direct(tModuleState* m, PyObject* callback)
 {
-    if (set_class_hook(m->CPerThread, kDebugPolicyCallback, callback) < 0 || forget_policies(m) < 0)
+    if (set_class_attr(m->CPerThread, &debug_policy_callback, callback) < 0 || forget_policies(m) < 0)
         return fail_int(m->dp, "Exception in CPerThread_SetDebugPolicyCallback_direct()\n");
     return 0;
 }
 
 static int CPerThread_SetNewPerThreadCreatedCallback_direct(tModuleState* m, PyObject* callback)
 {
-    if (set_class_hook(m->CPerThread, kNewPerThreadCreatedCallback, callback) < 0)
+    if (set_class_attr(m->CPerThread, &new_per_thread_created_callback, callback) < 0)
         return fail_int(m->dp, "Exception in CPerThread_SetNewPerThreadCreatedCallback_direct()\n");
     return 0;
 }
 
 static int CPerThread_SetGetThreadNameCallback_direct(tModuleState* m, PyObject* callback)
 {
-    if (set_class_hook(m->CPerThread, kGetThreadNameCallback, callback) < 0)
+    if (set_class_attr(m->CPerThread, &get_thread_name_callback, callback) < 0)
         return fail_int(m->dp, "Exception in CPerThread_SetGetThreadNameCallback_direct()\n");
     return 0;
 }

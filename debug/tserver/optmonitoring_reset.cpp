@@ -8,6 +8,7 @@ static int replace_file_tables(tModuleState* m)
         m->file_ops_data = nullptr;
         destroy_file_ops_data(old);
     }
+    CPerCodeObject_ForgetFindings(m);
     m->file_ops_data = create_file_ops_data(m->dp);
     if (m->file_ops_data)
         return 0;

@@ -404,8 +404,9 @@ XPY_EXPORT Py_ssize_t FindSizeOfAllFields(const XPy_FieldWithSize* table);
 // Sets the size of the named row; nothing when the name is absent.
 XPY_EXPORT void SetFieldSize(XPy_FieldWithSize* table, const char* name, Py_ssize_t size);
 
-// Fields of sets and ints, 3.12 to 3.15. PYVERSIONS
+// Fields of sets, ints and, from tp_base on, type objects, 3.12 to 3.15. PYVERSIONS
 extern XPy_FieldWithSize py3d12_set_fields[];
+extern XPy_FieldWithSize py3d12_type_tail_fields[];
 extern XPy_FieldWithSize py3d12_int_fields[];
 
 // ---- Modules (xpy_c_api_modules.cpp) ----

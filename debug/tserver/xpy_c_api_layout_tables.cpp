@@ -242,6 +242,13 @@ XPy_FieldWithSize py3d12_set_fields[] = {
     {nullptr, 0},
 };
 
+XPy_FieldWithSize py3d12_type_tail_fields[] = {
+    {"tp_base", 8}, {"tp_dict", 8}, {"tp_descr_get", 8}, {"tp_descr_set", 8}, {"tp_dictoffset", 8}, {"tp_init", 8},
+    {"tp_alloc", 8}, {"tp_new", 8}, {"tp_free", 8}, {"tp_is_gc", 8}, {"tp_bases", 8}, {"tp_mro", 8},
+    {"tp_cache", 8}, {"tp_subclasses", 8}, {"tp_weaklist", 8}, {"tp_del", 8}, {"tp_version_tag", 4},
+    {nullptr, 0},
+};
+
 XPy_FieldWithSize py3d12_int_fields[] = {
     {"<PyObject_HEAD>", -1}, {"lv_tag", 8}, {"ob_digit", 4},
     {nullptr, 0},

@@ -185,6 +185,17 @@ class PathnameTest(PerCodeObjectTestCase):
         self.om.set_checksum_callback(lambda pathname: self.om.reset())
         self.assertEqual(self.pathnames("/no/such/a.py"), ("/no/such/a.py",) * 2)
 
+    def test_names_stay_until_a_reset(self):
+        target, link = os.path.join(self.folder(), "a.py"), os.path.join(self.folder(), "link.py")
+        self.assertEqual(self.pathnames(link), (link, link))
+        with open(target, "w"):
+            pass
+        os.symlink(target, link)
+        self.assertEqual(self.pathnames(link), (link, link))
+        self.om.reset()
+        self.om.register_canonical_pathname(target, None)
+        self.assertEqual(self.pathnames(link), (link, target))
+
     def test_name_without_a_utf8_form(self):
         self.fails(UnicodeEncodeError, "'utf-8' codec can't encode character '\\udc80' in position 3: "
                    "surrogates not allowed", ["Exception in GetPathnameKind_direct\n", INIT, DIRECT],
