@@ -8,7 +8,11 @@ PYTHONS ?=
 # Interpreters that `make test` gets when they are missing; see `tools/interpreters`.
 INTERPRETERS ?= 3.14 3.15 3.14-debug
 
-.PHONY: help setup build run demo test test-all test-cpp test-python asan bench bench-quick bench-growth bench-units \
+# Interpreters to run under the sanitizers: the first one with sys.monitoring, or those named.
+WATCHED_PYTHONS ?= $(or $(PYTHONS),$(shell tools/interpreters list --cmake --min 3.12 | \
+                     awk -F'|' '$$3 == "release" { print $$1; exit }'))
+
+.PHONY: help setup build run demo test test-all test-cpp test-python test-host inject asan tsan valgrind bench bench-quick bench-growth bench-units \
         bench-debugpy bench-docs tests-built some-interpreters interpreters clean
 
 help:  ## list the targets
@@ -44,19 +48,39 @@ test-all:  ## the same, and insist on the whole matrix of interpreters
 	@$(MAKE) --no-print-directory test INTERPRETERS=3.14 PYTHONS=
 
 test: tests-built  ## run all tests in every interpreter found
-	@tools/run_ctest $(BUILD)
+	@tools/run_ctest $(BUILD) -E '^inject_'
 
 test-cpp: tests-built  ## the C++ tests only
 	@tools/run_ctest $(BUILD) -R '^cpp_'
 
-test-python: tests-built  ## the Python tests only
+test-python: tests-built  ## the Python tests of the module only
 	@tools/run_ctest $(BUILD) -R '^py_'
 
-asan:  ## the C++ tests that need no interpreter, under ASan and UBSan
+test-host: tests-built  ## the tests of the debugger only
+	@tools/run_ctest $(BUILD) -R '^host_'
+
+inject: tests-built  ## every allocation and every interpreter call failing in turn (some minutes an interpreter)
+	@tools/run_ctest $(BUILD) -R '^inject_'
+
+asan:  ## the C++ tests and the Python suites under ASan and UBSan
 	@tools/setup test
-	@cmake -S . -B $(BUILD)-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DOPTMONITORING_SANITIZE=ON >/dev/null
-	@cmake --build $(BUILD)-asan --target plain_tests -j $(JOBS)
-	@cd $(BUILD)-asan && ctest -R '^cpp_plain' --output-on-failure
+	@cmake -S . -B $(BUILD)-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DOPTMONITORING_SANITIZE=address,undefined \
+	       "-DOPTMONITORING_PYTHONS=$(WATCHED_PYTHONS)" >/dev/null
+	@cmake --build $(BUILD)-asan --target plain_tests optmonitoring -j $(JOBS)
+	@tools/run_ctest $(BUILD)-asan -R '^(cpp_plain$$|py_)'
+
+tsan:  ## the Python suites with threads under TSan
+	@tools/setup test
+	@cmake -S . -B $(BUILD)-tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DOPTMONITORING_SANITIZE=thread \
+	       "-DOPTMONITORING_PYTHONS=$(WATCHED_PYTHONS)" >/dev/null
+	@cmake --build $(BUILD)-tsan --target optmonitoring -j $(JOBS)
+	@setarch -R tools/run_ctest $(BUILD)-tsan -R '^py_.*(thread|filter_live|initial_callback|life)'
+
+valgrind:  ## the C++ tests and a short Python session under memcheck
+	@tools/setup test
+	@cmake -S . -B $(BUILD) -G Ninja >/dev/null
+	@cmake --build $(BUILD) --target plain_tests optmonitoring -j $(JOBS)
+	@tests/sanitizers/run_valgrind $(BUILD) $$(tools/choose_python)
 
 bench: build  ## what an event costs on every road, instructions and times (some minutes an interpreter)
 	@tools/setup test
