@@ -21,6 +21,23 @@ def rebind(function, **names):
     return copy
 
 
+if sys.version_info >= (3, 13):
+    def take_locals(frame):
+        """Nothing: `frame.f_locals` is the variables themselves."""
+
+    give_locals_back = take_locals
+else:
+    import ctypes
+
+    def take_locals(frame):
+        """Let `frame.f_locals` be what the variables are now, before it may be written to."""
+        frame.f_locals
+
+    def give_locals_back(frame):
+        """Let the variables be what `frame.f_locals` is now, as after a function of `sys.settrace`."""
+        ctypes.pythonapi.PyFrame_LocalsToFast(ctypes.py_object(frame), 1)
+
+
 class _SysWithTraceMethods:
     """`sys` for methods of a debugger: `settrace` goes to the debugger itself."""
 

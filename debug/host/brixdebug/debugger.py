@@ -5,6 +5,8 @@ inherited; its module-level functions run as they are, with `Debugger` in the
 place of `Pdb`.
 """
 
+import contextlib
+import os
 import pdb
 import sys
 import threading
@@ -14,11 +16,21 @@ from brixbase import dlog
 
 from brixdebug import compat, files, internal, log
 from brixdebug.engine import Bdb, BdbQuit
-from brixdebug.monitor import monitor
+from brixdebug.monitor import MonitorError, monitor
 from brixdebug.suspension import debugged_frames
 
 # What follows a name that is not meant as a command: `set = 1`, `info.x`, `set(x)`.
 _EXPRESSION_STARTS = tuple("=.([,:+-*/%@&|^<>!")
+
+
+_main_pid = os.getpid()
+
+
+def _is_on_descriptor_0(file):
+    try:
+        return file.fileno() == 0
+    except (AttributeError, OSError, ValueError):
+        return file is not None            # the program has put something of its own there
 
 
 class Debugger(pdb.Pdb, Bdb):
@@ -26,6 +38,8 @@ class Debugger(pdb.Pdb, Bdb):
 
     # Whether this is the debugger of a command line, whose quit ends the program.
     _ends_program = False
+
+    _child_input = None
 
     def __init__(self, *args, **kwargs):
         super().__init__(*args, **kwargs)
@@ -37,11 +51,29 @@ class Debugger(pdb.Pdb, Bdb):
 
     def interaction(self, *args, **kwargs):
         """One thread is at the prompt; the others wait for it."""
-        with monitor.reporter.lock, monitor.suspension.others_held():
+        with monitor.reporter.lock, monitor.suspension.others_held(), self._standard_input():
             try:
                 return super().interaction(*args, **kwargs)
             finally:
                 self._leave_selected_thread()
+
+    @contextlib.contextmanager
+    def _standard_input(self):
+        """The prompt of a followed child reads where its parent's does.
+
+        A process of multiprocessing has the null device as `sys.stdin`; descriptor 0 is
+        what it was.
+        """
+        if os.getpid() == _main_pid or _is_on_descriptor_0(sys.stdin):
+            yield
+            return
+        if Debugger._child_input is None:
+            Debugger._child_input = open(0, closefd=False)
+        programs, sys.stdin = sys.stdin, Debugger._child_input
+        try:
+            yield
+        finally:
+            sys.stdin = programs
 
     def _leave_selected_thread(self):
         """What was asked for while another thread was looked at was asked for that thread."""
@@ -107,7 +139,11 @@ class Debugger(pdb.Pdb, Bdb):
             self.error("Cannot debug %s: it is the debugger's own code" % filename)
             _CommandLineDebugger.has_refused = self._user_requested_quit = True
             return
-        super()._run(target)
+        try:
+            super()._run(target)
+        except MonitorError as error:
+            self.error(str(error))
+            _CommandLineDebugger.has_refused = self._user_requested_quit = True
 
     # -- commands that pdb has not -----------------------------------------------------
 
@@ -221,6 +257,15 @@ class _CommandLineDebugger(Debugger):
     has_refused = False                       # there was nothing that can be debugged
 
 
+class _ScriptTarget(pdb._ScriptTarget):
+    """A script that finds in __main__ what it finds without a debugger (pdb of 3.12 forgets some)."""
+
+    @property
+    def namespace(self):
+        return {"__doc__": None, "__package__": None, "__spec__": None, "__cached__": None,
+                **super().namespace}
+
+
 # pdb's own functions, which make a Debugger where they made a Pdb.
 
 def _rebound(name):
@@ -291,6 +336,7 @@ def main():
     sys.argv[1:] = arguments
     threading.excepthook = _hide_quit(threading.excepthook)
     sys.unraisablehook = _hide_quit(sys.unraisablehook)       # threads that `threading` did not start
-    compat.rebind(pdb.main, **{**_names, "Pdb": _CommandLineDebugger})()
+    compat.rebind(pdb.main, **{**_names, "Pdb": _CommandLineDebugger,
+                                "_ScriptTarget": _ScriptTarget})()
     if _CommandLineDebugger.has_refused:
         sys.exit(2)

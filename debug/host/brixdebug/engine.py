@@ -21,7 +21,7 @@ import optmonitoring
 from brixbase import dlog
 from brixdebug import compat
 from brixdebug.breakpoints import is_pseudo_file
-from brixdebug.monitor import monitor
+from brixdebug.monitor import MonitorError, monitor
 from brixdebug.stops import PerThread, StopStates
 
 BdbQuit = bdb.BdbQuit
@@ -145,19 +145,49 @@ class Bdb(compat.TraceBase):
 
     # -- breakpoints -------------------------------------------------------------
 
+    # A breakpoint comes into two tables, and leaves them, one after the other: no thread
+    # may look at them in between.
+
     def _add_to_breaks(self, filename, lineno):
         super()._add_to_breaks(filename, lineno)
-        monitor.breaks_changed(self, filename)
+        try:
+            monitor.breaks_changed(self, filename)
+        except MonitorError:
+            super()._prune_breaks(filename, lineno)
+            raise
 
     def _prune_breaks(self, filename, lineno):
         super()._prune_breaks(filename, lineno)
         monitor.breaks_changed(self, filename)
 
     def set_break(self, filename, lineno, *args, **kwargs):
-        result = super().set_break(filename, lineno, *args, **kwargs)
-        # Once more: a breakpoint that knows its function was not there the first time.
-        monitor.breaks_changed(self, self.canonic(filename))
+        with monitor.reporter.lock:
+            try:
+                result = super().set_break(filename, lineno, *args, **kwargs)
+            except MonitorError as error:
+                return str(error)
+            # Once more: a breakpoint that knows its function was not there the first time.
+            monitor.breaks_changed(self, self.canonic(filename))
+            return result
+
+    def clear_break(self, filename, lineno):
+        with monitor.reporter.lock:
+            return super().clear_break(filename, lineno)
+
+    def clear_bpbynumber(self, arg):
+        with monitor.reporter.lock:
+            return super().clear_bpbynumber(arg)
+
+    def stop_here(self, frame):
+        result = super().stop_here(frame)
+        if result:
+            self._stop_in(frame)
         return result
+
+    def _stop_in(self, frame):
+        """The user may write to the variables of `frame`; only there, for a copy of them keeps objects alive."""
+        self.stop_states.own().stopped_frame = frame
+        compat.take_locals(frame)
 
     def break_here(self, frame):
         code = frame.f_code
@@ -166,19 +196,23 @@ class Bdb(compat.TraceBase):
         result = super().break_here(frame)
         if at_function:
             monitor.break_lines.narrow(self, code)
+        if result:
+            self._stop_in(frame)
         return result
 
     def clear_all_file_breaks(self, filename):
-        result = super().clear_all_file_breaks(filename)
-        monitor.breaks_changed(self, self.canonic(filename))
-        return result
+        with monitor.reporter.lock:
+            result = super().clear_all_file_breaks(filename)
+            monitor.breaks_changed(self, self.canonic(filename))
+            return result
 
     def clear_all_breaks(self):
-        filenames = list(self.breaks)
-        result = super().clear_all_breaks()
-        for filename in filenames:
-            monitor.breaks_changed(self, filename)
-        return result
+        with monitor.reporter.lock:
+            filenames = list(self.breaks)
+            result = super().clear_all_breaks()
+            for filename in filenames:
+                monitor.breaks_changed(self, filename)
+            return result
 
     # -- exceptions ------------------------------------------------------------
 

@@ -27,9 +27,9 @@ one.  While a thread is stepped or at the prompt everything stays armed; the fil
 given the lines then (`fEnabledBpLinenos`) and answers for the others in native code.
 """
 
+import _thread
 import os
 import sys
-import threading
 
 import optmonitoring
 
@@ -66,7 +66,7 @@ class Monitor:
         self.reporter = Reporter(self, RAISER_TOOL_ID)
         self.break_lines = BreakLines(self)
         self.suspension = Suspension(self)
-        self.switching = threading.RLock()    # around changes of what is switched on
+        self.switching = _thread.RLock()      # around changes of what is switched on
         self._filter_tool_id = None           # None: no tool id is taken
         self._initial_callbacks = {}          # event -> CInitialCallback
         self._local_events = {}               # record -> local events that are on
@@ -85,7 +85,12 @@ class Monitor:
         """`debugger` gets the events from now on."""
         with self.switching:
             self.debugger = debugger
-            self._share(debugger, list(debugger.breaks))
+            try:
+                self._share(debugger, list(debugger.breaks))
+            except MonitorError:
+                self.debugger = None
+                self._release()
+                raise
 
     def stop(self, debugger):
         """`debugger` gets no more events; everything that was taken is given back."""
@@ -387,6 +392,7 @@ class Monitor:
             sys.monitoring.set_local_events(
                 RAISER_TOOL_ID, code,
                 sys.monitoring.get_local_events(RAISER_TOOL_ID, code) | _STEP_LOCAL_EVENTS)
+            self.rearm()
 
     def end_raising(self, code):
         with self.switching:
@@ -399,11 +405,12 @@ class Monitor:
 
     def _after_fork_in_child(self):
         """Only the forking thread is left; locks of the others will never be released."""
-        # The filter answers nothing in a child before it is told the new process id.
-        optmonitoring.UpdateThisProcessPid()
         if not self.switching._is_owned():
-            self.switching = threading.RLock()
+            self.switching = _thread.RLock()
         self.reporter.keep_only_own()
+        # The filter answers nothing in a child before it is told the new process id, so
+        # nobody needs a lock before here.
+        optmonitoring.UpdateThisProcessPid()
         self.suspension.forget_other_threads()
         if self.debugger is None:
             return

@@ -11,11 +11,11 @@ import bisect
 import functools
 import signal
 import sys
-import threading
 
 import optmonitoring
 from brixbase import dlog
 
+from brixdebug import compat
 from brixdebug.suspension import is_threading_code
 
 _events = sys.monitoring.events
@@ -51,7 +51,7 @@ class Reporter:
 
     def begin_anew(self):
         """Nothing is being reported."""
-        self.lock = threading.RLock()     # held by the one thread that reports
+        self.lock = _thread.RLock()       # held by the one thread that reports
         self._depth = 0                   # its events inside events
         self.waiting_thread_ids = set()   # of the threads that wait for the lock
         self._pending = {}                # thread id -> exception to raise, and the code to do it in
@@ -244,6 +244,9 @@ class Reporter:
         try:
             trace = debugger.trace_dispatch(frame, name, value)
         finally:
+            if state.stopped_frame is frame:
+                state.stopped_frame = None
+                compat.give_locals_back(frame)
             state.enterframe = None       # 3.13 keeps it, and with it the frame's variables
         if debugger.quitting or state.is_free and not debugger.breaks:
             frame.f_trace = None

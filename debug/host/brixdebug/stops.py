@@ -33,6 +33,8 @@ class StopState:
     cmdlineno = None
     trace_opcodes = sys.version_info < (3, 13)     # where only the frame is asked
 
+    stopped_frame = None      # the frame of the event, when it is one to stop at
+
     is_muted = False          # the thread runs the debugger's own code, outside of an event
 
     def __init__(self, thread_id):
