@@ -10,7 +10,7 @@
 #include "xpy_c_api.h"
 
 // The log's domains, single bits of a mask.
-enum tDPrintfLogMask {
+enum tDPrintfLogMask : int {
     kLogOther = 1,
     kLogFilenames = 2,
     kLogCore = 4,

@@ -12,6 +12,13 @@ struct tFetchedException {
     PyObject* traceback = nullptr;
 };
 
+// The program must not be left with the log for a sys.stderr: what failed for want of memory is tried again.
+static void put_stderr_back(PyObject* program_stderr)
+{
+    for (int tries = 0; tries < 2 && api.PySys_SetObject("stderr", program_stderr) < 0; tries++)
+        api.PyErr_Clear();
+}
+
 // Displays the exception with sys.stderr sent to the channel's file; false when there is no sys.stderr to exchange.
 static bool display_on_channel(tSingleDPData* channel, const tFetchedException& exception)
 {
@@ -22,12 +29,13 @@ static bool display_on_channel(tSingleDPData* channel, const tFetchedException& 
     // A channel without a Python file has nowhere to show it; None keeps the exception off the native stream, where
     // Python 2 then only notes that there is no sys.stderr.
     PyObject* file = channel->file_obj ? channel->file_obj : api.Py_None;
-    if (api.PySys_SetObject("stderr", file) < 0)
-        api.PyErr_Clear();
+    if (api.PySys_SetObject("stderr", file) < 0) {
+        api.PyErr_Clear();  // displayed now, it would appear among the program's own output
+        return true;
+    }
     api.PyErr_Display(exception.type, exception.value, exception.traceback);
     api.PyErr_Clear();
-    if (api.PySys_SetObject("stderr", program_stderr.borrow()) < 0)
-        api.PyErr_Clear();
+    put_stderr_back(program_stderr.borrow());
     return true;
 }
 

@@ -204,6 +204,20 @@ static int thread_id_for_log(CPerThreadBody* body)
     return static_cast<int>(thread_id);
 }
 
+// Gives the suspend lock back. A lock that stays taken would hold the thread for ever at its next event, so a release
+// that fails, for instance for want of memory, is tried once more.
+static int release_suspend_lock(PyObject* lock)
+{
+    XPyOwned released(api.PyObject_CallMethod(lock, "release", ""));
+    if (released)
+        return 0;
+    XPyHeldError held;
+    XPyOwned again(api.PyObject_CallMethod(lock, "release", ""));
+    if (!again)
+        api.PyErr_Clear();
+    return -1;
+}
+
 // Passes the thread through its suspend lock: it blocks for as long as somebody else holds the lock.
 XPY_COLD static int pass_suspend_lock(tModuleState* m, CPerThreadBody* body)
 {
@@ -218,8 +232,7 @@ XPY_COLD static int pass_suspend_lock(tModuleState* m, CPerThreadBody* body)
     if (!acquired)
         return -1;
     DO_DP(m->dp->threading, "acquired fSuspendLock: thread_id=%s\n", get_dprintf_repr_str1(m->dp, body->fThreadId));
-    XPyOwned released(api.PyObject_CallMethod(lock.borrow(), "release", ""));
-    if (!released)
+    if (release_suspend_lock(lock.borrow()) < 0)
         return -1;
     DO_DP(m->dp->threading, "released fSuspendLock: thread_id=%s\n", get_dprintf_repr_str1(m->dp, body->fThreadId));
     return 0;

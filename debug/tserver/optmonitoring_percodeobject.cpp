@@ -106,7 +106,13 @@ static PyObject* find_canonical_inner(tModuleState* m, PyObject* name)
     file_ops = need_file_ops(m);  // the host's callback may have reset the module
     if (!checksum || !file_ops)
         return nullptr;
-    return register_canonical_pathname_pystr(file_ops, name, checksum.borrow());
+    XPyOwned registered(register_canonical_pathname_pystr(file_ops, name, checksum.borrow()));
+    if (registered.borrow() != api.Py_None)
+        return registered.detach();
+    // A record without a canonical name would miss its file's breakpoints for good. The absolute name was to be had, so
+    // what was missing is memory.
+    api.PyErr_NoMemory();
+    return nullptr;
 }
 
 static PyObject* find_canonical_pathname(tModuleState* m, PyObject* name)
@@ -235,8 +241,10 @@ static void keep_pathnames(tModuleState* m, PyObject* known, PyObject* filename,
     bool is_kept = XPy_BorrowTypeInline(filename) == api.PyUnicode_Type_ptr &&
                    XPy_BorrowTypeInline(names.canonical.borrow()) == api.PyUnicode_Type_ptr &&
                    GetPathnameKind_direct(m->dp, filename) == kRegularPathname;
-    if (!is_kept)
+    if (!is_kept) {
+        api.PyErr_Clear();  // of a kind that could not be told
         return;
+    }
     PyObject* to_report = names.to_report.borrow();
     XPyOwned pair(make_pair(to_report == filename ? api.Py_None : to_report, names.canonical.borrow()));
     if (!pair || api.PyDict_SetItem(known, filename, pair.borrow()) < 0)
@@ -528,7 +536,7 @@ static PyObject* make_death_callback(PyObject* self, PyTypeObject* cls)
 static bool has_plain_death_callback(PyObject* self, PyTypeObject* cls)
 {
     XPyOwned ours(make_death_callback(self, cls));
-    XPyOwned theirs(get_death_callback(self));
+    XPyOwned theirs(ours ? get_death_callback(self) : nullptr);
     return ours && theirs && XPy_BorrowTypeInline(ours.borrow()) == XPy_BorrowTypeInline(theirs.borrow()) &&
            api.PyObject_RichCompareBool(ours.borrow(), theirs.borrow(), kPyEq) == 1;
 }

@@ -226,7 +226,7 @@ static void drop_callback(tModuleState* m, PyObject* record)
         return;
     }
     typedef int (*tClear)(PyObject*);
-    void* slot = api.PyType_GetSlot(XPy_BorrowType(weak_ref.borrow()), kSlotTpClear);
+    void* slot = api.PyType_GetSlot(XPy_BorrowTypeInline(weak_ref.borrow()), kSlotTpClear);
     if (slot)
         reinterpret_cast<tClear>(slot)(weak_ref.borrow());
 }

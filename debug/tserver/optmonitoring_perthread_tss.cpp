@@ -121,7 +121,8 @@ PyObject* CPerThread_GetExistingPerThreadFromThreadStateDict(tModuleState* m)
 static void CPerThread_CapsuleDestructor(PyObject* capsule)
 {
     XPyHeldError held;
-    api.PyCapsule_SetDestructor(capsule, nullptr);
+    if (api.PyCapsule_SetDestructor(capsule, nullptr) < 0)
+        api.PyErr_Clear();
     PyObject* per_thread = static_cast<PyObject*>(api.PyCapsule_GetPointer(capsule, nullptr));
     if (per_thread) {
         CPerThreadBody* body = per_thread_body(per_thread, borrow_defining_class(per_thread));
