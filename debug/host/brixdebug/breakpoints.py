@@ -15,6 +15,8 @@ import weakref
 import optmonitoring
 from brixbase import dlog
 
+from brixdebug.reporting import is_of_signal_handler
+
 
 def is_pseudo_file(filename):
     """True for a name such as <string> and for the empty one."""
@@ -76,14 +78,27 @@ class BreakLines:
 
     def on_new_code(self, record):
         """The hook for new records: no line of the code is decided before this ends."""
-        try:
-            self._remember_name(record)
-            debugger = self._monitor.debugger
-            if debugger is not None and debugger.breaks:
-                with self._monitor.switching:
-                    self._enable_lines(debugger, record)
-        except Exception:
-            dlog.LogException("a new code object")
+        interruption = None
+        is_done = False
+        while not is_done:
+            try:
+                self._take_in(record)
+                is_done = True
+            except BaseException as error:
+                if is_of_signal_handler(error):
+                    interruption = error      # it is not to cost a breakpoint
+                else:
+                    dlog.LogException("a new code object")
+                    is_done = True
+        if interruption is not None:
+            self._monitor.reporter.raise_in_program(interruption)
+
+    def _take_in(self, record):
+        self._remember_name(record)
+        debugger = self._monitor.debugger
+        if debugger is not None and debugger.breaks:
+            with self._monitor.switching:
+                self._enable_lines(debugger, record)
 
     def _remember_name(self, record):
         code = record.fCodeObjectWeakRef()

@@ -22,6 +22,7 @@ from brixbase import dlog
 from brixdebug import compat
 from brixdebug.breakpoints import is_pseudo_file
 from brixdebug.monitor import MonitorError, monitor
+from brixdebug.reporting import is_of_signal_handler
 from brixdebug.stops import PerThread, StopStates
 
 BdbQuit = bdb.BdbQuit
@@ -29,6 +30,49 @@ Breakpoint = bdb.Breakpoint
 
 # Classes whose user_call does something only where the debugger stops anyway.
 _QUIET_CALL_MODULES = ("bdb", "pdb", __name__)
+
+
+def _log(text):
+    optmonitoring.dprintf(optmonitoring.kLogBreakpoints, text)
+
+
+def _effective(filename, line, frame):
+    """`bdb.effective`, but for two things.
+
+    It makes every exception of a condition a stop; one that the handler of a signal
+    raised meanwhile is not the condition's.  And the log is told what was decided.
+    """
+    for each in bdb.Breakpoint.bplist[filename, line]:
+        if not each.enabled:
+            _log(lambda: _decision(each, frame, "it is disabled"))
+            continue
+        if not bdb.checkfuncname(each, frame):
+            _log(lambda: _decision(each, frame, "not the first line of its function"))
+            continue
+        each.hits += 1
+        if each.cond:
+            try:
+                value = eval(each.cond, frame.f_globals, frame.f_locals)
+            except BaseException as error:
+                if is_of_signal_handler(error):
+                    raise
+                _log(lambda: _decision(each, frame, "stop; its condition raised"))
+                return each, False
+            if not value:
+                _log(lambda: _decision(each, frame, "its condition is false"))
+                continue
+        if each.ignore > 0:
+            each.ignore -= 1
+            _log(lambda: _decision(each, frame, "ignored, %d to go" % each.ignore))
+            continue
+        _log(lambda: _decision(each, frame, "stop"))
+        return each, True
+    return None, None
+
+
+def _decision(breakpoint, frame, text):
+    return "breakpoint %d at %s:%d reached in %s(): %s\n" % (
+        breakpoint.number, frame.f_code.co_filename, frame.f_lineno, frame.f_code.co_name, text)
 
 
 class Bdb(compat.TraceBase):
@@ -49,6 +93,8 @@ class Bdb(compat.TraceBase):
 
     # Whether a child that the program forks is debugged too.
     follows_fork = False
+
+    quitting = False
 
     _keeps_tracing = False
 
@@ -193,12 +239,14 @@ class Bdb(compat.TraceBase):
         code = frame.f_code
         breaks = self.breaks.get(self.canonic(code.co_filename), ())
         at_function = code.co_firstlineno in breaks
-        result = super().break_here(frame)
+        result = self._break_here(frame)
         if at_function:
             monitor.break_lines.narrow(self, code)
         if result:
             self._stop_in(frame)
         return result
+
+    _break_here = compat.rebind(bdb.Bdb.break_here, effective=_effective)
 
     def clear_all_file_breaks(self, filename):
         with monitor.reporter.lock:

@@ -8,6 +8,7 @@ a second one waits here until the first has gone on.
 import _thread
 import bdb
 import bisect
+import dis
 import functools
 import signal
 import sys
@@ -48,6 +49,7 @@ class Reporter:
             _events.PY_RESUME: self._on_raiser_call,
         }
         self.begin_anew()
+        dlog.logger.addFilter(self._is_to_be_logged)
 
     def begin_anew(self):
         """Nothing is being reported."""
@@ -208,9 +210,11 @@ class Reporter:
             self._report_failed(debugger, frame, error)
         finally:
             self._depth -= 1
-            if not self.is_busy:
-                self._monitor.settle()
-            self.lock.release()
+            try:
+                if not self.is_busy:
+                    self._monitor.settle()
+            finally:
+                self.lock.release()
 
     def _wait_for_turn(self):
         """Take the lock.  The exception of a signal handler meanwhile is returned: the event is not lost."""
@@ -228,13 +232,13 @@ class Reporter:
         return interruption
 
     def _report_failed(self, debugger, frame, error):
-        if debugger.reaches_program(error):
+        if is_of_signal_handler(error):
+            self.raise_in_program(error)
+        elif debugger.reaches_program(error):
             # As with sys.settrace: what raises is not asked again.
             frame.f_trace = None
             debugger.stop_states.own().run_freely()
             self._monitor.needs_changed(debugger)
-            self.raise_in_program(error)
-        elif _is_of_signal_handler(error):
             self.raise_in_program(error)
         else:
             debugger.on_own_error(error)
@@ -265,14 +269,14 @@ class Reporter:
 
     # -- exceptions ------------------------------------------------------------------
 
-    def raise_in_program(self, error):
+    def raise_in_program(self, error, frame=None):
         """Have `error` raised in the calling thread's program code, when the callback has ended.
 
         That is where the event happened, or at the next line where the raiser has no such event.
         """
         if isinstance(error, bdb.BdbQuit):
             self.ended_thread_ids.add(_thread.get_ident())
-        code = optmonitoring.GetNonInternalFrame().f_code
+        code = (frame or optmonitoring.GetNonInternalFrame()).f_code
         self._pending[_thread.get_ident()] = error, code
         self._monitor.begin_raising(code)
         for event in self.callbacks:
@@ -315,26 +319,46 @@ class Reporter:
         finally:
             del error
 
+    def _is_to_be_logged(self, record):
+        """The filter of the log: sees what the native callback keeps away from the program.
+
+        Handlers of signals run at the start of a function too, where no `try` is yet: what
+        they raise there leaves a second callback, and is reported as an exception of it.
+        """
+        error = sys.exc_info()[1]
+        if error is None or not is_of_signal_handler(error):
+            return True
+        frame = sys._getframe()
+        while frame is not None and frame.f_code is not dlog.LogException.__code__:
+            frame = frame.f_back
+        if frame is None:
+            return True
+        self.raise_in_program(error, frame.f_back)
+        return False
+
     def _failed(self, error):
         """An exception of our own code, or one that a signal handler raised in it."""
-        if _is_of_signal_handler(error):
+        if not isinstance(error, Exception) or is_of_signal_handler(error):
             self.raise_in_program(error)
         else:
             dlog.LogException("the debugger")
 
 
-def _is_of_signal_handler(error):
+def is_of_signal_handler(error):
     """True when the program's own handler of a signal raised `error`, wherever that was."""
-    if not isinstance(error, Exception):
-        return True
     codes = {getattr(signal.getsignal(number), "__code__", None)
              for number in signal.valid_signals()}
+    instruction = None
     traceback = error.__traceback__
     while traceback is not None:
-        if traceback.tb_frame.f_code in codes:
+        code = traceback.tb_frame.f_code
+        if code in codes:
             return True
+        instruction = dis.opname[code.co_code[traceback.tb_lasti]]
         traceback = traceback.tb_next
-    return False
+    # The interpreter's own handler has no frame.
+    return isinstance(error, KeyboardInterrupt) and instruction != "RAISE_VARARGS" \
+        and signal.getsignal(signal.SIGINT) is signal.default_int_handler
 
 
 @functools.lru_cache(maxsize=256)

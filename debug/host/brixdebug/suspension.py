@@ -108,8 +108,7 @@ class Suspension:
         per_thread = optmonitoring.CPerThread
         per_thread.SetNewPerThreadCreatedCallback(self._on_new_thread)
         per_thread.SetDebugPolicyCallback(self._debug_policy)
-        per_thread.SetGetThreadNameCallback(
-            lambda record: self.thread_name(record.fThreadId))
+        per_thread.SetGetThreadNameCallback(self._name_of_record)
 
     def remove_hooks(self):
         per_thread = optmonitoring.CPerThread
@@ -125,6 +124,14 @@ class Suspension:
         thread_id = threading.get_ident()
         self._own.thread = _OwnThread(self.own_thread_ids, thread_id)
         optmonitoring.CPerThread.GetPerThread(thread_id).fDebugPolicy = 0
+
+    def _name_of_record(self, per_thread):
+        """None, to be asked again, for a thread that is only being entered in the list of threads."""
+        frame = optmonitoring.GetNonInternalFrame()
+        if per_thread.fThreadId not in threading._active and frame is not None \
+                and is_threading_code(frame):
+            return None
+        return self.thread_name(per_thread.fThreadId)
 
     @staticmethod
     def thread_name(thread_id):

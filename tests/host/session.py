@@ -1,0 +1,158 @@
+"""A debugger's child process that a test talks to, command by command.
+
+    session = Session(test, "-m", "brixdebug", script)
+    session.do("break 3")              what is printed up to the next prompt
+    session.do_until("threads", "held")
+    session.end("quit")                what is printed up to the end, and the exit status
+
+Nothing here sleeps in place of a condition: each wait is for text, or for the end of the child, and has an end itself.
+"""
+
+import os
+import pty
+import re
+import select
+import signal
+import subprocess
+import sys
+import textwrap
+import time
+
+from host_support import LOCK_WARNING, child_environment, run_child
+
+PROMPT = "(Pdb) "
+SHOWN = 3000             # characters of a failed session
+SECONDS = 60             # a session that says nothing for that long fails its test
+
+
+class Session:
+    """See the module's text.  `terminal`: the child has a terminal of its own."""
+
+    def __init__(self, test, *arguments, cwd=None, terminal=False, **environment):
+        self._test = test
+        self._terminal = terminal
+        self._unread = ""
+        self.seen = ""                       # all that the child printed
+        command = [sys.executable, "-W", "ignore:%s:RuntimeWarning" % LOCK_WARNING, *map(str, arguments)]
+        environment = child_environment(NO_COLOR="1", TERM="dumb", PYTHON_HISTORY=os.devnull, **environment)
+        if terminal:
+            self._in, child_end = pty.openpty()
+            self._out = self._in
+            self.process = subprocess.Popen(command, cwd=cwd, env=environment, stdin=child_end, stdout=child_end,
+                                            stderr=child_end, start_new_session=True, preexec_fn=_take_terminal)
+            self.terminal_name = os.ttyname(child_end)
+            os.close(child_end)
+        else:
+            self.process = subprocess.Popen(command, cwd=cwd, env=environment, stdin=subprocess.PIPE,
+                                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, bufsize=0)
+            self._in, self._out = self.process.stdin.fileno(), self.process.stdout.fileno()
+        test.addCleanup(self._close)
+
+    def _close(self):
+        if self.process.poll() is None:
+            self.process.kill()
+        self.process.wait()
+        if self._terminal:
+            os.close(self._in)
+        else:
+            self.process.stdin.close()
+            self.process.stdout.close()
+
+    # -- reading ---------------------------------------------------------------------------
+
+    def wait_for(self, text):
+        """What is printed before `text`, which is read too."""
+        deadline = time.monotonic() + SECONDS
+        while text not in self._unread:
+            if not self._read_some(deadline):
+                self._test.fail("%r did not come; the session so far:\n%s" % (text, self.seen[-SHOWN:]))
+        before, _, self._unread = self._unread.partition(text)
+        return before
+
+    def _read_some(self, deadline):
+        readable, _, _ = select.select([self._out], [], [], max(0, deadline - time.monotonic()))
+        if not readable:
+            return False
+        try:
+            data = os.read(self._out, 65536)
+        except OSError:                      # a terminal whose last user has gone
+            data = b""
+        text = data.decode("utf-8", "replace").replace("\r\n", "\n")
+        self._unread += text
+        self.seen += text
+        return bool(data)
+
+    def prompt(self):
+        """What is printed up to the next prompt."""
+        return self.wait_for(PROMPT)
+
+    # -- writing ---------------------------------------------------------------------------
+
+    def send(self, line):
+        os.write(self._in, line.encode() + b"\n")
+
+    def do(self, command):
+        """What the command prints up to the next prompt."""
+        self.send(command)
+        printed = self.prompt()
+        # A terminal shows what is typed.
+        return printed.partition("\n")[2] if self._terminal else printed
+
+    def do_until(self, command, text, times=2000):
+        """Give the command over and over until it prints `text`."""
+        for _ in range(times):
+            printed = self.do(command)
+            if text in printed:
+                return printed
+        self._test.fail("%r never came from %r; the session so far:\n%s" % (text, command, self.seen[-SHOWN:]))
+
+    def end(self, command=None):
+        """Give the command; what the child prints up to its end, and its exit status."""
+        if command is not None:
+            self.send(command)
+        deadline = time.monotonic() + SECONDS
+        while self._read_some(deadline):
+            pass
+        try:
+            status = self.process.wait(max(1, deadline - time.monotonic()))
+        except subprocess.TimeoutExpired:
+            self._test.fail("the child does not end; the session so far:\n" + self.seen[-SHOWN:])
+        printed, self._unread = self._unread, ""
+        return printed, status
+
+    def interrupt(self):
+        """What Ctrl-C does."""
+        if self._terminal:
+            os.write(self._in, b"\x03")
+        else:
+            self.process.send_signal(signal.SIGINT)
+
+
+def _take_terminal():
+    import fcntl
+    import termios
+    fcntl.ioctl(0, termios.TIOCSCTTY, 0)
+
+
+def write_program(folder, text, name="program.py"):
+    path = folder / name
+    path.write_text(textwrap.dedent(text))
+    return path
+
+
+def line_of(path, mark):
+    """The number of the line that ends with `# mark`."""
+    for number, line in enumerate(path.read_text().splitlines(), 1):
+        if line.endswith("# " + mark):
+            return number
+    raise AssertionError("no line of %s is marked %r" % (path, mark))
+
+
+def run_session(*arguments, commands=(), cwd=None, **environment):
+    """A child that reads all its commands from a pipe: the ended process."""
+    return run_child(*arguments, input="".join(command + "\n" for command in commands), cwd=cwd, NO_COLOR="1",
+                     TERM="dumb", **environment)
+
+
+def without_addresses(text):
+    return re.sub(r"0x[0-9a-f]+", "0x", text)
