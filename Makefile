@@ -12,7 +12,7 @@ INTERPRETERS ?= 3.14 3.15 3.14-debug
 WATCHED_PYTHONS ?= $(or $(PYTHONS),$(shell tools/interpreters list --cmake --min 3.12 | \
                      awk -F'|' '$$3 == "release" { print $$1; exit }'))
 
-.PHONY: help setup build run demo test test-all test-cpp test-python test-host inject asan tsan valgrind bench bench-quick bench-growth bench-units \
+.PHONY: help setup build run demo test test-all test-cpp test-python test-host test-life selfhost inject asan tsan valgrind bench bench-quick bench-growth bench-units \
         bench-debugpy bench-docs tests-built some-interpreters interpreters clean
 
 help:  ## list the targets
@@ -48,7 +48,7 @@ test-all:  ## the same, and insist on the whole matrix of interpreters
 	@$(MAKE) --no-print-directory test INTERPRETERS=3.14 PYTHONS=
 
 test: tests-built  ## run all tests in every interpreter found
-	@tools/run_ctest $(BUILD) -E '^inject_'
+	@tools/run_ctest $(BUILD) -E '^(inject|life)_'
 
 test-cpp: tests-built  ## the C++ tests only
 	@tools/run_ctest $(BUILD) -R '^cpp_'
@@ -61,6 +61,12 @@ test-host: tests-built  ## the tests of the debugger only
 
 inject: tests-built  ## every allocation and every interpreter call failing in turn (some minutes an interpreter)
 	@tools/run_ctest $(BUILD) -R '^inject_'
+
+test-life: tests-built  ## hostile programs, failing hooks, thousands of births and deaths (some minutes an interpreter)
+	@tools/run_ctest $(BUILD) -R '^life_'
+
+selfhost: build  ## the interpreters' own test suites under the filter (an hour or more)
+	@python3 tools/selfhost --module-dir $(BUILD)
 
 asan:  ## the C++ tests and the Python suites under ASan and UBSan
 	@tools/setup test
