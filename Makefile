@@ -12,7 +12,7 @@ INTERPRETERS ?= 3.14 3.15 3.14-debug
 WATCHED_PYTHONS ?= $(or $(PYTHONS),$(shell tools/interpreters list --cmake --min 3.12 | \
                      awk -F'|' '$$3 == "release" { print $$1; exit }'))
 
-.PHONY: help setup build run demo test test-all test-cpp test-python test-host test-life selfhost inject asan tsan valgrind bench bench-quick bench-growth bench-units \
+.PHONY: help setup build run demo test test-all test-cpp test-python test-host test-life selfhost inject asan tsan valgrind bench bench-quick bench-host bench-growth bench-units \
         bench-debugpy bench-docs tests-built some-interpreters interpreters clean
 
 help:  ## list the targets
@@ -92,10 +92,17 @@ bench: build  ## what an event costs on every road, instructions and times (some
 	@tools/setup test
 	@python3 bench/run_bench.py --module-dir $(BUILD) --results $(BUILD)/bench \
 	    --debugpy "$(or $(BENCH_DEBUGPY),$(BUILD)/debugpy/{version})"
+	@$(MAKE) --no-print-directory bench-host
 
 bench-quick: build  ## the roads with a budget alone, in release builds
 	@tools/setup test
 	@python3 bench/run_bench.py --quick --module-dir $(BUILD) --results $(BUILD)/bench/quick
+
+bench-host: build  ## what a program pays under the debugger, beside the standard bdb (2 minutes an interpreter)
+	@mkdir -p $(BUILD)/bench
+	@tools/interpreters list --cmake --min 3.12 | awk -F'|' '$$3 == "release" { print $$1, $$4 }' | \
+	    while read -r name python; do \
+	        $$python bench/host_cost.py --module-dir $(BUILD) --json $(BUILD)/bench/host-$$name.json < /dev/null || exit 1; done
 
 bench-growth: build  ## how that, and the memory, grows with what the filter keeps
 	@python3 bench/growth.py --full --module-dir $(BUILD) --results $(BUILD)/bench
