@@ -1,17 +1,21 @@
 """Runs one road of a monitoring event many times, and proves at the end that it was this road.
 
-    OPTMONITORING_DIR=BUILD PYTHON event_roads.py VARIANT COUNT [PASSES]
+    OPTMONITORING_DIR=BUILD PYTHON event_roads.py VARIANT COUNT [PASSES [WARM_UP]]
     PYTHON event_roads.py --list
 
 A variant is a way to watch a hot loop of COUNT turns: not at all, with rivals written in Python, or with the filter,
-one variant for each way an event can be answered.  Instructions per event are the difference between two COUNTs,
-divided by the events; run_bench.py does that.  So everything outside of the loop has to cost the same for every COUNT
-and in every run: the collector is off, the process ends without tearing anything down, and nothing is printed that
-differs from run to run.  Little is imported: under valgrind the interpreter's start takes the time.
+one variant for each way an event can be answered.  The measured passes run below a function of the interpreter's that
+nothing else calls, so that instructions can be counted there alone; a warm-up of WARM_UP turns runs before them and
+outside of it.  Where that is no use, in new threads, instructions are the difference between two COUNTs: everything
+outside of the loop costs the same for every COUNT and in every run.  So the collector is off, and the process ends
+without tearing anything down.  Little is imported: under valgrind the interpreter's start takes the time.
 
-Prints blank-separated names and values: `events`, those of one pass; with PASSES given, `seconds`, those of the fastest
-pass; `pid` where it was another process that ran the loop.  Exit status 0; 1 when the variant did not do its work; 77
-when this interpreter cannot run it.
+Prints blank-separated names and values: `events`, those of one pass; `seconds` of processor time of the fastest pass;
+`pid` where it was another process that ran the loop.  Exit status 0; 1 when the variant did not do its work; 77 when
+this interpreter cannot run it.
+
+variants.py says what is compared with what.  debugpy, a peer, is measured where it is installed: among the
+interpreter's packages, or in the folder BENCH_DEBUGPY, in which `{version}` stands for 3.14 and the like.
 """
 
 import _thread
@@ -21,10 +25,11 @@ import os
 import sys
 import time
 
-from event_watch import (END_LINE, EVENTS, LINE, RESUME, RETURN, START, TOOL, TURN_LINES, YIELD, Failed, Filter,
+from event_watch import (END_LINE, EVENTS, HERE, LINE, RESUME, RETURN, START, TOOL, TURN_LINES, YIELD, Failed, Filter,
                          Recorder, bare_callback, callee, check, line_loop, lines_of, replace_callback, watch)
 
 SKIPPED = 77
+DEBUG_CLIENT = os.path.join(HERE, "debug_client.py")
 NEW_FILE = "/nonexistent/program_%d.py"
 
 
@@ -32,9 +37,22 @@ class Skipped(Exception):
     """This interpreter cannot run the variant."""
 
 
+class Enclosed:
+    """The loop below a function of the interpreter that nothing else calls: instructions can be counted there alone."""
+
+    def __init__(self, loop):
+        self.loop = loop
+
+    def __matmul__(self, count):
+        return self.loop(count)
+
+
 # ---- Variants ----
 # A variant is a generator: it sets up until its `yield`, which may give a loop other than the kind's own; the measured
-# passes run there, and their number is sent in; then it proves.
+# passes run there, and their number, with the warm-up, is sent in; then it proves.
+#
+# A loop may have `prepare`, which gets ready for a pass and is not measured.  One with `seconds`, its own time of the
+# last pass, runs below the counted function by itself.
 
 VARIANTS = {}     # name -> (kind, generator function)
 
@@ -147,16 +165,33 @@ def bdb_monitoring():
     yield from _bdb(backend="monitoring")
 
 
-@variant(LINE)
-def debugpy():
+def _import_debugpy():
+    import site
+    folder = os.environ.get("BENCH_DEBUGPY", "").replace("{version}", "%d.%d" % sys.version_info[:2])
+    sys.path.extend(filter(None, [folder] + site.getsitepackages()))
+    os.environ["PYDEVD_DISABLE_FILE_VALIDATION"] = "1"      # no word about frozen modules
     try:
         import debugpy as module
     except ImportError:
-        raise Skipped("debugpy is not installed") from None
-    module.listen(("127.0.0.1", 0))
-    module.trace_this_thread(True)
-    yield
-    check(sys.gettrace() is not None or sys.monitoring.get_tool(TOOL) is not None, "debugpy did not trace")
+        raise Skipped("not installed") from None
+    return module
+
+
+@variant(LINE)
+def debugpy():
+    """A breakpoint whose condition does not hold until the passes are over: a stop takes longer than a pass."""
+    module = _import_debugpy()
+    import subprocess
+    module.configure(subProcess=False)
+    _, port = module.listen(("127.0.0.1", 0), in_process_debug_adapter=True)
+    client = subprocess.Popen([sys.executable, "-S", DEBUG_CLIENT, str(port), line_loop.__code__.co_filename,
+                               str(END_LINE), "count == 3"], stdout=subprocess.PIPE, text=True)
+    module.wait_for_client()
+    yield lambda count: line_loop(count)
+    line_loop(3)
+    client.terminate()
+    stops = client.communicate()[0].split()
+    check(stops == [str(END_LINE)], "stopped at %r", stops)
 
 
 # ---- Variants of the filter: LINE ----
@@ -265,7 +300,40 @@ def internal_none():
     f.prove_places_alive(True)
 
 
+WARM_UP_IN_CHILD = 500  # turns
 measured_pid = None     # where it is not this process
+
+
+class ForkLoop:
+    """The loop in a forked child, which proves there what it did and sends back its own time."""
+
+    def __init__(self, f):
+        self.filter = f
+        self.seconds = None
+
+    def _run_in_child(self, count, pipe):
+        line_loop(WARM_UP_IN_CHILD)
+        before = time.process_time()
+        turns = Enclosed(line_loop) @ count
+        os.write(pipe, repr(time.process_time() - before).encode())
+        check(turns == count, "%d turns in the child", turns)
+        self.filter.prove(1, [])
+        self.filter.om.UpdateThisProcessPid()
+        self.filter.prove_reports(2, [END_LINE])
+
+    def __call__(self, count):
+        global measured_pid
+        out, into = os.pipe()
+        measured_pid = os.fork()
+        if measured_pid == 0:
+            exit_with(lambda: self._run_in_child(count, into))
+        os.close(into)
+        answer = os.read(out, 100)
+        os.close(out)
+        status = os.waitstatus_to_exitcode(os.waitpid(measured_pid, 0)[1])
+        check(status == 0, "the child ended with status %d", status)
+        self.seconds = float(answer)
+        return count
 
 
 @variant(LINE)
@@ -273,23 +341,7 @@ def fork_child():
     """A forked child whose host has not taken it over."""
     f = Filter(LINE)
     f.watch()
-
-    def in_child(count):
-        result = line_loop(count)
-        f.prove(1, [])
-        f.om.UpdateThisProcessPid()
-        f.prove_reports(2, [END_LINE])
-        return result
-
-    def loop(count):
-        global measured_pid
-        measured_pid = os.fork()
-        if measured_pid == 0:
-            exit_with(lambda: check(in_child(count) == count, "the child's loop ended early"))
-        status = os.waitstatus_to_exitcode(os.waitpid(measured_pid, 0)[1])
-        check(status == 0, "the child ended with status %d", status)
-        return count
-    yield loop
+    yield ForkLoop(f)
     check(f.seen == [], "the parent reported %r", f.seen)
     f.prove_reports(2, [END_LINE])
 
@@ -313,52 +365,60 @@ for _name, _kind in (("start_skipped", START), ("return_skipped", RETURN), ("yie
 
 
 # ---- First events ----
-# New functions of COUNT different code objects, each called once.
 
-def _new_functions(count, new_files):
-    code, make_function = callee.__code__, type(callee)
-    return [make_function(code.replace(co_name="callee_%d" % i, co_filename=NEW_FILE % (i if new_files else 0)), {})
-            for i in range(count)]
+PROVED = 20     # functions; proving all of them would cost the more the higher COUNT is
 
 
-def _call_each(functions):
-    for function in functions:
-        function()
-    return len(functions)
+class FirstEvents:
+    """A loop over COUNT functions that never ran before; making them is a part of every COUNT, in the floor as well."""
+
+    def __init__(self, new_files, callback=None):
+        self.new_files = new_files
+        self.callback = callback
+        self.functions = []     # of the last pass
+        self.made = 0           # in all passes
+
+    def _make(self, number):
+        code = callee.__code__.replace(co_name="callee_%d" % number,
+                                       co_filename=NEW_FILE % (number if self.new_files else 0))
+        return type(callee)(code, {})
+
+    def prepare(self, count):
+        self.functions = [self._make(self.made + i) for i in range(count)]
+        self.made += count
+        if not self.callback:
+            return
+        watch(START, self.callback)
+        for function in self.functions:
+            sys.monitoring.set_local_events(TOOL, function.__code__, EVENTS.PY_START)
+
+    def __call__(self, count):
+        for function in self.functions:
+            function()
+        return count
+
+    def prove_events(self, seen):
+        """With the recorder of `seen` as callback, the functions still have their events."""
+        for function in self.functions[-PROVED:]:
+            function()
+        check(len(seen) == PROVED, "%d events of %d functions came", len(seen), PROVED)
 
 
-def _watch_all(functions, callback):
-    watch(START, callback)
-    for function in functions:
-        sys.monitoring.set_local_events(TOOL, function.__code__, EVENTS.PY_START)
+def _first_untraced(new_files):
+    def untraced():
+        yield FirstEvents(new_files)
+        check(sys.monitoring.get_tool(TOOL) is None, "something was watching")
+    return untraced
 
 
 def _first_floor(new_files):
     def floor():
         loop = FirstEvents(new_files, operator.is_)
-        check((yield loop) == 1, "an event is the first one only once")
+        yield loop
         recorder = Recorder()
         replace_callback(START, operator.is_, recorder)
-        loop.call()
-        check(len(recorder.seen) == len(loop.functions), "%d events came", len(recorder.seen))
+        loop.prove_events(recorder.seen)
     return floor
-
-
-class FirstEvents:
-    """A loop over functions that never ran before; making them is a part of every COUNT, in the floor as well."""
-
-    def __init__(self, new_files, callback):
-        self.new_files = new_files
-        self.callback = callback
-        self.functions = []
-
-    def __call__(self, count):
-        self.functions = _new_functions(count, self.new_files)
-        _watch_all(self.functions, self.callback)
-        return self.call()
-
-    def call(self):
-        return _call_each(self.functions)
 
 
 def _first_event(new_files):
@@ -366,19 +426,21 @@ def _first_event(new_files):
         f = Filter(START, c_second=True)
         files = len(f.om.CPerFile.GetAllPerFiles())
         loop = FirstEvents(new_files, f.callback.Callback)
-        check((yield loop) == 1, "an event is the first one only once")
+        yield loop
         get = f.om.CPerCodeObject.GetPerCodeObject
-        records = {get(function.__code__, False) for function in loop.functions}
-        check(None not in records and len(records) == len(loop.functions), "%d records for %d code objects",
-              len(records), len(loop.functions))
+        records = {get(function.__code__, False) for function in loop.functions[-PROVED:]}
+        check(None not in records and len(records) == PROVED, "%d records for %d code objects", len(records), PROVED)
         new = len(f.om.CPerFile.GetAllPerFiles()) - files
-        expected = len(loop.functions) if new_files else 1
+        expected = loop.made if new_files else 1
         check(new == expected, "%d new files, expected %d", new, expected)
         f.prove_quiet()
+        f.record_forwarded()
+        loop.prove_events(f.seen)       # a record without breakpoint lines forwards
     return first_event
 
 
 for _suffix, _new_files in (("same_file", False), ("new_file", True)):
+    variant(START, "none_first_" + _suffix)(_first_untraced(_new_files))
     variant(START, "floor_first_" + _suffix)(_first_floor(_new_files))
     variant(START, "first_event_" + _suffix)(_first_event(_new_files))
 
@@ -397,6 +459,12 @@ def _run_threads(count):
         _thread.start_new_thread(run, ())
         done.acquire()
     return count
+
+
+@variant(START)
+def none_thread():
+    yield _run_threads
+    check(sys.monitoring.get_tool(TOOL) is None, "something was watching")
 
 
 @variant(START)
@@ -434,31 +502,43 @@ def new_thread():
     done.acquire()
     check(found == [None, 1, True], "a thread's record before and after its event: %r", found)
     check(f.seen == [], "reported %r", f.seen)
+    f.record.fSteppingEventsNeededCount = 1
+    _run_threads(3)
+    check(len(f.seen) == 3, "while stepping, %d events of 3 threads were reported", len(f.seen))
 
 
 # ---- Running ----
 
-def run(name, count, passes=None):
+def run_pass(loop, count, counted=True):
+    """Seconds of one pass."""
+    if hasattr(loop, "prepare"):
+        loop.prepare(count)
+    has_own = hasattr(loop, "seconds")
+    enclosed = Enclosed(loop)
+    before = time.process_time()
+    turns = enclosed @ count if counted and not has_own else loop(count)
+    seconds = time.process_time() - before
+    check(turns == count, "%r turns instead of %d", turns, count)
+    return loop.seconds if has_own else seconds
+
+
+def run(name, count, passes=1, warm_up=0):
     kind, function = VARIANTS[name]
     gc.disable()
     steps = function()
     loop = next(steps) or kind.loop
-    seconds = []
-    for _ in range(passes or 1):
-        before = time.perf_counter()
-        turns = loop(count)
-        seconds.append(time.perf_counter() - before)
-        check(turns == count, "%r turns instead of %d", turns, count)
+    if warm_up:
+        run_pass(loop, warm_up, counted=False)
+    seconds = [run_pass(loop, count) for _ in range(passes)]
     try:
-        steps.send(len(seconds))
+        steps.send(passes + bool(warm_up))
         raise Failed("the variant did not end")
     except StopIteration:
         pass
     if loop is kind.loop and sys.monitoring.get_tool(TOOL):
         kind.prove_events()
     print("events", count * kind.per_turn)
-    if passes:
-        print("seconds", min(seconds))
+    print("seconds", min(seconds))
     if measured_pid:
         print("pid", measured_pid)
 
@@ -487,8 +567,8 @@ def main(arguments):
         print("\n".join(VARIANTS))
         return
     numbers = arguments[1:]
-    if len(numbers) not in (1, 2) or arguments[0] not in VARIANTS or not all(n.isdecimal() for n in numbers):
-        sys.exit("usage: event_roads.py VARIANT COUNT [PASSES] | --list")
+    if len(numbers) not in (1, 2, 3) or arguments[0] not in VARIANTS or not all(n.isdecimal() for n in numbers):
+        sys.exit("usage: event_roads.py VARIANT COUNT [PASSES [WARM_UP]] | --list")
     exit_with(lambda: run(arguments[0], *map(int, numbers)))
 
 

@@ -211,18 +211,22 @@ class Filter:
 
     def prove_quiet(self):
         from brixbase import dlog
-        check(dlog.GetExceptionCount() == 0, "%d exceptions were suppressed", dlog.GetExceptionCount())
+        check(not dlog.exception_calls, "exceptions were suppressed: %r", dlog.exception_calls)
         ident = _thread.get_ident()
         check(self.policy_calls == [ident], "the policy was asked of %r, expected once", self.policy_calls)
         check(self.name_calls == [ident], "the name was asked of %r, expected once", self.name_calls)
 
-    def prove_forwarded(self, turns, expected):
-        """With a recording second callback in the place of the C one, the same records forward these events."""
+    def record_forwarded(self):
+        """Put a recording second callback in the place of the C one, with the same records and flags."""
         callback = self._make_callback(self.recorder)
         callback.fAnySuspendThread = self.callback.fAnySuspendThread
         callback.fSteppingEventsNeededEveryThread = self.callback.fSteppingEventsNeededEveryThread
         replace_callback(self.kind, self.callback.Callback, callback.Callback)
         self.callback = callback
+
+    def prove_forwarded(self, turns, expected):
+        """These events are forwarded to the second callback."""
+        self.record_forwarded()
         self.prove_reports(turns, expected)
         self.prove_quiet()
 
@@ -240,7 +244,8 @@ class Filter:
 
 
 def load_module():
-    for folder in (os.path.join(HERE, "..", "examples"),
+    """The built module, with the tests' stand-in for the host: it imports little."""
+    for folder in (os.path.join(HERE, "..", "tests", "python", "host"),
                    os.environ.get("OPTMONITORING_DIR") or os.path.join(HERE, "..", "build")):
         sys.path.insert(0, os.path.abspath(folder))
     import optmonitoring

@@ -1,11 +1,12 @@
-"""Instructions per event: the difference between two counts of a variant of event_roads.py under callgrind.
+"""Instructions per event: of the loop of a variant of event_roads.py, counted by callgrind.
 
-Both runs do the same outside of the loop, so the difference is the loop's alone: a number that does not depend on how
-busy the machine is and comes out the same every time.
+A number that does not depend on how busy the machine is and comes out the same every time.  Counted is what runs below
+LOOP on the thread that calls it, after a warm-up; for the events of new threads it is the difference between two counts
+of the whole process.
 
-The second callback is the host's.  Where a variant forwards its events, `second_callback_cost` is what the call of the
-C second callback took, from entering the interpreter's PyObject_Vectorcall to leaving it: the same two runs with
-collection toggled by that function.  No loop of these variants calls it otherwise.
+The second callback is the host's.  Where a variant forwards its events, `second_call` is what the call of the C second
+callback took, from entering the interpreter's PyObject_Vectorcall to leaving it: the difference between two counts of
+what runs below that.  No loop of these variants calls it otherwise.
 """
 
 import collections
@@ -15,28 +16,15 @@ import re
 import shutil
 import subprocess
 
+from variants import VARIANTS
+
 HERE = os.path.dirname(os.path.abspath(__file__))
 CHILD = os.path.join(HERE, "event_roads.py")
 SKIPPED = 77                # the child's exit status when the interpreter cannot run a variant
 PARALLEL = 2                # valgrind processes at a time
 TIMEOUT = 600               # seconds for one run
 SECOND_CALL = "PyObject_Vectorcall"
-
-FORWARDING = ("line_on", "step_thread", "step_code")
-FIRST_EVENTS = ("floor_first_same_file", "first_event_same_file", "floor_first_new_file", "first_event_new_file",
-                "floor_thread", "new_thread")
-# whose cost is the event's alone, and what is subtracted for that
-FLOORS = {
-    "start_skipped": "floor_start",
-    "return_skipped": "floor_return",
-    "yield_skipped": "floor_yield",
-    "resume_skipped": "floor_resume",
-    "first_event_same_file": "floor_first_same_file",
-    "first_event_new_file": "floor_first_new_file",
-    "new_thread": "floor_thread",
-}
-UNTRACED = {"floor_start": "none_call", "floor_return": "none_call", "floor_yield": "none_generator",
-            "floor_resume": "none_generator"}
+LOOP = "PyNumber_MatrixMultiply"        # by which event_roads.py calls the loop, and nothing else calls anything
 
 Run = collections.namedtuple("Run", "instructions events")
 Cost = collections.namedtuple("Cost", "per_event second_call")      # second_call: None where nothing is forwarded
@@ -54,33 +42,33 @@ def has_valgrind():
     return shutil.which("valgrind") is not None
 
 
-def floor_of(variant):
-    """The variant that is the floor of a variant of the filter; None for floors and untraced loops."""
-    if variant.startswith(("floor", "none")):
-        return None
-    return FLOORS.get(variant, "floor")
-
-
 def executable_of(command):
     """The real file of an interpreter that may be started by a script."""
     return subprocess.run(command + ["-S", "-c", "import sys; print(sys.executable)"], check=True,
                           stdout=subprocess.PIPE, text=True).stdout.strip()
 
 
+def compilers_of(module):
+    """The compilers that a built module names, as one text."""
+    with open(module, "rb") as stream:
+        found = set(re.findall(rb"GCC: \([^)]*\) [0-9.]+|clang version [0-9.]+", stream.read()))
+    return ", ".join(sorted(compiler.decode() for compiler in found))
+
+
 def environment(module_dir):
     """The same small environment for every child: its size moves the stack, its PYTHON variables change the run."""
-    kept = {name: os.environ[name] for name in ("PATH", "HOME", "VALGRIND_LIB") if name in os.environ}
+    kept = {name: os.environ[name] for name in ("PATH", "HOME", "VALGRIND_LIB", "BENCH_DEBUGPY") if name in os.environ}
     return dict(kept, OPTMONITORING_DIR=os.path.abspath(module_dir), PYTHONHASHSEED="0", PYTHONDONTWRITEBYTECODE="1",
-                LC_ALL="C.UTF-8")
+                PYTHON_GIL="1", LC_ALL="C.UTF-8")
 
 
-def run_child(command, module_dir):
+def run_child(command, module_dir, **more_environment):
     """A run of event_roads.py: what it printed as {name: number}, with `pid` that of the process that was measured.
 
     What is printed on standard error comes second.
     """
-    child = subprocess.Popen(command, env=environment(module_dir), stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                             text=True)
+    child = subprocess.Popen(command, env=dict(environment(module_dir), **more_environment), stdout=subprocess.PIPE,
+                             stderr=subprocess.PIPE, text=True)
     try:
         out, err = child.communicate(timeout=TIMEOUT)
     except subprocess.TimeoutExpired:
@@ -95,17 +83,19 @@ def run_child(command, module_dir):
     return dict({"pid": child.pid}, **{name: float(value) for name, value in zip(words[::2], words[1::2])}), err
 
 
-def counts_of(variant):
-    """The two COUNTs: the smaller one is past the interpreter's warm-up, and something that it does once in thousands
-    of turns is less than an instruction of an event."""
-    return (100, 300) if variant in FIRST_EVENTS else (500, 4500)
+def turns_of(variant):
+    """(warm-up, turns): the warm-up is the interpreter's, and something that it does once in thousands of turns is less
+    than an instruction of an event."""
+    return (100, 200) if VARIANTS[variant].once else (500, 4000)
 
 
-def count_instructions(executable, variant, count, module_dir, toggle=None):
+def count_instructions(executable, variant, numbers, module_dir, toggle=None):
+    """Of one run of event_roads.py with these numbers; below the function `toggle` alone, if given."""
     command = ["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null"]
     if toggle:
         command.append("--toggle-collect=" + toggle)
-    report, err = run_child(command + [executable, "-S", CHILD, variant, str(count)], module_dir)
+    report, err = run_child(command + [executable, "-S", CHILD, variant] + [str(number) for number in numbers],
+                            module_dir)
     # a forked child reports as well
     totals = {int(pid): int(total) for pid, total in re.findall(r"==(\d+)== Collected : (\d+)", err)}
     if report["pid"] not in totals:
@@ -113,37 +103,49 @@ def count_instructions(executable, variant, count, module_dir, toggle=None):
     return Run(totals[report["pid"]], report["events"])
 
 
-def per_event(few, many):
+def per_event_below_loop(executable, variant, module_dir):
+    warm_up, turns = turns_of(variant)
+    run = count_instructions(executable, variant, (turns, 1, warm_up), module_dir, LOOP)
+    return run.instructions / run.events
+
+
+def per_event_by_difference(executable, variant, module_dir, toggle=None):
+    warm_up, turns = turns_of(variant)
+    few, many = (count_instructions(executable, variant, (number,), module_dir, toggle)
+                 for number in (warm_up, warm_up + turns))
     return (many.instructions - few.instructions) / (many.events - few.events)
 
 
 def measure(executable, variants, module_dir):
-    """{variant: Cost, or Skipped with the reason}."""
-    jobs = {}
+    """{variant: Cost, or the exception, Skipped or BenchError}."""
+    whole, second = {}, {}
     with concurrent.futures.ThreadPoolExecutor(PARALLEL) as pool:
         for variant in variants:
-            toggles = (None, SECOND_CALL) if variant in FORWARDING else (None,)
-            for toggle in toggles:
-                for count in counts_of(variant):
-                    jobs[variant, toggle, count] = pool.submit(count_instructions, executable, variant, count,
-                                                               module_dir, toggle)
-
-    def cost(variant, toggle):
-        return per_event(*(jobs[variant, toggle, count].result() for count in counts_of(variant)))
-
+            way = per_event_by_difference if VARIANTS[variant].in_threads else per_event_below_loop
+            whole[variant] = pool.submit(way, executable, variant, module_dir)
+            if VARIANTS[variant].forwards:
+                second[variant] = pool.submit(per_event_by_difference, executable, variant, module_dir, SECOND_CALL)
     costs = {}
     for variant in variants:
         try:
-            second = cost(variant, SECOND_CALL) if variant in FORWARDING else None
-            costs[variant] = Cost(cost(variant, None), second)
-        except Skipped as reason:
+            costs[variant] = Cost(whole[variant].result(), second[variant].result() if variant in second else None)
+        except (Skipped, BenchError) as reason:
             costs[variant] = reason
     return costs
 
 
+def _above(costs, variant, reference):
+    if not all(isinstance(costs.get(name), Cost) for name in (reference, variant)):
+        return None
+    return costs[variant].per_event - costs[reference].per_event
+
+
+def over_untraced(costs, variant):
+    """Instructions that an event adds to the loop that nobody watches; None where a part is missing."""
+    return _above(costs, variant, VARIANTS[variant].untraced)
+
+
 def over_floor(costs, variant):
     """Instructions of an event above its floor, without the second callback; None where a part is missing."""
-    floor = floor_of(variant)
-    if floor is None or not all(isinstance(costs.get(name), Cost) for name in (floor, variant)):
-        return None
-    return costs[variant].per_event - costs[floor].per_event - (costs[variant].second_call or 0)
+    above = _above(costs, variant, VARIANTS[variant].floor)
+    return None if above is None else above - (costs[variant].second_call or 0)

@@ -3,8 +3,8 @@
 import math
 from xml.sax.saxutils import escape
 
-WIDTH, HEIGHT = 720, 400
-LEFT, RIGHT, TOP, BOTTOM = 80, 170, 48, 60      # margins; the right one holds the lines' names
+WIDTH, HEIGHT = 780, 400
+LEFT, RIGHT, TOP, BOTTOM = 80, 230, 48, 60      # margins; the right one holds the lines' names
 COLORS = ("#1f5fa8", "#c2571a", "#3c8a3f", "#7d4aa0", "#8a6d1f")
 LABEL_DISTANCE = 16
 STYLE = ("text { font: 13px sans-serif; fill: #222 } .title { font-size: 16px; font-weight: bold } "

@@ -9,7 +9,6 @@ writes down the counts of this interpreter's version as the new limits.
 
 import json
 import os
-import re
 import sys
 import sysconfig
 import unittest
@@ -27,14 +26,15 @@ SLACK = 5
 
 def setting():
     """The interpreter and the compiler of the module, to which the counts belong."""
-    with open(support.module_file(), "rb") as stream:
-        compilers = set(re.findall(rb"GCC: \([^)]*\) [0-9.]+|clang version [0-9.]+", stream.read()))
-    return "%d.%d.%d, %s" % (sys.version_info[:3] + (", ".join(sorted(c.decode() for c in compilers)),))
+    return "%d.%d.%d, %s" % (sys.version_info[:3] + (instructions.compilers_of(support.module_file()),))
 
 
 def measure():
     """{road: instructions over the floor}, and those of the floor itself."""
     costs = instructions.measure(sys.executable, (FLOOR,) + ROADS, support.module_dir())
+    for failure in costs.values():
+        if isinstance(failure, Exception):
+            raise failure
     return {road: instructions.over_floor(costs, road) for road in ROADS}, costs[FLOOR].per_event
 
 

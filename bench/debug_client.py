@@ -1,0 +1,89 @@
+"""The client of a debug adapter: sets one breakpoint, prints the line of every stop, and lets the program go on.
+
+    python3 debug_client.py PORT FILE LINE CONDITION
+
+Speaks the Debug Adapter Protocol with the adapter on the port of this machine.  An empty condition stops always.  A
+stop is printed before the program goes on, so that a program whose code goes on finds its line printed.  Ends when the
+adapter closes the connection.
+"""
+
+import json
+import socket
+import sys
+
+CONNECT_TIMEOUT = 60        # seconds
+
+
+class Client:
+    def __init__(self, port):
+        self.socket = socket.create_connection(("127.0.0.1", port), CONNECT_TIMEOUT)
+        self.socket.settimeout(None)
+        self.stream = self.socket.makefile("rb")
+        self.sequence = 0
+        self.waiting = []           # events that came while an answer was waited for
+
+    def send(self, command, **arguments):
+        self.sequence += 1
+        body = json.dumps({"seq": self.sequence, "type": "request", "command": command, "arguments": arguments})
+        data = body.encode()
+        self.socket.sendall(b"Content-Length: %d\r\n\r\n%s" % (len(data), data))
+        return self.sequence
+
+    def read(self):
+        """The next message; None at the end."""
+        length = None
+        while True:
+            line = self.stream.readline()
+            if not line:
+                return None
+            if line == b"\r\n":
+                return json.loads(self.stream.read(length))
+            name, _, value = line.partition(b":")
+            if name.lower() == b"content-length":
+                length = int(value)
+
+    def request(self, command, **arguments):
+        sequence = self.send(command, **arguments)
+        while True:
+            message = self.read()
+            if message is None:
+                raise SystemExit("debug_client.py: the adapter left before it answered %s" % command)
+            if message["type"] == "event":
+                self.waiting.append(message)
+            elif message.get("request_seq") == sequence:
+                if not message["success"]:
+                    raise SystemExit("debug_client.py: %s failed: %s" % (command, message.get("message")))
+                return message.get("body")
+
+    def next_event(self, wanted):
+        """The next event of this name; None at the end."""
+        while True:
+            message = self.waiting.pop(0) if self.waiting else self.read()
+            if message is None:
+                return None
+            if message["type"] == "event" and message["event"] == wanted:
+                return message
+
+
+def run(port, path, line, condition):
+    client = Client(port)
+    client.request("initialize", adapterID="bench", pathFormat="path", linesStartAt1=True)
+    client.send("attach", justMyCode=False)      # answered only after the configuration
+    client.next_event("initialized")
+    breakpoint = dict({"line": line}, **{"condition": condition} if condition else {})
+    answer = client.request("setBreakpoints", source={"path": path}, breakpoints=[breakpoint])
+    if not answer["breakpoints"][0]["verified"]:
+        raise SystemExit("debug_client.py: the breakpoint was refused: %s" % answer)
+    client.request("configurationDone")
+    while True:
+        event = client.next_event("stopped")
+        if event is None:
+            return
+        thread = event["body"]["threadId"]
+        frames = client.request("stackTrace", threadId=thread, startFrame=0, levels=1)["stackFrames"]
+        print(frames[0]["line"], flush=True)
+        client.request("continue", threadId=thread)
+
+
+if __name__ == "__main__":
+    run(int(sys.argv[1]), sys.argv[2], int(sys.argv[3]), sys.argv[4])
