@@ -18,6 +18,11 @@ from brixbase import dlog
 from brixdebug.reporting import is_of_signal_handler
 
 
+def log(text):
+    """Tell the log, domain "breakpoints"; `text` is a callable that is called when somebody reads it."""
+    optmonitoring.dprintf(optmonitoring.kLogBreakpoints, text)
+
+
 def is_pseudo_file(filename):
     """True for a name such as <string> and for the empty one."""
     return optmonitoring.GetPathnameKind(filename) != optmonitoring.kRegularPathname
@@ -60,7 +65,13 @@ class BreakLines:
         grown = False
         for record in records:
             grown |= self._enable_lines(debugger, record)
+        log(lambda: self._lines_without_code(filename, lines, records))
         return grown
+
+    def _lines_without_code(self, filename, lines, records):
+        found = set().union(*(self.lines.get(record, ()) for record in records))
+        return "".join("no code that ran so far is on line %d of %s\n" % (line, filename)
+                       for line in lines if line not in found)
 
     def _records_of_pseudo_file(self, filename):
         codes = [reference() for reference in list(self._pseudo_codes.get(filename, {}).values())]
@@ -124,10 +135,16 @@ class BreakLines:
         code = record.fCodeObjectWeakRef()
         if code is None:
             return False
-        lines = None if record.fIsInternal else self._lines(debugger, record, code)
+        lines = self._lines(debugger, record, code)
+        if lines and record.fIsInternal:
+            log(lambda: "%s is the debugger's own code: no breakpoint holds there\n"
+                % _code_text(code))
+            lines = None
         before = self.lines.get(record)
         if lines == before:
             return False
+        log(lambda: "lines to stop at in %s: %s\n" % (
+            _code_text(code), ", ".join(map(str, sorted(lines or ()))) or "none"))
         if lines:
             self.lines[record] = lines
         else:
@@ -149,6 +166,10 @@ class BreakLines:
         if first_line in names:
             lines |= _function_lines(names[first_line], first_line, code, code_lines)
         return lines or None
+
+
+def _code_text(code):
+    return "%s() of %s:%d" % (code.co_qualname, code.co_filename, code.co_firstlineno)
 
 
 def _function_lines(filename, first_line, code, code_lines):

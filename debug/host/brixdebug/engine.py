@@ -20,7 +20,7 @@ import optmonitoring
 
 from brixbase import dlog
 from brixdebug import compat
-from brixdebug.breakpoints import is_pseudo_file
+from brixdebug.breakpoints import is_pseudo_file, log
 from brixdebug.monitor import MonitorError, monitor
 from brixdebug.reporting import is_of_signal_handler
 from brixdebug.stops import PerThread, StopStates
@@ -32,10 +32,6 @@ Breakpoint = bdb.Breakpoint
 _QUIET_CALL_MODULES = ("bdb", "pdb", __name__)
 
 
-def _log(text):
-    optmonitoring.dprintf(optmonitoring.kLogBreakpoints, text)
-
-
 def _effective(filename, line, frame):
     """`bdb.effective`, but for two things.
 
@@ -44,10 +40,10 @@ def _effective(filename, line, frame):
     """
     for each in bdb.Breakpoint.bplist[filename, line]:
         if not each.enabled:
-            _log(lambda: _decision(each, frame, "it is disabled"))
+            log(lambda: _decision(each, frame, "it is disabled"))
             continue
         if not bdb.checkfuncname(each, frame):
-            _log(lambda: _decision(each, frame, "not the first line of its function"))
+            log(lambda: _decision(each, frame, "not the first line of its function"))
             continue
         each.hits += 1
         if each.cond:
@@ -56,16 +52,16 @@ def _effective(filename, line, frame):
             except BaseException as error:
                 if is_of_signal_handler(error):
                     raise
-                _log(lambda: _decision(each, frame, "stop; its condition raised"))
+                log(lambda: _decision(each, frame, "stop; its condition raised"))
                 return each, False
             if not value:
-                _log(lambda: _decision(each, frame, "its condition is false"))
+                log(lambda: _decision(each, frame, "its condition is false"))
                 continue
         if each.ignore > 0:
             each.ignore -= 1
-            _log(lambda: _decision(each, frame, "ignored, %d to go" % each.ignore))
+            log(lambda: _decision(each, frame, "ignored, %d to go" % each.ignore))
             continue
-        _log(lambda: _decision(each, frame, "stop"))
+        log(lambda: _decision(each, frame, "stop"))
         return each, True
     return None, None
 
@@ -206,14 +202,14 @@ class Bdb(compat.TraceBase):
         super()._prune_breaks(filename, lineno)
         monitor.breaks_changed(self, filename)
 
-    def set_break(self, filename, lineno, *args, **kwargs):
+    def set_break(self, filename, lineno, temporary=False, cond=None, funcname=None):
         with monitor.reporter.lock:
             try:
-                result = super().set_break(filename, lineno, *args, **kwargs)
+                result = super().set_break(filename, lineno, temporary, cond, funcname)
             except MonitorError as error:
                 return str(error)
-            # Once more: a breakpoint that knows its function was not there the first time.
-            monitor.breaks_changed(self, self.canonic(filename))
+            if funcname is not None:      # the breakpoint that knows it was not there before
+                monitor.breaks_changed(self, self.canonic(filename))
             return result
 
     def clear_break(self, filename, lineno):

@@ -117,13 +117,18 @@ class Suspension:
         per_thread.SetGetThreadNameCallback(None)
 
     def _debug_policy(self, thread_id):
-        return 0 if thread_id in self.own_thread_ids else 1
+        if thread_id not in self.own_thread_ids:
+            return 1
+        optmonitoring.dprintf(
+            optmonitoring.kLogBreakpoints,
+            lambda: "thread %d is the debugger's own: no breakpoint holds there\n" % thread_id)
+        return 0
 
     def adopt_thread(self):
         """The calling thread is the debugger's own from now on: it is not stopped, and not held."""
         thread_id = threading.get_ident()
         self._own.thread = _OwnThread(self.own_thread_ids, thread_id)
-        optmonitoring.CPerThread.GetPerThread(thread_id).fDebugPolicy = 0
+        optmonitoring.CPerThread.GetPerThread(thread_id).fDebugPolicy = self._debug_policy(thread_id)
 
     def _name_of_record(self, per_thread):
         """None, to be asked again, for a thread that is only being entered in the list of threads."""
