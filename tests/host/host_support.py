@@ -6,9 +6,13 @@ The environment variable OPTMONITORING_DIR names the folder of the built module.
 import os
 import pathlib
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
+
+# A job in the background of a shell ignores it, and its children would too.
+signal.signal(signal.SIGINT, signal.default_int_handler)
 
 HERE = pathlib.Path(__file__).resolve().parent
 HOST_DIR = HERE.parent.parent / "debug" / "host"
