@@ -123,11 +123,20 @@ class Monitor:
         grown = False
         for filename in filenames:
             grown |= self.break_lines.share(debugger, filename)
-        if debugger.breaks:
-            self.break_lines.find_running_code()
+        # Events first: what starts from here on is seen, and what has started is on a stack.
         self._refresh()
+        if debugger.breaks:
+            self._find_running_code(debugger.stop_states.own())
         if grown:
             self.rearm()
+
+    def _find_running_code(self, state):
+        """What a new record runs is the debugger's, the standard library's part of it too."""
+        muted, state.is_muted = state.is_muted, True
+        try:
+            self.break_lines.find_running_code()
+        finally:
+            state.is_muted = muted
 
     def end_all_threads(self):
         """Every thread that is debugged gets `BdbQuit` at its next event."""
