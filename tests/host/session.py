@@ -120,6 +120,19 @@ class Session:
         printed, self._unread = self._unread, ""
         return printed, status
 
+    def interrupt_at_prompt(self):
+        """Ctrl-C once the child waits for input: between its prompt's last letter and that wait an interpreter takes note
+        of a signal, and looks at its note only when the wait ends."""
+        deadline = time.monotonic() + SECONDS
+        while not self._is_asleep():
+            if time.monotonic() > deadline:
+                self._test.fail("the child does not wait for input; the session so far:\n" + self.seen[-SHOWN:])
+        self.interrupt()
+
+    def _is_asleep(self):
+        with open("/proc/%d/stat" % self.process.pid) as file:
+            return file.read().rpartition(")")[2].split()[0] == "S"
+
     def interrupt(self):
         """What Ctrl-C does."""
         if self._terminal:

@@ -391,10 +391,10 @@ class TerminalTest(CommandLineTestCase):
     def test_interrupt_at_the_prompt(self):
         session = self.start(self.LOOP)
         session.prompt()
-        session.interrupt()
+        session.interrupt_at_prompt()
         self.assertIn("--KeyboardInterrupt--", session.prompt())
-        session.send("while True: pass")
-        session.wait_for("pass")
+        session.send("while True: print('run' + 'ning', flush=True)")
+        session.wait_for("running")
         session.interrupt()
         self.assertRegex(session.prompt(), "KeyboardInterrupt")
         self.assertIn("7", session.do("p 7"))
