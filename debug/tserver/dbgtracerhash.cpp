@@ -153,15 +153,26 @@ static void move_chain(CUt_HashTable* table, CUt_HashEntry* chain)
     }
 }
 
+// How many buckets are in use. Kept: a growth that failed leaves numBuckets four times too large, each further one
+// again, so nothing that walks the array goes by it.
+static uint32_t bucket_count(const CUt_HashTable* table)
+{
+    return static_cast<uint32_t>(table->mask) + 1;
+}
+
+// The size of the array to grow into: numBuckets, but for the case that so many failures have made it overflow.
+static uint32_t grown_size(const CUt_HashTable* table)
+{
+    uint32_t needed = kGrowthFactor * bucket_count(table);
+    return table->numBuckets < needed ? needed : table->numBuckets;
+}
+
 void CU_RebuildTable(CUt_HashTable* table)
 {
     CUt_HashEntry** old_buckets = table->buckets;
-    uint32_t old_count = table->numBuckets;
-    // Kept: a failed growth leaves numBuckets four times too large. Look-ups, creations and deletions of single
-    // entries go by mask and stay right, but whatever counts buckets (iteration, statistics, deletion of the table, a
-    // later growth that succeeds) runs past the array.
-    table->numBuckets = kGrowthFactor * old_count;
-    table->buckets = static_cast<CUt_HashEntry**>(calloc(table->numBuckets, sizeof(CUt_HashEntry*)));
+    uint32_t old_count = bucket_count(table);
+    table->numBuckets *= kGrowthFactor;
+    table->buckets = static_cast<CUt_HashEntry**>(calloc(grown_size(table), sizeof(CUt_HashEntry*)));
     if (!table->buckets) {
         table->buckets = old_buckets;
         return;
@@ -206,7 +217,8 @@ static void free_chain(CUt_HashEntry* chain, bool with_client_data)
 // The counters and bucket pointers stay as they are: the procedures alone keep callers off the freed memory.
 static void delete_table(CUt_HashTable* table, bool with_client_data)
 {
-    for (uint32_t i = 0; i < table->numBuckets; ++i)
+    uint32_t count = bucket_count(table);
+    for (uint32_t i = 0; i < count; ++i)
         free_chain(table->buckets[i], with_client_data);
     free_buckets(table, table->buckets);
     table->findProc = CU_BogusFind;
@@ -237,8 +249,10 @@ CUt_HashEntry* CU_FirstHashEntry(CUt_HashTable* table, CUt_HashSearch* search)
 CUt_HashEntry* CU_NextHashEntry(CUt_HashSearch* search)
 {
     while (!search->nextEntryPtr) {
-        if (search->nextIndex >= search->tablePtr->numBuckets)
+        if (search->nextIndex >= bucket_count(search->tablePtr)) {
+            search->nextIndex = search->tablePtr->numBuckets;
             return nullptr;
+        }
         search->nextEntryPtr = search->tablePtr->buckets[search->nextIndex++];
     }
     CUt_HashEntry* entry = search->nextEntryPtr;
@@ -259,7 +273,8 @@ char* CU_HashStats(CUt_HashTable* table)
     int with_length[kHistogramSlots] = {};
     int longer = 0;
     double average = 0.0;
-    for (uint32_t i = 0; i < table->numBuckets; ++i) {
+    uint32_t count = bucket_count(table);
+    for (uint32_t i = 0; i < count; ++i) {
         uint32_t length = chain_length(table->buckets[i]);
         ++(length < kHistogramSlots ? with_length[length] : longer);
         // Kept: an empty table divides 0 by 0 here and reports a not-a-number.

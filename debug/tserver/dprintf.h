@@ -122,11 +122,29 @@ XPY_EXPORT const char* get_dprintf_repr_str2(tDPData* data, PyObject* obj);
 // The position of FRAME in a static buffer shared by all callers. [borrowed]
 XPY_EXPORT const char* get_dprintf_frame_str1(PyObject* frame);
 
+// Whether the last text written to gDPrintfFile was refused with an exception.
+extern bool gDPrintfFileRefuses;
+
+// Stands for the first repr where its buffer is missing.
+constexpr char kNoReprBuffer[] = "get_dprintf_repr_str1() failure: _repr_str1 is NULL";
+
 // Arguments are evaluated only when the channel is on.
 #define DO_DP(channel, ...)              \
     do {                                 \
         if (XPY_UNLIKELY(channel))       \
             do_dp(channel, __VA_ARGS__); \
+    } while (0)
+
+// Logs a message with the reprs of two objects. Code that a repr runs may clear the record, and with it the buffers,
+// so the texts are taken when both have been made.
+#define DO_DP_TWO_REPRS(data, channel, format, first, second)                                                 \
+    do {                                                                                                      \
+        if (XPY_UNLIKELY(channel)) {                                                                          \
+            get_dprintf_repr_str1(data, first);                                                               \
+            const char* second_text = get_dprintf_repr_str2(data, second);                                    \
+            if (channel)                                                                                      \
+                do_dp(channel, format, (data)->_repr_str1 ? (data)->_repr_str1 : kNoReprBuffer, second_text); \
+        }                                                                                                     \
     } while (0)
 
 // ---- Exception reports (dprintf_exceptions.cpp) ----

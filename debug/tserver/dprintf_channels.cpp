@@ -140,7 +140,7 @@ void set_dp_data_file_obj(tDPData* data, PyObject* file_obj, int fileno, void* w
 {
     tSingleDPData* shared = &data->shared_single_dp_data;
     XPy_ClearField(&shared->file_obj);
-    shared->file_obj = XPy_NewRef(file_obj);
+    XPy_SetField(&shared->file_obj, file_obj);  // the old file's end may have set another
     shared->fileno = fileno;
     shared->win32_handle = win32_handle;
     assign_channels(data);
@@ -165,7 +165,7 @@ void set_dprintf_file(PyObject* file_obj, int fileno, void* win32_handle)
     XPy_ClearField(&gDPrintfFile);
     gDPrintfNativeFileno = -1;
     if (is_py_file(file_obj)) {
-        gDPrintfFile = XPy_NewRef(file_obj);
+        XPy_SetField(&gDPrintfFile, file_obj);  // the old file's end may have set another
         gDPrintfNativeFileno = fileno;
     }
     init_dp_data(&gUnsafeGlobalDPData, 0);

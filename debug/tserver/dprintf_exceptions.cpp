@@ -29,6 +29,9 @@ static bool display_on_channel(tSingleDPData* channel, const tFetchedException& 
     // A channel without a Python file has nowhere to show it; None keeps the exception off the native stream, where
     // Python 2 then only notes that there is no sys.stderr.
     PyObject* file = channel->file_obj ? channel->file_obj : api.Py_None;
+    // The interpreter tells the native stream, which is the program's, of an exception that it could not display.
+    if (gDPrintfFileRefuses && file == gDPrintfFile)
+        return true;
     if (api.PySys_SetObject("stderr", file) < 0) {
         api.PyErr_Clear();  // displayed now, it would appear among the program's own output
         return true;

@@ -59,6 +59,8 @@ static PyObject* format_message(const char* format, va_list args)
     return text;
 }
 
+bool gDPrintfFileRefuses;
+
 // Writes raw text to the process-wide file and flushes it; failures are cleared.
 static void write_and_flush(PyObject* text)
 {
@@ -66,7 +68,8 @@ static void write_and_flush(PyObject* text)
     XPyOwned file(XPy_NewRef(gDPrintfFile));  // writing may run code that replaces the file
     if (!file)
         return;
-    if (api.PyFile_WriteObject(text, file.borrow(), kPyPrintRaw) < 0)
+    gDPrintfFileRefuses = api.PyFile_WriteObject(text, file.borrow(), kPyPrintRaw) < 0;
+    if (gDPrintfFileRefuses)
         api.PyErr_Clear();
     XPyOwned flushed(api.PyObject_CallMethod(file.borrow(), "flush", nullptr));
     if (!flushed)
@@ -178,7 +181,7 @@ const char* get_dprintf_repr_str1(tDPData* data, PyObject* obj)
 {
     if (data->_repr_str1)
         fill_str_with_repr(data, &data->_repr_str1, obj);
-    return data->_repr_str1 ? data->_repr_str1 : "get_dprintf_repr_str1() failure: _repr_str1 is NULL";
+    return data->_repr_str1 ? data->_repr_str1 : kNoReprBuffer;
 }
 
 const char* get_dprintf_repr_str2(tDPData* data, PyObject* obj)

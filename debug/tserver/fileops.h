@@ -56,7 +56,21 @@ XPY_EXPORT void prune_py_c_or_o(char* name);
 
 // A new record that logs through DP (which must outlive it), or null.
 XPY_EXPORT tFileOpsData* create_file_ops_data(tDPData* dp);
-XPY_EXPORT void destroy_file_ops_data(tFileOpsData* data);
+XPY_EXPORT void destroy_file_ops_data(tFileOpsData* data);  // at once, or when nothing uses it any more
+
+// Keeps the record, and with it every string that it returns, for the life of the scope: a log file is a Python
+// object, whose write may reset the module in the middle of an operation.
+class tFileOpsUse
+{
+  public:
+    explicit tFileOpsUse(tFileOpsData* data);
+    ~tFileOpsUse();
+    tFileOpsUse(const tFileOpsUse&) = delete;
+    tFileOpsUse& operator=(const tFileOpsUse&) = delete;
+
+  private:
+    tFileOpsData* fData;
+};
 
 // Canonical name by name, by file identity, by CHECKSUM (may be null), in this order; null when unknown.
 XPY_EXPORT const char* lookup_canonical_pathname(tFileOpsData* data, const char* name, const char* checksum);

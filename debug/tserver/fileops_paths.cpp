@@ -204,7 +204,10 @@ const char* get_absname_forward_slash_names(tFileOpsData* data, const char* name
         free(result);
         return nullptr;
     }
-    free(entry->clientData);
+    if (entry->clientData) {  // resolved meanwhile, by code that the log's file ran: the first stays
+        free(result);
+        return static_cast<const char*>(entry->clientData);
+    }
     entry->clientData = result;
     DO_FILENAMES(data, "resolved %s to %s\n", name, result);
     return result;

@@ -62,6 +62,7 @@ static PyObject* new_string(const char* text)
 PyObject* lookup_canonical_pathname_pystr(tFileOpsData* data, PyObject* pathname, PyObject* checksum)
 {
     static const char kFailure[] = "Failure in get_canonical_pathname_pystr()\n";
+    tFileOpsUse use(data);
     const char* name = text_of(pathname, "pathname");
     if (!name)
         return fail_null(data->dp, kFailure);
@@ -80,6 +81,7 @@ PyObject* lookup_canonical_pathname_pystr(tFileOpsData* data, PyObject* pathname
 
 PyObject* register_canonical_pathname_pystr(tFileOpsData* data, PyObject* pathname, PyObject* checksum)
 {
+    tFileOpsUse use(data);
     const char* name = text_of(pathname, "pathname");
     if (!name)
         return nullptr;

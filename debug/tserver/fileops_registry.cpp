@@ -28,9 +28,32 @@ static const tFileTable kFileTables[] = {
     {&tFileOpsData::not_found_table, 0, false},  // times
 };
 
+// The record as it is allocated.
+struct tCountedFileOps {
+    tFileOpsData data;
+    int uses;         // operations under way that run code of the program
+    bool is_dropped;  // destroyed by the last of them
+};
+
+static tCountedFileOps* counted(tFileOpsData* data)
+{
+    return reinterpret_cast<tCountedFileOps*>(data);
+}
+
+tFileOpsUse::tFileOpsUse(tFileOpsData* data) : fData(data)
+{
+    counted(data)->uses++;
+}
+
+tFileOpsUse::~tFileOpsUse()
+{
+    if (--counted(fData)->uses == 0 && counted(fData)->is_dropped)
+        destroy_file_ops_data(fData);
+}
+
 tFileOpsData* create_file_ops_data(tDPData* dp)
 {
-    tFileOpsData* data = static_cast<tFileOpsData*>(calloc(1, sizeof(tFileOpsData)));
+    tFileOpsData* data = static_cast<tFileOpsData*>(calloc(1, sizeof(tCountedFileOps)));
     if (!data)
         return nullptr;
     data->dp = dp;
@@ -45,6 +68,11 @@ tFileOpsData* create_file_ops_data(tDPData* dp)
 
 void destroy_file_ops_data(tFileOpsData* data)
 {
+    if (counted(data)->uses) {
+        counted(data)->is_dropped = true;
+        return;
+    }
+    counted(data)->uses = 1;  // the log's file may run code that comes here again
     DO_FILENAMES(data, "In destroy_file_ops_data()\n");
     for (const tFileTable& row : kFileTables) {
         if (row.owns_data)

@@ -288,6 +288,9 @@ PyObject* CPerThread_FastGetExistingPerThreadFromPyTss(tModuleState* m);
 // The record behind the capsule in this thread state's dict [new], None, or null.
 PyObject* CPerThread_GetExistingPerThreadFromThreadStateDict(tModuleState* m);
 
+// Whether the record's death runs the module's own finalizer: the program's classes and changes may replace it.
+bool CPerThread_HasOwnFinalizer(PyObject* per_thread);
+
 int CPerThread_StorePerThreadForCurrentThreadInPyTss_direct(tModuleState* m, PyObject* per_thread);
 int CPerThread_DiscardPerThread_direct(tModuleState* m, PyObject* per_thread);
 PyObject* CPerThread_get_fPerThreadDict(tModuleState* m);  // [new]
@@ -325,6 +328,10 @@ bool CPerCodeObject_CreateShortly(tModuleState* m, PyObject* code, PyObject** re
 // Drops what was found out about files and about the class; whenever the module starts, and whenever its file tables
 // go.
 void CPerCodeObject_ForgetFindings(tModuleState* m);
+
+// What a call of the class makes: a record [new], or None where the program has made it so; null with an exception
+// pending, also for anything else that the program has made it return.
+PyObject* CPerCodeObject_Create_direct(tModuleState* m, PyObject* code, PyObject* frame);
 
 // The pathname to report, or with CANONICAL the canonical one (None for pseudo files). [new] or null.
 PyObject* CPerCodeObject_GetPathnameToUse_direct(tModuleState* m, PyObject* code, PyObject* frame, int16_t canonical);

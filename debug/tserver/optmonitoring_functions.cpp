@@ -60,6 +60,9 @@ static PyObject* get_canonical_inner(tModuleState* m, PyObject* pathname, PyObje
     XPyOwned known(lookup_canonical_pathname_pystr(file_ops, pathname, checksum));
     if (!known || known.borrow() != api.Py_None)
         return known.detach();
+    file_ops = need_file_ops(m);  // the log's file may have reset the module
+    if (!file_ops)
+        return nullptr;
     return register_canonical_pathname_pystr(file_ops, pathname, checksum);
 }
 

@@ -53,6 +53,10 @@ XPY_COLD static void call_log_exception(tModuleState* m, PyObject* exception)
     XPyOwned result(do_two_arg_call(log_exception.borrow(), api.Py_None, api.Py_True));
     if (!result)
         clear_failure(m->dp, "LogException() failed and exception suppressed\n");
+    // It stays the handled one, so the next failure's exception will refer to it: without this, each would keep all
+    // earlier ones alive, and be reported with them.
+    if (api.PyObject_SetAttrString(exception, "__context__", api.Py_None) < 0)
+        api.PyErr_Clear();
 }
 
 XPY_COLD static void CallLogExceptionWithCurrentRaisedException(tModuleState* m)
@@ -91,8 +95,10 @@ XPY_COLD static PyObject* create_or_update_record(tModuleState* m, PyObject* cod
     XPyOwned frame(get_running_frame());
     if (!frame)
         return nullptr;
-    if (existing->borrow() == api.Py_None)
-        return do_two_arg_call(m->CPerCodeObject, code, frame.borrow());
+    if (existing->borrow() == api.Py_None) {
+        XPyOwned record(CPerCodeObject_Create_direct(m, code, frame.borrow()));
+        return record && need_per_code_object(m, record.borrow()) ? record.detach() : nullptr;
+    }
     if (CPerCodeObject_UpdatePathnameFromFrame_direct(m, existing->borrow(), frame.borrow()) < 0)
         return nullptr;
     return existing->detach();
@@ -324,8 +330,8 @@ static PyObject* decide(tModuleState* m, CInitialCallbackBody* body, PyObject* c
                         PyObject* kwnames)
 {
     CInitialCallback_Callback_Ctx ctx = {m, nullptr, nullptr, nullptr, 0, 0};
-    DO_DP(m->dp->initial_monitoring_callbacks, "Initial callback called for %s\n second callback is %s\n",
-          get_dprintf_repr_str1(m->dp, args[0]), get_dprintf_repr_str2(m->dp, body->fSecondCallback));
+    DO_DP_TWO_REPRS(m->dp, m->dp->initial_monitoring_callbacks,
+                    "Initial callback called for %s\n second callback is %s\n", args[0], body->fSecondCallback);
     ctx.per_code_object = CInitialCallback_GetPerCodeObjectCalledFromCallback(m, args[0]);
     return ctx.per_code_object ? decide_from_record(&ctx, body, args, nargs, kwnames) : suppress_failure(&ctx);
 }
@@ -370,6 +376,24 @@ __attribute__((noinline)) static PyObject* forward(PyObject* self, tModuleState*
     return result;
 }
 
+// Making records examines files, and hooks and look-ups run code, all of it before the steps that save errno
+// themselves.
+class tErrnoKept
+{
+  public:
+    explicit tErrnoKept(tModuleState* m) : fSaved(m->save_and_restore_errno ? errno : 0) {}
+    ~tErrnoKept()
+    {
+        if (fSaved != 0)
+            errno = fSaved;
+    }
+    tErrnoKept(const tErrnoKept&) = delete;
+    tErrnoKept& operator=(const tErrnoKept&) = delete;
+
+  private:
+    int fSaved;
+};
+
 // How far the short road has got with an event.
 enum tShortRoad { kStepByStep, kByLine, kForThread, kForward, kAnsweredNone };
 
@@ -380,6 +404,7 @@ __attribute__((noinline)) static PyObject* decide_held(PyObject* self, tModuleSt
                                                        PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames,
                                                        tShortRoad road, PyObject* found)
 {
+    tErrnoKept errno_kept(m);
     XPyOwned held(XPy_NewRef(self));
     switch (road) {
         case kByLine:
@@ -447,6 +472,7 @@ __attribute__((always_inline)) static inline PyObject* decide_shortly(PyObject* 
 __attribute__((noinline)) static PyObject* decide_first(PyObject* self, tModuleState* m, CInitialCallbackBody* body,
                                                         PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
 {
+    tErrnoKept errno_kept(m);
     XPyOwned held(XPy_NewRef(self));
     PyObject* made;
     if (m->dp->initial_monitoring_callbacks || !CPerCodeObject_CreateShortly(m, args[0], &made))

@@ -1,5 +1,7 @@
 // The module's entry points, its definition and its smallest functions.
 
+#include <limits.h>
+
 #include "optmonitoring_internal.h"
 
 static const char kDocSetDPrintfFile[] =
@@ -63,12 +65,17 @@ static void add_object_head(void)
 }
 
 // The definition as an object; interpreters that cannot load in two phases have no sys.monitoring either.
+// Definitions are never freed, so one serves all imports.
 static PyObject* init_module_def(void)
 {
-    if (api.PyModuleDef_Init)
-        return XPyModuleDef_Init(&kModuleDef);
-    api.PyErr_SetString(api.PyExc_AttributeError, "No sys.monitoring attribute");
-    return nullptr;
+    static PyObject* definition;  // borrowed: no object of the heap
+    if (!api.PyModuleDef_Init) {
+        api.PyErr_SetString(api.PyExc_AttributeError, "No sys.monitoring attribute");
+        return nullptr;
+    }
+    if (!definition)
+        definition = XPyModuleDef_Init(&kModuleDef);
+    return definition;
 }
 
 PyObject* PyInit_optmonitoring(void)
@@ -112,7 +119,13 @@ static int add_to_tracing_inner(PyObject* const* args, Py_ssize_t nargs, PyObjec
     Py_ssize_t count = py_int_as_ssize_t(count_obj);
     if (count == -1 && api.PyErr_Occurred())
         return -1;
-    add_to_thread_state_tracing(api.PyThreadState_Get(), count);
+    PyThreadState* tstate = api.PyThreadState_Get();
+    int tracing = get_thread_state_tracing(tstate);
+    if (count < -static_cast<Py_ssize_t>(tracing) || count > INT_MAX - tracing) {
+        api.PyErr_SetString(api.PyExc_OverflowError, "the tracing counter would leave its range");
+        return -1;
+    }
+    add_to_thread_state_tracing(tstate, count);
     return 0;
 }
 

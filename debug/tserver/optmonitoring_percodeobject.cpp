@@ -85,7 +85,10 @@ static PyObject* get_absolute_name(tModuleState* m, PyObject* name)
         return nullptr;
     }
     tFileOpsData* file_ops = need_file_ops(m);
-    const char* absolute = file_ops ? get_absname(file_ops, text) : nullptr;
+    if (!file_ops)
+        return nullptr;
+    tFileOpsUse use(file_ops);
+    const char* absolute = get_absname(file_ops, text);
     if (!absolute) {
         if (!api.PyErr_Occurred())
             api.PyErr_SetString(api.PyExc_RuntimeError, "get_absname() returned NULL without setting the exception");
@@ -100,6 +103,9 @@ static PyObject* find_canonical_inner(tModuleState* m, PyObject* name)
     if (!file_ops)
         return nullptr;
     XPyOwned known(lookup_canonical_pathname_pystr(file_ops, name, nullptr));
+    file_ops = need_file_ops(m);  // the log's file may have reset the module
+    if (!file_ops)
+        return nullptr;
     if (!known || known.borrow() != api.Py_None)
         return known.detach();
     XPyOwned checksum(get_checksum_for_pathname(file_ops, name));
@@ -109,8 +115,8 @@ static PyObject* find_canonical_inner(tModuleState* m, PyObject* name)
     XPyOwned registered(register_canonical_pathname_pystr(file_ops, name, checksum.borrow()));
     if (registered.borrow() != api.Py_None)
         return registered.detach();
-    // A record without a canonical name would miss its file's breakpoints for good. The absolute name was to be had, so
-    // what was missing is memory.
+    // A record without a canonical name would miss its file's breakpoints for good. The absolute name was to be had,
+    // so what was missing is memory.
     api.PyErr_NoMemory();
     return nullptr;
 }
@@ -373,9 +379,11 @@ static void CPerCodeObject_finalize(PyObject* self)
 
 // ---- Look-up ----
 
-static PyObject* create_record(tModuleState* m, PyObject* code, PyObject* frame)
+PyObject* CPerCodeObject_Create_direct(tModuleState* m, PyObject* code, PyObject* frame)
 {
-    return do_two_arg_call(m->CPerCodeObject, code, frame);
+    XPyOwned record(do_two_arg_call(m->CPerCodeObject, code, frame));
+    bool is_usable = record && (record.borrow() == api.Py_None || need_per_code_object(m, record.borrow()));
+    return is_usable ? record.detach() : nullptr;
 }
 
 static PyObject* get_per_code_object_inner(tModuleState* m, PyObject* code, PyObject* create, PyObject* frame)
@@ -393,7 +401,7 @@ static PyObject* get_per_code_object_inner(tModuleState* m, PyObject* code, PyOb
         int is_wanted = get_istrue(create);
         if (is_wanted <= 0)
             return is_wanted < 0 ? nullptr : new_none();
-        return create_record(m, code, frame);
+        return CPerCodeObject_Create_direct(m, code, frame);
     }
     CPerCodeObjectBody* body = per_code_object_body(record.borrow(), as_type(m->CPerCodeObject));
     if (frame != api.Py_None && body->fUpdatePathnameNeeded &&

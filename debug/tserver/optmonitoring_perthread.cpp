@@ -170,6 +170,12 @@ static void CPerThread_finalize(PyObject* self)
         clear_failure(dp_of(m), "Exception in CPerThread_finalize()\n");
 }
 
+bool CPerThread_HasOwnFinalizer(PyObject* per_thread)
+{
+    void* finalizer = api.PyType_GetSlot(XPy_BorrowTypeInline(per_thread), kSlotTpFinalize);
+    return finalizer == reinterpret_cast<void*>(CPerThread_finalize);
+}
+
 // ---- Look-up ----
 
 static PyObject* slow_get_inner(tModuleState* m, PyObject* thread_id, PyObject* create)
@@ -265,9 +271,9 @@ static PyObject* CPerThread_get_fDebugPolicyCallback(tModuleState* m)
 static int ask_debug_policy(tModuleState* m, CPerThreadBody* body, PyObject* callback)
 {
     XPyOwned thread_id(XPy_NewRef(body->fThreadId));
-    DO_DP(m->dp->initial_monitoring_callbacks,
-          "CPerThread_GetDebugPolicy_direct(): calling %s (per_thread.fThreadId=%s)\n",
-          get_dprintf_repr_str1(m->dp, callback), get_dprintf_repr_str2(m->dp, thread_id.borrow()));
+    DO_DP_TWO_REPRS(m->dp, m->dp->initial_monitoring_callbacks,
+                    "CPerThread_GetDebugPolicy_direct(): calling %s (per_thread.fThreadId=%s)\n", callback,
+                    thread_id.borrow());
     XPyOwned result(do_one_arg_call(callback, thread_id ? thread_id.borrow() : api.Py_None));
     if (!result)
         return -1;

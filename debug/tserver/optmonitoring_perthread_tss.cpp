@@ -50,6 +50,10 @@ int CPerThread_StorePerThreadForCurrentThreadInPyTss_direct(tModuleState* m, PyO
     CPerThreadBody* body = need_per_thread(m, per_thread);
     if (!body)
         return -1;
+    // Without a capsule nothing holds the record for the thread, and where the program has replaced the finalizer its
+    // death would pass the pair by.
+    if (!body->capsule_ptr && !CPerThread_HasOwnFinalizer(per_thread))
+        return CPerThread_ClearPerThreadForCurrentThread(m);
     _tPyTssData* pair = nullptr;
     if (CPerThread_ClearPerThreadForCurrentThread(m) == 0)
         pair = static_cast<_tPyTssData*>(malloc(sizeof(_tPyTssData)));
@@ -127,10 +131,12 @@ static void CPerThread_CapsuleDestructor(PyObject* capsule)
     if (per_thread) {
         CPerThreadBody* body = per_thread_body(per_thread, borrow_defining_class(per_thread));
         tModuleState* m = body->mod_state;
-        body->capsule_ptr = nullptr;
+        // Set until the registry has let go, so that code which that runs cannot register the record anew.
         if (m && CPerThread_DiscardPerThread_direct(m, per_thread) < 0)
             report_failure(m->dp, "Exception in CPerThread_CapsuleDestructor()\n");
         api.PyErr_Clear();
+        body->capsule_ptr = nullptr;
+        CPerThread_DetachPyTssData_direct(body->mod_state, body);
         XPy_DoDecRef(per_thread);  // the capsule's reference
     }
     api.PyErr_Clear();
@@ -198,6 +204,7 @@ static int discard_inner(tModuleState* m, PyObject* per_thread, CPerThreadBody* 
         if (found && api.PyObject_DelItem(dict.borrow(), body->fThreadId) < 0)
             return -1;
     }
+    body->capsule_ptr = nullptr;
     return CPerThread_Clear_direct(m, per_thread);
 }
 

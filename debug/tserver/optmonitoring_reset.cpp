@@ -4,7 +4,7 @@
 
 static int replace_file_tables(tModuleState* m)
 {
-    if (tFileOpsData* old = m->file_ops_data) {
+    while (tFileOpsData* old = m->file_ops_data) {  // what its end runs may reset the module, which makes a new one
         m->file_ops_data = nullptr;
         destroy_file_ops_data(old);
     }

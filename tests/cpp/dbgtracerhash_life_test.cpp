@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "dbgtracerhash_test_support.h"
 
 // ---- Deletion of entries ----
@@ -426,7 +428,24 @@ TEST(HashTable, AnExistingKeyNeedsNoMemory)
     EXPECT_EQ(0, is_new);
 }
 
-// A failed growth leaves everything but numBuckets. The table cannot be walked then: its entries are deleted singly.
+static std::vector<CUt_HashEntry*> walk(CUt_HashTable* table)
+{
+    std::vector<CUt_HashEntry*> seen;
+    CUt_HashSearch search;
+    for (CUt_HashEntry* entry = CU_FirstHashEntry(table, &search); entry; entry = CU_NextHashEntry(&search))
+        seen.push_back(entry);
+    EXPECT_EQ(table->numBuckets, search.nextIndex);
+    return seen;
+}
+
+static void expect_same_entries(std::vector<CUt_HashEntry*> expected, std::vector<CUt_HashEntry*> seen)
+{
+    std::sort(expected.begin(), expected.end());
+    std::sort(seen.begin(), seen.end());
+    EXPECT_EQ(expected, seen);
+}
+
+// A failed growth leaves everything but numBuckets, which nothing that walks the table goes by.
 static void expect_failed_growth(CUt_HashTable* table, const std::vector<std::string>& keys)
 {
     std::vector<CUt_HashEntry*> entries;
@@ -453,12 +472,20 @@ static void expect_failed_growth(CUt_HashTable* table, const std::vector<std::st
     is_new = -1;
     EXPECT_EQ(entries[0], table->createProc(table, keys[0].data(), &is_new));
     EXPECT_EQ(0, is_new);
+    expect_same_entries(entries, walk(table));
+    char* stats = CU_HashStats(table);
+    EXPECT_EQ(
+        std::to_string(entries.size()) + " entries in table, " + std::to_string(4 * before.numBuckets) + " buckets\n",
+        std::string(stats).substr(0, std::string(stats).find('\n') + 1));
+    free(stats);
+    CU_DeleteHashEntry(entries.back());
+    entries.pop_back();
     for (CUt_HashEntry* entry : entries)
         CU_DeleteHashEntry(entry);
     EXPECT_EQ(0u, table->numEntries);
     for (uint32_t i = 0; i < before.numBuckets; ++i)
         EXPECT_EQ(nullptr, table->buckets[i]);
-    table->numBuckets = before.numBuckets;  // so that the table can be ended
+    EXPECT_TRUE(walk(table).empty());
 }
 
 TEST(HashTable, KeepsFourfoldNumBucketsAfterAFailedGrowth)
@@ -503,7 +530,60 @@ TEST(HashTable, KeepsMultiplyingNumBucketsWithEachFailedGrowth)
         EXPECT_EQ(entries.back(), CU_StringFind(&table, key.c_str()));
     }
     EXPECT_EQ(14u, table.numEntries);
+    expect_same_entries(entries, walk(&table));
+}
+
+TEST(HashTable, EndsAfterAFailedGrowth)
+{
+    CUt_HashTable table;
+    CU_InitHashTable(&table, 0);
+    std::vector<CUt_HashEntry*> entries = add_all(&table, numbered(0, 11));
     for (CUt_HashEntry* entry : entries)
-        CU_DeleteHashEntry(entry);
-    table.numBuckets = 4;  // so that the table can be ended
+        entry->clientData = strdup("data");
+    int is_new = -1;
+    tHeapWatch watch(2);
+    entries.push_back(CU_StringCreate(&table, "last", &is_new));
+    watch.stop();
+    tHeapWatch end;
+    CU_DeallocHashTable(&table);
+    end.stop();
+    EXPECT_EQ(23, end.frees());  // entries and client data, each once
+}
+
+TEST(HashTable, GrowsAfterAFailedGrowth)
+{
+    tTestTable table;
+    std::vector<CUt_HashEntry*> entries = add_all(&table, numbered(0, 11));
+    int is_new = -1;
+    tHeapWatch watch(2);
+    entries.push_back(CU_StringCreate(&table, "k11", &is_new));
+    watch.stop();
+    entries.push_back(add(&table, "k12"));
+    EXPECT_EQ(15, table.mask);
+    EXPECT_EQ(48u, table.rebuildSize);
+    EXPECT_EQ(26u, table.downShift);
+    EXPECT_EQ(64u, table.numBuckets);
+    expect_same_entries(entries, walk(&table));
+    for (int i = 0; i < 13; ++i)
+        EXPECT_EQ(entries[i], CU_StringFind(&table, ("k" + std::to_string(i)).c_str())) << i;
+    for (CUt_HashEntry* entry : add_all(&table, numbered(13, 100)))  // and grows again
+        entries.push_back(entry);
+    expect_same_entries(entries, walk(&table));
+}
+
+TEST(HashTable, GrowsEvenWhenFailuresHaveMadeNumBucketsOverflow)
+{
+    tTestTable table;
+    std::vector<CUt_HashEntry*> entries = add_all(&table, numbered(0, 11));
+    for (int i = 11; i < 31; ++i) {
+        const std::string key = "k" + std::to_string(i);
+        int is_new = -1;
+        tHeapWatch watch(2, 100);
+        entries.push_back(CU_StringCreate(&table, key.c_str(), &is_new));
+        watch.stop();
+    }
+    EXPECT_EQ(0u, table.numBuckets);
+    entries.push_back(add(&table, "k31"));
+    EXPECT_EQ(15, table.mask);
+    expect_same_entries(entries, walk(&table));
 }

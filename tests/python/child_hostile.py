@@ -315,6 +315,24 @@ def registries_that_reset(module):
 
 
 @case
+def registries_that_call_the_module(module):
+    depth = []
+
+    def action(name):
+        if not depth:
+            depth.append(name)
+            try:
+                _exercise_methods(module, new_program()[0])
+            finally:
+                depth.pop()
+
+    for cls, name in REGISTRIES:
+        setattr(getattr(module, cls), name, Sabotage(action))
+    exercise_shortly(module)
+    attempt(module.reset)
+
+
+@case
 def registries_that_lose_everything(module):
     """Each use of a registry replaces all of them, which drops every record that only they hold."""
     def action(name):
@@ -438,6 +456,17 @@ def init_within_init(module):
     exercise(module)
 
 
+@case
+def new_that_returns_something_else(module):
+    """Calls of a class give what its `__new__` gives."""
+    for value in odd_objects(module):
+        for name in METHODS:
+            getattr(module, name).__new__ = lambda cls, *args: value
+        exercise_shortly(module)
+        attempt(_exercise_events_without_callbacks, module)
+    exercise(module)
+
+
 def _exercise_events_without_callbacks(module):
     """Events of new code objects with a callback that was made before."""
     for callback in callbacks_made_before:
@@ -455,6 +484,15 @@ callbacks_made_before = []
 def _make_callbacks(module):
     callbacks_made_before[:] = [module.CInitialCallback(event_id(name), lambda *args: None, 1)
                                 for name in EVENT_NAMES]
+
+
+@case
+def new_of_code_records_that_returns_something_else(module):
+    _make_callbacks(module)
+    for value in odd_objects(module):
+        module.CPerCodeObject.__new__ = lambda cls, *args: value
+        _exercise_events_without_callbacks(module)
+    exercise(module)
 
 
 @case
@@ -601,6 +639,49 @@ def del_called_by_hand(module):
 
 
 @case
+def del_that_does_nothing(module):
+    """Records die without what the module does at their death."""
+    _make_callbacks(module)
+    for name in METHODS:
+        getattr(module, name).__del__ = lambda self: None
+    _lose_thread_records(module, module.CPerThread)
+
+
+@case
+def del_of_a_subclass_that_does_nothing(module):
+    _make_callbacks(module)
+    for table in SUBCLASS_TABLES:
+        _lose_thread_records(module, type("Sub", (module.CPerThread,), dict(table, __del__=lambda self: None)))
+
+
+def _lose_thread_records(module, cls):
+    """This thread's records die where only the registry holds them, and the thread looks for its record again."""
+    def work():
+        for thread_id in (12345, threading.get_ident()):
+            for _ in range(3):
+                module.CPerThread._fPerThreadDict = {threading.get_ident(): cls(thread_id)}
+                attempt(module.CPerThread.GetPerThread)
+                module.CPerThread._fPerThreadDict = {}
+                gc.collect()
+                fill = [cls.__new__(cls) for _ in range(100)]
+                del fill
+                _exercise_events_without_callbacks(module)
+                exercise_shortly(module)
+        for record in (cls.__new__(cls),):
+            module.CPerThread._fPerThreadDict = {threading.get_ident(): record}
+            attempt(module.CPerThread.GetPerThread)
+            del record
+            module.CPerThread._fPerThreadDict = {}
+        _exercise_events_without_callbacks(module)
+
+    work()
+    thread = threading.Thread(target=work)
+    thread.start()
+    thread.join()
+    _testcapi.call_in_temporary_c_thread(work)
+
+
+@case
 def records_that_come_back_to_life(module):
     kept = []
     for name, args in (("CPerThread", (threading.get_ident(),)), ("CPerFile", ("/a.py",)),
@@ -683,6 +764,21 @@ def callback_with_any_arguments(module):
                 attempt(callback.Callback, code, value)
                 attempt(callback.Callback, code, value, value, value, key=value)
                 attempt(callback.Callback, key=value)
+
+
+@case
+def tracing_counter_moved_too_far(module):
+    for count in (-1, -1, -5, 3, -3, 0, True, -100, 100):
+        attempt(module.AddToThreadStateTracing, count)
+    for value in odd_objects(module):
+        if not isinstance(value, int):
+            attempt(module.AddToThreadStateTracing, value)
+
+
+@case
+def huge_numbers_for_the_tracing_counter(module):
+    for count in (2 ** 62, -2 ** 62, 2 ** 31, -2 ** 31, 2 ** 64):
+        attempt(module.AddToThreadStateTracing, count)
 
 
 @case

@@ -215,6 +215,43 @@ def second_callbacks_of_generators_that_misbehave(module):
     assert_filter_works(module)
 
 
+# ---- The host's log functions ----
+
+def host_functions(module_of):
+    yield from (raising(error) for error in ERRORS)
+    yield from (lambda *args, result=result: result for result in ODD_RESULTS)
+    yield from (5, None, "not callable")
+    yield lambda *args: module_of[0].reset()
+    nested = []
+
+    def fail_again(*args):
+        if not nested:
+            nested.append(1)
+            module_of[0].CInitialCallback(32, raising(ValueError), 1).Callback(new_program()[0].__code__)
+            nested.clear()
+
+    yield fail_again
+
+    def recurse(*args):
+        return recurse(args)        # 3.15 has no limit for a call with "*args"
+
+    yield recurse
+
+
+@case
+def log_functions_that_misbehave(module):
+    from brixbase import dlog
+    module_of = []
+    for function in host_functions(module_of):
+        dlog.Log = dlog.LogException = function
+        module_of[:] = [new_module()]
+        module_of[0].set_dprintf_file(support.LogFile(), -1, 0)
+        program, _ = new_program()
+        with watch(module_of[0], program, raising(ValueError)):
+            assert [program(n) for n in range(3)] == [0, 1, 2]
+        assert_filter_works(module_of[0])
+
+
 # ---- Log files ----
 
 class OddFile(object):
@@ -223,6 +260,60 @@ class OddFile(object):
     def __init__(self, write=lambda text: None, flush=lambda: None):
         self.write = write
         self.flush = flush
+
+
+def odd_files(module):
+    for error in ERRORS:
+        yield OddFile(raising(error))
+        yield OddFile(flush=raising(error))
+    yield OddFile(lambda text: module.dprintf(1023, "again: " + text))
+    yield OddFile(flush=lambda: module.dprintf(1023, "again\n"))
+    yield OddFile(lambda text: module.set_dprintf_file(None, -1, 0))
+    yield OddFile(flush=lambda: module.set_dprintf_file(OddFile(), -1, 0))
+    yield OddFile(lambda text: module.set_dprintf_mask(0))
+    yield OddFile(lambda text: module.CPerThread.GetAllPerThreads())
+    yield OddFile(lambda text: module.CPerCodeObject.GetPerCodeObject(new_program()[0].__code__))
+    yield OddFile(lambda text: sys.exit(3))
+    yield OddFile(lambda text: sys.__dict__.pop("stderr", None))
+    yield from (5, "no file", object(), io.StringIO, len)
+    closed = io.StringIO()
+    closed.close()
+    yield closed
+    closing = io.StringIO()
+    yield OddFile(lambda text: (closing.close(), closing.write(text)))
+    path = tempfile.mktemp()
+    with open(path, "w") as stream:
+        os.unlink(path)
+        os.close(os.dup(stream.fileno()))
+        yield stream
+        descriptor = stream.fileno()
+        saved = os.dup(descriptor)
+        os.close(descriptor)        # behind its back
+        yield stream
+        os.dup2(saved, descriptor)
+        os.close(saved)
+    with open("/dev/full", "w") as stream:
+        yield stream
+        attempt(stream.close)
+
+
+@case
+def log_files_that_misbehave(module):
+    stderr = sys.stderr
+    for log in odd_files(module):
+        for mask in (64, 1023):
+            function, generator = new_program()
+            module.set_dprintf_file(log, -1, 0)
+            module.set_dprintf_mask(mask)
+            with watch(module, function, raising(ValueError)):
+                assert [function(n) for n in range(3)] == [0, 1, 2]
+            assert list(generator()) == [1, 2]
+            attempt(module.CPerFile.GetPerFile, [])
+            attempt(module.get_canonical_pathname, "relative.py")
+            attempt(module.dprintf, 1023, "text")
+            module.set_dprintf_file(None, -1, 0)
+            sys.stderr = stderr
+    assert_filter_works(module)
 
 
 @case
@@ -246,6 +337,23 @@ def log_files_dropped_while_they_write(module):
             module.dprintf(1023, "text\n")
             attempt(module.CPerFile.GetPerFile, [])
         module.set_dprintf_file(None, -1, 0)
+    assert_filter_works(module)
+
+
+@case
+def log_files_that_reset(module):
+    """The file tables are replaced in the middle of an operation on them."""
+    names = ("relative.py", "a/../b.py", "/nowhere/../c.pyc")
+    for number in range(20):
+        for name in names:
+            name = name.replace(".py", "%d.py" % number)
+            for call in (module.get_canonical_pathname, module.register_canonical_pathname,
+                         module.lookup_canonical_pathname,
+                         lambda name: module.CPerCodeObject(compile("1", name, "exec"), None)):
+                module.set_dprintf_file(OddFile(lambda text: module.reset()), -1, 0)
+                module.set_dprintf_mask(module.kLogFilenames)
+                attempt(call, name)
+    module.reset()
     assert_filter_works(module)
 
 
@@ -277,6 +385,37 @@ def reprs_that_reset(module):
         del spoil[:]
     module.set_dprintf_file(None, -1, 0)
     assert_filter_works(module)
+
+
+@case
+def log_files_whose_end_sets_another(module):
+    """Nothing that was set in between is left over."""
+    class Mortal(support.LogFile):
+        def __del__(self):
+            module.set_dprintf_file(support.LogFile(), -1, 0)
+
+    for _ in range(3):
+        module.set_dprintf_file(Mortal(), -1, 0)
+        module.set_dprintf_file(None, -1, 0)
+    module.set_dprintf_file(None, -1, 0)
+    gc.collect()
+    left = [each for each in gc.get_objects() if type(each) is support.LogFile]
+    assert not left, left
+
+
+@case
+def failures_that_follow_each_other(module):
+    """Each is reported to the host alone and leaves nothing of the earlier ones."""
+    from brixbase import dlog
+    callback = module.CInitialCallback(32, raising(ValueError), 1).Callback
+    code = new_program()[0].__code__
+    for _ in range(50):
+        callback(code, 1)
+        dlog.forget()
+    length, error = 0, sys.exc_info()[1]
+    while error is not None:
+        length, error = length + 1, error.__context__
+    assert length <= 2, "%d exceptions are kept alive" % length
 
 
 @case
@@ -387,7 +526,7 @@ def host_package_gone(module):
 def without_memory(module, make_action, limit=times(60, 400)):
     """The action with its Nth allocation failing, and with all from the Nth on, for each N."""
     from brixbase import dlog
-    # 3.15's debug build ends when the list of the stand-in host cannot grow
+    # the debug builds of 3.14 and 3.15 end when a list, here that of the stand-in host, cannot grow
     dlog.LogException.__code__ = (lambda *args: None).__code__
     for stop in (1, 0):
         for number in range(1, limit):
@@ -438,7 +577,7 @@ def no_memory_for_a_first_event(module):
 @needs_nomemory
 @silently
 def no_memory_for_a_first_event_with_the_log_on(module):
-    module.set_dprintf_file(support.LogFile(), -1, 0)
+    module.set_dprintf_file(OddFile(), -1, 0)
     module.set_dprintf_mask(1023)
     callback = callback_of(module)
 

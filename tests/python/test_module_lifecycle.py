@@ -95,6 +95,7 @@ class DefinitionTest(unittest.TestCase):
         library.PyInit_optmonitoring.restype = ctypes.c_void_p     # borrowed
         definition = state.object_at(library.PyInit_optmonitoring())
         self.assertEqual(type(definition).__name__, "moduledef")
+        self.assertIs(state.object_at(library.PyInit_optmonitoring()), definition)     # definitions are never freed
         library.initoptmonitoring.restype = None
         self.assertIsNone(library.initoptmonitoring())
 
@@ -163,7 +164,7 @@ class PublishedTest(unittest.TestCase):
                      ["_fDebugPolicyCallback", "_fNewPerThreadCreatedCallback", "_fGetThreadNameCallback"])]:
                 found = {name: value for name, value in vars(cls).items() if name.startswith("_f")}
                 expected = {name: {} for name in dicts}
-                expected.update({name: None for name in hooks})
+                expected.update(dict.fromkeys(hooks))
                 self.assertEqual(found, expected)
 
     def test_a_missing_thread_dict_is_made_anew(self):
@@ -521,6 +522,18 @@ print(os.waitpid(child, 0)[1])
         self.failing(lambda: add("1"), TypeError, None, line)
         self.failing(lambda: add(1.0), TypeError, None, line)
         self.failing(lambda: add(1 << 63), OverflowError, None, line)
+
+    def test_count_that_the_counter_cannot_hold_fails(self):
+        line = "Exception in AddToThreadStateTracing\n"
+        add = optmonitoring.AddToThreadStateTracing
+        for count in (-1, 1 << 31, -1 << 31, 1 << 62, -1 << 62):
+            self.failing(lambda: add(count), OverflowError, "the tracing counter would leave its range", line)
+        add(1)
+        try:
+            for count in (-2, (1 << 31) - 1):
+                self.failing(lambda: add(count), OverflowError, "the tracing counter would leave its range", line)
+        finally:
+            add(-1)
 
 
 if __name__ == "__main__":

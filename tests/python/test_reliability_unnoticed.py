@@ -2,11 +2,7 @@
 
 import ctypes
 import errno
-import gc
-import os
-import signal
 import sys
-import threading
 import time
 import traceback
 import unittest
@@ -153,6 +149,13 @@ class Errors(UnnoticedTestCase):
         library, variable = ctypes.CDLL(None), errno_variable()
         self.assertEqual(self.same(lambda program: program.f(library, variable), text), (errno.EBADF, 77))
 
+    def test_errno_of_the_first_event_of_a_file_that_is_missing(self):
+        function = new_function(filename="/nowhere/missing_%d.py" % time.time())
+        variable = errno_variable()
+        variable.value = 77
+        self.callback("LINE").Callback(function.__code__, 1)
+        self.assertEqual(variable.value, 77)
+
     def test_errno_that_ctypes_keeps(self):
         text = ("import ctypes\n\ndef f(library):\n    library.close(-1)\n    kept = ctypes.get_errno()\n"
                 "    ctypes.set_errno(5)\n    return kept, ctypes.get_errno()\n")
@@ -211,7 +214,7 @@ class Exceptions(UnnoticedTestCase):
                 generator.close()
             except RuntimeError as e:
                 text = str(e)
-            generator = e = None
+            generator = None
             return text, ignored[:]
         self.same(action)
 
