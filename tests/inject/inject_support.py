@@ -20,7 +20,6 @@ LOOK_UPS, INTERPRETER_CALLS, ALLOCATIONS = -3, -2, -1
 TARGET_NAMES = {LOOK_UPS: "look-up", INTERPRETER_CALLS: "interpreter call", ALLOCATIONS: "allocation"}
 TO_THE_END = 1 << 30
 STDERR_LOST = "sys.stderr is another"
-LONG = os.environ.get("OPTMONITORING_LONG") == "1"
 
 
 class Injected(Exception):

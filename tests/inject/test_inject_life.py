@@ -205,6 +205,24 @@ class Life(unittest.TestCase):
                     break
                 n += 1
 
+    def test_growth_of_the_file_tables(self):
+        """A growth that fails, the next one that succeeds, and the tables' end."""
+        names = ["/nowhere/%d.py" % n for n in range(60)]       # grows them twice
+
+        def register():
+            return [self.om.register_canonical_pathname(name) for name in names]
+
+        n = 1
+        while True:
+            self.om.reset()
+            outcome = inject_support.Outcome(ALLOCATIONS, n, n, register)
+            self.assertEqual(register(), names, repr(outcome))
+            self.om.reset()
+            if not outcome.failed:
+                break
+            n += 1
+        self.assertGreater(n, 2 * len(names))
+
 
 if __name__ == "__main__":
     unittest.main()
