@@ -170,7 +170,8 @@ static void fill_str_with_repr(tDPData* data, char** buffer, PyObject* obj)
     tHeldState held(tstate);
     XPyOwned repr(api.PyObject_Repr(obj));
     if (repr) {
-        copy_limited(*buffer, dprint_check_pystr(repr.borrow()));
+        const char* text = dprint_check_pystr(repr.borrow());  // which may log, and so run code too
+        copy_limited(*buffer, text);
         return;
     }
     api.PyErr_Clear();

@@ -358,6 +358,33 @@ def log_files_that_reset(module):
 
 
 @case
+def log_files_that_reset_while_a_repr_is_kept(module):
+    """A repr without UTF-8 is told to the log, whose write drops the buffer that waits for the text."""
+    class Odd(object):
+        def __repr__(self):
+            return "\ud800"
+
+        def __call__(self, *args):
+            return 1
+
+    logged = []
+
+    def write(text):
+        logged.append(text)
+        module.reset()
+        spoil.extend(bytearray(b"x" * 4001) for _ in range(8))
+
+    for _ in range(20):
+        spoil = []
+        module.set_dprintf_file(OddFile(write), -1, 0)
+        module.set_dprintf_mask(module.kLogInitialMonitoringCallbacks | module.kLogFilenames)
+        module.CInitialCallback(32, Odd(), 1).Callback(new_program()[0].__code__, 1)
+    assert logged
+    module.set_dprintf_file(None, -1, 0)
+    assert_filter_works(module)
+
+
+@case
 def reprs_that_reset(module):
     """The buffers of the log are dropped while a message with two of them is made."""
     class Policy(object):
