@@ -118,12 +118,46 @@ static void remember_value(PyObject* cls, tClassAttr* attribute, PyObject* value
     }
 }
 
+// 3.12 takes a class's version away only after a replaced value has died, and what dies with a registry may ask for
+// that registry: until then caches, the interpreter's too, have the dying value. The class's own dict is right.
+static bool is_dying(const PyObject* value)
+{
+    return XPy_GetRefCnt(value) <= 0;
+}
+
+static void set_no_attribute(PyObject* cls, PyObject* name)
+{
+    XPyOwned class_name(api.PyObject_GetAttrString(cls, "__name__"));
+    if (class_name)
+        api.PyErr_Format(api.PyExc_AttributeError, "type object 'optmonitoring.%U' has no attribute '%U'",
+                         class_name.borrow(), name);
+}
+
+// The attribute as PyObject_GetAttr() finds it, past the interpreter's cache. [new]
+static PyObject* read_class_attr(PyObject* cls, tNameCache* cache)
+{
+    PyObject* name = borrow_cached_name(cache);
+    if (!name)
+        return nullptr;
+    bool is_plain_class = gTypeVersionOffset != -1 && XPy_BorrowTypeInline(cls) == api.PyType_Type_ptr;
+    PyObject** own = is_plain_class ? api._PyObject_GetDictPtr(cls) : nullptr;
+    if (!own || !*own)
+        return api.PyObject_GetAttr(cls, name);
+    PyObject* value = api.PyDict_GetItemWithError(*own, name);
+    if (value)
+        return api.PyType_GetSlot(XPy_BorrowTypeInline(value), kSlotTpDescrGet) ? api.PyObject_GetAttr(cls, name)
+                                                                                : XPy_NewRef(value);
+    if (!api.PyErr_Occurred())
+        set_no_attribute(cls, name);  // its one base is `object`
+    return nullptr;
+}
+
 PyObject* get_class_attr(PyObject* cls, tClassAttr* attribute)
 {
-    if (XPY_LIKELY(is_as_marked(&attribute->mark, as_type(cls))))
+    if (XPY_LIKELY(is_as_marked(&attribute->mark, as_type(cls)) && !is_dying(attribute->value)))
         return XPy_NewRef(attribute->value);
     attribute->mark.cls = nullptr;
-    PyObject* value = get_cached_attr(cls, &attribute->name);
+    PyObject* value = read_class_attr(cls, &attribute->name);
     if (value)
         remember_value(cls, attribute, value);
     return value;

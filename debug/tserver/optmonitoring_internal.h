@@ -24,6 +24,7 @@ static constexpr int kMemberReadOnly = 1;
 
 // Type slots and flags.
 static constexpr int kSlotTpClear = 51;
+static constexpr int kSlotTpDescrGet = 54;
 static constexpr int kSlotTpInit = 60;
 static constexpr int kSlotTpMethods = 64;
 static constexpr int kSlotTpNew = 65;

@@ -315,6 +315,26 @@ def registries_that_reset(module):
 
 
 @case
+def registries_that_hold_the_last_of_a_code_object(module):
+    """The code dies with the registry that is replaced, and its death asks for that registry."""
+    for cls, name in REGISTRIES:
+        owner = getattr(module, cls)
+        for _ in range(5):
+            code = new_program()[0].__code__
+            module.CPerCodeObject.GetPerCodeObject(code, True, sys._getframe())
+            setattr(owner, name, {})
+            exercise_shortly(module)            # the module has seen it
+            getattr(owner, name)["code"] = code
+            del code
+            gc.collect()
+            setattr(owner, name, {})
+            made = [{} for _ in range(200)]
+            assert len(set(map(id, made))) == len(made), "two dicts are one"
+        attempt(module.reset)
+    exercise(module)
+
+
+@case
 def registries_that_call_the_module(module):
     depth = []
 
