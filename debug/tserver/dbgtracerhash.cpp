@@ -250,7 +250,8 @@ CUt_HashEntry* CU_NextHashEntry(CUt_HashSearch* search)
 {
     while (!search->nextEntryPtr) {
         if (search->nextIndex >= bucket_count(search->tablePtr)) {
-            search->nextIndex = search->tablePtr->numBuckets;
+            if (search->nextIndex < search->tablePtr->numBuckets)
+                search->nextIndex = search->tablePtr->numBuckets;
             return nullptr;
         }
         search->nextEntryPtr = search->tablePtr->buckets[search->nextIndex++];

@@ -434,7 +434,7 @@ static std::vector<CUt_HashEntry*> walk(CUt_HashTable* table)
     CUt_HashSearch search;
     for (CUt_HashEntry* entry = CU_FirstHashEntry(table, &search); entry; entry = CU_NextHashEntry(&search))
         seen.push_back(entry);
-    EXPECT_EQ(table->numBuckets, search.nextIndex);
+    EXPECT_EQ(std::max<uint32_t>(table->numBuckets, table->mask + 1), search.nextIndex);
     return seen;
 }
 
@@ -583,6 +583,12 @@ TEST(HashTable, GrowsEvenWhenFailuresHaveMadeNumBucketsOverflow)
         watch.stop();
     }
     EXPECT_EQ(0u, table.numBuckets);
+    CUt_HashSearch search;
+    size_t seen = 0;
+    for (CUt_HashEntry* entry = CU_FirstHashEntry(&table, &search); entry; entry = CU_NextHashEntry(&search))
+        ++seen;
+    EXPECT_EQ(entries.size(), seen);
+    EXPECT_EQ(nullptr, CU_NextHashEntry(&search));
     entries.push_back(add(&table, "k31"));
     EXPECT_EQ(15, table.mask);
     expect_same_entries(entries, walk(&table));
