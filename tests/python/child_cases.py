@@ -22,7 +22,7 @@ import warnings
 
 import support
 
-SECONDS = int(os.environ.get("OPTMONITORING_CASE_SECONDS", 60))      # after which a case that hangs is ended
+SECONDS = int(os.environ.get("OPTMONITORING_CASE_SECONDS", "60"))      # after which a case that hangs is ended
 DEPTH = 120          # of the stack: code that recurses without end comes to it soon
 FULL = bool(os.environ.get("OPTMONITORING_LONG"))
 _cases = {}
@@ -88,7 +88,7 @@ def main(namespace):
 
 def test_class(script, name, **environment):
     """A test case with one test for each case of the script, which runs once, when its first test does."""
-    child = __import__(script)
+    __import__(script)
 
     @classmethod
     def setUpClass(cls):

@@ -160,7 +160,7 @@ class FilterTestCase(unittest.TestCase):
     @contextlib.contextmanager
     def internal(self, *pathnames):
         """These canonical pathnames belong to the debugger itself."""
-        self.om.SetInternalPathnameDict({pathname: True for pathname in pathnames})
+        self.om.SetInternalPathnameDict(dict.fromkeys(pathnames, True))
         try:
             yield
         finally:

@@ -16,7 +16,7 @@ import unittest
 import support
 
 sys.path.insert(0, os.path.join(support.HERE, "..", "..", "bench"))
-import instructions     # noqa: E402
+import instructions
 
 FLOOR = "floor"
 ROADS = ("line_off", "line_skip_thread", "step_thread", "policy_0", "internal_none", "fork_child")

@@ -188,7 +188,7 @@ class HeaderTest(LayoutTest):
     def test_each_offset_is_the_headers_one_or_stated(self):
         differences = []
         for record in OFFSET_RECORDS:
-            self.assertEqual(set(self.real[record]), set(name for name, _ in getattr(API, record)._fields_))
+            self.assertEqual(set(self.real[record]), {name for name, _ in getattr(API, record)._fields_})
             for field in self.real[record]:
                 expected = real = self.real_offset(record, field)
                 first, last, stated, reason = BY_DESIGN.get((record, field), (FOR_EVER, LONG_AGO, None, ""))
@@ -467,8 +467,8 @@ class TraceTest(LayoutTest):
         before = what_event.value
         with_trace(hook, lambda: None)
         events = sys.monitoring.events
-        number = dict((name, value.bit_length() - 1) for name, value in
-                      (("call", events.PY_START), ("line", events.LINE), ("return", events.PY_RETURN)))
+        number = {name: value.bit_length() - 1 for name, value in
+                  (("call", events.PY_START), ("line", events.LINE), ("return", events.PY_RETURN))}
         self.assertEqual(seen[:3], [(name, number[name]) for name in ("call", "line", "return")])
         self.assertEqual((before, what_event.value), (-1, -1))
 

@@ -134,9 +134,9 @@ class Interpreter(object):
 
     def differences(self, *kinds):
         """{symbol: kind} of the rows for this version with one of these kinds, or with a kind of these types."""
-        return dict((row.symbol, row.kind) for row in DIFFERENCES
-                    if row.symbol in self.exported and row.first <= self.version <= row.last and
-                    (row.kind in kinds or type(row.kind) in kinds))
+        return {row.symbol: row.kind for row in DIFFERENCES
+                if row.symbol in self.exported and row.first <= self.version <= row.last and
+                (row.kind in kinds or type(row.kind) in kinds)}
 
     def left_out(self):
         return self.differences(PRIVATE, UNDECLARED, Uncalled)
@@ -214,7 +214,7 @@ def compile_errors(compiler, interpreter, source):
             stream.write(source)
         result = subprocess.run(compiler + interpreter.options() + [path], stdout=subprocess.PIPE,
                                 stderr=subprocess.PIPE, universal_newlines=True, env=dict(os.environ, LC_ALL="C"))
-    by_line = dict((number, entry) for entry, (number, _) in ENTRY_LINES.items())
+    by_line = {number: entry for entry, (number, _) in ENTRY_LINES.items()}
     errors = {}
     for line in result.stderr.splitlines():
         match = re.match(r"([^:]+):(\d+):(?:\d+:)? (?:fatal )?error: (.*)", line)
@@ -275,12 +275,12 @@ class SignatureTest(unittest.TestCase):
         self.for_each(check)
 
     def test_each_row_of_the_table_is_needed(self):
-        entry_of = dict((name, entry) for entry, (_, names) in ENTRY_LINES.items() for name in names)
+        entry_of = {name: entry for entry, (_, names) in ENTRY_LINES.items() for name in names}
 
         def check(interpreter):
             needed = set(interpreter.left_out()) | set(interpreter.differences(Types))
             found = check_public(interpreter, {}, {})
-            self.assertEqual(set(entry_of[name] for name in found), set(entry_of[name] for name in needed))
+            self.assertEqual({entry_of[name] for name in found}, {entry_of[name] for name in needed})
         self.for_each(check)
 
     def test_wrong_signatures_do_not_compile(self):
@@ -304,7 +304,7 @@ class SignatureTest(unittest.TestCase):
     def test_wrong_private_signature_does_not_compile(self):
         def check(interpreter):
             private = interpreter.differences(PRIVATE)
-            wrong = dict((symbol, Types("int", "(PyThreadState*)")) for symbol in private)
+            wrong = {symbol: Types("int", "(PyThreadState*)") for symbol in private}
             if private:
                 self.assertEqual(set(compile_errors(CC, interpreter, generate(private, {}, wrong))), set(private))
         self.for_each(check)

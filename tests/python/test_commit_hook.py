@@ -1,0 +1,122 @@
+"""The commit hook: what it refuses, what it lets pass, and that it looks at what is committed."""
+
+import os
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+import support
+
+ROOT = os.path.dirname(os.path.dirname(support.HERE))
+COPIED = ["tools/lint", "tools/hooks/pre-commit", ".clang-format", ".shellcheckrc", "ruff.toml"]
+GOOD_NATIVE = "int answer(void)\n{\n    return 42;\n}\n"
+BAD_NATIVE = "int answer( void ) { return 42 ; }\n"
+
+
+def has_ruff():
+    tools = os.path.join(os.environ.get("BUILD", os.path.join(ROOT, "build")), "tools", "bin")
+    return shutil.which("ruff", path=os.pathsep.join([tools, os.environ.get("PATH", "")]))
+
+
+@unittest.skipUnless(shutil.which("git"), "git is not here")
+class CommitHook(unittest.TestCase):
+    def setUp(self):
+        self.folder = tempfile.mkdtemp()
+        self.addCleanup(shutil.rmtree, self.folder)
+        self.git("init", "--quiet")
+        for name in COPIED:
+            os.makedirs(os.path.join(self.folder, os.path.dirname(name)), exist_ok=True)
+            shutil.copy(os.path.join(ROOT, name), os.path.join(self.folder, name))
+        self.git("add", ".")
+        self.commit("--no-verify")
+        self.git("config", "core.hooksPath", "tools/hooks")
+
+    def git(self, *arguments):
+        """Exit status and everything written."""
+        environment = {name: value for name, value in os.environ.items() if not name.startswith("GIT_")}
+        environment.setdefault("BUILD", os.path.join(ROOT, "build"))
+        done = subprocess.run(["git", "-c", "user.name=tests", "-c", "user.email=tests@localhost"] + list(arguments),
+                              cwd=self.folder, env=environment, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                              universal_newlines=True)
+        return done.returncode, done.stdout
+
+    def commit(self, *options):
+        return self.git("commit", "--quiet", "--message", "change", *options)
+
+    def write(self, name, text):
+        os.makedirs(os.path.join(self.folder, os.path.dirname(name)), exist_ok=True)
+        with open(os.path.join(self.folder, name), "w") as stream:
+            stream.write(text)
+
+    def stage(self, name, text):
+        self.write(name, text)
+        self.git("add", name)
+
+    def commits(self):
+        return int(self.git("rev-list", "--count", "HEAD")[1])
+
+    def assert_refused(self, *words):
+        status, out = self.commit()
+        self.assertNotEqual(status, 0)
+        for word in words:
+            self.assertIn(word, out)
+        self.assertEqual(self.commits(), 1)
+
+    def assert_accepted(self):
+        status, out = self.commit()
+        self.assertEqual(status, 0, out)
+        self.assertEqual(self.commits(), 2)
+
+    @unittest.skipUnless(shutil.which("clang-format-14"), "clang-format-14 is not here")
+    def test_layout_of_native_code(self):
+        self.stage("debug/tserver/a.cpp", BAD_NATIVE)
+        self.assert_refused("debug/tserver/a.cpp", "format")
+        self.stage("debug/tserver/a.cpp", GOOD_NATIVE)
+        self.assert_accepted()
+
+    @unittest.skipUnless(shutil.which("clang-format-14"), "clang-format-14 is not here")
+    def test_the_index_counts_and_not_the_file(self):
+        self.stage("debug/tserver/a.cpp", BAD_NATIVE)
+        self.write("debug/tserver/a.cpp", GOOD_NATIVE)
+        self.assert_refused("debug/tserver/a.cpp")
+        self.stage("debug/tserver/a.cpp", GOOD_NATIVE)
+        self.write("debug/tserver/a.cpp", BAD_NATIVE)
+        self.assert_accepted()
+
+    @unittest.skipUnless(has_ruff(), "ruff is not here")
+    def test_python(self):
+        self.stage("tools/a.py", "import os\n")
+        self.assert_refused("tools/a.py", "F401")
+        self.stage("tools/a.py", "import os\n\nprint(os.name)\n")
+        self.assert_accepted()
+
+    @unittest.skipUnless(has_ruff(), "ruff is not here")
+    def test_scripts_without_a_suffix(self):
+        self.stage("tools/a", "#!/usr/bin/env python3\nimport os\n")
+        self.assert_refused("F401")
+
+    def test_headers_of_the_module(self):
+        self.stage("debug/tserver/a.cpp", "#include <vector>\n")
+        self.assert_refused("debug/tserver/a.cpp:1: the module does not include <vector>", "limits")
+
+    def test_length_of_native_files(self):
+        self.stage("tests/cpp/a.cpp", "// line\n" * 701)
+        self.assert_refused("tests/cpp/a.cpp: longer than 700 lines")
+        self.stage("tests/cpp/a.cpp", "// line\n" * 700)
+        self.assert_accepted()
+
+    def test_what_is_not_staged_is_not_looked_at(self):
+        self.write("debug/tserver/a.cpp", "#include <vector>\n")
+        self.stage("notes.txt", "text\n")
+        self.assert_accepted()
+
+    def test_a_file_that_goes(self):
+        self.git("rm", "--quiet", ".shellcheckrc")
+        self.stage("notes.txt", "text\n")
+        self.git("reset", "--quiet", "HEAD", ".shellcheckrc")
+        self.assert_accepted()
+
+
+if __name__ == "__main__":
+    unittest.main()
