@@ -13,6 +13,7 @@ from inject_support import ALLOCATIONS, INTERPRETER_CALLS, LOOK_UPS, TO_THE_END,
 HAS_FILTER = hasattr(sys, "monitoring")
 REFUSED = (ImportError, "Unable to init XPy")
 WITHOUT_FILTER = (AttributeError, "No sys.monitoring attribute")
+USUAL = None if HAS_FILTER else WITHOUT_FILTER      # of an import in which nothing failed
 EXPECTED_ERRORS = [
     REFUSED,
     WITHOUT_FILTER,
@@ -51,9 +52,14 @@ def fault_of_call(error):
         return "an exception of its own"
     if error in (REFUSED, WITHOUT_FILTER):
         return None
-    if error is not None and import_module() is not None:
+    is_without_version = lib.inject_failed_name(0) in VERSION_FUNCTIONS
+    if not HAS_FILTER and is_without_version:
+        return None
+    if error != USUAL and import_module() != USUAL:
         return "the next try fails"
-    if lib.inject_failed_name(0) in VERSION_FUNCTIONS and "CInitialCallback" not in vars(sys.modules["optmonitoring"]):
+    if not HAS_FILTER:
+        return None
+    if is_without_version and "CInitialCallback" not in vars(sys.modules["optmonitoring"]):
         return None
     return None if one_event() else "the event did not reach the host"
 
