@@ -1,10 +1,10 @@
 """The built module as a file: what it needs, what it shows, and that a program's own names do not get in between."""
 
 import os
+import platform
 import re
 import shutil
 import subprocess
-import sys
 import tempfile
 import unittest
 
@@ -50,6 +50,12 @@ def declared_names():
     return names
 
 
+def listed_names():
+    """The names that a host's native code may count on: a change of this list is a change for hosts."""
+    with open(os.path.join(HEADERS, "exported_symbols.txt")) as stream:
+        return stream.read().split()
+
+
 def symbols():
     """The dynamic symbols as (name without version, type letter)."""
     rows = []
@@ -64,7 +70,15 @@ class File(unittest.TestCase):
         dynamic = output(tool("readelf"), "-Wd", support.module_file())
         needed = set(re.findall(r"\(NEEDED\).*\[(.*)\]", dynamic))
         self.assertIn("libc.so.6", needed)
-        self.assertLessEqual(needed, {"libc.so.6", "ld-linux-x86-64.so.2"})
+        # old C libraries have the loader's functions in a file of their own
+        self.assertLessEqual(needed, {"libc.so.6", "libdl.so.2", "ld-linux-x86-64.so.2"})
+
+    @unittest.skipUnless(platform.machine() == "x86_64", "other machines' first versions are newer")
+    def test_asks_the_c_library_for_nothing_newer_than_2_17(self):
+        versions = re.findall(r"Name: GLIBC_([\d.]+)", output(tool("readelf"), "-WV", support.module_file()))
+        self.assertIn("2.2.5", versions)
+        newest = max(tuple(int(number) for number in version.split(".")) for version in versions)
+        self.assertLessEqual(newest, (2, 17))
 
     def test_has_no_search_path_and_no_text_relocations(self):
         dynamic = output(tool("readelf"), "-Wd", support.module_file())
@@ -88,9 +102,14 @@ class File(unittest.TestCase):
                    if re.match(r"_?Py|_Z|__cxa_|__gxx_|_Unwind_", name)}
         self.assertLessEqual(foreign, {("__cxa_finalize", "w")})
 
-    def test_shows_exactly_what_the_headers_publish(self):
-        shown = {name for name, kind in symbols() if kind not in "Uwv"}
-        self.assertEqual(shown, set(declared_names()) | ENTRY_POINTS)
+    def test_shows_exactly_what_is_listed(self):
+        shown = sorted(name for name, kind in symbols() if kind not in "Uwv")
+        self.assertEqual(shown, listed_names())
+
+    def test_holds_nothing_of_the_build_with_failures_injected(self):
+        names = output(tool("nm"), support.module_file())
+        self.assertIn("PyInit_optmonitoring", names)
+        self.assertNotIn("inject", names)
 
     def test_shows_functions_as_code_and_variables_as_data(self):
         kinds = dict(symbols())
@@ -105,6 +124,9 @@ class File(unittest.TestCase):
 
 
 class Headers(unittest.TestCase):
+    def test_they_publish_exactly_what_is_listed(self):
+        self.assertEqual(sorted(set(declared_names()) | ENTRY_POINTS), listed_names())
+
     def test_the_reader_finds_functions_and_variables_once_each(self):
         names = declared_names()
         self.assertEqual(sorted(names), sorted(set(names)))
