@@ -53,9 +53,10 @@ tFileOpsUse::~tFileOpsUse()
 
 tFileOpsData* create_file_ops_data(tDPData* dp)
 {
-    tFileOpsData* data = static_cast<tFileOpsData*>(calloc(1, sizeof(tCountedFileOps)));
-    if (!data)
+    tCountedFileOps* record = static_cast<tCountedFileOps*>(calloc(1, sizeof(tCountedFileOps)));
+    if (!record)
         return nullptr;
+    tFileOpsData* data = &record->data;
     data->dp = dp;
     for (const tFileTable& row : kFileTables)
         CU_InitHashTable(&(data->*row.table), row.key_type);

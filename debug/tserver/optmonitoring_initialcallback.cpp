@@ -4,6 +4,7 @@
 
 #include <errno.h>
 
+#include "optmonitoring_docs.h"
 #include "optmonitoring_internal.h"
 
 static constexpr int kLinenoCallbackNoArgs = 4236;
@@ -575,13 +576,13 @@ static void CInitialCallback_finalize(PyObject* self)
 }
 
 static PyMethodDef kMethods[] = {
-    {"Callback", AS_METHOD(CInitialCallback_Callback), kMethInstance, nullptr},
+    {"Callback", AS_METHOD(CInitialCallback_Callback), kMethInstance, kDocCInitialCallback_Callback},
     {nullptr, nullptr, 0, nullptr},
 };
 
-#define MEMBER(name, field, type, flags)                                  \
-    {                                                                     \
-        name, type, offsetof(CInitialCallbackBody, field), flags, nullptr \
+#define MEMBER(name, field, type, flags)                                                       \
+    {                                                                                          \
+        name, type, offsetof(CInitialCallbackBody, field), flags, kDocCInitialCallback_##field \
     }
 static PyMemberDef kMembers[] = {
     MEMBER("_mod", mod, kMemberObject, kMemberReadOnly),

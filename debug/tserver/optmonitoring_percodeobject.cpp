@@ -3,6 +3,7 @@
 #include <string.h>
 #include <strings.h>
 
+#include "optmonitoring_docs.h"
 #include "optmonitoring_internal.h"
 
 static constexpr int kLinenoNoPathname = 1784;
@@ -519,10 +520,11 @@ static PyObject* CPerCodeObject_cb_code_object_dealloc(PyObject* self, PyTypeObj
 static constexpr int kDeathCallback = 2;  // its place in the table
 
 static PyMethodDef kMethods[] = {
-    {"GetPerCodeObject", AS_METHOD(CPerCodeObject_GetPerCodeObject), kMethClass, nullptr},
+    {"GetPerCodeObject", AS_METHOD(CPerCodeObject_GetPerCodeObject), kMethClass, kDocCPerCodeObject_GetPerCodeObject},
     {"SetNewPerCodeObjectCreatedCallback", AS_METHOD(CPerCodeObject_SetNewPerCodeObjectCreatedCallback), kMethClass,
-     nullptr},
-    {"_cb_code_object_dealloc", AS_METHOD(CPerCodeObject_cb_code_object_dealloc), kMethInstance, nullptr},
+     kDocCPerCodeObject_SetNewPerCodeObjectCreatedCallback},
+    {"_cb_code_object_dealloc", AS_METHOD(CPerCodeObject_cb_code_object_dealloc), kMethInstance,
+     kDocCPerCodeObject_cb_code_object_dealloc},
     {nullptr, nullptr, 0, nullptr},
 };
 
@@ -647,9 +649,9 @@ bool CPerCodeObject_CreateShortly(tModuleState* m, PyObject* code, PyObject** re
 
 // ---- The class ----
 
-#define MEMBER(name, type, flags)                                       \
-    {                                                                   \
-#name, type, offsetof(CPerCodeObjectBody, name), flags, nullptr \
+#define MEMBER(name, type, flags)                                                         \
+    {                                                                                     \
+#name, type, offsetof(CPerCodeObjectBody, name), flags, kDocCPerCodeObject_##name \
     }
 static PyMemberDef kMembers[] = {
     MEMBER(fCodeObjectWeakRef, kMemberObject, kMemberReadOnly),

@@ -1,5 +1,6 @@
 // CPerFile: the record of one source file, kept by canonical pathname and by checksum.
 
+#include "optmonitoring_docs.h"
 #include "optmonitoring_internal.h"
 
 // ---- Class attributes ----
@@ -258,17 +259,19 @@ static PyObject* CPerFile_UpdateChecksum(PyObject* self, PyTypeObject* cls, PyOb
 // ---- The class ----
 
 static PyMethodDef kMethods[] = {
-    {"GetPerFile", AS_METHOD(CPerFile_GetPerFile), kMethClass, nullptr},
-    {"GetPerFileSetForChecksum", AS_METHOD(CPerFile_GetPerFileSetForChecksum), kMethClass, nullptr},
-    {"GetAllPerFiles", AS_METHOD(CPerFile_GetAllPerFiles), kMethClass, nullptr},
-    {"SetNewPerFileCreatedCallback", AS_METHOD(CPerFile_SetNewPerFileCreatedCallback), kMethClass, nullptr},
-    {"UpdateChecksum", AS_METHOD(CPerFile_UpdateChecksum), kMethInstance, nullptr},
+    {"GetPerFile", AS_METHOD(CPerFile_GetPerFile), kMethClass, kDocCPerFile_GetPerFile},
+    {"GetPerFileSetForChecksum", AS_METHOD(CPerFile_GetPerFileSetForChecksum), kMethClass,
+     kDocCPerFile_GetPerFileSetForChecksum},
+    {"GetAllPerFiles", AS_METHOD(CPerFile_GetAllPerFiles), kMethClass, kDocCPerFile_GetAllPerFiles},
+    {"SetNewPerFileCreatedCallback", AS_METHOD(CPerFile_SetNewPerFileCreatedCallback), kMethClass,
+     kDocCPerFile_SetNewPerFileCreatedCallback},
+    {"UpdateChecksum", AS_METHOD(CPerFile_UpdateChecksum), kMethInstance, kDocCPerFile_UpdateChecksum},
     {nullptr, nullptr, 0, nullptr},
 };
 
-#define MEMBER(name)                                                                 \
-    {                                                                                \
-#name, kMemberObject, offsetof(CPerFileBody, name), kMemberReadOnly, nullptr \
+#define MEMBER(name)                                                                             \
+    {                                                                                            \
+#name, kMemberObject, offsetof(CPerFileBody, name), kMemberReadOnly, kDocCPerFile_##name \
     }
 static PyMemberDef kMembers[] = {
     MEMBER(fCanonicalPathname), MEMBER(fBpSetByLineno),      MEMBER(fKnownPerCodeObjects),

@@ -4,6 +4,7 @@
 
 #include <initializer_list>
 
+#include "optmonitoring_docs.h"
 #include "optmonitoring_internal.h"
 
 static constexpr int kLinenoNotPerThread = 3682;
@@ -482,19 +483,22 @@ static PyObject* CPerThread_FindThreadName(PyObject* self, PyTypeObject* cls, Py
 // ---- The class ----
 
 static PyMethodDef kMethods[] = {
-    {"GetPerThread", AS_METHOD(CPerThread_GetPerThread), kMethClass, nullptr},
-    {"GetAllPerThreads", AS_METHOD(CPerThread_GetAllPerThreads), kMethClass, nullptr},
-    {"SetDebugPolicyCallback", AS_METHOD(CPerThread_SetDebugPolicyCallback), kMethClass, nullptr},
-    {"SetNewPerThreadCreatedCallback", AS_METHOD(CPerThread_SetNewPerThreadCreatedCallback), kMethClass, nullptr},
-    {"SetGetThreadNameCallback", AS_METHOD(CPerThread_SetGetThreadNameCallback), kMethClass, nullptr},
-    {"GetDebugPolicy", AS_METHOD(CPerThread_GetDebugPolicy), kMethInstance, nullptr},
-    {"FindThreadName", AS_METHOD(CPerThread_FindThreadName), kMethInstance, nullptr},
+    {"GetPerThread", AS_METHOD(CPerThread_GetPerThread), kMethClass, kDocCPerThread_GetPerThread},
+    {"GetAllPerThreads", AS_METHOD(CPerThread_GetAllPerThreads), kMethClass, kDocCPerThread_GetAllPerThreads},
+    {"SetDebugPolicyCallback", AS_METHOD(CPerThread_SetDebugPolicyCallback), kMethClass,
+     kDocCPerThread_SetDebugPolicyCallback},
+    {"SetNewPerThreadCreatedCallback", AS_METHOD(CPerThread_SetNewPerThreadCreatedCallback), kMethClass,
+     kDocCPerThread_SetNewPerThreadCreatedCallback},
+    {"SetGetThreadNameCallback", AS_METHOD(CPerThread_SetGetThreadNameCallback), kMethClass,
+     kDocCPerThread_SetGetThreadNameCallback},
+    {"GetDebugPolicy", AS_METHOD(CPerThread_GetDebugPolicy), kMethInstance, kDocCPerThread_GetDebugPolicy},
+    {"FindThreadName", AS_METHOD(CPerThread_FindThreadName), kMethInstance, kDocCPerThread_FindThreadName},
     {nullptr, nullptr, 0, nullptr},
 };
 
-#define MEMBER(name, type, flags)                                   \
-    {                                                               \
-#name, type, offsetof(CPerThreadBody, name), flags, nullptr \
+#define MEMBER(name, type, flags)                                                 \
+    {                                                                             \
+#name, type, offsetof(CPerThreadBody, name), flags, kDocCPerThread_##name \
     }
 static PyMemberDef kMembers[] = {
     MEMBER(mod, kMemberObject, kMemberReadOnly),

