@@ -400,6 +400,15 @@ class ChecksumTest(PerFileTestCase):
         self.assertEqual(record.fChecksum, "1")
         self.fails(TypeError, "Excess positional arguments passed to function", [UPDATE], record.UpdateChecksum, 1)
 
+    def test_index_that_holds_something_else_than_sets(self):
+        self.use_checksums(a="1")
+        record = self.cls.GetPerFile("a")
+        self.checksums["a"] = "2"
+        self.cls._fByChecksum = {"1": {record}, "2": "no set"}
+        with support.logging_to(64):
+            self.assertRaises(SystemError, record.UpdateChecksum)
+        self.assertEqual((record.fChecksum, self.cls._fByChecksum), ("2", {"1": {record}, "2": "no set"}))
+
     def test_update_of_a_half_made_record(self):
         self.fails(AttributeError, "fCanonicalPathname", [UPDATE], self.cls.__new__(self.cls).UpdateChecksum)
 
