@@ -8,12 +8,20 @@ PYTHONS ?=
 # Interpreters that `make test` gets when they are missing; see `tools/interpreters`.
 INTERPRETERS ?= 3.14 3.15 3.14-debug
 
+# How long `make fuzz` fuzzes each unit.
+FUZZ_SECONDS ?= 60
+
 # Interpreters to run under the sanitizers: the first one with sys.monitoring, or those named.
 WATCHED_PYTHONS ?= $(or $(PYTHONS),$(shell tools/interpreters list --cmake --min 3.12 | \
                      awk -F'|' '$$3 == "release" { print $$1; exit }'))
 
-.PHONY: help setup build run demo test test-all test-cpp test-python test-host test-life selfhost inject asan tsan valgrind bench bench-quick bench-host bench-growth bench-units \
-        bench-debugpy bench-docs tests-built some-interpreters interpreters clean
+# Those to run the debugger's tests under: the first from 3.14 on, or those named.
+WATCHED_HOSTS ?= $(or $(PYTHONS),$(shell tools/interpreters list --cmake --min 3.14 | \
+                   awk -F'|' '$$3 == "release" { print $$1; exit }'),$(WATCHED_PYTHONS))
+
+.PHONY: help setup build run demo test test-all test-cpp test-python test-host test-life selfhost wheel types inject fuzz asan tsan valgrind bench bench-quick bench-host bench-growth bench-units \
+        bench-debugpy bench-docs tests-built some-interpreters interpreters clean \
+        lint format hooks coverage
 
 help:  ## list the targets
 	@grep -E '^[a-z-]+:.*## ' $(MAKEFILE_LIST) | sed -E 's/:.*## /\t/' | expand -t 16
@@ -48,7 +56,7 @@ test-all:  ## the same, and insist on the whole matrix of interpreters
 	@$(MAKE) --no-print-directory test INTERPRETERS=3.14 PYTHONS=
 
 test: tests-built  ## run all tests in every interpreter found
-	@tools/run_ctest $(BUILD) -E '^(inject|life)_'
+	@tools/run_ctest $(BUILD) -LE '^long$$'
 
 test-cpp: tests-built  ## the C++ tests only
 	@tools/run_ctest $(BUILD) -R '^cpp_'
@@ -65,19 +73,37 @@ inject: tests-built  ## every allocation and every interpreter call failing in t
 test-life: tests-built  ## hostile programs, failing hooks, thousands of births and deaths (some minutes an interpreter)
 	@tools/run_ctest $(BUILD) -R '^life_'
 
-selfhost: build  ## the interpreters' own test suites under the filter (an hour or more)
+wheel:  ## make the package: the sdist and the one wheel, in build/package/dist
+	@tools/setup package
+	@BUILD=$(BUILD) tools/make_wheel
+
+types: build  ## check the stubs against the module, in every interpreter, and the debugger's own types
+	@tools/setup test
+	@cmake -S . -B $(BUILD) -G Ninja "-DOPTMONITORING_PYTHONS=$(PYTHONS)" >/dev/null
+	@tools/run_ctest $(BUILD) -R '^package_types$$'
+
+selfhost: build  ## the interpreters' own test suites under the filter (half an hour or more)
 	@python3 tools/selfhost --module-dir $(BUILD)
 
-asan:  ## the C++ tests and the Python suites under ASan and UBSan
+fuzz:  ## fuzz each unit for FUZZ_SECONDS, then run random programs as long
+	@tools/setup build && tools/setup fuzz
+	@cmake -S . -B $(BUILD) -G Ninja >/dev/null
+	@cmake --build $(BUILD) --target fuzzers optmonitoring -j $(JOBS)
+	@tests/fuzz/run_fuzz $(BUILD) $(FUZZ_SECONDS)
+	@python="$$(tools/choose_python)" && OPTMONITORING_DIR=$(BUILD) $$python tests/fuzz/fuzz_grammar.py \
+	    --seconds $(FUZZ_SECONDS)
+
+asan:  ## the C++ tests, the Python suites and the debugger's tests under ASan and UBSan
 	@tools/setup test
-	@cmake -S . -B $(BUILD)-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DOPTMONITORING_SANITIZE=address,undefined \
-	       "-DOPTMONITORING_PYTHONS=$(WATCHED_PYTHONS)" >/dev/null
+	@cmake --preset asan -B $(BUILD)-asan \
+	       "-DOPTMONITORING_PYTHONS=$(sort $(WATCHED_PYTHONS) $(WATCHED_HOSTS))" >/dev/null
 	@cmake --build $(BUILD)-asan --target plain_tests optmonitoring -j $(JOBS)
-	@tools/run_ctest $(BUILD)-asan -R '^(cpp_plain$$|py_)'
+	@watched="$$(echo $(WATCHED_PYTHONS) any | tr ' ' '|')"; hosts="$$(echo $(WATCHED_HOSTS) | tr ' ' '|')"; \
+	    tools/run_ctest $(BUILD)-asan -R "^(cpp_plain\$$|(py|fuzz)_($$watched)\.|host_($$hosts)\.test_)"
 
 tsan:  ## the Python suites with threads under TSan
 	@tools/setup test
-	@cmake -S . -B $(BUILD)-tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DOPTMONITORING_SANITIZE=thread \
+	@cmake --preset tsan -B $(BUILD)-tsan \
 	       "-DOPTMONITORING_PYTHONS=$(WATCHED_PYTHONS)" >/dev/null
 	@cmake --build $(BUILD)-tsan --target optmonitoring -j $(JOBS)
 	@setarch -R tools/run_ctest $(BUILD)-tsan -R '^py_.*(thread|filter_live|initial_callback|life)'
@@ -125,6 +151,31 @@ bench-docs:  ## measure everything and renew the tables and plots of docs/perfor
 	@$(MAKE) --no-print-directory bench || echo "Not all is well; the page goes on with what was measured."
 	@$(MAKE) --no-print-directory bench-growth bench-units
 	@python3 bench/write_docs.py --results $(BUILD)/bench
+
+lint:  ## layout, likely bugs and limits of all files: clang-format, clang-tidy, ruff, shellcheck
+	@tools/setup lint
+	@BUILD=$(BUILD) tools/python_tools ruff
+	@cmake -S . -B $(BUILD) -G Ninja >/dev/null
+	@BUILD=$(BUILD) tools/lint
+
+format:  ## let clang-format and ruff mend what they can
+	@tools/setup lint
+	@BUILD=$(BUILD) tools/python_tools ruff
+	@BUILD=$(BUILD) tools/lint --mend
+
+hooks:  ## check the files of each commit from now on
+	@tools/setup lint
+	@BUILD=$(BUILD) tools/python_tools ruff
+	@git config core.hooksPath tools/hooks
+
+coverage:  ## which lines of the module the tests reach; the others stand in tests/coverage_exceptions.txt
+	@tools/setup test
+	@BUILD=$(BUILD) tools/python_tools gcovr
+	@cmake --preset coverage -B $(BUILD)-coverage "-DOPTMONITORING_PYTHONS=$(or $(PYTHONS),$(shell tools/coverage choose))" >/dev/null
+	@cmake --build $(BUILD)-coverage -j $(JOBS)
+	@find $(BUILD)-coverage -name '*.gcda' -delete
+	@tools/run_ctest $(BUILD)-coverage $(shell tools/coverage tests); tests=$$?; \
+	    BUILD=$(BUILD) tools/coverage report $(BUILD)-coverage && exit $$tests
 
 interpreters:  ## list the interpreters found
 	@tools/interpreters list
