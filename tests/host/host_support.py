@@ -49,6 +49,7 @@ def run_child(*arguments, cwd=None, input=None, **environment):
 def check_child(test, *arguments, **options):
     """Standard output of a child that has to end with status 0 and a silent standard error."""
     child = run_child(*arguments, **options)
+    test.maxDiff = None                       # a traceback is wanted whole
     test.assertEqual((child.returncode, child.stderr), (0, ""), "it printed:\n" + child.stdout)
     return child.stdout
 

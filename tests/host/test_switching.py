@@ -3,7 +3,6 @@
 And what that must not cost: a breakpoint holds wherever and whenever it is set.
 """
 
-import os
 import textwrap
 import unittest
 
@@ -456,9 +455,37 @@ class WheneverTest(SwitchingTestCase):
                         "LINE", "other_break" if "function" in loop else
                         "first_line(run) + %d" % (2 if loop.count("\n") == 0 else 4)), "True")
 
-    @unittest.skipUnless(os.environ.get("OPTMONITORING_LONG") == "1",
-                         "OPEN: the child ended with a traceback twice in some hundred runs on a loaded machine; "
-                         "OPTMONITORING_LONG=1 runs it")
+    def test_set_while_threads_end(self):
+        """Many at a time, each with a record that goes with it."""
+        self.check("""\
+            def function():
+                return 1
+            def beget():
+                while go:
+                    thread = threading.Thread(target=exec, args=("1",))
+                    thread.start()
+                    thread.join()
+            go = True
+            debugger.set_break(__file__, 1)
+            debugger.begin()
+            sys.setswitchinterval(1e-6)
+            threads = [threading.Thread(target=beget) for _ in range(40)]
+            for thread in threads:
+                thread.start()
+            try:
+                for _ in range(300):
+                    debugger.set_break(__file__, first_line(function) + 1)
+                    debugger.clear_break(__file__, first_line(function) + 1)
+            finally:
+                go = False
+            for thread in threads:
+                thread.join()
+            debugger.set_break(__file__, first_line(function) + 1)
+            function()
+            debugger.stop_trace()
+            print(debugger.stops == [("function", first_line(function) + 1)])
+            """, "True")
+
     def test_race_of_setting_and_first_pass(self):
         """The function's first pass and the breakpoint come at the same time, over and over: the pass after must stop."""
         self.check("""\

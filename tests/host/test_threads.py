@@ -320,6 +320,36 @@ class HoldingTest(ThreadsTestCase):
         session.do_until("threads", " held ")
         self.assertEnds(session, "done")
 
+    def test_thread_that_ends_at_the_prompt_keeps_no_other_back(self):
+        """It was in C code and comes back to no event: it ends though it is held, and its record with it."""
+        self.write("""\
+            import _thread, threading, queue
+            started, wake, rounds, go = threading.Event(), queue.SimpleQueue(), [0, 0], True
+            def wait():
+                started.set()
+                wake.get()
+            def count(number):
+                while go:
+                    rounds[number] += 1
+            threads = [threading.Thread(target=count, args=(number,)) for number in range(2)]
+            threads[0].start()
+            _thread.start_new_thread(wait, ())
+            started.wait()
+            threads[1].start()
+            here = 1                                 # here
+            before = rounds[:]
+            while rounds[0] == before[0] or rounds[1] == before[1]:
+                pass
+            go = False
+            print("done")
+            """)
+        session = self.start("here")
+        self.assertStopped(session.do("continue"), "here")
+        self.wait_until_held(session, 2)
+        session.do("!wake.put(1)")
+        session.do_until("p _thread._count()", "2\n")
+        self.assertEnds(session, "done")
+
 
 class CommandsTest(ThreadsTestCase):
 
@@ -579,7 +609,8 @@ class EndTest(ThreadsTestCase):
             ready.wait()
             """)
         for _ in range(5):
-            child = run_session(self.program, commands=["break 5, False", "continue"])
+            # What a thread holds that the interpreter stops for good is never given back.
+            child = run_session(self.program, commands=["break 5, False", "continue"], ASAN_OPTIONS="detect_leaks=0")
             self.assertEqual((child.returncode, child.stderr), (0, ""), child.stdout)
 
     def test_set_trace_in_a_thread_of_a_program_that_nobody_watched(self):

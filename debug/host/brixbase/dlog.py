@@ -12,10 +12,23 @@ Both run in the middle of the debugged program and so never raise, and they
 neither run the program's own logging nor can be switched off by it.
 """
 
+from __future__ import annotations
+
 import logging
 import sys
 import time
 import traceback
+
+TYPE_CHECKING = False             # for type checkers alone: the program need not load `typing`
+if TYPE_CHECKING:
+    import threading
+    from typing import Any, Protocol
+
+    class LogFile(Protocol):
+        """What a log can be written to."""
+
+        def write(self, text: str, /) -> object: ...
+        def flush(self) -> object: ...
 
 
 class _Handler(logging.Handler):
@@ -25,9 +38,11 @@ class _Handler(logging.Handler):
     be entered again by the thread that has it, for a report nested in another.
     """
 
-    file_obj = None               # None: standard error
+    lock: threading.RLock         # a handler has one
 
-    def emit(self, record):
+    file_obj: LogFile | None = None       # None: standard error
+
+    def emit(self, record: logging.LogRecord) -> None:
         try:
             out = sys.stderr if self.file_obj is None else self.file_obj
             if out is None:       # a windowed program has no standard error
@@ -45,7 +60,7 @@ class _Record(logging.LogRecord):
     started without `threading` in the list of its threads.
     """
 
-    def __init__(self, level, message):
+    def __init__(self, level: int, message: str) -> None:
         self.name = logger.name
         self.levelno = level
         self.levelname = logging.getLevelName(level)
@@ -63,18 +78,18 @@ logger.addHandler(_handler)
 _exception_count = 0
 
 
-def SetLogFile(file_obj):
+def SetLogFile(file_obj: LogFile | None) -> None:
     """Send what follows to `file_obj` (any object with `write` and `flush`); None is standard error."""
     with _handler.lock:
         _handler.file_obj = file_obj
 
 
-def GetExceptionCount():
+def GetExceptionCount() -> int:
     """Number of exceptions reported since the process started."""
     return _exception_count
 
 
-def Log(*args):
+def Log(*args: object) -> None:
     """Write the arguments, separated by blanks, as one line."""
     try:
         _write(logging.INFO, " ".join(str(arg) for arg in args))
@@ -82,7 +97,7 @@ def Log(*args):
         pass
 
 
-def LogException(*args):
+def LogException(*args: object) -> None:
     """Report the exception being handled with its traceback.
 
     The first argument is a text saying where it happened, or None; the second
@@ -103,18 +118,18 @@ def LogException(*args):
         pass
 
 
-def _write(level, message):
+def _write(level: int, message: str) -> None:
     logger.handle(_Record(level, message))
 
 
-def _cut_reported_context(exception):
+def _cut_reported_context(exception: BaseException | None) -> None:
     """Part an exception from those reported before it.
 
     The filter leaves the exception that it reported as the handled one, so the
     next becomes raised "during handling" of it: a chain that would grow with every
     report.  What was really being handled when `exception` was raised stays.
     """
-    newest = exception
+    newest: Any = exception
     seen = set()                  # a program can tie a chain into a ring
     while exception is not None and id(exception) not in seen:
         seen.add(id(exception))

@@ -7,6 +7,8 @@ that ran so far; code that runs later is caught by the hook for new records,
 before its first event is decided.
 """
 
+from __future__ import annotations
+
 import bdb
 import os
 import sys
@@ -17,13 +19,24 @@ from brixbase import dlog
 
 from brixdebug.reporting import is_of_signal_handler
 
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from collections.abc import Callable
+    from types import CodeType, FrameType
+    from typing import Any
 
-def log(text):
+    from optmonitoring import CPerCodeObject
+
+    from brixdebug.engine import Bdb
+    from brixdebug.monitor import Monitor
+
+
+def log(text: Callable[[], str]) -> None:
     """Tell the log, domain "breakpoints"; `text` is a callable that is called when somebody reads it."""
     optmonitoring.dprintf(optmonitoring.kLogBreakpoints, text)
 
 
-def is_pseudo_file(filename):
+def is_pseudo_file(filename: str) -> bool:
     """True for a name such as <string> and for the empty one."""
     return optmonitoring.GetPathnameKind(filename) != optmonitoring.kRegularPathname
 
@@ -31,13 +44,15 @@ def is_pseudo_file(filename):
 class BreakLines:
     """Keeps the records in line with the breakpoints of the monitor's debugger."""
 
-    def __init__(self, monitor):
+    def __init__(self, monitor: Monitor) -> None:
         self._monitor = monitor
-        self.lines = {}               # record -> set of lines to report; none without
-        self._absolute_names = {}     # relative file name -> absolute
-        self._pseudo_codes = {}       # name of no file -> {id: weak reference to code}
+        # record -> set of lines to report; none without
+        self.lines: dict[Any, set[int]] = {}
+        self._absolute_names: dict[str, str] = {}     # relative file name -> absolute
+        # name of no file -> {id: weak reference to code}
+        self._pseudo_codes: dict[str, dict[int, weakref.ref[CodeType]]] = {}
 
-    def absolute_name(self, filename):
+    def absolute_name(self, filename: str) -> str | None:
         """`filename` made absolute as it was when its code was first seen; None for no file."""
         if is_pseudo_file(filename):
             return None
@@ -45,7 +60,7 @@ class BreakLines:
             return filename
         return self._absolute_names.get(filename) or os.path.abspath(filename)
 
-    def share(self, debugger, filename):
+    def share(self, debugger: Bdb, filename: str) -> bool:
         """Bring the records of one file in line with its breakpoints.
 
         True when a code object has got lines that it had not: the start of its
@@ -57,8 +72,8 @@ class BreakLines:
         if is_pseudo_file(filename):
             records = self._records_of_pseudo_file(filename)
         else:
-            per_file = optmonitoring.CPerFile.GetPerFile(
-                optmonitoring.get_canonical_pathname(filename))
+            name: Any = optmonitoring.get_canonical_pathname(filename)
+            per_file = optmonitoring.CPerFile.GetPerFile(name)
             per_file.fBpSetByLineno.clear()
             per_file.fBpSetByLineno.update(lines)
             records = list(per_file.fKnownPerCodeObjects)
@@ -68,26 +83,28 @@ class BreakLines:
         log(lambda: self._lines_without_code(filename, lines, records))
         return grown
 
-    def _lines_without_code(self, filename, lines, records):
+    def _lines_without_code(self, filename: str, lines: dict[int, Any],
+                            records: list[CPerCodeObject]) -> str:
         found = set().union(*(self.lines.get(record, ()) for record in records))
         return "".join("no code that ran so far is on line %d of %s\n" % (line, filename)
                        for line in lines if line not in found)
 
-    def _records_of_pseudo_file(self, filename):
+    def _records_of_pseudo_file(self, filename: str) -> list[CPerCodeObject]:
         codes = [reference() for reference in list(self._pseudo_codes.get(filename, {}).values())]
         records = [optmonitoring.CPerCodeObject.GetPerCodeObject(code, False)
                    for code in codes if code is not None]
         return [record for record in records if record is not None]
 
-    def find_running_code(self):
+    def find_running_code(self) -> None:
         """Make records of all code that is running: it may not start again for a long time."""
+        frame: FrameType | None
         for frame in sys._current_frames().values():
             while frame is not None:
                 if optmonitoring.CPerCodeObject.GetPerCodeObject(frame.f_code, False) is None:
                     optmonitoring.CPerCodeObject.GetPerCodeObject(frame.f_code, True, frame)
                 frame = frame.f_back
 
-    def on_new_code(self, record):
+    def on_new_code(self, record: CPerCodeObject) -> None:
         """The hook for new records: no line of the code is decided before this ends."""
         interruption = None
         is_done = False
@@ -104,14 +121,14 @@ class BreakLines:
         if interruption is not None:
             self._monitor.reporter.raise_in_program(interruption)
 
-    def _take_in(self, record):
+    def _take_in(self, record: CPerCodeObject) -> None:
         self._remember_name(record)
         debugger = self._monitor.debugger
         if debugger is not None and debugger.breaks:
             with self._monitor.switching:
                 self._enable_lines(debugger, record)
 
-    def _remember_name(self, record):
+    def _remember_name(self, record: CPerCodeObject) -> None:
         code = record.fCodeObjectWeakRef()
         if code is None:
             return
@@ -123,14 +140,14 @@ class BreakLines:
         elif not os.path.isabs(filename) and not is_pseudo_file(filename):
             self._absolute_names[filename] = record.fPathnameToReport
 
-    def narrow(self, debugger, code):
+    def narrow(self, debugger: Bdb, code: CodeType) -> None:
         """A breakpoint by function name may have found its line: report no others."""
         record = optmonitoring.CPerCodeObject.GetPerCodeObject(code, False)
         if record is not None:
             with self._monitor.switching:
                 self._enable_lines(debugger, record)
 
-    def _enable_lines(self, debugger, record):
+    def _enable_lines(self, debugger: Bdb, record: CPerCodeObject) -> bool:
         """Tell the filter the lines of one code object; True when there are new ones."""
         code = record.fCodeObjectWeakRef()
         if code is None:
@@ -150,9 +167,9 @@ class BreakLines:
         else:
             del self.lines[record]
         self._monitor.apply(record)
-        return bool(lines) and not lines <= (before or set())
+        return lines is not None and not lines <= (before or set())
 
-    def _lines(self, debugger, record, code):
+    def _lines(self, debugger: Bdb, record: CPerCodeObject, code: CodeType) -> set[int] | None:
         """The set of lines to report, None when there is none."""
         if record.fCanonicalPathname is None:
             names = dict.fromkeys(debugger.breaks.get(code.co_filename, ()), code.co_filename)
@@ -168,11 +185,12 @@ class BreakLines:
         return lines or None
 
 
-def _code_text(code):
+def _code_text(code: CodeType) -> str:
     return "%s() of %s:%d" % (code.co_qualname, code.co_filename, code.co_firstlineno)
 
 
-def _function_lines(filename, first_line, code, code_lines):
+def _function_lines(filename: str, first_line: int, code: CodeType,
+                    code_lines: set[int]) -> set[int]:
     """The lines at which a breakpoint by function name may stop.
 
     It is the first line that is executed, which is not known before it is.

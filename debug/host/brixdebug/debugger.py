@@ -5,6 +5,8 @@ inherited; its module-level functions run as they are, with `Debugger` in the
 place of `Pdb`.
 """
 
+from __future__ import annotations
+
 import contextlib
 import os
 import pdb
@@ -19,6 +21,22 @@ from brixdebug.engine import Bdb, BdbQuit
 from brixdebug.monitor import MonitorError, monitor
 from brixdebug.suspension import debugged_frames
 
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    import io
+    from collections.abc import Callable, Iterator
+    from types import FrameType
+    from typing import Any
+
+    class _StandardTarget:
+        @property
+        def namespace(self) -> dict[str, object]: ...
+
+    class _StandardDebugger(pdb.Pdb):
+        def _run(self, target: Any) -> None: ...
+else:
+    _StandardTarget, _StandardDebugger = pdb._ScriptTarget, pdb.Pdb
+
 # What follows a name that is not meant as a command: `set = 1`, `info.x`, `set(x)`.
 _EXPRESSION_STARTS = tuple("=.([,:+-*/%@&|^<>!")
 
@@ -26,30 +44,30 @@ _EXPRESSION_STARTS = tuple("=.([,:+-*/%@&|^<>!")
 _main_pid = os.getpid()
 
 
-def _is_on_descriptor_0(file):
+def _is_on_descriptor_0(file: Any) -> bool:
     try:
-        return file.fileno() == 0
+        return bool(file.fileno() == 0)
     except (AttributeError, OSError, ValueError):
         return file is not None            # the program has put something of its own there
 
 
-class Debugger(pdb.Pdb, Bdb):
+class Debugger(_StandardDebugger, Bdb):
     """`pdb.Pdb` for every thread."""
 
     # Whether this is the debugger of a command line, whose quit ends the program.
     _ends_program = False
 
-    _child_input = None
+    _child_input: io.TextIOWrapper | None = None
 
-    def __init__(self, *args, **kwargs):
+    def __init__(self, *args: Any, **kwargs: Any) -> None:
         super().__init__(*args, **kwargs)
-        self._thread_numbers = {}             # thread id -> number that the user sees
+        self._thread_numbers: dict[int, int] = {}     # thread id -> number that the user sees
         self._thread_count = 0
         self._is_own_error_shown = False
 
     # -- stops -----------------------------------------------------------------------
 
-    def interaction(self, *args, **kwargs):
+    def interaction(self, *args: Any, **kwargs: Any) -> None:
         """One thread is at the prompt; the others wait for it."""
         with monitor.reporter.lock, monitor.suspension.others_held(), self._standard_input():
             try:
@@ -58,7 +76,7 @@ class Debugger(pdb.Pdb, Bdb):
                 self._leave_selected_thread()
 
     @contextlib.contextmanager
-    def _standard_input(self):
+    def _standard_input(self) -> Iterator[None]:
         """The prompt of a followed child reads where its parent's does.
 
         A process of multiprocessing has the null device as `sys.stdin`; descriptor 0 is
@@ -75,7 +93,7 @@ class Debugger(pdb.Pdb, Bdb):
         finally:
             sys.stdin = programs
 
-    def _leave_selected_thread(self):
+    def _leave_selected_thread(self) -> None:
         """What was asked for while another thread was looked at was asked for that thread."""
         selected, self.stop_states.selected = self.stop_states.selected, None
         if selected is None:
@@ -86,7 +104,7 @@ class Debugger(pdb.Pdb, Bdb):
             frame.f_trace = self.trace_dispatch
         monitor.needs_changed(self)
 
-    def sigint_handler(self, signum, frame):
+    def sigint_handler(self, signum: Any, frame: Any) -> None:
         if monitor.suspension.holder not in (None, threading.get_ident()):
             return            # the prompt is another thread's, and this one is not to die of it
         state = self.stop_states.own()
@@ -96,7 +114,7 @@ class Debugger(pdb.Pdb, Bdb):
         finally:
             state.is_muted = muted
 
-    def set_quit(self):
+    def set_quit(self) -> None:
         if not self._ends_program or len(debugged_frames()) < 2:
             super().set_quit()
             return
@@ -110,10 +128,10 @@ class Debugger(pdb.Pdb, Bdb):
 
     # -- exceptions --------------------------------------------------------------------
 
-    def reaches_program(self, exception):
+    def reaches_program(self, exception: BaseException) -> bool:
         return isinstance(exception, (BdbQuit, pdb.Restart)) or not isinstance(exception, Exception)
 
-    def on_own_error(self, exception):
+    def on_own_error(self, exception: BaseException) -> None:
         if self._is_own_error_shown and not log.is_open():
             return
         dlog.LogException("the debugger")
@@ -124,13 +142,13 @@ class Debugger(pdb.Pdb, Bdb):
     # -- pdb's commands that make a debugger or end the program ---------------------------
 
     if compat.HAS_TRACE_METHODS:
-        def _create_recursive_debugger(self):
+        def _create_recursive_debugger(self) -> Debugger:
             return type(self)(self.completekey, self.stdin, self.stdout)
     else:
         do_debug = compat.rebind(pdb.Pdb.do_debug, sys=compat.sys_with_trace_methods,
                                  Pdb=lambda *args: Debugger(*args))
 
-    def _run(self, target):
+    def _run(self, target: Any) -> None:
         if hasattr(target, "filename"):
             filename = str(target.filename)
         else:
@@ -147,14 +165,14 @@ class Debugger(pdb.Pdb, Bdb):
 
     # -- commands that pdb has not -----------------------------------------------------
 
-    def _is_expression(self, name, arg):
+    def _is_expression(self, name: str, arg: str) -> bool:
         """True, after running it, when the line is a Python statement that begins like a command."""
         if arg.startswith(_EXPRESSION_STARTS):
             self.default(name + " " + arg)
             return True
         return False
 
-    def _numbered_threads(self):
+    def _numbered_threads(self) -> list[tuple[int, int, FrameType]]:
         """(number, thread id, frame) of each thread, in the order of the numbers."""
         frames = debugged_frames()
         for thread_id in [each for each in self._thread_numbers if each not in frames]:
@@ -167,7 +185,7 @@ class Debugger(pdb.Pdb, Bdb):
         return sorted((number, thread_id, frames[thread_id])
                       for thread_id, number in self._thread_numbers.items())
 
-    def do_threads(self, arg):
+    def do_threads(self, arg: str) -> None:
         """threads
 
         List the program's threads: number, state, name and place.  The one that is
@@ -188,12 +206,12 @@ class Debugger(pdb.Pdb, Bdb):
                 self.canonic(frame.f_code.co_filename), frame.f_lineno, frame.f_code.co_name))
 
     @staticmethod
-    def _thread_state(thread_id):
+    def _thread_state(thread_id: int) -> str:
         if thread_id == threading.get_ident():
             return "at the prompt"
         return "held" if monitor.suspension.is_waiting(thread_id) else "running"
 
-    def do_thread(self, arg):
+    def do_thread(self, arg: str) -> None:
         """thread NUMBER
 
         Look at another thread's stack (see threads).  step, next, until and return
@@ -216,7 +234,7 @@ class Debugger(pdb.Pdb, Bdb):
         self.setup(frame, None)
         self.print_stack_entry(self.stack[self.curindex])
 
-    def do_info(self, arg):
+    def do_info(self, arg: str) -> None:
         """info duplicates
 
         List the files of the program that have equal contents: a breakpoint in one
@@ -235,7 +253,7 @@ class Debugger(pdb.Pdb, Bdb):
             for name in group:
                 self.message("    %s" % name)
 
-    def do_set(self, arg):
+    def do_set(self, arg: str) -> None:
         """set follow-fork on|off
 
         Whether a child that the program forks is debugged too.  Off, as it is at
@@ -257,22 +275,22 @@ class _CommandLineDebugger(Debugger):
     has_refused = False                       # there was nothing that can be debugged
 
 
-class _ScriptTarget(pdb._ScriptTarget):
+class _ScriptTarget(_StandardTarget):
     """A script that finds in __main__ what it finds without a debugger (pdb of 3.12 forgets some)."""
 
     @property
-    def namespace(self):
+    def namespace(self) -> dict[str, object]:
         return {"__doc__": None, "__package__": None, "__spec__": None, "__cached__": None,
                 **super().namespace}
 
 
 # pdb's own functions, which make a Debugger where they made a Pdb.
 
-def _rebound(name):
+def _rebound(name: str) -> Any:
     return compat.rebind(getattr(pdb, name), **_names)
 
 
-_names = {"Pdb": Debugger}
+_names: dict[str, Any] = {"Pdb": Debugger}
 if hasattr(pdb, "_post_mortem"):
     _names["_post_mortem"] = _rebound("_post_mortem")
 _names["post_mortem"] = post_mortem = _rebound("post_mortem")
@@ -287,7 +305,7 @@ if hasattr(pdb, "set_trace_async"):
     set_trace_async = _rebound("set_trace_async")
 
 
-def _take_log_options(arguments):
+def _take_log_options(arguments: list[str]) -> dict[str, str]:
     """Take `--log FILE` and `--log-domains NAMES` from the options before the program."""
     options = {}
     index = 0
@@ -309,7 +327,7 @@ def _take_log_options(arguments):
     return options
 
 
-def _open_log(options):
+def _open_log(options: dict[str, str]) -> None:
     if "--log-domains" in options and "--log" not in options:
         raise SystemExit("brixdebug: error: --log-domains goes with --log FILE")
     if "--log" in options:
@@ -321,15 +339,15 @@ def _open_log(options):
             raise SystemExit("brixdebug: error: %s" % error) from None
 
 
-def _hide_quit(show):
+def _hide_quit(show: Callable[[Any], object]) -> Callable[[Any], None]:
     """Threads that end because the user quits have nothing to report."""
-    def excepthook(args):
+    def excepthook(args: Any) -> None:
         if args.exc_type is not BdbQuit:
             show(args)
     return excepthook
 
 
-def main():
+def main() -> None:
     """The command line: pdb's, and `--log FILE` and `--log-domains NAMES` among its options."""
     arguments = sys.argv[1:]
     _open_log(_take_log_options(arguments))

@@ -12,6 +12,8 @@ The decisions themselves (what stops, which method is called) are those of
 `bdb.Bdb`, inherited.
 """
 
+from __future__ import annotations
+
 import bdb
 import os
 import sys
@@ -25,6 +27,11 @@ from brixdebug.monitor import MonitorError, monitor
 from brixdebug.reporting import is_of_signal_handler
 from brixdebug.stops import PerThread, StopStates
 
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from types import FrameType
+    from typing import Any, Self, SupportsInt
+
 BdbQuit = bdb.BdbQuit
 Breakpoint = bdb.Breakpoint
 
@@ -32,7 +39,8 @@ Breakpoint = bdb.Breakpoint
 _QUIET_CALL_MODULES = ("bdb", "pdb", __name__)
 
 
-def _effective(filename, line, frame):
+def _effective(filename: str, line: int,
+               frame: FrameType) -> tuple[bdb.Breakpoint, bool] | tuple[None, None]:
     """`bdb.effective`, but for two things.
 
     It makes every exception of a condition a stop; one that the handler of a signal
@@ -66,7 +74,7 @@ def _effective(filename, line, frame):
     return None, None
 
 
-def _decision(breakpoint, frame, text):
+def _decision(breakpoint: bdb.Breakpoint, frame: FrameType, text: str) -> str:
     return "breakpoint %d at %s:%d reached in %s(): %s\n" % (
         breakpoint.number, frame.f_code.co_filename, frame.f_lineno, frame.f_code.co_name, text)
 
@@ -74,15 +82,15 @@ def _decision(breakpoint, frame, text):
 class Bdb(compat.TraceBase):
     """`bdb.Bdb` on the native filter; see the module's text."""
 
-    botframe = PerThread()
-    stopframe = PerThread()
-    returnframe = PerThread()
-    stoplineno = PerThread()
-    frame_returning = PerThread()
-    enterframe = PerThread()
-    cmdframe = PerThread()
-    cmdlineno = PerThread()
-    trace_opcodes = PerThread()
+    botframe: Any = PerThread()
+    stopframe: Any = PerThread()
+    returnframe: Any = PerThread()
+    stoplineno: Any = PerThread()
+    frame_returning: Any = PerThread()
+    enterframe: Any = PerThread()
+    cmdframe: Any = PerThread()
+    cmdlineno: Any = PerThread()
+    trace_opcodes: Any = PerThread()
 
     # Whether user_call has to be called in code with breakpoints when nothing stops there.
     wants_calls = False
@@ -94,14 +102,17 @@ class Bdb(compat.TraceBase):
 
     _keeps_tracing = False
 
-    def __init_subclass__(cls, **kwargs):
+    stop_states: StopStates
+    _first_names: dict[str | None, str]       # canonical pathname -> the name that was seen first
+
+    def __init_subclass__(cls, **kwargs: Any) -> None:
         super().__init_subclass__(**kwargs)
         for base in cls.__mro__:
             if "user_call" in vars(base):
                 cls.wants_calls = base.__module__ not in _QUIET_CALL_MODULES
                 break
 
-    def __new__(cls, *args, **kwargs):
+    def __new__(cls, *args: Any, **kwargs: Any) -> Self:
         # Not in __init__: classes with several bases call the standard one by name.
         self = super().__new__(cls)
         self.stop_states = StopStates()
@@ -110,11 +121,11 @@ class Bdb(compat.TraceBase):
 
     # -- events on and off ---------------------------------------------------
 
-    def start_trace(self):
+    def start_trace(self) -> None:
         """This debugger gets the process's events from now on."""
         monitor.start(self)
 
-    def stop_trace(self):
+    def stop_trace(self) -> None:
         """This debugger gets no more events."""
         if not self._keeps_tracing:
             monitor.stop(self)
@@ -122,7 +133,7 @@ class Bdb(compat.TraceBase):
     # No context manager of contextlib below: its code would run after the events
     # are on and be the first that is reported.
 
-    def set_trace(self, frame=None):
+    def set_trace(self, frame: FrameType | None = None) -> None:
         """Start debugging from `frame`, the caller's when it is None."""
         if frame is None:
             frame = sys._getframe().f_back
@@ -135,7 +146,7 @@ class Bdb(compat.TraceBase):
             self._keeps_tracing = keeps_tracing
             state.is_muted = muted
 
-    def set_continue(self):
+    def set_continue(self) -> None:
         """Stop at breakpoints only.  One that is set later, by any thread, holds too."""
         keeps_tracing, self._keeps_tracing = self._keeps_tracing, True
         try:
@@ -143,11 +154,11 @@ class Bdb(compat.TraceBase):
         finally:
             self._keeps_tracing = keeps_tracing
 
-    def _set_stopinfo(self, stopframe, *args, **kwargs):
+    def _set_stopinfo(self, stopframe: FrameType | None, *args: Any, **kwargs: Any) -> None:
         super()._set_stopinfo(self._visible_target(stopframe), *args, **kwargs)
         monitor.needs_changed(self)
 
-    def _visible_target(self, frame):
+    def _visible_target(self, frame: FrameType | None) -> FrameType | None:
         """A frame to stop in, for `frame`: no event of internal code is ever reported."""
         if frame is None or frame is self.botframe or not optmonitoring.IsInternalFrame(frame):
             return frame
@@ -162,7 +173,7 @@ class Bdb(compat.TraceBase):
 
     # -- files -----------------------------------------------------------------
 
-    def canonic(self, filename):
+    def canonic(self, filename: str) -> str:
         """The name of a file: the same for all its links and forms; the first that was seen."""
         name = self.fncache.get(filename)
         if name is None:
@@ -172,7 +183,7 @@ class Bdb(compat.TraceBase):
             self.fncache[filename] = name = self._first_name(super().canonic(name))
         return name
 
-    def _first_name(self, name):
+    def _first_name(self, name: str) -> str:
         if is_pseudo_file(name):
             return name
         first = self._first_names.setdefault(optmonitoring.get_canonical_pathname(name), name)
@@ -190,7 +201,7 @@ class Bdb(compat.TraceBase):
     # A breakpoint comes into two tables, and leaves them, one after the other: no thread
     # may look at them in between.
 
-    def _add_to_breaks(self, filename, lineno):
+    def _add_to_breaks(self, filename: str, lineno: int) -> None:
         super()._add_to_breaks(filename, lineno)
         try:
             monitor.breaks_changed(self, filename)
@@ -198,11 +209,12 @@ class Bdb(compat.TraceBase):
             super()._prune_breaks(filename, lineno)
             raise
 
-    def _prune_breaks(self, filename, lineno):
+    def _prune_breaks(self, filename: str, lineno: int) -> None:
         super()._prune_breaks(filename, lineno)
         monitor.breaks_changed(self, filename)
 
-    def set_break(self, filename, lineno, temporary=False, cond=None, funcname=None):
+    def set_break(self, filename: str, lineno: int, temporary: bool = False, cond: str | None = None,
+                  funcname: str | None = None) -> str | None:
         with monitor.reporter.lock:
             try:
                 result = super().set_break(filename, lineno, temporary, cond, funcname)
@@ -212,30 +224,30 @@ class Bdb(compat.TraceBase):
                 monitor.breaks_changed(self, self.canonic(filename))
             return result
 
-    def clear_break(self, filename, lineno):
+    def clear_break(self, filename: str, lineno: int) -> str | None:
         with monitor.reporter.lock:
             return super().clear_break(filename, lineno)
 
-    def clear_bpbynumber(self, arg):
+    def clear_bpbynumber(self, arg: SupportsInt) -> str | None:
         with monitor.reporter.lock:
             return super().clear_bpbynumber(arg)
 
-    def stop_here(self, frame):
+    def stop_here(self, frame: FrameType) -> bool:
         result = super().stop_here(frame)
         if result:
             self._stop_in(frame)
         return result
 
-    def _stop_in(self, frame):
+    def _stop_in(self, frame: FrameType) -> None:
         """The user may write to the variables of `frame`; only there, for a copy of them keeps objects alive."""
         self.stop_states.own().stopped_frame = frame
         compat.take_locals(frame)
 
-    def break_here(self, frame):
+    def break_here(self, frame: FrameType) -> bool:
         code = frame.f_code
         breaks = self.breaks.get(self.canonic(code.co_filename), ())
         at_function = code.co_firstlineno in breaks
-        result = self._break_here(frame)
+        result: bool = self._break_here(frame)
         if at_function:
             monitor.break_lines.narrow(self, code)
         if result:
@@ -244,13 +256,13 @@ class Bdb(compat.TraceBase):
 
     _break_here = compat.rebind(bdb.Bdb.break_here, effective=_effective)
 
-    def clear_all_file_breaks(self, filename):
+    def clear_all_file_breaks(self, filename: str) -> str | None:
         with monitor.reporter.lock:
             result = super().clear_all_file_breaks(filename)
             monitor.breaks_changed(self, self.canonic(filename))
             return result
 
-    def clear_all_breaks(self):
+    def clear_all_breaks(self) -> str | None:
         with monitor.reporter.lock:
             filenames = list(self.breaks)
             result = super().clear_all_breaks()
@@ -260,10 +272,10 @@ class Bdb(compat.TraceBase):
 
     # -- exceptions ------------------------------------------------------------
 
-    def reaches_program(self, exception):
+    def reaches_program(self, exception: BaseException) -> bool:
         """True when an exception of a user_ method goes on into the program, as with `bdb.Bdb`."""
         return True
 
-    def on_own_error(self, exception):
+    def on_own_error(self, exception: BaseException) -> None:
         """An exception that is kept away from the program."""
         dlog.LogException("the debugger")

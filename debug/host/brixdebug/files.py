@@ -6,16 +6,22 @@ a checksum.  `get_canonical_pathname(pathname, checksum)` answers with the name 
 the first file that had the same text when it does not know `pathname` yet.
 """
 
+from __future__ import annotations
+
 import hashlib
 import os
 import stat
 
 import optmonitoring
 
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from typing import Any
+
 _DIGEST_BYTES = 16
 
 
-def checksum(pathname):
+def checksum(pathname: str) -> str | None:
     """Hash of the file's bytes as hexadecimal text, None for what cannot be read.
 
     The module calls this on the program's thread for every new source file, so it
@@ -30,22 +36,22 @@ def checksum(pathname):
         return None
 
 
-def _open_without_waiting(pathname, flags):
+def _open_without_waiting(pathname: str, flags: int) -> int:
     return os.open(pathname, flags | os.O_NONBLOCK | os.O_NOCTTY)
 
 
-def _new_digest():
+def _new_digest() -> Any:
     return hashlib.blake2b(digest_size=_DIGEST_BYTES)
 
 
-def duplicates():
+def duplicates() -> list[list[str]]:
     """Groups of canonical pathnames of files with equal contents, as sorted lists.
 
     Known are the files that had a record made since the checksum callback was set.
     """
     # By the records' own checksums: the module's index by checksum keeps a file
     # that has changed under its old one.
-    groups = {}
+    groups: dict[str, list[str]] = {}
     for per_file in optmonitoring.CPerFile.GetAllPerFiles():
         if per_file.fChecksum is not None:
             groups.setdefault(per_file.fChecksum, []).append(per_file.fCanonicalPathname)

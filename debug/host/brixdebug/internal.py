@@ -1,5 +1,7 @@
 """The debugger's own code: the filter never stops in it."""
 
+from __future__ import annotations
+
 import bdb
 import cmd
 import importlib
@@ -9,10 +11,14 @@ import pdb
 import brixbase
 import optmonitoring
 
-_added = set()
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from typing import Any
+
+_added: set[str] = set()
 
 
-def add_internal_file(path):
+def add_internal_file(path: str) -> None:
     """Never stop in the code of `path`; for a debugger built on the engine: its own files.
 
     Call it before that code runs under the debugger: what has run keeps what it was.
@@ -20,9 +26,9 @@ def add_internal_file(path):
     _added.add(os.path.abspath(path))
 
 
-def pathname_table():
+def pathname_table() -> dict[Any, bool]:
     """The table that the filter asks: canonical names as keys."""
-    names = ["<frozen importlib._bootstrap>", "<frozen importlib._bootstrap_external>",
+    names: list[Any] = ["<frozen importlib._bootstrap>", "<frozen importlib._bootstrap_external>",
              "<frozen zipimport>"]
     files = [bdb.__file__, cmd.__file__, pdb.__file__, importlib.__file__,
              importlib._bootstrap.__file__, importlib._bootstrap_external.__file__]

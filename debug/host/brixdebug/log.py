@@ -1,11 +1,17 @@
 """Switches the native module's log on and off: one file for the module and the host."""
 
+from __future__ import annotations
+
 import contextlib
 import io
 import os
 
 import optmonitoring
 from brixbase import dlog
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from collections.abc import Iterable
 
 _MASKS = {
     "other": optmonitoring.kLogOther,
@@ -24,10 +30,10 @@ _MASKS["all"] = sum(_MASKS.values())
 DOMAINS = tuple(_MASKS)
 DEFAULT_DOMAINS = ("core", "exceptions", "internal_failures")
 
-_log_file = None
+_log_file: io.TextIOWrapper | None = None
 
 
-def domain_mask(domains):
+def domain_mask(domains: Iterable[str]) -> int:
     """The module's log mask for names out of DOMAINS; ValueError names the unknown ones."""
     mask = 0
     unknown = []
@@ -42,16 +48,16 @@ def domain_mask(domains):
     return mask
 
 
-def parse_domains(text):
+def parse_domains(text: str) -> tuple[str, ...]:
     """The names in a text like "core,filenames"."""
     return tuple(name.strip() for name in text.split(",") if name.strip())
 
 
-def is_open():
+def is_open() -> bool:
     return _log_file is not None
 
 
-def open_log(path, domains=DEFAULT_DOMAINS):
+def open_log(path: str, domains: Iterable[str] = DEFAULT_DOMAINS) -> None:
     """Log what belongs to `domains` at the end of the file `path`.
 
     Raises ValueError for an unknown domain and OSError for a file that cannot be
@@ -68,7 +74,7 @@ def open_log(path, domains=DEFAULT_DOMAINS):
     optmonitoring.set_dprintf_file(opened, opened.fileno(), 0)
 
 
-def close_log():
+def close_log() -> None:
     """Back to the state before `open_log`; nothing when there is no log."""
     global _log_file
     if _log_file is None:
@@ -83,7 +89,7 @@ def close_log():
         os.close(descriptor)
 
 
-def _open(path):
+def _open(path: str) -> io.TextIOWrapper:
     """A text file that has nothing of its own to lose or to lock.
 
     There is no buffer: a killed process leaves all it wrote, and a forked child

@@ -27,6 +27,8 @@ one.  While a thread is stepped or at the prompt everything stays armed; the fil
 given the lines then (`fEnabledBpLinenos`) and answers for the others in native code.
 """
 
+from __future__ import annotations
+
 import _thread
 import os
 import sys
@@ -37,7 +39,18 @@ from brixdebug import files, internal
 from brixdebug.breakpoints import BreakLines
 from brixdebug.reporting import Reporter
 from brixdebug.stops import NOWHERE
-from brixdebug.suspension import Suspension
+from brixdebug.suspension import Suspension, thread_id_of
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from collections.abc import Iterable
+    from types import CodeType, FrameType
+    from typing import Any
+
+    from optmonitoring import CInitialCallback, CPerCodeObject
+
+    from brixdebug.engine import Bdb
+    from brixdebug.stops import StopState
 
 TOOL_NAME = "brixdebug"
 RAISER_TOOL_ID = sys.monitoring.DEBUGGER_ID
@@ -61,16 +74,16 @@ class MonitorError(RuntimeError):
 class Monitor:
     """Routes events to the one debugger that traces now, and switches on what it needs."""
 
-    def __init__(self):
-        self.debugger = None
+    def __init__(self) -> None:
+        self.debugger: Bdb | None = None
         self.reporter = Reporter(self, RAISER_TOOL_ID)
         self.break_lines = BreakLines(self)
         self.suspension = Suspension(self)
-        self.switching = _thread.RLock()      # around changes of what is switched on
-        self._filter_tool_id = None           # None: no tool id is taken
-        self._initial_callbacks = {}          # event -> CInitialCallback
-        self._local_events = {}               # record -> local events that are on
-        self._stepped = {}                    # record -> local events for stepping
+        self.switching: Any = _thread.RLock()                 # around changes of what is switched on
+        self._filter_tool_id: Any = None                      # None: no tool id is taken
+        self._initial_callbacks: dict[int, CInitialCallback] = {}
+        self._local_events: dict[Any, int] = {}               # record -> local events that are on
+        self._stepped: dict[CPerCodeObject, int] = {}         # record -> local events for stepping
         self._global_events = 0
         self._raiser_events = 0
         self._any_stops_anywhere = False
@@ -81,7 +94,7 @@ class Monitor:
 
     # -- for debuggers -------------------------------------------------------------
 
-    def start(self, debugger):
+    def start(self, debugger: Bdb) -> None:
         """`debugger` gets the events from now on."""
         with self.switching:
             self.debugger = debugger
@@ -92,7 +105,7 @@ class Monitor:
                 self._release()
                 raise
 
-    def stop(self, debugger):
+    def stop(self, debugger: Bdb) -> None:
         """`debugger` gets no more events; everything that was taken is given back."""
         if self.debugger is not debugger or self.suspension.is_ending_all:
             return            # the process ends, and its other threads have still to be told
@@ -103,7 +116,7 @@ class Monitor:
             if not self.reporter.is_busy:     # else when the event ends: it may have to raise
                 self._release()
 
-    def needs_changed(self, debugger):
+    def needs_changed(self, debugger: Bdb | None) -> None:
         """What stops the threads of `debugger` has changed."""
         if debugger is None or self.debugger is not debugger:
             return
@@ -112,14 +125,14 @@ class Monitor:
         else:
             self.refresh()
 
-    def breaks_changed(self, debugger, filename):
+    def breaks_changed(self, debugger: Bdb, filename: str) -> None:
         """The breakpoints of `filename` (a canonic name) in `debugger` have changed."""
         if self.debugger is not debugger:
             return
         with self.switching:
             self._share(debugger, [filename])
 
-    def _share(self, debugger, filenames):
+    def _share(self, debugger: Bdb, filenames: Iterable[str]) -> None:
         grown = False
         for filename in filenames:
             grown |= self.break_lines.share(debugger, filename)
@@ -130,7 +143,7 @@ class Monitor:
         if grown:
             self.rearm()
 
-    def _find_running_code(self, state):
+    def _find_running_code(self, state: StopState) -> None:
         """What a new record runs is the debugger's, the standard library's part of it too."""
         muted, state.is_muted = state.is_muted, True
         try:
@@ -138,11 +151,11 @@ class Monitor:
         finally:
             state.is_muted = muted
 
-    def end_all_threads(self):
+    def end_all_threads(self) -> None:
         """Every thread that is debugged gets `BdbQuit` at its next event."""
         self.suspension.end_all()
 
-    def settle(self):
+    def settle(self) -> None:
         """The end of an event: do what had to wait for it."""
         if self.debugger is None:
             with self.switching:
@@ -152,7 +165,7 @@ class Monitor:
 
     # -- tool ids ------------------------------------------------------------------
 
-    def _claim(self):
+    def _claim(self) -> None:
         if self._filter_tool_id is not None:
             return
         filter_tool_id = _free_filter_tool_id()
@@ -168,19 +181,19 @@ class Monitor:
             sys.monitoring.register_callback(filter_tool_id, event, callback.Callback)
         self.reporter.register_raiser()
 
-    def _install_hooks(self):
+    def _install_hooks(self) -> None:
         optmonitoring.SetInternalPathnameDict(internal.pathname_table())
         optmonitoring.set_checksum_callback(files.checksum)
         optmonitoring.CPerCodeObject.SetNewPerCodeObjectCreatedCallback(
             self.break_lines.on_new_code)
         self.suspension.install_hooks()
 
-    def _remove_hooks(self):
+    def _remove_hooks(self) -> None:
         optmonitoring.CPerCodeObject.SetNewPerCodeObjectCreatedCallback(None)
         optmonitoring.set_checksum_callback(None)
         self.suspension.remove_hooks()
 
-    def _release(self):
+    def _release(self) -> None:
         """Everything off and given back, and nothing remembered of breakpoints and steps."""
         self._needs_changed = False
         self._stepped = {}
@@ -199,7 +212,7 @@ class Monitor:
         self.suspension.forget_running_code()
         self._give_back()
 
-    def _give_back(self):
+    def _give_back(self) -> None:
         """The tool ids and all that is switched on under them."""
         if self._filter_tool_id is None:
             return
@@ -218,14 +231,14 @@ class Monitor:
 
     # -- what is switched on ---------------------------------------------------------
 
-    def is_line_off(self, code, line):
+    def is_line_off(self, code: CodeType, line: int | None) -> bool:
         """Nobody waits for this line of `code`."""
         if not self.is_idle:
             return False
         record = optmonitoring.CPerCodeObject.GetPerCodeObject(code, False)
         return line not in self.break_lines.lines.get(record, ())
 
-    def is_call_off(self, code, line):
+    def is_call_off(self, code: CodeType, line: int | None) -> bool:
         """Nobody waits for the start of just any function, nor for that of `code` at `line`.
 
         With its start switched off, a function on one line reports no line either.
@@ -235,17 +248,17 @@ class Monitor:
         record = optmonitoring.CPerCodeObject.GetPerCodeObject(code, False)
         return line not in self.break_lines.lines.get(record, ())
 
-    def rearm(self):
+    def rearm(self) -> None:
         """Arm what was switched off place by place.  What is needed has to be written before."""
         self.epoch += 1
         sys.monitoring.restart_events()
 
-    def refresh(self):
+    def refresh(self) -> None:
         """Switch on what is needed now, and nothing else."""
         with self.switching:
             self._refresh()
 
-    def _refresh(self):
+    def _refresh(self) -> None:
         self._needs_changed = False
         debugger = self.debugger
         if debugger is None:
@@ -269,7 +282,7 @@ class Monitor:
         if was_idle != self.is_idle:
             self._change_idle()
 
-    def _change_idle(self):
+    def _change_idle(self) -> None:
         """All threads run freely now, or no longer."""
         self.reporter.register_raiser()
         for record in list(self.break_lines.lines):
@@ -277,13 +290,14 @@ class Monitor:
         if not self.is_idle:
             self.rearm()
 
-    def _collect_all_stepped(self, debugger, busy):
+    def _collect_all_stepped(self, debugger: Bdb,
+                             busy: list[StopState]) -> dict[CPerCodeObject, int]:
         """The code objects that have to be reported, each with its local events."""
         top_frames = sys._current_frames() if busy else {}
         for state in busy:
             self._collect_stepped(debugger, state, top_frames.get(state.thread_id))
         del top_frames                        # it holds the frame of this very call
-        stepped = {}
+        stepped: dict[CPerCodeObject, int] = {}
         for state in debugger.stop_states.all():
             if state not in busy:
                 state.stepped.clear()
@@ -291,7 +305,7 @@ class Monitor:
                 stepped[record] = stepped.get(record, 0) | events
         return stepped
 
-    def _collect_stepped(self, debugger, state, frame):
+    def _collect_stepped(self, debugger: Bdb, state: StopState, frame: FrameType | None) -> None:
         """Note the code objects of a thread that is being stepped.
 
         None is dropped before the thread runs freely again: a frame that was on the
@@ -309,7 +323,7 @@ class Monitor:
             frame = frame.f_back
 
     @staticmethod
-    def _add_stepped(frame, state):
+    def _add_stepped(frame: FrameType, state: StopState) -> CPerCodeObject | None:
         """Note the code object of `frame`; None when that changes nothing, else its record."""
         record = optmonitoring.CPerCodeObject.GetPerCodeObject(frame.f_code, True, frame)
         if record is None or record.fIsInternal:
@@ -322,7 +336,7 @@ class Monitor:
         state.stepped[record] = events
         return record
 
-    def step_in(self, frame, state):
+    def step_in(self, frame: FrameType, state: StopState) -> None:
         """The thread of `state` is being stepped, and `frame` is a frame to step."""
         with self.switching:
             record = self._add_stepped(frame, state)
@@ -330,7 +344,7 @@ class Monitor:
                 self._stepped[record] = self._stepped.get(record, 0) | state.stepped[record]
                 self.apply(record)
 
-    def _set_stepped(self, stepped):
+    def _set_stepped(self, stepped: dict[CPerCodeObject, int]) -> None:
         before, self._stepped = self._stepped, stepped
         for record in before:
             if record not in stepped:
@@ -338,19 +352,19 @@ class Monitor:
         for record in stepped:
             self.apply(record)
 
-    def _mark_threads(self, stepping_thread_ids):
+    def _mark_threads(self, stepping_thread_ids: set[int]) -> None:
         """Tell the filter which threads see the start of every function."""
         begins = stepping_thread_ids and not self._any_stops_anywhere
         self._any_stops_anywhere = bool(stepping_thread_ids)
         for per_thread in optmonitoring.CPerThread.GetAllPerThreads():
-            if per_thread.fThreadId not in stepping_thread_ids:
+            if thread_id_of(per_thread) not in stepping_thread_ids:
                 per_thread.fSteppingEventsNeeded = False
         for thread_id in stepping_thread_ids:
             optmonitoring.CPerThread.GetPerThread(thread_id).fSteppingEventsNeeded = True
         if begins:
             self.rearm()
 
-    def apply(self, record):
+    def apply(self, record: CPerCodeObject) -> None:
         """Switch on in one code object what it needs now."""
         events = self._stepped.get(record, 0) | self.suspension.local_events(record)
         count = 1 if events else 0
@@ -366,7 +380,7 @@ class Monitor:
         record.fSteppingEventsNeededCount = count
         self._set_local_events(record, events)
 
-    def _set_local_events(self, record, events):
+    def _set_local_events(self, record: CPerCodeObject, events: int) -> None:
         if self._local_events.get(record, 0) == events:
             return
         if events:
@@ -378,7 +392,7 @@ class Monitor:
             sys.monitoring.set_local_events(RAISER_TOOL_ID, code, events)
             sys.monitoring.set_local_events(self._filter_tool_id, code, events)
 
-    def _set_events(self, events, raiser_events):
+    def _set_events(self, events: int, raiser_events: int) -> None:
         if raiser_events != self._raiser_events:
             sys.monitoring.set_events(RAISER_TOOL_ID, raiser_events)
             self._raiser_events = raiser_events
@@ -386,14 +400,14 @@ class Monitor:
             sys.monitoring.set_events(self._filter_tool_id, events)
             self._global_events = events
 
-    def set_any_suspended(self, value):
+    def set_any_suspended(self, value: int) -> None:
         """Whether threads have to look at their suspend locks."""
         for callback in self._initial_callbacks.values():
             callback.fAnySuspendThread = value
 
     # -- the raiser ----------------------------------------------------------------------
 
-    def begin_raising(self, code):
+    def begin_raising(self, code: CodeType) -> None:
         """The raiser gets an event of the calling thread soon, which runs `code` or leaves it."""
         with self.switching:
             self._claim()
@@ -403,7 +417,7 @@ class Monitor:
                 sys.monitoring.get_local_events(RAISER_TOOL_ID, code) | _STEP_LOCAL_EVENTS)
             self.rearm()
 
-    def end_raising(self, code):
+    def end_raising(self, code: CodeType) -> None:
         with self.switching:
             record = optmonitoring.CPerCodeObject.GetPerCodeObject(code, False)
             sys.monitoring.set_events(RAISER_TOOL_ID, self._raiser_events)
@@ -412,7 +426,7 @@ class Monitor:
 
     # -- fork --------------------------------------------------------------------------
 
-    def _after_fork_in_child(self):
+    def _after_fork_in_child(self) -> None:
         """Only the forking thread is left; locks of the others will never be released."""
         if not self.switching._is_owned():
             self.switching = _thread.RLock()
@@ -428,7 +442,7 @@ class Monitor:
             self.stop(self.debugger)
 
 
-def _free_filter_tool_id():
+def _free_filter_tool_id() -> int:
     """Find an id for the filter, and see to it that the raiser's is free, before any is taken."""
     taken = sys.monitoring.get_tool(RAISER_TOOL_ID)
     if taken is not None:

@@ -5,10 +5,21 @@ one thread.  Here every thread has its own: `next` in one thread is not disturbe
 by a breakpoint in another.  A thread that was told nothing runs freely.
 """
 
+from __future__ import annotations
+
 import sys
 import threading
 import types
 import weakref
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from types import FrameType
+    from typing import Any
+
+    from optmonitoring import CPerCodeObject
+
+    from brixdebug.engine import Bdb
 
 
 class _Nowhere:
@@ -17,44 +28,45 @@ class _Nowhere:
     f_code = types.SimpleNamespace(co_flags=0)
 
 
-NOWHERE = _Nowhere()
+NOWHERE: Any = _Nowhere()
 
 
 class StopState:
     """The fields of `bdb.Bdb` that belong to one thread, with what they are at first."""
 
-    botframe = NOWHERE
-    stopframe = NOWHERE
-    returnframe = None
+    botframe: FrameType | None = NOWHERE
+    stopframe: FrameType | None = NOWHERE
+    returnframe: FrameType | None = None
     stoplineno = -1
-    frame_returning = None
-    enterframe = None
-    cmdframe = None
-    cmdlineno = None
-    trace_opcodes = sys.version_info < (3, 13)     # where only the frame is asked
+    frame_returning: FrameType | None = None
+    enterframe: FrameType | None = None
+    cmdframe: FrameType | None = None
+    cmdlineno: int | None = None
+    trace_opcodes: bool = sys.version_info < (3, 13)     # where only the frame is asked
 
-    stopped_frame = None      # the frame of the event, when it is one to stop at
+    stopped_frame: FrameType | None = None      # the frame of the event, when it is one to stop at
 
     is_muted = False          # the thread runs the debugger's own code, outside of an event
 
-    def __init__(self, thread_id):
+    def __init__(self, thread_id: int) -> None:
         self.thread_id = thread_id
-        self.stepped = {}         # record of a code object -> local events for stepping
+        # record of a code object -> local events for stepping
+        self.stepped: dict[CPerCodeObject, int] = {}
 
     @property
-    def is_free(self):
+    def is_free(self) -> bool:
         """Only breakpoints stop the thread."""
         return self.stoplineno == -1 and self.stopframe is not None \
             and self.stopframe is self.botframe
 
-    def run_freely(self):
+    def run_freely(self) -> None:
         """Stop at breakpoints only."""
         self.stopframe = self.botframe = NOWHERE
         self.returnframe = None
         self.stoplineno = -1
 
     @property
-    def stops_anywhere(self):
+    def stops_anywhere(self) -> bool:
         """The thread stops at the next line, whatever code it is in."""
         return self.stopframe is None
 
@@ -62,17 +74,18 @@ class StopState:
 class StopStates:
     """The records of all threads of one debugger."""
 
-    def __init__(self):
-        self.selected = None              # the record that attributes reach; None: the own one
+    def __init__(self) -> None:
+        self.selected: StopState | None = None    # that attributes reach; None: the own one
         self._local = threading.local()   # keeps the record of a thread as long as the thread
-        self._by_thread_id = {}           # weak references, without a callback: that would be
-                                          # Python code at any moment, and reported
-        self._waiting = {}                # made for a thread that has not asked yet
+        # Without a callback: that would be Python code at any moment, and reported.
+        self._by_thread_id: dict[int, weakref.ref[StopState]] = {}
+        self._waiting: dict[int, StopState] = {}  # made for a thread that has not asked yet
 
-    def own(self):
+    def own(self) -> StopState:
         """The record of the calling thread."""
         try:
-            return self._local.state
+            own: StopState = self._local.state
+            return own
         except AttributeError:
             thread_id = threading.get_ident()
             state = self._waiting.pop(thread_id, None) or StopState(thread_id)
@@ -80,11 +93,11 @@ class StopStates:
             self._by_thread_id[thread_id] = weakref.ref(state)
             return state
 
-    def reached(self):
+    def reached(self) -> StopState:
         """The record that a debugger's attributes read and write now."""
         return self.selected or self.own()
 
-    def of(self, thread_id):
+    def of(self, thread_id: int) -> StopState:
         """The record of any thread."""
         if thread_id == threading.get_ident():
             return self.own()
@@ -94,10 +107,10 @@ class StopStates:
             state = self._waiting[thread_id] = StopState(thread_id)
         return state
 
-    def all(self):
+    def all(self) -> list[StopState]:
         """The records of all threads that live; forgets the others."""
         running = set(sys._current_frames())
-        for thread_id in [each for each in self._waiting if each not in running]:
+        for thread_id in [each for each in list(self._waiting) if each not in running]:
             self._waiting.pop(thread_id, None)
         states = list(self._waiting.values())
         for thread_id, reference in list(self._by_thread_id.items()):
@@ -108,7 +121,7 @@ class StopStates:
                 del self._by_thread_id[thread_id]
         return states
 
-    def keep_only_own(self):
+    def keep_only_own(self) -> None:
         """After a fork, in the child: the other threads are gone."""
         own = self.own()
         self.selected = None
@@ -119,13 +132,13 @@ class StopStates:
 class PerThread:
     """An attribute of a debugger that lives in the reached thread's record."""
 
-    def __set_name__(self, owner, name):
+    def __set_name__(self, owner: type, name: str) -> None:
         self._name = name
 
-    def __get__(self, debugger, owner=None):
+    def __get__(self, debugger: Bdb | None, owner: type | None = None) -> Any:
         if debugger is None:
             return self
         return getattr(debugger.stop_states.reached(), self._name)
 
-    def __set__(self, debugger, value):
+    def __set__(self, debugger: Bdb, value: object) -> None:
         setattr(debugger.stop_states.reached(), self._name, value)

@@ -5,6 +5,8 @@ thread's next event when the record says so.  A thread that is inside C code goe
 on until it comes back to Python code.
 """
 
+from __future__ import annotations
+
 import contextlib
 import sys
 import threading
@@ -12,15 +14,27 @@ import threading
 import optmonitoring
 from brixbase import dlog
 
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from collections.abc import Callable, Iterator
+    from types import FrameType
+    from typing import Any
+
+    from optmonitoring import CPerCodeObject, CPerThread
+
+    from brixdebug.monitor import Monitor
+
 _events = sys.monitoring.events
+_threading: Any = threading            # its table of running threads has no public name
 
 # Enough to catch a thread in the loop that it is in.
 _HOLD_LOCAL_EVENTS = _events.LINE | _events.PY_START | _events.JUMP
 
 
-def debugged_frames():
+def debugged_frames() -> dict[int, FrameType]:
     """The topmost frame of each thread that is not the debugger's own, by thread id."""
     frames = {}
+    frame: FrameType | None
     for thread_id, frame in sys._current_frames().items():
         while frame is not None and optmonitoring.IsInternalFrame(frame):
             frame = frame.f_back
@@ -29,27 +43,40 @@ def debugged_frames():
     return frames
 
 
-def is_threading_code(frame):
+def is_threading_code(frame: FrameType) -> bool:
     """Where a thread has locks that others need to start one, to end one or to list them."""
     return frame.f_code.co_filename == threading.__file__
+
+
+# The record of a thread is emptied when the thread ends, at any moment and under whoever holds it.
+
+def thread_id_of(per_thread: CPerThread) -> int | None:
+    """The id in a thread's record; None when the thread has ended."""
+    return getattr(per_thread, "fThreadId", None)
+
+
+def suspend_lock_of(per_thread: CPerThread | None) -> SuspendLock | None:
+    """The lock in a thread's record; None when it has none of ours, or the thread has ended."""
+    lock = getattr(per_thread, "fSuspendLock", None)
+    return lock if isinstance(lock, SuspendLock) else None
 
 
 class SuspendLock:
     """Stands as the lock of one thread's record: a gate; tells whether the thread waits at it."""
 
-    def __init__(self, on_interruption):
+    def __init__(self, on_interruption: Callable[[BaseException], object]) -> None:
         self._on_interruption = on_interruption
-        self._gate = None                     # a lock for each time that it is closed
+        self._gate: threading.Lock | None = None      # one for each time that it is closed
         self.has_waiter = False
 
-    def close(self):
+    def close(self) -> None:
         """Hold the thread from its next event on.  Called by another thread, or by itself."""
         if self._gate is None:
             gate = threading.Lock()
             gate.acquire()
             self._gate = gate
 
-    def open(self):
+    def open(self) -> None:
         """Let it go on, to its next event at least."""
         gate, self._gate = self._gate, None
         if gate is not None:
@@ -57,7 +84,7 @@ class SuspendLock:
 
     # The two that the filter calls, in the thread that is held.
 
-    def acquire(self):
+    def acquire(self) -> None:
         """Wait for the gate.  What the handler of a signal raises meanwhile has to wait too."""
         if is_threading_code(sys._getframe(1)):
             return                            # it goes on until it is out of there
@@ -73,50 +100,50 @@ class SuspendLock:
         if interruption is not None:
             self._on_interruption(interruption)
 
-    def release(self):
+    def release(self) -> None:
         """Nothing is to be given back: the gate has no owner."""
 
 
 class _OwnThread:
     """Enters a thread's id in a set as long as the thread lives: ids are used again."""
 
-    def __init__(self, thread_ids, thread_id):
+    def __init__(self, thread_ids: set[int], thread_id: int) -> None:
         self._thread_ids = thread_ids
         self._thread_id = thread_id
         thread_ids.add(thread_id)
 
-    def __del__(self):
+    def __del__(self) -> None:
         self._thread_ids.discard(self._thread_id)
 
 
 class Suspension:
     """Holds the other threads, and knows all of them by a number and a name."""
 
-    def __init__(self, monitor):
+    def __init__(self, monitor: Monitor) -> None:
         self._monitor = monitor
         self._depth = 0
-        self.holder = None                    # id of the thread at the prompt, which is not held
-        self._held = []                       # records of the threads that are
-        self._records = set()                 # of code that they run
+        self.holder: int | None = None        # id of the thread at the prompt, which is not held
+        self._held: dict[SuspendLock, CPerThread] = {}    # lock -> record, of the threads that are
+        self._records: set[CPerCodeObject] = set()        # of code that they run
         self.is_ending_all = False            # every thread ends at its next event
-        self.own_thread_ids = set()           # threads of a debugger: never debugged
+        self.own_thread_ids: set[int] = set()             # threads of a debugger: never debugged
         self._own = threading.local()
 
     # -- hooks of the per-thread records ------------------------------------------
 
-    def install_hooks(self):
+    def install_hooks(self) -> None:
         per_thread = optmonitoring.CPerThread
         per_thread.SetNewPerThreadCreatedCallback(self._on_new_thread)
         per_thread.SetDebugPolicyCallback(self._debug_policy)
         per_thread.SetGetThreadNameCallback(self._name_of_record)
 
-    def remove_hooks(self):
+    def remove_hooks(self) -> None:
         per_thread = optmonitoring.CPerThread
         per_thread.SetNewPerThreadCreatedCallback(None)
         per_thread.SetDebugPolicyCallback(None)
         per_thread.SetGetThreadNameCallback(None)
 
-    def _debug_policy(self, thread_id):
+    def _debug_policy(self, thread_id: int) -> int:
         if thread_id not in self.own_thread_ids:
             return 1
         optmonitoring.dprintf(
@@ -124,45 +151,46 @@ class Suspension:
             lambda: "thread %d is the debugger's own: no breakpoint holds there\n" % thread_id)
         return 0
 
-    def adopt_thread(self):
+    def adopt_thread(self) -> None:
         """The calling thread is the debugger's own from now on: it is not stopped, and not held."""
         thread_id = threading.get_ident()
         self._own.thread = _OwnThread(self.own_thread_ids, thread_id)
         optmonitoring.CPerThread.GetPerThread(thread_id).fDebugPolicy = self._debug_policy(thread_id)
 
-    def _name_of_record(self, per_thread):
+    def _name_of_record(self, per_thread: CPerThread) -> str | None:
         """None, to be asked again, for a thread that is only being entered in the list of threads."""
         frame = optmonitoring.GetNonInternalFrame()
-        if per_thread.fThreadId not in threading._active and frame is not None \
+        if per_thread.fThreadId not in _threading._active and frame is not None \
                 and is_threading_code(frame):
             return None
         return self.thread_name(per_thread.fThreadId)
 
     @staticmethod
-    def thread_name(thread_id):
-        thread = threading._active.get(thread_id)
+    def thread_name(thread_id: int) -> str:
+        thread: threading.Thread | None = _threading._active.get(thread_id)
         return thread.name if thread is not None else "thread %d" % thread_id
 
-    def _on_new_thread(self, per_thread):
+    def _on_new_thread(self, per_thread: CPerThread) -> None:
         try:
             self._give_lock(per_thread)
-            if self._depth and per_thread.fThreadId != self.holder:
+            if self._depth and thread_id_of(per_thread) != self.holder:
                 self._hold(per_thread)
         except Exception:
             dlog.LogException("a new thread")
 
-    def _give_lock(self, per_thread):
-        per_thread.fSuspendLock = SuspendLock(self._monitor.reporter.raise_in_program)
+    def _give_lock(self, per_thread: CPerThread) -> SuspendLock:
+        lock = per_thread.fSuspendLock = SuspendLock(self._monitor.reporter.raise_in_program)
+        return lock
 
     # -- holding --------------------------------------------------------------------
 
     @property
-    def is_active(self):
+    def is_active(self) -> bool:
         """Events are needed in all code that runs."""
         return self._depth > 0 or self.is_ending_all
 
     @contextlib.contextmanager
-    def others_held(self):
+    def others_held(self) -> Iterator[None]:
         """Inside, no other thread gets past its next event."""
         self._begin()
         try:
@@ -170,7 +198,7 @@ class Suspension:
         finally:
             self._end()
 
-    def _begin(self):
+    def _begin(self) -> None:
         self._depth += 1
         if self._depth > 1:
             return
@@ -179,15 +207,16 @@ class Suspension:
             self._monitor.refresh()
             self._hold_all()
 
-    def _hold_all(self):
+    def _hold_all(self) -> None:
         for thread_id in sys._current_frames():
             if thread_id != self.holder and thread_id not in self.own_thread_ids:
                 self._hold(optmonitoring.CPerThread.GetPerThread(thread_id))
         self._monitor.set_any_suspended(1)
         self._watch_running_code()
 
-    def _watch_running_code(self):
+    def _watch_running_code(self) -> None:
         """Have events of all code that other threads are in."""
+        frame: FrameType | None
         for thread_id, frame in sys._current_frames().items():
             while frame is not None and thread_id != threading.get_ident():
                 record = optmonitoring.CPerCodeObject.GetPerCodeObject(frame.f_code, True, frame)
@@ -198,55 +227,55 @@ class Suspension:
             self._monitor.apply(record)
         self._monitor.rearm()
 
-    def end_all(self):
+    def end_all(self) -> None:
         """From now on every thread gets an event soon, to end at."""
         self.is_ending_all = True
         self._monitor.refresh()
         self._watch_running_code()
 
-    def _hold(self, per_thread):
-        if per_thread in self._held:
+    def _hold(self, per_thread: CPerThread) -> None:
+        # The record may have been made before the hook was set.
+        lock = suspend_lock_of(per_thread) or self._give_lock(per_thread)
+        if lock in self._held:
             return
-        if not isinstance(per_thread.fSuspendLock, SuspendLock):
-            self._give_lock(per_thread)           # it was made before the hook was set
-        per_thread.fSuspendLock.close()
+        lock.close()
         per_thread.fCheckSuspendLock = 1
-        self._held.append(per_thread)
+        self._held[lock] = per_thread
 
-    def _end(self):
+    def _end(self) -> None:
         self._depth -= 1
         if self._depth:
             return
         self.holder = None
         self._monitor.set_any_suspended(0)
-        held, self._held = self._held, []
+        held, self._held = self._held, {}
         if not self.is_ending_all:
             self.forget_running_code()
-        for per_thread in held:
+        for lock, per_thread in held.items():
             per_thread.fCheckSuspendLock = 0
-            per_thread.fSuspendLock.open()
+            lock.open()
         self._monitor.needs_changed(self._monitor.debugger)
 
-    def forget_running_code(self):
+    def forget_running_code(self) -> None:
         records, self._records = self._records, set()
         for record in records:
             self._monitor.apply(record)
 
-    def local_events(self, record):
+    def local_events(self, record: CPerCodeObject) -> int:
         """What one code object needs so that threads in it are held."""
         return _HOLD_LOCAL_EVENTS if record in self._records else 0
 
-    def is_waiting(self, thread_id):
+    def is_waiting(self, thread_id: int) -> bool:
         """True when the thread stands at its lock, or waits to report an event."""
         if thread_id in self._monitor.reporter.waiting_thread_ids:
             return True
         per_thread = optmonitoring.CPerThread.GetPerThread(thread_id, False)
-        lock = per_thread.fSuspendLock if per_thread is not None else None
-        return isinstance(lock, SuspendLock) and lock.has_waiter
+        lock = suspend_lock_of(per_thread)
+        return lock is not None and lock.has_waiter
 
-    def forget_other_threads(self):
+    def forget_other_threads(self) -> None:
         """After a fork, in the child: nobody is left to be held, or to let go."""
-        self._held = []
+        self._held = {}
         if self.holder != threading.get_ident():
             self._depth = 0
             self.holder = None
