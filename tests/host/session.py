@@ -123,15 +123,25 @@ class Session:
     def interrupt_at_prompt(self):
         """Ctrl-C once the child waits for input: between its prompt's last letter and that wait an interpreter takes note
         of a signal, and looks at its note only when the wait ends."""
-        deadline = time.monotonic() + SECONDS
-        while not self._is_asleep():
-            if time.monotonic() > deadline:
-                self._test.fail("the child does not wait for input; the session so far:\n" + self.seen[-SHOWN:])
+        self._wait_until_main_thread_sleeps()
         self.interrupt()
 
-    def _is_asleep(self):
-        with open("/proc/%d/stat" % self.process.pid) as file:
-            return file.read().rpartition(")")[2].split()[0] == "S"
+    def interrupt_sleeping(self):
+        """An interrupt of a child whose main thread sleeps in C code, up to where it has dealt with it and sleeps again."""
+        sleeps = self._wait_until_main_thread_sleeps()
+        self.process.send_signal(signal.SIGINT)
+        self._wait_until_main_thread_sleeps(sleeps)
+
+    def _wait_until_main_thread_sleeps(self, sleeps_before=-1):
+        """How often it has gone to sleep; more than SLEEPS_BEFORE."""
+        deadline = time.monotonic() + SECONDS
+        while time.monotonic() < deadline:
+            with open("/proc/%d/task/%d/status" % (self.process.pid, self.process.pid)) as file:
+                status = dict(line.split(":\t", 1) for line in file.read().splitlines() if ":\t" in line)
+            sleeps = int(status["voluntary_ctxt_switches"])
+            if status["State"].startswith("S") and sleeps > sleeps_before:
+                return sleeps
+        self._test.fail("the child's main thread does not sleep; the session so far:\n" + self.seen[-SHOWN:])
 
     def interrupt(self):
         """What Ctrl-C does."""

@@ -416,7 +416,7 @@ class TerminalTest(CommandLineTestCase):
         session.do("break 3")
         self.assertIn("other()", session.do("continue"))
         for _ in range(3):
-            os.kill(session.process.pid, 2)
+            session.interrupt_sleeping()
         self.assertIn("7", session.do("p 7"))
         self.assertIn("end", session.do("continue"))
         session.end("quit")
