@@ -6,6 +6,10 @@
 
 // ---- CInitialCallback ----
 
+inline constexpr char kDocCInitialCallback[] =
+    "The filter for one kind of event: register its method `Callback` with `sys.monitoring`.\n\n"
+    "CInitialCallback(event_id, second_callback, can_return_disable): what the filter lets through is handed to "
+    "second_callback. With can_return_disable 0 it never answers DISABLE for internal code.";
 inline constexpr char kDocCInitialCallback_fAnySuspendThread[] = "Not 0: threads look at their fCheckSuspendLock.";
 inline constexpr char kDocCInitialCallback_fSteppingEventsNeededEveryThread[] =
     "Not 0: no line is answered before the record of the thread is looked at.";
@@ -21,6 +25,9 @@ inline constexpr char kDocCInitialCallback_Callback[] =
 
 // ---- CPerThread ----
 
+inline constexpr char kDocCPerThread[] =
+    "The record of one thread.\n\n"
+    "CPerThread(thread_id) makes one without looking for an older one; ask GetPerThread for the record of a thread.";
 inline constexpr char kDocCPerThread_mod[] = "The module of the class.";
 inline constexpr char kDocCPerThread_fThreadId[] = "The thread's id, as threading.get_ident() has it.";
 inline constexpr char kDocCPerThread_fSteppingEventsNeeded[] =
@@ -61,6 +68,10 @@ inline constexpr char kDocCPerThread_FindThreadName[] =
 
 // ---- CPerCodeObject ----
 
+inline constexpr char kDocCPerCodeObject[] =
+    "The record of one code object.\n\n"
+    "CPerCodeObject(code_object, frame) makes one in place of an older one; ask GetPerCodeObject for the record of a "
+    "code object.";
 inline constexpr char kDocCPerCodeObject_fCodeObjectWeakRef[] = "A weak reference to the code object.";
 inline constexpr char kDocCPerCodeObject_fCanonicalPathname[] =
     "The one name of the file, the key of its CPerFile; None for code that is of no file.";
@@ -85,6 +96,9 @@ inline constexpr char kDocCPerCodeObject_cb_code_object_dealloc[] =
 
 // ---- CPerFile ----
 
+inline constexpr char kDocCPerFile[] =
+    "The record of one source file.\n\n"
+    "CPerFile(pathname) makes one that GetPerFile does not know; ask GetPerFile for the record of a file.";
 inline constexpr char kDocCPerFile_fCanonicalPathname[] = "The one name of the file.";
 inline constexpr char kDocCPerFile_fBpSetByLineno[] =
     "The debugger's own breakpoints by line; not read by the filter.";

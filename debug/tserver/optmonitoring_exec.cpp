@@ -4,6 +4,7 @@
 
 #include <initializer_list>
 
+#include "optmonitoring_docs.h"
 #include "optmonitoring_internal.h"
 
 // ---- sys.monitoring ----
@@ -71,24 +72,33 @@ static int create_tables(tModuleState* m)
 
 struct tClassStep {
     const tClassInfo* info;
+    const char* doc;
     PyObject* tModuleState::*field;
     int (*class_init)(tModuleState* m);  // null: none
     const char* failure;                 // of class_init
 };
 
 static const tClassStep kClassSteps[] = {
-    {&kInitialCallbackClass, &tModuleState::CInitialCallback, nullptr, nullptr},
-    {&kPerCodeObjectClass, &tModuleState::CPerCodeObject, CPerCodeObject_ClsInit,
+    {&kInitialCallbackClass, kDocCInitialCallback, &tModuleState::CInitialCallback, nullptr, nullptr},
+    {&kPerCodeObjectClass, kDocCPerCodeObject, &tModuleState::CPerCodeObject, CPerCodeObject_ClsInit,
      "Exception in CPerCodeObject_ClsInit\n"},
-    {&kPerFileClass, &tModuleState::CPerFile, CPerFile_ClsInit, "Exception in CPerFile_ClsInit\n"},
-    {&kPerThreadClass, &tModuleState::CPerThread, CPerThread_ClsInit, "Exception in CPerThread_ClsInit\n"},
+    {&kPerFileClass, kDocCPerFile, &tModuleState::CPerFile, CPerFile_ClsInit, "Exception in CPerFile_ClsInit\n"},
+    {&kPerThreadClass, kDocCPerThread, &tModuleState::CPerThread, CPerThread_ClsInit,
+     "Exception in CPerThread_ClsInit\n"},
 };
+
+// An attribute, not a slot: it is there for people alone, and tells the interpreter nothing of the class.
+static int set_doc(PyObject* cls, const char* doc)
+{
+    XPyOwned text(api.PyUnicode_FromString(doc));
+    return text ? api.PyObject_SetAttrString(cls, "__doc__", text.borrow()) : -1;
+}
 
 static int create_classes(PyObject* module, tModuleState* m)
 {
     for (const tClassStep& step : kClassSteps) {
         m->*step.field = api.PyType_FromModuleAndSpec(module, step.info->spec, nullptr);
-        if (!(m->*step.field))
+        if (!(m->*step.field) || set_doc(m->*step.field, step.doc) < 0)
             return -1;
         if (step.class_init && step.class_init(m) < 0)
             return fail_int(m->dp, step.failure);

@@ -17,7 +17,6 @@ CLASSES = ("CInitialCallback", "CPerThread", "CPerCodeObject", "CPerFile")
 
 # Hosts know these as they are, without a text; the stubs have one.
 WITHOUT_TEXT = {
-    *CLASSES,
     "lookup_canonical_pathname", "register_canonical_pathname", "get_canonical_pathname", "set_checksum_callback",
     "get_checksum_callback", "SetInternalPathnameDict", "IsInternalFrame", "GetNonInternalFrame", "GetPathnameKind",
     "UpdateThisProcessPid", "AddToThreadStateTracing", "reset",
@@ -85,6 +84,10 @@ class HelpTest(unittest.TestCase):
             if isinstance(node, ast.FunctionDef):
                 own = getattr(optmonitoring, name).__doc__
                 self.assertEqual(own and words(own), None if name in WITHOUT_TEXT else words(text), name)
+
+    def test_classes_have_the_text_of_the_stubs(self):
+        for name in CLASSES:
+            self.assertEqual(words(getattr(optmonitoring, name).__doc__), words(STUB[name][1]), name)
 
     def test_methods_and_members_have_the_text_of_the_stubs(self):
         for class_name in CLASSES:
