@@ -80,6 +80,10 @@ bool clear_if_raised(PyObject* exception)
 // and takes it away with the next change. Its own caches of class attributes go by that number.
 Py_ssize_t gTypeVersionOffset = -1;
 
+// 3.12 takes a class's version away only after a replaced value has died, and what dies with a registry may ask for
+// that registry: until then caches, the interpreter's too, have the dying value. The class's own dict is right.
+static bool has_late_versions;
+
 static uint32_t version_of(PyTypeObject* cls)
 {
     void* field = XPy_GetFieldAddress(cls, gTypeVersionOffset);
@@ -95,6 +99,7 @@ void init_class_versions(void)
     if (is_known)
         gTypeVersionOffset =
             api.typeobject_offsets.tp_base + FindFieldOffset("tp_version_tag", py3d12_type_tail_fields);
+    has_late_versions = is_known && api.minor_version == 12;
 }
 
 void mark_class(tClassMark* mark, PyTypeObject* cls)
@@ -118,11 +123,9 @@ static void remember_value(PyObject* cls, tClassAttr* attribute, PyObject* value
     }
 }
 
-// 3.12 takes a class's version away only after a replaced value has died, and what dies with a registry may ask for
-// that registry: until then caches, the interpreter's too, have the dying value. The class's own dict is right.
-static bool is_dying(const PyObject* value)
+static inline bool may_be_dying(const PyObject* value)
 {
-    return XPy_GetRefCnt(value) <= 0;
+    return XPY_UNLIKELY(has_late_versions) && XPy_GetRefCnt(value) <= 0;
 }
 
 static void set_no_attribute(PyObject* cls, PyObject* name)
@@ -134,15 +137,12 @@ static void set_no_attribute(PyObject* cls, PyObject* name)
 }
 
 // The attribute as PyObject_GetAttr() finds it, past the interpreter's cache. [new]
-static PyObject* read_class_attr(PyObject* cls, tNameCache* cache)
+static PyObject* read_past_cache(PyObject* cls, tNameCache* cache)
 {
     PyObject* name = borrow_cached_name(cache);
-    if (!name)
-        return nullptr;
-    bool is_plain_class = gTypeVersionOffset != -1 && XPy_BorrowTypeInline(cls) == api.PyType_Type_ptr;
-    PyObject** own = is_plain_class ? api._PyObject_GetDictPtr(cls) : nullptr;
-    if (!own || !*own)
-        return api.PyObject_GetAttr(cls, name);
+    PyObject** own = XPy_BorrowTypeInline(cls) == api.PyType_Type_ptr ? api._PyObject_GetDictPtr(cls) : nullptr;
+    if (!name || !own || !*own)
+        return name ? api.PyObject_GetAttr(cls, name) : nullptr;
     PyObject* value = api.PyDict_GetItemWithError(*own, name);
     if (value)
         return api.PyType_GetSlot(XPy_BorrowTypeInline(value), kSlotTpDescrGet) ? api.PyObject_GetAttr(cls, name)
@@ -152,15 +152,21 @@ static PyObject* read_class_attr(PyObject* cls, tNameCache* cache)
     return nullptr;
 }
 
-PyObject* get_class_attr(PyObject* cls, tClassAttr* attribute)
+__attribute__((noinline)) static PyObject* find_class_attr(PyObject* cls, tClassAttr* attribute)
 {
-    if (XPY_LIKELY(is_as_marked(&attribute->mark, as_type(cls)) && !is_dying(attribute->value)))
-        return XPy_NewRef(attribute->value);
     attribute->mark.cls = nullptr;
-    PyObject* value = read_class_attr(cls, &attribute->name);
+    PyObject* value =
+        has_late_versions ? read_past_cache(cls, &attribute->name) : get_cached_attr(cls, &attribute->name);
     if (value)
         remember_value(cls, attribute, value);
     return value;
+}
+
+PyObject* get_class_attr(PyObject* cls, tClassAttr* attribute)
+{
+    if (XPY_LIKELY(is_as_marked(&attribute->mark, as_type(cls)) && !may_be_dying(attribute->value)))
+        return XPy_NewRef(attribute->value);
+    return find_class_attr(cls, attribute);
 }
 
 int set_class_attr(PyObject* cls, tClassAttr* attribute, PyObject* value)
