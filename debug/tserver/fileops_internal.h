@@ -19,4 +19,7 @@ static inline tSingleDPData* filenames_channel(const tFileOpsData* data)
             do_dp(filenames_channel_ptr, __VA_ARGS__);                      \
     } while (0)
 
+// Frees TEXT, which the record has handed out, as soon as no operation uses the record: at once, or later.
+void free_when_unused(tFileOpsData* data, void* text);
+
 #endif

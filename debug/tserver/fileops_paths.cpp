@@ -204,10 +204,8 @@ const char* get_absname_forward_slash_names(tFileOpsData* data, const char* name
         free(result);
         return nullptr;
     }
-    if (entry->clientData) {  // resolved meanwhile, by code that the log's file ran: the first stays
-        free(result);
-        return static_cast<const char*>(entry->clientData);
-    }
+    if (entry->clientData)  // resolved meanwhile, by code that the log's file ran
+        free_when_unused(data, entry->clientData);
     entry->clientData = result;
     DO_FILENAMES(data, "resolved %s to %s\n", name, result);
     return result;

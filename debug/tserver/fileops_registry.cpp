@@ -28,11 +28,18 @@ static const tFileTable kFileTables[] = {
     {&tFileOpsData::not_found_table, 0, false},  // times
 };
 
+// A string that was replaced while operations were under way.
+struct tReplacedText {
+    tReplacedText* next;
+    void* text;
+};
+
 // The record as it is allocated.
 struct tCountedFileOps {
     tFileOpsData data;
-    int uses;         // operations under way that run code of the program
-    bool is_dropped;  // destroyed by the last of them
+    int uses;                 // operations under way that run code of the program
+    bool is_dropped;          // destroyed by the last of them,
+    tReplacedText* replaced;  // which also frees these [owned]
 };
 
 static tCountedFileOps* counted(tFileOpsData* data)
@@ -45,10 +52,35 @@ tFileOpsUse::tFileOpsUse(tFileOpsData* data) : fData(data)
     counted(data)->uses++;
 }
 
+static void free_replaced(tFileOpsData* data)
+{
+    while (tReplacedText* replaced = counted(data)->replaced) {
+        counted(data)->replaced = replaced->next;
+        free(replaced->text);
+        free(replaced);
+    }
+}
+
 tFileOpsUse::~tFileOpsUse()
 {
-    if (--counted(fData)->uses == 0 && counted(fData)->is_dropped)
+    if (--counted(fData)->uses != 0)
+        return;
+    free_replaced(fData);
+    if (counted(fData)->is_dropped)
         destroy_file_ops_data(fData);
+}
+
+void free_when_unused(tFileOpsData* data, void* text)
+{
+    if (counted(data)->uses == 0) {
+        free(text);
+        return;
+    }
+    tReplacedText* replaced = static_cast<tReplacedText*>(malloc(sizeof(tReplacedText)));
+    if (!replaced)
+        return;  // kept for good, for want of memory: somebody may be reading it
+    *replaced = {counted(data)->replaced, text};
+    counted(data)->replaced = replaced;
 }
 
 tFileOpsData* create_file_ops_data(tDPData* dp)

@@ -486,6 +486,25 @@ TEST_F(AbsoluteName, EntryMadeMeanwhileIsRefilledAndItsStringFreed)
     EXPECT_EQ(outer, stored_text(&record->absname_cache, "m.py"));
 }
 
+TEST_F(AbsoluteName, ReplacedStringStaysForThoseWhoUseTheRecord)
+{
+    watched.directory = "/w";
+    const char* inner = nullptr;
+    watched.during_getcwd = [&] { inner = get_absname(record.get(), "m.py"); };
+    tHeapWatch heap;
+    {
+        tFileOpsUse outer_use(record.get());
+        {
+            tFileOpsUse use(record.get());
+            get_absname(record.get(), "m.py");
+        }
+        EXPECT_STREQ("/w/m.py", inner);
+        watched.during_getcwd = [] {};
+    }
+    heap.stop();
+    EXPECT_TRUE(heap.freed(inner));
+}
+
 TEST_F(AbsoluteName, EveryAllocationFailureGivesNullAndTheNextTrySucceeds)
 {
     watched.directory = "/w";
