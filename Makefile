@@ -99,7 +99,7 @@ asan:  ## the C++ tests, the Python suites and the debugger's tests under ASan a
 	       "-DOPTMONITORING_PYTHONS=$(sort $(WATCHED_PYTHONS) $(WATCHED_HOSTS))" >/dev/null
 	@cmake --build $(BUILD)-asan --target plain_tests optmonitoring -j $(JOBS)
 	@watched="$$(echo $(WATCHED_PYTHONS) any | tr ' ' '|')"; hosts="$$(echo $(WATCHED_HOSTS) | tr ' ' '|')"; \
-	    tools/run_ctest $(BUILD)-asan -R "^(cpp_plain\$$|(py|fuzz)_($$watched)\.|host_($$hosts)\.test_)"
+	    tools/run_ctest $(BUILD)-asan -R "^(cpp_plain\$$|(py|life|fuzz)_($$watched)\.|host_($$hosts)\.test_)"
 
 tsan:  ## the Python suites with threads under TSan
 	@tools/setup test

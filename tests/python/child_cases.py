@@ -92,7 +92,7 @@ def test_class(script, name, **environment):
 
     @classmethod
     def setUpClass(cls):
-        settings = dict(environment, PYTHONMALLOC="debug")
+        settings = dict(environment, PYTHONMALLOC=os.environ.get("PYTHONMALLOC", "debug"))
         status, out, err = support.run_child(script + ".py", environment=settings)
         if status or not out:
             raise AssertionError("%s ended with status %s: %s" % (script, status, err))

@@ -3,6 +3,7 @@
 With OPTMONITORING_LONG in the environment it is thousands; otherwise some hundreds, to be done soon.
 """
 
+import os
 import unittest
 
 import support
@@ -76,7 +77,7 @@ class ExitTest(unittest.TestCase):
 def _make_test(way):
     def test(self):
         for _ in range(3):
-            status, out, err = support.run_child(EXIT, way, environment={"PYTHONMALLOC": "debug"})
+            status, out, err = support.run_child(EXIT, way, environment={"PYTHONMALLOC": os.environ.get("PYTHONMALLOC", "debug")})
             self.assertEqual((status, out, err), (5, "", ""))
     return test
 
