@@ -59,6 +59,7 @@ test-all:  ## the same, and insist on the whole matrix of interpreters
 	@$(MAKE) --no-print-directory test INTERPRETERS=3.14 PYTHONS=
 
 test: tests-built  ## run all tests in every interpreter found
+	@BUILD=$(BUILD) tools/python_tools ruff || echo "ruff could not be had; what it checks is skipped."
 	@tools/run_ctest $(BUILD) -LE '^long$$'
 
 test-cpp: tests-built  ## the C++ tests only
