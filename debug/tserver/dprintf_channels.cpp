@@ -164,6 +164,7 @@ void set_dprintf_file(PyObject* file_obj, int fileno, void* win32_handle)
 {
     XPy_ClearField(&gDPrintfFile);
     gDPrintfNativeFileno = -1;
+    gDPrintfFileRefuses = false;  // that was the old file
     if (is_py_file(file_obj)) {
         XPy_SetField(&gDPrintfFile, file_obj);  // the old file's end may have set another
         gDPrintfNativeFileno = fileno;
