@@ -5,7 +5,7 @@
 #include <errno.h>
 
 #include "optmonitoring_docs.h"
-#include "optmonitoring_internal.h"
+#include "optmonitoring_fastpath_internal.h"
 
 static constexpr int kLinenoCallbackNoArgs = 4236;
 

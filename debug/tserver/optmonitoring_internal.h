@@ -1,4 +1,5 @@
-// Shared by the files of the monitoring unit alone: words of the interpreter's tables, and failure report helpers.
+// Shared by the files of the monitoring unit alone: words of the interpreter's tables, what the four classes share,
+// and the functions that one file has for the others.
 
 #ifndef OPTMONITORING_OPTMONITORING_INTERNAL_H
 #define OPTMONITORING_OPTMONITORING_INTERNAL_H
@@ -34,6 +35,296 @@ static constexpr unsigned int kTypeBaseType = 1u << 10;
 
 static constexpr int kPyEq = 2;  // operator codes of equality and inequality
 static constexpr int kPyNe = 3;
+
+// What every class is made from. Sizes and offsets are relative to the body until start-up has added the head.
+struct tClassInfo {
+    const char* attribute;  // name in the module
+    PyType_Spec* spec;
+    PyMemberDef* members;     // ended by a row without a name
+    Py_ssize_t* body_offset;  // bytes from the object to its body, -1 until first needed
+};
+
+extern Py_ssize_t gInitialCallbackBodyOffset;
+extern Py_ssize_t gPerThreadBodyOffset;
+extern Py_ssize_t gPerCodeObjectBodyOffset;
+extern Py_ssize_t gPerFileBodyOffset;
+
+// ---- The module's methods (optmonitoring_module.cpp) ----
+
+PyObject* UpdateThisProcessPid(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames);
+PyObject* AddToThreadStateTracing(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames);
+
+// ---- Life of the state (optmonitoring_exec.cpp, optmonitoring_reset.cpp) ----
+
+// 0, or -1 with an exception pending; what a failed exec has made is released again.
+int optmonitoring_exec(PyObject* module);
+
+// Releases everything that the state owns; any of it may be missing. Returns 0.
+int optmonitoring_mod_clear(PyObject* module);
+
+PyObject* optmonitoring_reset(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames);
+
+// The state's file tables; null with an exception pending after a reset that ran out of memory or a clear.
+tFileOpsData* need_file_ops(tModuleState* m);
+
+// ---- Module functions (optmonitoring_functions.cpp) ----
+
+PyObject* lookup_canonical_pathname_wrap(PyObject* module, PyObject* args, PyObject* kwargs);
+PyObject* register_canonical_pathname_wrap(PyObject* module, PyObject* args, PyObject* kwargs);
+PyObject* get_canonical_pathname_wrap(PyObject* module, PyObject* args, PyObject* kwargs);
+PyObject* set_dprintf_file_wrap(PyObject* module, PyObject* args);
+PyObject* set_dprintf_mask_wrap(PyObject* module, PyObject* args);
+PyObject* get_dprintf_mask_wrap(PyObject* module, PyObject* args);
+PyObject* dprintf_wrap(PyObject* module, PyObject* args, PyObject* kwargs);
+PyObject* set_checksum_callback_wrap(PyObject* module, PyObject* args, PyObject* kwargs);
+PyObject* get_checksum_callback_wrap(PyObject* module, PyObject* args, PyObject* kwargs);
+
+// ---- Fast arguments (optmonitoring_fastargs.cpp) ----
+
+// One argument; a null name ends a list.
+struct tFastArgInfo {
+    const char* name;
+    int pos;                  // position, negative: keyword only
+    PyObject* default_value;  // null: required
+    PyObject** value_ptr;     // where the value is stored [borrowed]
+};
+
+// Parses a fast call's arguments. 0, or -1 with TypeError pending.
+int get_fastargs(const tFastArgInfo* infos, PyObject* const* args, size_t nargsf, PyObject* kwnames);
+
+// ---- What the classes share (optmonitoring_classes.cpp) ----
+
+// The class that TYPE derives from, null for `object`. [borrowed]
+PyTypeObject* borrow_base(PyTypeObject* type);
+
+// The class below `object` from which OBJ's type derives: the one of ours that owns its body. [borrowed]
+PyTypeObject* borrow_defining_class(PyObject* obj);
+
+// The module and its state behind an instance of one of our classes or of a subclass; null with an exception pending.
+PyObject* borrow_module_of(PyObject* obj);
+tModuleState* state_of(PyObject* obj);
+tModuleState* state_of_class(PyTypeObject* cls);
+
+// Finds a body for the first time and caches its distance. Null with an exception pending.
+void* find_body(PyObject* obj, PyTypeObject* cls, Py_ssize_t* body_offset);
+
+template <typename T>
+static inline T* get_body(PyObject* obj, PyTypeObject* cls, Py_ssize_t* body_offset)
+{
+    if (XPY_UNLIKELY(*body_offset == -1))
+        return static_cast<T*>(find_body(obj, cls, body_offset));
+    return reinterpret_cast<T*>(reinterpret_cast<char*>(obj) + *body_offset);
+}
+
+static inline PyTypeObject* as_type(PyObject* cls)
+{
+    return reinterpret_cast<PyTypeObject*>(cls);
+}
+
+// Releases the object members of the class's member table in table order, each set to null first.
+void clear_object_members(PyObject* obj);
+
+// Where a class keeps its version, bytes; the interpreter takes it away as soon as an attribute is set.
+extern Py_ssize_t gTypeVersionOffset;
+
+// A state of a class that some finding was made in: it holds for as long as nobody has changed the class.
+struct tClassMark {
+    PyTypeObject* cls;  // null: no finding
+    uint32_t version;
+};
+
+// Whether the class is as it was when it was marked.
+static inline bool is_as_marked(const tClassMark* mark, PyTypeObject* cls)
+{
+    return mark->cls == cls &&
+           *reinterpret_cast<uint32_t*>(reinterpret_cast<char*>(cls) + gTypeVersionOffset) == mark->version;
+}
+
+// Once per process, after the binding layer has started up.
+void init_class_versions(void);
+
+// Marks the class as it is; nothing is marked where the interpreter gives classes no versions that are of use.
+void mark_class(tClassMark* mark, PyTypeObject* cls);
+
+// An attribute of a class: a registry, or a host hook.
+struct tClassAttr {
+    tNameCache name;
+    tClassMark mark;  // when VALUE was found
+    PyObject* value;  // a plain dict, or None [borrowed from the class's own dict]
+};
+
+// Reads a class attribute. [new]; null with an exception pending.
+PyObject* get_class_attr(PyObject* cls, tClassAttr* attribute);
+
+// Sets one. 0, or -1 with an exception pending.
+int set_class_attr(PyObject* cls, tClassAttr* attribute, PyObject* value);
+
+// Reads a class attribute; when it is missing, what MAKE returns [new] is stored there first. [new]
+PyObject* get_class_attr_or_make(PyObject* cls, tClassAttr* attribute, PyObject* (*make)(void));
+PyObject* make_none(void);
+
+// Calls the class's new-record hook, if any, with the tracing counter raised. 0, or -1 with an exception pending.
+int CallNewObjectCallback_direct(tDPData* dp, PyObject* cls, tClassAttr* attribute, PyObject* new_object);
+
+// The registries are the host's to replace, so any mapping may stand there: item access, where KeyError means absent.
+// 1 with *ITEM [new], 0 when absent, -1 with an exception pending.
+int get_item_if_present(PyObject* mapping, PyObject* key, PyObject** item);
+
+// Deletes a key that may be absent. 0, or -1 with an exception pending.
+int delete_item_if_present(PyObject* mapping, PyObject* key);
+
+// Whether the pending exception is of this kind; then it is cleared.
+bool clear_if_raised(PyObject* exception);
+
+// Refuses keyword arguments of a constructor: 0, or -1 with TypeError pending.
+int refuse_keywords(PyObject* kwargs, const char* class_name);
+
+// ---- A look into sets of line numbers (optmonitoring_linenos.cpp) ----
+
+// Once per process, after the binding layer has started up.
+void init_lineno_peek(void);
+
+// ---- CPerThread (optmonitoring_perthread.cpp, optmonitoring_perthread_tss.cpp) ----
+
+extern tClassInfo kPerThreadClass;
+int CPerThread_ClsInit(tModuleState* m);
+int CPerThread_ClsReset(tModuleState* m);
+
+// The body of a record; null with an exception pending when OBJ is none.
+CPerThreadBody* need_per_thread(tModuleState* m, PyObject* obj);
+
+// The record of a thread (None: this one), made when absent and CREATE is true. [new], None, or null.
+PyObject* CPerThread_GetPerThread_direct(tModuleState* m, PyObject* thread_id, PyObject* create);
+
+// This thread's record with its name looked up. [new], None, or null.
+PyObject* CInitialCallback_GetPerThreadCalledFromCallback(tModuleState* m);
+
+// The thread's policy; -1 with or without an exception pending.
+int CPerThread_GetDebugPolicy_direct(tModuleState* m, PyObject* per_thread);
+
+int CPerThread_FindThreadName_direct(tModuleState* m, PyObject* per_thread);
+int CPerThread_ClearPerThreadForCurrentThread(tModuleState* m);
+int CPerThread_Clear_direct(tModuleState* m, PyObject* per_thread);
+int CPerThread_TryRegisterThreadStateDictCapsule_direct(tModuleState* m, PyObject* per_thread);
+
+// The record behind this thread's slot [new]; None when there is none or it was stale; null with an exception
+// pending.
+PyObject* CPerThread_FastGetExistingPerThreadFromPyTss(tModuleState* m);
+
+// The record behind the capsule in this thread state's dict [new], None, or null.
+PyObject* CPerThread_GetExistingPerThreadFromThreadStateDict(tModuleState* m);
+
+// Whether the record's death runs the module's own finalizer: the program's classes and changes may replace it.
+bool CPerThread_HasOwnFinalizer(PyObject* per_thread);
+
+int CPerThread_StorePerThreadForCurrentThreadInPyTss_direct(tModuleState* m, PyObject* per_thread);
+int CPerThread_DiscardPerThread_direct(tModuleState* m, PyObject* per_thread);
+PyObject* CPerThread_get_fPerThreadDict(tModuleState* m);  // [new]
+
+// ---- CPerFile (optmonitoring_perfile.cpp) ----
+
+extern tClassInfo kPerFileClass;
+int CPerFile_ClsInit(tModuleState* m);
+int CPerFile_ClsReset(tModuleState* m);
+
+// The record of a canonical pathname, made when absent and CREATE is true. [new], None, or null.
+PyObject* CPerFile_GetPerFile_direct(tDPData* dp, PyObject* per_file_class, PyObject* pathname, PyObject* create);
+
+// Enters the record in (REMOVE: takes it out of) the set of a checksum; None: its own. 0 or -1.
+int CPerFile_UpdateByChecksum_direct(tModuleState* m, PyObject* per_file, PyObject* checksum, int16_t remove);
+
+// ---- CPerCodeObject (optmonitoring_percodeobject.cpp, optmonitoring_percodeobject_life.cpp) ----
+
+extern tClassInfo kPerCodeObjectClass;
+int CPerCodeObject_ClsInit(tModuleState* m);
+int CPerCodeObject_ClsReset(tModuleState* m);
+
+// Result [new], None when absent and not to be made, null with an exception pending.
+PyObject* CPerCodeObject_GetPerCodeObject_direct(tModuleState* m, PyObject* code, PyObject* create, PyObject* frame);
+PyObject* CPerCodeObject_GetExistingPerCodeObject_direct(tModuleState* m, PyObject* code);
+
+// The frame that runs, or None. [new]; null with an exception pending.
+PyObject* get_running_frame(void);
+
+// Makes the record of a code object that is seen for the first time, as a call of the class with the running frame
+// would. False when it is not plain to see that there is no record yet and that a call would do the same: nothing has
+// happened then, and nothing is pending. *RECORD is [new], or null with an exception pending.
+bool CPerCodeObject_CreateShortly(tModuleState* m, PyObject* code, PyObject** record);
+
+// Drops what was found out about files and about the class; whenever the module starts, and whenever its file tables
+// go.
+void CPerCodeObject_ForgetFindings(tModuleState* m);
+
+// What a call of the class makes: a record [new], or None where the program has made it so; null with an exception
+// pending, also for anything else that the program has made it return.
+PyObject* CPerCodeObject_Create_direct(tModuleState* m, PyObject* code, PyObject* frame);
+
+// The pathname to report, or with CANONICAL the canonical one (None for pseudo files). [new] or null.
+PyObject* CPerCodeObject_GetPathnameToUse_direct(tModuleState* m, PyObject* code, PyObject* frame, int16_t canonical);
+
+int CPerCodeObject_UpdatePathnameFromFrame_direct(tModuleState* m, PyObject* per_code_object, PyObject* frame);
+int CPerCodeObject_AddToPerFile_direct(tModuleState* m, PyObject* per_code_object);
+int CPerCodeObject_RemoveFromPerFile_direct(tModuleState* m, PyObject* per_code_object);
+int CPerCodeObject_RegisterPerCodeObject_direct(tModuleState* m, PyObject* per_code_object, PyObject* code);
+int CPerCodeObject_cb_code_object_dealloc_direct(tModuleState* m, PyObject* per_code_object);
+PyObject* CPerCodeObject_get_fPerCodeObjectDict(tModuleState* m);  // [new]
+
+// The registry if it is a plain dict [new]; else null, perhaps with an exception pending.
+PyObject* CPerCodeObject_GetPlainRegistry(tModuleState* m);
+
+// Whether the record's weak reference leads to this very code object: 1, 0, or -1 with an exception pending.
+int CPerCodeObject_BelongsTo(CPerCodeObjectBody* body, PyObject* code);
+
+// Free function of the code objects' extra slot; EXTRA is the record [steals] or null. Leaves no exception behind.
+void FreeCodeObjectExtra(void* extra);
+
+// The body of a record; null with an exception pending when OBJ is none.
+CPerCodeObjectBody* need_per_code_object(tModuleState* m, PyObject* obj);
+
+// 0, or -1 with TypeError pending when OBJ is no code object.
+int check_code_object(PyObject* obj);
+
+// ---- Pathname kinds and internal frames (optmonitoring_pathnames.cpp) ----
+
+// A tPathnameKind, or -1 with an exception pending.
+int GetPathnameKind_direct(tDPData* dp, PyObject* pathname);
+
+// 1 or 0; never fails.
+int IsInternalPathname(tDPData* dp, PyObject* internal_table, PyObject* pathname);
+
+// 1, 0, or -1 with an exception pending.
+int IsInternalFrame_direct(tModuleState* m, PyObject* frame);
+
+// A frame or None [new]; null with an exception pending.
+PyObject* GetNonInternalFrame_direct(tModuleState* m, PyObject* back_count);
+
+// UTF-8 of a str without embedded nulls [borrowed from it]; null with an exception pending.
+const char* need_utf8(PyObject* str, Py_ssize_t* length);
+
+PyObject* GetPathnameKind(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames);
+PyObject* SetInternalPathnameDict(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames);
+PyObject* IsInternalFrame(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames);
+PyObject* GetNonInternalFrame(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames);
+
+// ---- CInitialCallback (optmonitoring_initialcallback.cpp, optmonitoring_skipsecond.cpp) ----
+
+extern tClassInfo kInitialCallbackClass;
+
+// One call's context, on the stack.
+struct CInitialCallback_Callback_Ctx {
+    tModuleState* m;
+    PyObject* per_thread;       // the thread's record or None [owned]
+    PyObject* per_code_object;  // [owned]
+    PyObject* lineno_obj;       // line number of a LINE event, else None [owned]
+    int saved_errno;
+    int errno_was_saved;
+};
+
+// 1: the event is of no interest, 0: call the second callback, -1: failed, with an exception pending.
+int CInitialCallback_SkipSecondCallback_direct(CInitialCallback_Callback_Ctx* ctx, CInitialCallbackBody* body,
+                                               PyObject* code);
+
+// ---- Helpers ----
 
 // The descriptor list of a function without arguments.
 static constexpr tFastArgInfo kNoArguments[] = {{nullptr, 0, nullptr, nullptr}};
@@ -86,102 +377,6 @@ static inline CPerFileBody* per_file_body(PyObject* obj, PyTypeObject* cls)
 static inline CInitialCallbackBody* initial_callback_body(PyObject* obj, PyTypeObject* cls)
 {
     return get_body<CInitialCallbackBody>(obj, cls, &gInitialCallbackBodyOffset);
-}
-
-// ---- The roads of the callback, inline ----
-// They take what is ready and leave everything else, failures included, to the functions that find out why it is not.
-
-// The record in the code object's extra slot [borrowed] if it needs no refinement, else null.
-static inline PyObject* borrow_ready_record(tModuleState* m, PyObject* code)
-{
-    void* extra = nullptr;
-    if (XPY_UNLIKELY(api._PyCode_GetExtra(code, m->code_object_extra_index, &extra) < 0)) {
-        api.PyErr_Clear();
-        return nullptr;
-    }
-    PyObject* record = static_cast<PyObject*>(extra);
-    if (XPY_UNLIKELY(!record || gPerCodeObjectBodyOffset == -1))
-        return nullptr;
-    bool is_ready = !per_code_object_body(record, as_type(m->CPerCodeObject))->fUpdatePathnameNeeded;
-    return XPY_LIKELY(is_ready) ? record : nullptr;
-}
-
-// The record behind this thread's storage slot [borrowed] if it is not stale and has its name, else null.
-static inline PyObject* borrow_ready_per_thread(tModuleState* m)
-{
-    if (XPY_UNLIKELY(!m->_gPyTssKey))
-        return nullptr;  // the host's log module, imported before the key is made, calls back
-    _tPyTssData* pair = static_cast<_tPyTssData*>(api.PyThread_tss_get(m->_gPyTssKey));
-    if (XPY_UNLIKELY(!pair || !pair->fPerThreadPtr || pair->fThreadStatePtr != api.PyThreadState_Get()))
-        return nullptr;
-    bool has_name = per_thread_body(pair->fPerThreadPtr, as_type(m->CPerThread))->fThreadName != api.Py_None;
-    return XPY_LIKELY(has_name) ? pair->fPerThreadPtr : nullptr;
-}
-
-// An entry of a set's table.
-struct tSetEntry {
-    PyObject* key;
-    Py_ssize_t hash;
-};
-
-// True when LINENO is surely not in LINENOS; false leaves it open. Runs no code of the program.
-static inline bool is_surely_absent(PyObject* linenos, PyObject* lineno)
-{
-    static constexpr uint64_t kOnePositiveDigit = 8;
-    static constexpr uint64_t kStaticFlag = 4;  // of ints that live as long as the interpreter, 3.14 and later
-    if (XPy_BorrowTypeInline(linenos) != gLinenoPeek.set_type || XPy_BorrowTypeInline(lineno) != api.PyLong_Type_ptr)
-        return false;
-    const char* number = reinterpret_cast<const char*>(lineno);
-    uint64_t tag = *reinterpret_cast<const uint64_t*>(number + gLinenoPeek.int_tag);
-    if ((tag & ~kStaticFlag) != kOnePositiveDigit)
-        return false;
-    size_t hash = *reinterpret_cast<const uint32_t*>(number + gLinenoPeek.int_digit);
-    const char* set = reinterpret_cast<const char*>(linenos);
-    size_t mask = *reinterpret_cast<const size_t*>(set + gLinenoPeek.set_mask);
-    const tSetEntry* table = *reinterpret_cast<tSetEntry* const*>(set + gLinenoPeek.set_table);
-    const tSetEntry* entry = table + (hash & mask);
-    return !entry->key && entry->hash == 0;
-}
-
-// Why an event is, or is not, of interest.
-enum tSkipReason {
-    kUnknownEvent,
-    kThreadIsStepping,
-    kCodeIsStepping,
-    kNoLineSet,
-    kLineMayHaveBreakpoint,  // only the set can tell
-    kReturnIsNeeded,
-    kNothingNeedsIt,
-};
-
-// The part of the skip decision behind the line test.
-static inline tSkipReason find_return_reason(const tModuleState* m, int event_id, const CPerCodeObjectBody* record)
-{
-    bool is_return = event_id == m->kPyReturnEventId || event_id == m->kPyYieldEventId;
-    return is_return && record->fReturnEventsNeededCount != 0 ? kReturnIsNeeded : kNothingNeedsIt;
-}
-
-// The skip decision as far as it can be made without code of the program. THREAD may be null: no record of the
-// thread.
-static inline tSkipReason find_skip_reason(const tModuleState* m, int event_id, const CPerThreadBody* thread,
-                                           const CPerCodeObjectBody* record, PyObject* lineno_obj)
-{
-    bool is_known = event_id == m->kPyStartEventId || event_id == m->kPyReturnEventId ||
-                    event_id == m->kPyYieldEventId || event_id == m->kPyResumeEventId ||
-                    event_id == m->kPyLineEventId;
-    if (!is_known)
-        return kUnknownEvent;
-    if (thread && thread->fSteppingEventsNeeded)
-        return kThreadIsStepping;
-    if (record->fSteppingEventsNeededCount != 0)
-        return kCodeIsStepping;
-    PyObject* linenos = record->fEnabledBpLinenos;
-    if (!linenos || linenos == api.Py_None)
-        return kNoLineSet;
-    bool has_line = event_id == m->kPyLineEventId && lineno_obj != api.Py_None;
-    if (has_line && !is_surely_absent(linenos, lineno_obj))
-        return kLineMayHaveBreakpoint;
-    return find_return_reason(m, event_id, record);
 }
 
 #endif

@@ -4,7 +4,7 @@
 // name: when that entry has never been used, the line is surely absent. No code of the program can run on the way, so
 // nothing needs to be held. Every other case, a collision included, is left to the interpreter's own look-up.
 
-#include "optmonitoring_internal.h"
+#include "optmonitoring_fastpath_internal.h"
 
 tLinenoPeek gLinenoPeek;
 

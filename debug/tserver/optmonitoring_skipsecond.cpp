@@ -1,6 +1,6 @@
 // The skip decision: whether neither stepping, breakpoints nor return events need this event.
 
-#include "optmonitoring_internal.h"
+#include "optmonitoring_fastpath_internal.h"
 
 // The working set of one decision. The call's context and the interpreter hold what it borrows for longer than the
 // decision lasts; only a thread's record that the decision had to fetch itself is its own.

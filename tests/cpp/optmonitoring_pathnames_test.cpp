@@ -3,7 +3,7 @@
 #include <string>
 
 #include "fileops_hosted_support.h"
-#include "optmonitoring.h"
+#include "optmonitoring_internal.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include "fake_python.h"
 #include "fuzz_input.h"
-#include "optmonitoring.h"
+#include "optmonitoring_internal.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <set>
 
 #include "fuzz_input.h"
-#include "optmonitoring_internal.h"
+#include "optmonitoring_fastpath_internal.h"
 #include "xpy_c_api_internal.h"
 
 namespace {

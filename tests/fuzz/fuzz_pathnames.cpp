@@ -3,7 +3,7 @@
 #include "dprintf.h"
 #include "fake_python.h"
 #include "fuzz_input.h"
-#include "optmonitoring.h"
+#include "optmonitoring_internal.h"
 
 namespace {
 

@@ -1,0 +1,116 @@
+// The fast path's inline reads, for the files that decide on events alone.
+
+#ifndef OPTMONITORING_OPTMONITORING_FASTPATH_INTERNAL_H
+#define OPTMONITORING_OPTMONITORING_FASTPATH_INTERNAL_H
+
+#include "optmonitoring_internal.h"
+
+// ---- A look into sets of line numbers (optmonitoring_linenos.cpp) ----
+
+// Where exact sets and ints keep what the look needs, bytes; set_type is null where it is not possible.
+struct tLinenoPeek {
+    PyTypeObject* set_type;
+    Py_ssize_t set_mask;
+    Py_ssize_t set_table;
+    Py_ssize_t int_tag;
+    Py_ssize_t int_digit;
+};
+extern tLinenoPeek gLinenoPeek;
+
+// ---- What is ready ----
+// They take what is ready and leave everything else, failures included, to the functions that find out why it is not.
+
+// The record in the code object's extra slot [borrowed] if it needs no refinement, else null.
+static inline PyObject* borrow_ready_record(tModuleState* m, PyObject* code)
+{
+    void* extra = nullptr;
+    if (XPY_UNLIKELY(api._PyCode_GetExtra(code, m->code_object_extra_index, &extra) < 0)) {
+        api.PyErr_Clear();
+        return nullptr;
+    }
+    PyObject* record = static_cast<PyObject*>(extra);
+    if (XPY_UNLIKELY(!record || gPerCodeObjectBodyOffset == -1))
+        return nullptr;
+    bool is_ready = !per_code_object_body(record, as_type(m->CPerCodeObject))->fUpdatePathnameNeeded;
+    return XPY_LIKELY(is_ready) ? record : nullptr;
+}
+
+// The record behind this thread's storage slot [borrowed] if it is not stale and has its name, else null.
+static inline PyObject* borrow_ready_per_thread(tModuleState* m)
+{
+    if (XPY_UNLIKELY(!m->_gPyTssKey))
+        return nullptr;  // the host's log module, imported before the key is made, calls back
+    _tPyTssData* pair = static_cast<_tPyTssData*>(api.PyThread_tss_get(m->_gPyTssKey));
+    if (XPY_UNLIKELY(!pair || !pair->fPerThreadPtr || pair->fThreadStatePtr != api.PyThreadState_Get()))
+        return nullptr;
+    bool has_name = per_thread_body(pair->fPerThreadPtr, as_type(m->CPerThread))->fThreadName != api.Py_None;
+    return XPY_LIKELY(has_name) ? pair->fPerThreadPtr : nullptr;
+}
+
+// An entry of a set's table.
+struct tSetEntry {
+    PyObject* key;
+    Py_ssize_t hash;
+};
+
+// True when LINENO is surely not in LINENOS; false leaves it open. Runs no code of the program.
+static inline bool is_surely_absent(PyObject* linenos, PyObject* lineno)
+{
+    static constexpr uint64_t kOnePositiveDigit = 8;
+    static constexpr uint64_t kStaticFlag = 4;  // of ints that live as long as the interpreter, 3.14 and later
+    if (XPy_BorrowTypeInline(linenos) != gLinenoPeek.set_type || XPy_BorrowTypeInline(lineno) != api.PyLong_Type_ptr)
+        return false;
+    const char* number = reinterpret_cast<const char*>(lineno);
+    uint64_t tag = *reinterpret_cast<const uint64_t*>(number + gLinenoPeek.int_tag);
+    if ((tag & ~kStaticFlag) != kOnePositiveDigit)
+        return false;
+    size_t hash = *reinterpret_cast<const uint32_t*>(number + gLinenoPeek.int_digit);
+    const char* set = reinterpret_cast<const char*>(linenos);
+    size_t mask = *reinterpret_cast<const size_t*>(set + gLinenoPeek.set_mask);
+    const tSetEntry* table = *reinterpret_cast<tSetEntry* const*>(set + gLinenoPeek.set_table);
+    const tSetEntry* entry = table + (hash & mask);
+    return !entry->key && entry->hash == 0;
+}
+
+// Why an event is, or is not, of interest.
+enum tSkipReason {
+    kUnknownEvent,
+    kThreadIsStepping,
+    kCodeIsStepping,
+    kNoLineSet,
+    kLineMayHaveBreakpoint,  // only the set can tell
+    kReturnIsNeeded,
+    kNothingNeedsIt,
+};
+
+// The part of the skip decision behind the line test.
+static inline tSkipReason find_return_reason(const tModuleState* m, int event_id, const CPerCodeObjectBody* record)
+{
+    bool is_return = event_id == m->kPyReturnEventId || event_id == m->kPyYieldEventId;
+    return is_return && record->fReturnEventsNeededCount != 0 ? kReturnIsNeeded : kNothingNeedsIt;
+}
+
+// The skip decision as far as it can be made without code of the program. THREAD may be null: no record of the
+// thread.
+static inline tSkipReason find_skip_reason(const tModuleState* m, int event_id, const CPerThreadBody* thread,
+                                           const CPerCodeObjectBody* record, PyObject* lineno_obj)
+{
+    bool is_known = event_id == m->kPyStartEventId || event_id == m->kPyReturnEventId ||
+                    event_id == m->kPyYieldEventId || event_id == m->kPyResumeEventId ||
+                    event_id == m->kPyLineEventId;
+    if (!is_known)
+        return kUnknownEvent;
+    if (thread && thread->fSteppingEventsNeeded)
+        return kThreadIsStepping;
+    if (record->fSteppingEventsNeededCount != 0)
+        return kCodeIsStepping;
+    PyObject* linenos = record->fEnabledBpLinenos;
+    if (!linenos || linenos == api.Py_None)
+        return kNoLineSet;
+    bool has_line = event_id == m->kPyLineEventId && lineno_obj != api.Py_None;
+    if (has_line && !is_surely_absent(linenos, lineno_obj))
+        return kLineMayHaveBreakpoint;
+    return find_return_reason(m, event_id, record);
+}
+
+#endif
