@@ -179,14 +179,14 @@ class FreeChildTest(ForkTestCase):
                 return 1                         # line
 
             def hold():
-                monitor.switching.acquire()
-                monitor.reporter.lock.acquire()
+                monitor.switches.lock.acquire()
+                monitor.turn.lock.acquire()
                 dlog.logger.handlers[0].lock.acquire()
                 taken.release()
                 wait.acquire()
                 dlog.logger.handlers[0].lock.release()
-                monitor.reporter.lock.release()
-                monitor.switching.release()
+                monitor.turn.lock.release()
+                monitor.switches.lock.release()
                 given.release()
 
             debugger = Debugger()

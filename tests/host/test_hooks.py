@@ -358,7 +358,7 @@ class SignalTest(HooksTestCase):
                     stops.append(frame.f_lineno)
                     if frame.f_lineno == OTHER:
                         inside.set()
-                        while main_id not in monitor.reporter.waiting_thread_ids:
+                        while main_id not in monitor.turn.waiting_thread_ids:
                             pass
                         while not handled:       # one that comes just before the wait does not interrupt it
                             signal.pthread_kill(main_id, signal.SIGINT)
@@ -406,7 +406,7 @@ class SignalTest(HooksTestCase):
             signal.signal(signal.SIGINT, handler)
             class Debugger(brixdebug.Debugger):
                 def interaction(self, *args, **kwargs):
-                    with monitor.reporter.lock, monitor.suspension.others_held():
+                    with monitor.turn.lock, monitor.suspension.others_held():
                         while not monitor.suspension.is_waiting(main_id):
                             pass
                         before = rounds

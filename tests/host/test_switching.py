@@ -172,8 +172,8 @@ class NothingTest(SwitchingTestCase):
                 debugger.stop_trace()
             def count():
                 gc.collect()
-                return (len(optmonitoring.CPerCodeObject._fPerCodeObjectDict), len(monitor._local_events),
-                        len(monitor.break_lines.lines), len(optmonitoring.CPerThread.GetAllPerThreads()))
+                return (len(optmonitoring.CPerCodeObject._fPerCodeObjectDict), len(monitor.switches._local_events),
+                        len(monitor.switches._lines), len(optmonitoring.CPerThread.GetAllPerThreads()))
             session(); session()
             before = count()
             for _ in range(20):

@@ -17,7 +17,7 @@ import weakref
 import optmonitoring
 from brixbase import dlog
 
-from brixdebug.reporting import is_of_signal_handler
+from brixdebug.raising import is_of_signal_handler
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -27,8 +27,9 @@ if TYPE_CHECKING:
 
     from optmonitoring import CPerCodeObject
 
-    from brixdebug.engine import Bdb
-    from brixdebug.monitor import Monitor
+    from brixdebug.protocol import TracedDebugger
+    from brixdebug.raising import Raiser
+    from brixdebug.switches import Switches
 
 
 def log(text: Callable[[], str]) -> None:
@@ -42,12 +43,12 @@ def is_pseudo_file(filename: str) -> bool:
 
 
 class BreakLines:
-    """Keeps the records in line with the breakpoints of the monitor's debugger."""
+    """Keeps the records in line with the breakpoints of the debugger that traces."""
 
-    def __init__(self, monitor: Monitor) -> None:
-        self._monitor = monitor
-        # record -> set of lines to report; none without
-        self.lines: dict[Any, set[int]] = {}
+    def __init__(self, switches: Switches, raiser: Raiser) -> None:
+        self._switches = switches
+        self._raiser = raiser
+        self.debugger: TracedDebugger | None = None   # whose breakpoints new code is searched for
         self._absolute_names: dict[str, str] = {}     # relative file name -> absolute
         # name of no file -> {id: weak reference to code}
         self._pseudo_codes: dict[str, dict[int, weakref.ref[CodeType]]] = {}
@@ -60,14 +61,13 @@ class BreakLines:
             return filename
         return self._absolute_names.get(filename) or os.path.abspath(filename)
 
-    def share(self, debugger: Bdb, filename: str) -> bool:
+    def share(self, debugger: TracedDebugger, filename: str) -> bool:
         """Bring the records of one file in line with its breakpoints.
 
         True when a code object has got lines that it had not: the start of its
         function may have been switched off when nothing was in it.
         """
-        for record in [each for each in self.lines if each.fCodeObjectWeakRef() is None]:
-            del self.lines[record]
+        self._switches.forget_dead_code()
         lines = dict.fromkeys(debugger.breaks.get(filename, ()), filename)
         if is_pseudo_file(filename):
             records = self._records_of_pseudo_file(filename)
@@ -85,7 +85,7 @@ class BreakLines:
 
     def _lines_without_code(self, filename: str, lines: dict[int, Any],
                             records: list[CPerCodeObject]) -> str:
-        found = set().union(*(self.lines.get(record, ()) for record in records))
+        found = set().union(*(self._switches.lines_of(record) or () for record in records))
         return "".join("no code that ran so far is on line %d of %s\n" % (line, filename)
                        for line in lines if line not in found)
 
@@ -94,6 +94,11 @@ class BreakLines:
         records = [optmonitoring.CPerCodeObject.GetPerCodeObject(code, False)
                    for code in codes if code is not None]
         return [record for record in records if record is not None]
+
+    def forget(self) -> None:
+        """The files' records say nothing of breakpoints any longer."""
+        for per_file in optmonitoring.CPerFile.GetAllPerFiles():
+            per_file.fBpSetByLineno.clear()
 
     def find_running_code(self) -> None:
         """Make records of all code that is running: it may not start again for a long time."""
@@ -119,13 +124,13 @@ class BreakLines:
                     dlog.LogException("a new code object")
                     is_done = True
         if interruption is not None:
-            self._monitor.reporter.raise_in_program(interruption)
+            self._raiser.raise_in_program(interruption)
 
     def _take_in(self, record: CPerCodeObject) -> None:
         self._remember_name(record)
-        debugger = self._monitor.debugger
+        debugger = self.debugger
         if debugger is not None and debugger.breaks:
-            with self._monitor.switching:
+            with self._switches.lock:
                 self._enable_lines(debugger, record)
 
     def _remember_name(self, record: CPerCodeObject) -> None:
@@ -140,14 +145,14 @@ class BreakLines:
         elif not os.path.isabs(filename) and not is_pseudo_file(filename):
             self._absolute_names[filename] = record.fPathnameToReport
 
-    def narrow(self, debugger: Bdb, code: CodeType) -> None:
+    def narrow(self, debugger: TracedDebugger, code: CodeType) -> None:
         """A breakpoint by function name may have found its line: report no others."""
         record = optmonitoring.CPerCodeObject.GetPerCodeObject(code, False)
         if record is not None:
-            with self._monitor.switching:
+            with self._switches.lock:
                 self._enable_lines(debugger, record)
 
-    def _enable_lines(self, debugger: Bdb, record: CPerCodeObject) -> bool:
+    def _enable_lines(self, debugger: TracedDebugger, record: CPerCodeObject) -> bool:
         """Tell the filter the lines of one code object; True when there are new ones."""
         code = record.fCodeObjectWeakRef()
         if code is None:
@@ -157,19 +162,15 @@ class BreakLines:
             log(lambda: "%s is the debugger's own code: no breakpoint holds there\n"
                 % _code_text(code))
             lines = None
-        before = self.lines.get(record)
+        before = self._switches.lines_of(record)
         if lines == before:
             return False
         log(lambda: "lines to stop at in %s: %s\n" % (
             _code_text(code), ", ".join(map(str, sorted(lines or ()))) or "none"))
-        if lines:
-            self.lines[record] = lines
-        else:
-            del self.lines[record]
-        self._monitor.apply(record)
+        self._switches.want(record, lines=lines or set())
         return lines is not None and not lines <= (before or set())
 
-    def _lines(self, debugger: Bdb, record: CPerCodeObject, code: CodeType) -> set[int] | None:
+    def _lines(self, debugger: TracedDebugger, record: CPerCodeObject, code: CodeType) -> set[int] | None:
         """The set of lines to report, None when there is none."""
         if record.fCanonicalPathname is None:
             names = dict.fromkeys(debugger.breaks.get(code.co_filename, ()), code.co_filename)

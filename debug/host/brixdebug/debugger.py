@@ -18,8 +18,9 @@ from brixbase import dlog
 
 from brixdebug import compat, files, internal, log
 from brixdebug.engine import Bdb, BdbQuit
-from brixdebug.monitor import MonitorError, monitor
+from brixdebug.monitor import monitor
 from brixdebug.suspension import debugged_frames
+from brixdebug.switches import MonitorError
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -69,7 +70,7 @@ class Debugger(_StandardDebugger, Bdb):
 
     def interaction(self, *args: Any, **kwargs: Any) -> None:
         """One thread is at the prompt; the others wait for it."""
-        with monitor.reporter.lock, monitor.suspension.others_held(), self._standard_input():
+        with monitor.turn.lock, monitor.suspension.others_held(), self._standard_input():
             try:
                 return super().interaction(*args, **kwargs)
             finally:

@@ -23,9 +23,11 @@ import optmonitoring
 from brixbase import dlog
 from brixdebug import compat
 from brixdebug.breakpoints import is_pseudo_file, log
-from brixdebug.monitor import MonitorError, monitor
-from brixdebug.reporting import is_of_signal_handler
+from brixdebug.monitor import monitor
+from brixdebug.raising import is_of_signal_handler
+from brixdebug.reporting import Reporter
 from brixdebug.stops import PerThread, StopStates
+from brixdebug.switches import MonitorError
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -34,6 +36,8 @@ if TYPE_CHECKING:
 
 BdbQuit = bdb.BdbQuit
 Breakpoint = bdb.Breakpoint
+
+Reporter(monitor)             # events go through it to the debugger that traces
 
 # Classes whose user_call does something only where the debugger stops anyway.
 _QUIET_CALL_MODULES = ("bdb", "pdb", __name__)
@@ -215,7 +219,7 @@ class Bdb(compat.TraceBase):
 
     def set_break(self, filename: str, lineno: int, temporary: bool = False, cond: str | None = None,
                   funcname: str | None = None) -> str | None:
-        with monitor.reporter.lock:
+        with monitor.turn.lock:
             try:
                 result = super().set_break(filename, lineno, temporary, cond, funcname)
             except MonitorError as error:
@@ -225,11 +229,11 @@ class Bdb(compat.TraceBase):
             return result
 
     def clear_break(self, filename: str, lineno: int) -> str | None:
-        with monitor.reporter.lock:
+        with monitor.turn.lock:
             return super().clear_break(filename, lineno)
 
     def clear_bpbynumber(self, arg: SupportsInt) -> str | None:
-        with monitor.reporter.lock:
+        with monitor.turn.lock:
             return super().clear_bpbynumber(arg)
 
     def stop_here(self, frame: FrameType) -> bool:
@@ -257,13 +261,13 @@ class Bdb(compat.TraceBase):
     _break_here = compat.rebind(bdb.Bdb.break_here, effective=_effective)
 
     def clear_all_file_breaks(self, filename: str) -> str | None:
-        with monitor.reporter.lock:
+        with monitor.turn.lock:
             result = super().clear_all_file_breaks(filename)
             monitor.breaks_changed(self, self.canonic(filename))
             return result
 
     def clear_all_breaks(self) -> str | None:
-        with monitor.reporter.lock:
+        with monitor.turn.lock:
             filenames = list(self.breaks)
             result = super().clear_all_breaks()
             for filename in filenames:

@@ -15,11 +15,12 @@ import weakref
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     from types import FrameType
-    from typing import Any
+    from typing import Any, Protocol
 
     from optmonitoring import CPerCodeObject
 
-    from brixdebug.engine import Bdb
+    class HasStopStates(Protocol):
+        stop_states: StopStates
 
 
 class _Nowhere:
@@ -135,10 +136,10 @@ class PerThread:
     def __set_name__(self, owner: type, name: str) -> None:
         self._name = name
 
-    def __get__(self, debugger: Bdb | None, owner: type | None = None) -> Any:
+    def __get__(self, debugger: HasStopStates | None, owner: type | None = None) -> Any:
         if debugger is None:
             return self
         return getattr(debugger.stop_states.reached(), self._name)
 
-    def __set__(self, debugger: Bdb, value: object) -> None:
+    def __set__(self, debugger: HasStopStates, value: object) -> None:
         setattr(debugger.stop_states.reached(), self._name, value)

@@ -14,21 +14,21 @@ import threading
 import optmonitoring
 from brixbase import dlog
 
+from brixdebug.switches import thread_id_of
+
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     from collections.abc import Callable, Iterator
     from types import FrameType
     from typing import Any
 
-    from optmonitoring import CPerCodeObject, CPerThread
+    from optmonitoring import CPerThread
 
-    from brixdebug.monitor import Monitor
+    from brixdebug.raising import Raiser
+    from brixdebug.switches import Switches
+    from brixdebug.turn import Turn
 
-_events = sys.monitoring.events
 _threading: Any = threading            # its table of running threads has no public name
-
-# Enough to catch a thread in the loop that it is in.
-_HOLD_LOCAL_EVENTS = _events.LINE | _events.PY_START | _events.JUMP
 
 
 def debugged_frames() -> dict[int, FrameType]:
@@ -46,13 +46,6 @@ def debugged_frames() -> dict[int, FrameType]:
 def is_threading_code(frame: FrameType) -> bool:
     """Where a thread has locks that others need to start one, to end one or to list them."""
     return frame.f_code.co_filename == threading.__file__
-
-
-# The record of a thread is emptied when the thread ends, at any moment and under whoever holds it.
-
-def thread_id_of(per_thread: CPerThread) -> int | None:
-    """The id in a thread's record; None when the thread has ended."""
-    return getattr(per_thread, "fThreadId", None)
 
 
 def suspend_lock_of(per_thread: CPerThread | None) -> SuspendLock | None:
@@ -119,12 +112,20 @@ class _OwnThread:
 class Suspension:
     """Holds the other threads, and knows all of them by a number and a name."""
 
-    def __init__(self, monitor: Monitor) -> None:
-        self._monitor = monitor
+    def __init__(self, switches: Switches, turn: Turn, raiser: Raiser,
+                 begin: Callable[[], bool], end: Callable[[], None]) -> None:
+        """`begin` is called before threads are held: switches events on, False when nobody gets any.
+
+        `end` is called when they go on: what is switched on may be less.
+        """
+        self._switches = switches
+        self._turn = turn
+        self._raiser = raiser
+        self._begin_events = begin
+        self._end_events = end
         self._depth = 0
         self.holder: int | None = None        # id of the thread at the prompt, which is not held
         self._held: dict[SuspendLock, CPerThread] = {}    # lock -> record, of the threads that are
-        self._records: set[CPerCodeObject] = set()        # of code that they run
         self.is_ending_all = False            # every thread ends at its next event
         self.own_thread_ids: set[int] = set()             # threads of a debugger: never debugged
         self._own = threading.local()
@@ -179,7 +180,7 @@ class Suspension:
             dlog.LogException("a new thread")
 
     def _give_lock(self, per_thread: CPerThread) -> SuspendLock:
-        lock = per_thread.fSuspendLock = SuspendLock(self._monitor.reporter.raise_in_program)
+        lock = per_thread.fSuspendLock = SuspendLock(self._raiser.raise_in_program)
         return lock
 
     # -- holding --------------------------------------------------------------------
@@ -203,15 +204,15 @@ class Suspension:
         if self._depth > 1:
             return
         self.holder = threading.get_ident()
-        if self._monitor.debugger is not None:    # else no event would reach a thread
-            self._monitor.refresh()
+        self._switches.hold(self.is_active)
+        if self._begin_events():
             self._hold_all()
 
     def _hold_all(self) -> None:
         for thread_id in sys._current_frames():
             if thread_id != self.holder and thread_id not in self.own_thread_ids:
                 self._hold(optmonitoring.CPerThread.GetPerThread(thread_id))
-        self._monitor.set_any_suspended(1)
+        self._switches.look_at_suspend_locks(True)
         self._watch_running_code()
 
     def _watch_running_code(self) -> None:
@@ -221,17 +222,21 @@ class Suspension:
             while frame is not None and thread_id != threading.get_ident():
                 record = optmonitoring.CPerCodeObject.GetPerCodeObject(frame.f_code, True, frame)
                 if record is not None and not record.fIsInternal:
-                    self._records.add(record)
+                    self._switches.want(record, held=True)
                 frame = frame.f_back
-        for record in self._records:
-            self._monitor.apply(record)
-        self._monitor.rearm()
+        self._switches.rearm()
 
     def end_all(self) -> None:
         """From now on every thread gets an event soon, to end at."""
         self.is_ending_all = True
-        self._monitor.refresh()
+        self._switches.hold(True)
+        self._begin_events()
         self._watch_running_code()
+
+    def end_session(self) -> None:
+        """No thread is ended any longer."""
+        self.is_ending_all = False
+        self._switches.hold(self.is_active)
 
     def _hold(self, per_thread: CPerThread) -> None:
         # The record may have been made before the hook was set.
@@ -247,27 +252,19 @@ class Suspension:
         if self._depth:
             return
         self.holder = None
-        self._monitor.set_any_suspended(0)
+        self._switches.hold(self.is_active)
+        self._switches.look_at_suspend_locks(False)
         held, self._held = self._held, {}
         if not self.is_ending_all:
-            self.forget_running_code()
+            self._switches.let_all_go()
         for lock, per_thread in held.items():
             per_thread.fCheckSuspendLock = 0
             lock.open()
-        self._monitor.needs_changed(self._monitor.debugger)
-
-    def forget_running_code(self) -> None:
-        records, self._records = self._records, set()
-        for record in records:
-            self._monitor.apply(record)
-
-    def local_events(self, record: CPerCodeObject) -> int:
-        """What one code object needs so that threads in it are held."""
-        return _HOLD_LOCAL_EVENTS if record in self._records else 0
+        self._end_events()
 
     def is_waiting(self, thread_id: int) -> bool:
         """True when the thread stands at its lock, or waits to report an event."""
-        if thread_id in self._monitor.reporter.waiting_thread_ids:
+        if thread_id in self._turn.waiting_thread_ids:
             return True
         per_thread = optmonitoring.CPerThread.GetPerThread(thread_id, False)
         lock = suspend_lock_of(per_thread)
@@ -279,5 +276,6 @@ class Suspension:
         if self.holder != threading.get_ident():
             self._depth = 0
             self.holder = None
-        self.forget_running_code()
-        self._monitor.set_any_suspended(0)
+        self._switches.hold(self.is_active)
+        self._switches.let_all_go()
+        self._switches.look_at_suspend_locks(False)

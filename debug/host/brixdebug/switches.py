@@ -1,0 +1,418 @@
+"""What is switched on: the one user of `sys.monitoring` here, and the one writer of the filter's fields.
+
+Two tool ids are taken while a debugger has something to wait for:
+
+* the filter's.  Its callbacks are native (`CInitialCallback`); what they let
+  through arrives in the second callbacks of `reporting`.
+* the raiser's, the id of debuggers.  No exception leaves a native callback, yet a
+  debugger's `quit` has to raise one in the program.  The raiser has the same
+  events switched on and no callback, which costs nothing.  The interpreter asks
+  the tools one after another, the highest id first, and looks the callback up
+  when it gets there: so a second callback that has an exception to raise registers
+  the raiser's callback, and it is called for the very same event.
+
+What is switched on under them:
+
+    nothing                        no breakpoint is set and nothing is stepped
+    PY_START, PY_RESUME, PY_THROW  while there are breakpoints, to find code that
+                                   holds one; off again at each place without
+    LINE, PY_START, JUMP           in code objects that hold a breakpoint
+    RAISE, PY_UNWIND               while a thread is stepped
+    LINE, JUMP, returns            in the code objects of frames that are stepped
+    LINE, PY_START, JUMP           in all running code, while a thread is at the prompt
+
+While all threads run freely the second callbacks switch off, place by place, what
+is no breakpoint (DISABLE), and the program pays for nothing but the lines that have
+one.  While a thread is stepped or at the prompt everything stays armed; the filter is
+given the lines then (`fEnabledBpLinenos`) and answers for the others in native code.
+
+This file decides nothing: those above say what they need of a code object (`want`), of
+all code (`need`) and of all threads (`hold`).
+"""
+
+from __future__ import annotations
+
+import _thread
+import bisect
+import functools
+import sys
+
+import optmonitoring
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from collections.abc import Callable
+    from types import CodeType
+    from typing import Any
+
+    from optmonitoring import CInitialCallback, CPerCodeObject, CPerThread
+
+TOOL_NAME = "brixdebug"
+RAISER_TOOL_ID = sys.monitoring.DEBUGGER_ID
+FILTER_TOOL_IDS = (4, 3)        # the first that is free; above the raiser's
+
+_events = sys.monitoring.events
+_DISABLE = sys.monitoring.DISABLE
+
+_FIND_EVENTS = _events.PY_START | _events.PY_RESUME | _events.PY_THROW
+_UNWIND_EVENTS = _events.RAISE | _events.PY_UNWIND
+_BREAK_LOCAL_EVENTS = _events.LINE | _events.PY_START | _events.JUMP
+STEP_LOCAL_EVENTS = (_events.LINE | _events.JUMP | _events.PY_RETURN | _events.PY_YIELD
+                     | _events.STOP_ITERATION)
+# Enough to catch a thread in the loop that it is in.
+_HOLD_LOCAL_EVENTS = _events.LINE | _events.PY_START | _events.JUMP
+# Events that cannot be switched off at one place.
+_LASTING_EVENTS = _events.PY_THROW | _events.PY_UNWIND | _events.RAISE
+
+
+class MonitorError(RuntimeError):
+    """The events cannot be had; the text is for the user."""
+
+
+class Switches:
+    """Owns the two tool ids, and what is on under them."""
+
+    def __init__(self, install_hooks: Callable[[], None], remove_hooks: Callable[[], None]) -> None:
+        self._install_hooks = install_hooks           # called when the tool ids are taken,
+        self._remove_hooks = remove_hooks             # and before they are given back
+        self._second_callbacks: dict[int, Callable[..., object]] = {}     # event -> callback
+        self.lock: Any = _thread.RLock()              # around changes of what is switched on
+        self._filter_tool_id: Any = None              # None: no tool id is taken
+        self._initial_callbacks: dict[int, CInitialCallback] = {}
+        # What is wanted of code objects, by their records.
+        self._lines: dict[Any, set[int]] = {}         # to be reported; no entry without
+        self._stepping: dict[Any, int] = {}           # local events for stepping
+        self._held: set[Any] = set()                  # threads that run the code are held in it
+        self._local_events: dict[Any, int] = {}       # what is on for that
+        self._global_events = 0
+        self._raiser_events = 0
+        self._raising: set[int] = set()               # ids of threads with an exception to raise
+        self._any_stops_anywhere = False
+        self._is_holding = False
+        self.wants_calls = False              # user_call is to be called in code with breakpoints
+        self.is_idle = True                   # all threads run freely
+        self.epoch = 0                        # counts the times when places were armed again
+
+    def report_to(self, second_callbacks: dict[int, Callable[..., object]]) -> None:
+        """The filter's events go to these, by event."""
+        self._second_callbacks = second_callbacks
+
+    # -- what one code object is needed for --------------------------------------------
+
+    def want(self, record: CPerCodeObject, *, lines: set[int] | None = None,
+             stepping: int | None = None, held: bool | None = None) -> None:
+        """Switch on in one code object what it is needed for; None leaves that as it is.
+
+        `lines` are reported, none when the set is empty; `stepping` are its local events
+        for frames that are stepped; `held`: threads are to be caught in it.
+        """
+        if lines:
+            self._lines[record] = lines
+        elif lines is not None:
+            self._lines.pop(record, None)
+        if stepping:
+            self._stepping[record] = stepping
+        elif stepping is not None:
+            self._stepping.pop(record, None)
+        if held:
+            self._held.add(record)
+        elif held is not None:
+            self._held.discard(record)
+        self._apply(record)
+
+    def step_too(self, record: CPerCodeObject, events: int) -> None:
+        """Have these events of one code object beside what is stepped already."""
+        self.want(record, stepping=self._stepping.get(record, 0) | events)
+
+    def lines_of(self, record: CPerCodeObject) -> set[int] | None:
+        """The lines to be reported; None without."""
+        return self._lines.get(record)
+
+    def forget_dead_code(self) -> None:
+        """Drop the lines of code objects that exist no longer."""
+        for record in [each for each in self._lines if each.fCodeObjectWeakRef() is None]:
+            del self._lines[record]
+
+    def let_all_go(self) -> None:
+        """No code object is needed to hold threads any longer."""
+        held, self._held = self._held, set()
+        for record in held:
+            self._apply(record)
+
+    def _apply(self, record: CPerCodeObject) -> None:
+        events = self._stepping.get(record, 0)
+        if record in self._held:
+            events |= _HOLD_LOCAL_EVENTS
+        count = 1 if events else 0
+        lines = self._lines.get(record)
+        # None lets every line through, to be switched off by the second callback.
+        record.fEnabledBpLinenos = None if self.is_idle else lines
+        if lines:
+            events |= _BREAK_LOCAL_EVENTS
+            if self.wants_calls:
+                count = 1
+        if events:
+            self.claim()
+        record.fSteppingEventsNeededCount = count
+        self._set_local_events(record, events)
+
+    def _set_local_events(self, record: CPerCodeObject, events: int) -> None:
+        if self._local_events.get(record, 0) == events:
+            return
+        if events:
+            self._local_events[record] = events
+        else:
+            del self._local_events[record]
+        code = record.fCodeObjectWeakRef()
+        if code is not None:
+            sys.monitoring.set_local_events(RAISER_TOOL_ID, code, events)
+            sys.monitoring.set_local_events(self._filter_tool_id, code, events)
+
+    # -- what all code is needed for ------------------------------------------------------
+
+    def need(self, *, is_idle: bool, stepped: dict[CPerCodeObject, int], anywhere: set[int],
+             finds: bool, unwinds: bool, ends: bool) -> None:
+        """Switch on what is needed of all code, and in the code objects that are stepped.
+
+        `is_idle`: all threads run freely.  `stepped` replaces what was wanted for stepping.
+        `anywhere`: ids of the threads that stop at the start of every function.  `finds`:
+        new code has to be found.  `unwinds`: exceptions are reported.  `ends`: threads are
+        ended where they start a function.
+        """
+        was_idle, self.is_idle = self.is_idle, is_idle
+        self._set_stepping(stepped)
+        self._mark_threads(anywhere)
+        step_events = _UNWIND_EVENTS if unwinds else 0
+        if anywhere or ends:
+            step_events |= _FIND_EVENTS
+        self._set_events(step_events | (_FIND_EVENTS if finds else 0), step_events)
+        if was_idle != is_idle:
+            self._change_idle()
+
+    def need_nothing(self) -> None:
+        """Nothing is needed at present: the tool ids are free for others."""
+        self._set_stepping({})
+        self._any_stops_anywhere = False
+        self._give_back()
+
+    def _change_idle(self) -> None:
+        """All threads run freely now, or no longer."""
+        self._register_raiser()
+        for record in list(self._lines):
+            self._apply(record)
+        if not self.is_idle:
+            self.rearm()
+
+    def _set_stepping(self, stepped: dict[CPerCodeObject, int]) -> None:
+        before, self._stepping = self._stepping, stepped
+        for record in before:
+            if record not in stepped:
+                self._apply(record)
+        for record in stepped:
+            self._apply(record)
+
+    def _mark_threads(self, stepping_thread_ids: set[int]) -> None:
+        """Tell the filter which threads see the start of every function."""
+        begins = stepping_thread_ids and not self._any_stops_anywhere
+        self._any_stops_anywhere = bool(stepping_thread_ids)
+        for per_thread in optmonitoring.CPerThread.GetAllPerThreads():
+            if thread_id_of(per_thread) not in stepping_thread_ids:
+                per_thread.fSteppingEventsNeeded = False
+        for thread_id in stepping_thread_ids:
+            optmonitoring.CPerThread.GetPerThread(thread_id).fSteppingEventsNeeded = True
+        if begins:
+            self.rearm()
+
+    def _set_events(self, events: int, raiser_events: int) -> None:
+        if raiser_events != self._raiser_events:
+            sys.monitoring.set_events(RAISER_TOOL_ID, raiser_events)
+            self._raiser_events = raiser_events
+        if events != self._global_events:
+            sys.monitoring.set_events(self._filter_tool_id, events)
+            self._global_events = events
+
+    def rearm(self) -> None:
+        """Arm what was switched off place by place.  What is needed has to be written before."""
+        self.epoch += 1
+        sys.monitoring.restart_events()
+
+    # -- what all threads are needed for ---------------------------------------------------
+
+    def hold(self, is_holding: bool) -> None:
+        """Whether events are needed in all code that runs, to catch threads."""
+        self._is_holding = is_holding
+
+    def look_at_suspend_locks(self, is_needed: bool) -> None:
+        """Whether threads have to look at their suspend locks."""
+        for callback in self._initial_callbacks.values():
+            callback.fAnySuspendThread = int(is_needed)
+
+    # -- what nobody needs -----------------------------------------------------------------
+
+    # DISABLE takes hold after the callback has ended.  Should another thread arm places
+    # meanwhile, it must not: who answers so looks at the epoch once more as the very last thing.
+
+    def is_line_off(self, code: CodeType, line: int | None) -> bool:
+        """Nobody waits for this line of `code`."""
+        if not self.is_idle:
+            return False
+        record = optmonitoring.CPerCodeObject.GetPerCodeObject(code, False)
+        return line not in self._lines.get(record, ())
+
+    def is_jump_off(self, code: CodeType, offset: int, destination: int) -> bool:
+        """Nobody waits for this jump; it matters where it begins a loop on one line again."""
+        line = line_at(code, offset)
+        return destination > offset or line != line_at(code, destination) \
+            or self.is_line_off(code, line)
+
+    def is_call_off(self, code: CodeType, line: int | None) -> bool:
+        """Nobody waits for the start of just any function, nor for that of `code` at `line`.
+
+        With its start switched off, a function on one line reports no line either.
+        """
+        if self._any_stops_anywhere or self._is_holding:
+            return False
+        record = optmonitoring.CPerCodeObject.GetPerCodeObject(code, False)
+        return line not in self._lines.get(record, ())
+
+    # -- the raiser ------------------------------------------------------------------------
+
+    def begin_raising(self, code: CodeType, callback: Callable[..., object]) -> None:
+        """`callback` is called by the raiser soon, in the calling thread, which runs `code` or leaves it."""
+        with self.lock:
+            self._raising.add(_thread.get_ident())
+            self.claim()
+            sys.monitoring.set_events(RAISER_TOOL_ID, self._raiser_events | _UNWIND_EVENTS)
+            sys.monitoring.set_local_events(
+                RAISER_TOOL_ID, code,
+                sys.monitoring.get_local_events(RAISER_TOOL_ID, code) | STEP_LOCAL_EVENTS)
+            self.rearm()
+            for event in self._second_callbacks:
+                sys.monitoring.register_callback(RAISER_TOOL_ID, event, callback)
+
+    def end_raising(self, code: CodeType) -> None:
+        """The calling thread has its exception."""
+        with self.lock:
+            self._raising.discard(_thread.get_ident())
+            self._register_raiser()
+            record: Any = optmonitoring.CPerCodeObject.GetPerCodeObject(code, False)
+            sys.monitoring.set_events(RAISER_TOOL_ID, self._raiser_events)
+            sys.monitoring.set_local_events(RAISER_TOOL_ID, code,
+                                            self._local_events.get(record, 0))
+
+    def _register_raiser(self) -> None:
+        """The raiser's callbacks while it has nothing to raise: none, or what switches places off."""
+        if self._raising:
+            return
+        callbacks: dict[int, Callable[..., object]] = {} if not self.is_idle else {
+            _events.LINE: self._on_raiser_line,
+            _events.JUMP: self._on_raiser_jump,
+            _events.PY_START: self._on_raiser_call,
+            _events.PY_RESUME: self._on_raiser_call,
+        }
+        for event in self._second_callbacks:
+            sys.monitoring.register_callback(RAISER_TOOL_ID, event, callbacks.get(event))
+
+    def _on_raiser_line(self, code: CodeType, line: int) -> Any:
+        epoch = self.epoch
+        if self.is_line_off(code, line):
+            return _DISABLE if epoch == self.epoch else None
+
+    def _on_raiser_jump(self, code: CodeType, offset: int, destination: int) -> Any:
+        epoch = self.epoch
+        if self.is_jump_off(code, offset, destination):
+            return _DISABLE if epoch == self.epoch else None
+
+    def _on_raiser_call(self, code: CodeType, offset: int) -> Any:
+        epoch = self.epoch
+        if self.is_call_off(code, line_at(code, offset)):
+            return _DISABLE if epoch == self.epoch else None
+
+    # -- tool ids ----------------------------------------------------------------------------
+
+    def claim(self) -> None:
+        """Take the tool ids, if they are not taken; MonitorError when somebody else has them."""
+        if self._filter_tool_id is not None:
+            return
+        filter_tool_id = _free_filter_tool_id()
+        sys.monitoring.use_tool_id(RAISER_TOOL_ID, TOOL_NAME)
+        sys.monitoring.use_tool_id(filter_tool_id, TOOL_NAME + " filter")
+        self._filter_tool_id = filter_tool_id
+        self._install_hooks()
+        if not self._initial_callbacks:
+            for event, second_callback in self._second_callbacks.items():
+                self._initial_callbacks[event] = optmonitoring.CInitialCallback(
+                    event, second_callback, 0 if event & _LASTING_EVENTS else 1)
+        for event, callback in self._initial_callbacks.items():
+            sys.monitoring.register_callback(filter_tool_id, event, callback.Callback)
+        self._register_raiser()
+
+    def release(self) -> None:
+        """Everything off and given back, and nothing remembered of what was wanted."""
+        self._lines.clear()
+        self._stepping = {}
+        self._held = set()
+        self._any_stops_anywhere = False
+        self.is_idle = True
+        for record in list(self._local_events):
+            record.fEnabledBpLinenos = None
+            record.fSteppingEventsNeededCount = 0
+        for per_thread in optmonitoring.CPerThread.GetAllPerThreads():
+            per_thread.fSteppingEventsNeeded = False
+        self._give_back()
+
+    def _give_back(self) -> None:
+        """The tool ids and all that is switched on under them."""
+        if self._filter_tool_id is None:
+            return
+        self._set_events(0, 0)
+        for record in list(self._local_events):
+            self._set_local_events(record, 0)
+        for event in self._initial_callbacks:
+            sys.monitoring.register_callback(self._filter_tool_id, event, None)
+            sys.monitoring.register_callback(RAISER_TOOL_ID, event, None)
+        self._remove_hooks()
+        sys.monitoring.free_tool_id(self._filter_tool_id)
+        sys.monitoring.free_tool_id(RAISER_TOOL_ID)
+        self._filter_tool_id = None
+        # What was switched off at single places would stay off for the next user of the id.
+        sys.monitoring.restart_events()
+
+    # -- fork --------------------------------------------------------------------------------
+
+    def after_fork_in_child(self) -> None:
+        """Locks of other threads will never be released, and nothing is raised in them."""
+        if not self.lock._is_owned():
+            self.lock = _thread.RLock()
+        self._raising &= {_thread.get_ident()}
+
+
+def thread_id_of(per_thread: CPerThread) -> int | None:
+    """The id in a thread's record; None when the thread has ended: its record is emptied then, at any moment."""
+    return getattr(per_thread, "fThreadId", None)
+
+
+@functools.lru_cache(maxsize=256)
+def _line_starts(code_id: int, code: CodeType) -> tuple[list[int], list[int | None]]:
+    starts = [(start, line) for start, _, line in code.co_lines()]
+    return [start for start, _ in starts], [line for _, line in starts]
+
+
+def line_at(code: CodeType, offset: int) -> int | None:
+    """The line of the instruction at `offset`."""
+    starts, lines = _line_starts(id(code), code)
+    return lines[bisect.bisect_right(starts, offset) - 1]
+
+
+def _free_filter_tool_id() -> int:
+    """Find an id for the filter, and see to it that the raiser's is free, before any is taken."""
+    taken = sys.monitoring.get_tool(RAISER_TOOL_ID)
+    if taken is not None:
+        raise MonitorError("the monitoring tool id %d (sys.monitoring.DEBUGGER_ID) is taken by %r; "
+                           "stop that debugger first" % (RAISER_TOOL_ID, taken))
+    for tool_id in FILTER_TOOL_IDS:
+        if sys.monitoring.get_tool(tool_id) is None:
+            return tool_id
+    raise MonitorError("the monitoring tool ids %s are taken by %s; stop one of these tools first" % (
+        " and ".join(str(tool_id) for tool_id in FILTER_TOOL_IDS),
+        " and ".join(repr(sys.monitoring.get_tool(tool_id)) for tool_id in FILTER_TOOL_IDS)))

@@ -1,0 +1,43 @@
+"""One thread at a time reports to the debugger; a second one waits here until the first has gone on."""
+
+from __future__ import annotations
+
+import _thread
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from typing import Any
+
+
+class Turn:
+    """Belongs to the one thread that reports an event, or changes breakpoints."""
+
+    def __init__(self) -> None:
+        self._begin_anew()
+
+    def _begin_anew(self) -> None:
+        self.lock: Any = _thread.RLock()      # held by the one thread that reports
+        self.depth = 0                        # its events inside events
+        self.waiting_thread_ids: set[int] = set()     # of the threads that wait for the lock
+
+    def take(self) -> BaseException | None:
+        """Take the lock.  The exception of a signal handler meanwhile is returned: the event is not lost."""
+        if self.lock._is_owned():
+            self.lock.acquire()
+            return None
+        interruption = None
+        self.waiting_thread_ids.add(_thread.get_ident())
+        while not self.lock._is_owned():
+            try:
+                self.lock.acquire()
+            except BaseException as error:
+                interruption = error
+        self.waiting_thread_ids.discard(_thread.get_ident())
+        return interruption
+
+    def keep_only_own(self) -> bool:
+        """After a fork, in the child; False when it was another thread's turn, or nobody's."""
+        if self.lock._is_owned():
+            return True
+        self._begin_anew()
+        return False
