@@ -24,8 +24,8 @@ except ModuleNotFoundError as error:
     raise ImportError("brixdebug needs the module optmonitoring (the file optmonitoring.so); "
                       "put the folder that holds it on PYTHONPATH") from None
 
-from brixdebug.debugger import (Debugger, main, pm, post_mortem, run, runcall, runctx, runeval,
-                                set_trace)
+from brixdebug.commandline import main
+from brixdebug.debugger import Debugger, pm, post_mortem, run, runcall, runctx, runeval, set_trace
 
 __all__ = ["Debugger", "main", "pm", "post_mortem", "run", "runcall", "runctx", "runeval",
            "set_trace"]

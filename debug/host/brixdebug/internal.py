@@ -34,8 +34,8 @@ def pathname_table() -> dict[Any, bool]:
              importlib._bootstrap.__file__, importlib._bootstrap_external.__file__]
     for package in (__file__, brixbase.__file__):
         folder = os.path.dirname(os.path.abspath(package))
-        files += [os.path.join(folder, name) for name in os.listdir(folder)
-                  if name.endswith(".py")]
+        files += [os.path.join(inner, name) for inner, _, inner_names in os.walk(folder)
+                  for name in inner_names if name.endswith(".py")]
     files += _added
     # Both the name as it stands, which is what frozen code reports, and the canonical one.
     names += files

@@ -1,0 +1,28 @@
+"""What commands have in common."""
+
+from __future__ import annotations
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    import pdb
+
+    from brixdebug.engine import Bdb
+
+    class _Debugger(pdb.Pdb, Bdb):
+        """What a class of commands is joined with."""
+else:
+    _Debugger = object
+
+# What follows a name that is not meant as a command: `set = 1`, `info.x`, `set(x)`.
+_EXPRESSION_STARTS = tuple("=.([,:+-*/%@&|^<>!")
+
+
+class CommandBase(_Debugger):
+    """Stands before `pdb.Pdb` among the bases of a debugger's class."""
+
+    def _is_expression(self, name: str, arg: str) -> bool:
+        """True, after running it, when the line is a Python statement that begins like a command."""
+        if arg.startswith(_EXPRESSION_STARTS):
+            self.default(name + " " + arg)
+            return True
+        return False

@@ -1,0 +1,35 @@
+"""`info` and its topics."""
+
+from __future__ import annotations
+
+from brixdebug import files
+from brixdebug.commands.base import CommandBase
+
+
+class InformationCommands(CommandBase):
+    """Says what is known of the program."""
+
+    # topic of `info` -> name of the method that shows it
+    info_topics = {"duplicates": "_show_duplicates"}
+
+    def do_info(self, arg: str) -> None:
+        """info duplicates
+
+        List the files of the program that have equal contents: a breakpoint in one
+        of them does not stop in the others.
+        """
+        if self._is_expression("info", arg):
+            return
+        if arg not in self.info_topics:
+            self.error("info %s is what there is" % ", info ".join(self.info_topics))
+            return
+        getattr(self, self.info_topics[arg])()
+
+    def _show_duplicates(self) -> None:
+        groups = files.duplicates()
+        if not groups:
+            self.message("No two files have equal contents.")
+        for group in groups:
+            self.message("Equal contents:")
+            for name in group:
+                self.message("    %s" % name)

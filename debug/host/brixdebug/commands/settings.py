@@ -1,0 +1,29 @@
+"""`set` and what it switches."""
+
+from __future__ import annotations
+
+from brixdebug.commands.base import CommandBase
+
+
+class SettingCommands(CommandBase):
+    """Switches what can be on or off."""
+
+    # name for `set` -> the debugger's attribute that is true when it is on
+    settings = {"follow-fork": "follows_fork"}
+
+    def do_set(self, arg: str) -> None:
+        """set follow-fork on|off
+
+        Whether a child that the program forks is debugged too.  Off, as it is at
+        first, the child runs free of the debugger.
+        """
+        words = arg.split()
+        if not words or words[0] not in self.settings:
+            self.default("set " + arg)        # the built-in type, or a name of the program
+            return
+        attribute = self.settings[words[0]]
+        if words[1:] not in (["on"], ["off"]):
+            self.error("set %s on, or off; it is %s"
+                       % (words[0], "on" if getattr(self, attribute) else "off"))
+            return
+        setattr(self, attribute, words[1] == "on")

@@ -1,0 +1,85 @@
+"""Threads: `threads` and `thread`."""
+
+from __future__ import annotations
+
+import threading
+
+from brixdebug.commands.base import CommandBase
+from brixdebug.monitor import monitor
+from brixdebug.suspension import debugged_frames
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from types import FrameType
+    from typing import Any
+
+
+class ThreadCommands(CommandBase):
+    """Lists the program's threads, and looks at one of them."""
+
+    def __init__(self, *args: Any, **kwargs: Any) -> None:
+        super().__init__(*args, **kwargs)
+        self._thread_numbers: dict[int, int] = {}     # thread id -> number that the user sees
+        self._thread_count = 0
+
+    def _numbered_threads(self) -> list[tuple[int, int, FrameType]]:
+        """(number, thread id, frame) of each thread, in the order of the numbers."""
+        frames = debugged_frames()
+        for thread_id in [each for each in self._thread_numbers if each not in frames]:
+            del self._thread_numbers[thread_id]
+        main_id = threading.main_thread().ident
+        for thread_id in sorted(frames, key=lambda each: (each != main_id, each)):
+            if thread_id not in self._thread_numbers:
+                self._thread_count += 1
+                self._thread_numbers[thread_id] = self._thread_count
+        return sorted((number, thread_id, frames[thread_id])
+                      for thread_id, number in self._thread_numbers.items())
+
+    def do_threads(self, arg: str) -> None:
+        """threads
+
+        List the program's threads: number, state, name and place.  The one that is
+        looked at is marked.  A thread is "held" at its next line while another is
+        at the prompt; one that is inside C code is "running" until it comes back.
+        """
+        if self._is_expression("threads", arg):
+            return
+        if arg:
+            self.error("The command takes no argument")
+            return
+        shown = (self.stop_states.selected or self.stop_states.own()).thread_id
+        self.message("  %-4s%-15s%-20s %s" % ("Num", "State", "Name", "Place"))
+        for number, thread_id, frame in self._numbered_threads():
+            self.message("%s %-4d%-15s%-20s %s(%s)%s()" % (
+                ">" if thread_id == shown else " ", number, self._thread_state(thread_id),
+                monitor.suspension.thread_name(thread_id),
+                self.canonic(frame.f_code.co_filename), frame.f_lineno, frame.f_code.co_name))
+
+    @staticmethod
+    def _thread_state(thread_id: int) -> str:
+        if thread_id == threading.get_ident():
+            return "at the prompt"
+        return "held" if monitor.suspension.is_waiting(thread_id) else "running"
+
+    def do_thread(self, arg: str) -> None:
+        """thread NUMBER
+
+        Look at another thread's stack (see threads).  step, next, until and return
+        are then meant for that thread; the one that stopped goes on.
+        """
+        if self._is_expression("thread", arg):
+            return
+        threads = {number: (thread_id, frame)
+                   for number, thread_id, frame in self._numbered_threads()}
+        try:
+            thread_id, frame = threads[int(arg)]
+        except ValueError:
+            self.error("Thread number expected (see threads)")
+            return
+        except KeyError:
+            self.error("There is no thread %s (see threads)" % arg)
+            return
+        state = self.stop_states.of(thread_id)
+        self.stop_states.selected = None if state is self.stop_states.own() else state
+        self.setup(frame, None)
+        self.print_stack_entry(self.stack[self.curindex])
