@@ -211,35 +211,30 @@ static int thread_id_for_log(CPerThreadBody* body)
     return static_cast<int>(thread_id);
 }
 
-// Gives the suspend lock back. A lock that stays taken would hold the thread for ever at its next event, so a release
-// that fails, for instance for want of memory, is tried once more.
-static int release_suspend_lock(PyObject* lock)
-{
-    XPyOwned released(api.PyObject_CallMethod(lock, "release", ""));
-    if (released)
-        return 0;
-    XPyHeldError held;
-    XPyOwned again(api.PyObject_CallMethod(lock, "release", ""));
-    if (!again)
-        api.PyErr_Clear();
-    return -1;
-}
-
 // Passes the thread through its suspend lock: it blocks for as long as somebody else holds the lock.
+//
+// A lock that stayed taken would hold the thread for ever at its next event, and one released twice might be somebody
+// else's by then. So `release` is called exactly once, and everything that could run out of memory on the way to it,
+// its name and the method bound to the lock, is made before `acquire`.
 XPY_COLD static int pass_suspend_lock(tModuleState* m, CPerThreadBody* body)
 {
+    static tNameCache acquire_name = {"acquire", nullptr};
+    static tNameCache release_name = {"release", nullptr};
+    DO_DP(m->dp->threading, "fCheckSuspendLock is true; acquiring fSuspendLock: thread_id=%i\n",
+          thread_id_for_log(body));
     XPyOwned lock(XPy_NewRef(body->fSuspendLock));
     if (!lock) {
         api.PyErr_SetString(api.PyExc_AttributeError, "fSuspendLock");
         return -1;
     }
-    DO_DP(m->dp->threading, "fCheckSuspendLock is true; acquiring fSuspendLock: thread_id=%i\n",
-          thread_id_for_log(body));
-    XPyOwned acquired(api.PyObject_CallMethod(lock.borrow(), "acquire", ""));
+    XPyOwned acquire(get_cached_attr(lock.borrow(), &acquire_name));
+    XPyOwned release(acquire ? get_cached_attr(lock.borrow(), &release_name) : nullptr);
+    XPyOwned acquired(release ? api.PyObject_CallNoArgs(acquire.borrow()) : nullptr);
     if (!acquired)
         return -1;
     DO_DP(m->dp->threading, "acquired fSuspendLock: thread_id=%s\n", get_dprintf_repr_str1(m->dp, body->fThreadId));
-    if (release_suspend_lock(lock.borrow()) < 0)
+    XPyOwned released(api.PyObject_CallNoArgs(release.borrow()));
+    if (!released)
         return -1;
     DO_DP(m->dp->threading, "released fSuspendLock: thread_id=%s\n", get_dprintf_repr_str1(m->dp, body->fThreadId));
     return 0;

@@ -549,15 +549,32 @@ class SuspendCheck(FilterTestCase):
         self.release = release
         self.assert_failing(self.passed_lines()[:2], ValueError, "release")
 
+    def test_release_is_called_once_even_where_it_fails(self):
+        """A second call would free a lock that somebody else has taken meanwhile."""
+        def release():
+            self.steps.append("release")
+            raise ValueError("released, and then this")
+
+        self.release = release
+        self.assertIsNone(self.initial.Callback(self.code, 3))
+        self.assertEqual(self.steps, [("acquire", (), {}), "release"])
+
+    def test_a_lock_that_cannot_be_released_is_not_acquired(self):
+        class Lock:
+            def acquire(_):
+                self.acquire()
+
+        self.per_thread.fSuspendLock = Lock()
+        self.assert_failing(self.passed_lines()[:1], AttributeError, "'Lock' object has no attribute 'release'")
+        self.assertEqual(self.steps, [])
+
     def test_what_is_no_lock_fails_the_event(self):
         self.per_thread.fSuspendLock = 5
         self.assert_failing(self.passed_lines()[:1], AttributeError, "'int' object has no attribute 'acquire'")
 
     def test_a_deleted_lock_fails_the_event(self):
         del self.per_thread.fSuspendLock
-        self.assertIsNone(self.initial.Callback(self.code, 3))
-        self.assertEqual(self.second.calls, [])
-        self.assert_reported(AttributeError)
+        self.assert_failing(self.passed_lines()[:1], AttributeError, "fSuspendLock")
 
 
 class SecondCallback(FilterTestCase):
