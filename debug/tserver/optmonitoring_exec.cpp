@@ -217,9 +217,13 @@ int optmonitoring_exec(PyObject* module)
 
 tFileOpsData* need_file_ops(tModuleState* m)
 {
-    if (!m->file_ops_data)
-        api.PyErr_SetString(api.PyExc_RuntimeError, "optmonitoring has no file tables; reset() makes new ones");
-    return m->file_ops_data;
+    if (m->file_ops_data)
+        return m->file_ops_data;
+    bool was_cleared = !m->dp;
+    api.PyErr_SetString(api.PyExc_RuntimeError, was_cleared
+                                                    ? "optmonitoring has been cleared"
+                                                    : "optmonitoring has no file tables; reset() makes new ones");
+    return nullptr;
 }
 
 // Takes a pointer out of its field.
