@@ -47,31 +47,6 @@ static PyObject* finish_with(CInitialCallback_Callback_Ctx* ctx, PyObject* answe
 
 // ---- The failure path ----
 
-XPY_COLD static void call_log_exception(tModuleState* m, PyObject* exception)
-{
-    api.PyErr_SetHandledException(exception);  // Kept: not put back afterwards
-    XPyOwned log_exception(XPy_NewRef(m->_LogException));
-    XPyOwned result(do_two_arg_call(log_exception.borrow(), api.Py_None, api.Py_True));
-    if (!result)
-        clear_failure(m->dp, "LogException() failed and exception suppressed\n");
-    // It stays the handled one, so the next failure's exception will refer to it: without this, each would keep all
-    // earlier ones alive, and be reported with them.
-    if (api.PyObject_SetAttrString(exception, "__context__", api.Py_None) < 0)
-        api.PyErr_Clear();
-}
-
-XPY_COLD static void CallLogExceptionWithCurrentRaisedException(tModuleState* m)
-{
-    XPyOwned exception(api.PyErr_GetRaisedException());
-    if (!m->_LogException)
-        return;
-    if (exception)
-        call_log_exception(m, exception.borrow());
-    else
-        clear_failure(m->dp,
-                      "CallLogExceptionWithCurrentRaisedException(): PyErr_GetRaisedException() returned NULL\n");
-}
-
 XPY_COLD static PyObject* suppress_failure(CInitialCallback_Callback_Ctx* ctx)
 {
     report_failure(ctx->m->dp, "CInitialCallback_Callback() failed and exception suppressed\n");

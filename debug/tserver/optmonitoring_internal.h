@@ -306,7 +306,7 @@ PyObject* SetInternalPathnameDict(PyObject* module, PyObject* const* args, Py_ss
 PyObject* IsInternalFrame(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames);
 PyObject* GetNonInternalFrame(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames);
 
-// ---- CInitialCallback (optmonitoring_initialcallback.cpp, optmonitoring_skipsecond.cpp) ----
+// ---- CInitialCallback (optmonitoring_{initialcallback,skipsecond,suppressed}.cpp) ----
 
 extern tClassInfo kInitialCallbackClass;
 
@@ -319,6 +319,9 @@ struct CInitialCallback_Callback_Ctx {
     int saved_errno;
     int errno_was_saved;
 };
+
+// Hands the pending exception to the host's LogException as the handled one; nothing is pending afterwards.
+void CallLogExceptionWithCurrentRaisedException(tModuleState* m);
 
 // 1: the event is of no interest, 0: call the second callback, -1: failed, with an exception pending.
 int CInitialCallback_SkipSecondCallback_direct(CInitialCallback_Callback_Ctx* ctx, CInitialCallbackBody* body,

@@ -6,6 +6,7 @@ import os
 import sys
 import threading
 import unittest
+import weakref
 
 import support
 from filter_support import (ALL_MASKS, FAILURES, INITIAL, INVOKING, RECORD_FAILED, SKIPPING, SUPPRESSED, THREADING,
@@ -575,6 +576,141 @@ class SuspendCheck(FilterTestCase):
     def test_a_deleted_lock_fails_the_event(self):
         del self.per_thread.fSuspendLock
         self.assert_failing(self.passed_lines()[:1], AttributeError, "fSuspendLock")
+
+
+class SuppressedExceptions(FilterTestCase):
+    """What the module may do to an exception that it reports: part it from the one that it left as the handled one."""
+
+    def setUp(self):
+        super().setUp()
+        self.code = self.recorded_function()[0].__code__
+
+    def fail_with(self, second):
+        """The exception that the host was told of."""
+        self.dlog.forget()
+        self.assertIsNone(self.callback("PY_START", second).Callback(self.code, 0))
+        self.assertEqual(len(self.dlog.exception_calls), 1)
+        return self.dlog.exception_calls[0][1]
+
+    def raising(self, exception):
+        def second(*args):
+            raise exception
+        return second
+
+    def test_the_next_does_not_refer_to_the_one_left_as_handled(self):
+        first = self.fail_with(self.raising(ValueError("first")))
+        self.assertIs(sys.exception(), first)
+        second = self.fail_with(self.raising(KeyError("second")))
+        self.assertIs(sys.exception(), second)
+        self.assertEqual((first.__context__, second.__context__), (None, None))
+
+    def test_the_link_is_found_behind_contexts_of_the_hosts_own(self):
+        def second(*args):
+            try:
+                raise KeyError("inner")
+            except KeyError:
+                raise ValueError("outer")
+
+        self.fail_with(self.raising(ValueError("first")))
+        outer = self.fail_with(second)
+        self.assertEqual(repr(outer.__context__), "KeyError('inner')")
+        self.assertIsNone(outer.__context__.__context__)
+
+    def test_a_context_of_the_programs_stays(self):
+        try:
+            raise KeyError("of the program")
+        except KeyError as error:
+            failure = self.fail_with(self.raising(ValueError("first")))
+            self.assertIs(failure.__context__, error)
+            self.assertIsNone(error.__context__)
+
+    def test_a_context_that_the_host_gave_it_stays(self):
+        kept = ValueError("kept")
+        kept.__context__ = given = KeyError("given")
+        self.assertIs(self.fail_with(self.raising(kept)), kept)
+        self.assertIs(kept.__context__, given)
+
+    def test_a_handled_exception_raised_again_keeps_its_context(self):
+        def second(*args):
+            raise sys.exception()
+
+        for _ in range(2):
+            try:
+                try:
+                    raise KeyError("inner")
+                except KeyError:
+                    raise ValueError("outer")
+            except ValueError as outer:
+                self.assertIs(self.fail_with(second), outer)
+                self.assertIs(self.fail_with(second), outer)
+                self.assertEqual(repr(outer.__context__), "KeyError('inner')")
+
+    def test_no_code_of_its_class_is_run(self):
+        class Watchful(Exception):
+            touched = []
+
+            def __setattr__(self, name, value):
+                self.touched.append(name)
+                super().__setattr__(name, value)
+
+            def __getattribute__(self, name):
+                Watchful.touched.append(name)
+                return super().__getattribute__(name)
+
+            def __eq__(self, other):
+                Watchful.touched.append("__eq__")
+
+            __hash__ = None
+
+        def second(*args):
+            raise Watchful
+
+        self.fail_with(second)
+        self.fail_with(second)
+        self.assertEqual(Watchful.touched, [])
+        self.assertIsNone(sys.exception().__context__)
+
+    def test_generators_that_fail_in_turn(self):
+        """Each keeps a handled exception of its own."""
+        def generator():
+            while True:
+                yield self.fail_with(lambda *args: len(args[0]))
+
+        generators = [generator() for _ in range(3)]
+        for _ in range(3):
+            for each in generators:
+                self.assertIsNone(next(each).__context__)
+
+    def test_threads_fail_on_their_own(self):
+        first = self.fail_with(self.raising(ValueError("first")))
+        self.assertIsNone(self.in_new_thread(lambda: self.fail_with(self.raising(KeyError("second"))).__context__))
+        self.assertIsNone(self.fail_with(self.raising(KeyError("third"))).__context__)
+        self.assertIsNone(first.__context__)
+
+    def test_a_ring_of_contexts_ends_the_search(self):
+        ring = ValueError("ring")
+        ring.__context__ = other = KeyError("other")
+        other.__context__ = ring
+        self.fail_with(self.raising(ValueError("first")))
+        forget_handled_exception()
+        self.fail_with(self.raising(ring))
+        self.assertEqual((ring.__context__, other.__context__), (other, ring))
+
+    def test_earlier_ones_are_given_up(self):
+        class Failure(Exception):
+            pass
+
+        gone = []
+        for _ in range(5):
+            def second(*args):
+                failure = Failure()
+                gone.append(weakref.ref(failure))
+                raise failure
+
+            self.fail_with(second)
+            self.dlog.forget()
+        gc.collect()
+        self.assertEqual([each() is None for each in gone], [True] * 4 + [False])
 
 
 class SecondCallback(FilterTestCase):
