@@ -314,6 +314,7 @@ try:
 except ImportError:
     import _xxsubinterpreters as interpreters
 attempt()
+sys.stdout.flush()        # the other interpreter has a buffer of its own
 interpreter = interpreters.create()
 text = '''
 import sys
