@@ -14,6 +14,16 @@ import unittest
 TOOL = os.path.join(os.path.dirname(os.path.abspath(__file__)), os.pardir, os.pardir, "tools", "interpreters")
 NAMES = "3.14 3.15 3.14-debug 3.15-debug 3.13-freethreaded 3.11-tracerefs"
 
+# Runs the tool with what a package knows about Debian's archive replaced.
+RUN_TOOL = """
+import runpy, sys
+del sys.argv[0]
+tool, template = sys.argv[0], sys.argv.pop(1)
+names = runpy.run_path(tool)
+names["template_mirrors"].__globals__["DEBIAN_TEMPLATE"] = template
+sys.exit(names["main"]())
+"""
+
 # Stands in for an interpreter: answers the tool's question about itself, and passes every check.
 INTERPRETER = """#!/bin/sh
 [ "$1" = -ES ] || exit 0
@@ -74,7 +84,8 @@ class ToolTest(unittest.TestCase):
         return self.interpreter(os.path.join(self.make_folder("pyenv", "versions", name, "bin"), "python"), version)
 
     def start(self, *words):
-        command = [sys.executable, TOOL] + list(words) + ["--dir", self.folder]
+        command = [sys.executable, "-c", RUN_TOOL, TOOL, os.path.join(self.base, "template")]
+        command += list(words) + ["--dir", self.folder]
         # A shell starts its background jobs with SIGINT ignored, which programs inherit; the tests send one.
         return subprocess.Popen(command, env=self.environment, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                 stderr=subprocess.PIPE, universal_newlines=True,
@@ -426,6 +437,22 @@ class InstallTest(ToolTest):
         status, _, err = self.run_tool("install", "3.14")
         self.assertEqual((status, err), (1, "interpreters: 3.14: this machine's apt configuration names no Debian "
                                             "archive: give one with --mirror\n"))
+
+    def test_relatives_of_debian_know_its_archive_from_a_package(self):
+        self.apt_get("""[ "$*" != "update --print-uris" ] || {
+            echo "'http://relative.test/ubuntu/dists/jammy/InRelease' a 0"; exit; }""")
+        with open(os.path.join(self.base, "template"), "w") as template:
+            template.write("Suite: jammy/updates\nBaseURI: http://security.test/\n\n"
+                           "Suite: bookworm\nBaseURI: http://debian.test/debian/\nMatchURI: debian\n")
+        self.assertEqual(self.run_tool("mirror"), (0, "http://debian.test/debian\n", ""))
+        self.assertEqual(self.run_tool("install", "3.14")[0], 0)
+        self.assertIn("http://debian.test/debian unstable main\n", self.read("sources"))
+
+    def test_mirror_is_printed(self):
+        self.assertEqual(self.run_tool("mirror"), (0, "http://archive.test/debian\n", ""))
+        self.apt_get('[ "$*" = "update --print-uris" ] && exit')
+        self.assertEqual(self.run_tool("mirror"), (1, "", "interpreters: this machine's apt configuration names no Debian "
+                                                          "archive: give one with --mirror\n"))
 
     def test_interrupted_install_leaves_nothing_and_stops_its_children(self):
         for number in (signal.SIGINT, signal.SIGTERM):
