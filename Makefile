@@ -59,7 +59,7 @@ test-all:  ## the same, and insist on the whole matrix of interpreters
 	@$(MAKE) --no-print-directory test INTERPRETERS=3.14 PYTHONS=
 
 test: tests-built  ## run all tests in every interpreter found
-	@BUILD=$(BUILD) tools/python_tools ruff || echo "ruff could not be had; what it checks is skipped."
+	@BUILD=$(BUILD) tools/python_tools ruff clang-format || echo "What they check is skipped."
 	@tools/run_ctest $(BUILD) -LE '^long$$'
 
 test-cpp: tests-built  ## the C++ tests only
@@ -160,18 +160,18 @@ bench-docs:  ## measure everything and renew the tables and plots of docs/perfor
 
 lint:  ## layout, likely bugs and limits of all files: clang-format, clang-tidy, ruff, shellcheck
 	@tools/setup lint
-	@BUILD=$(BUILD) tools/python_tools ruff
+	@BUILD=$(BUILD) tools/python_tools ruff clang-format clang-tidy
 	@cmake -S . -B $(BUILD) -G Ninja >/dev/null
 	@BUILD=$(BUILD) tools/lint
 
 format:  ## let clang-format and ruff mend what they can
 	@tools/setup lint
-	@BUILD=$(BUILD) tools/python_tools ruff
+	@BUILD=$(BUILD) tools/python_tools ruff clang-format
 	@BUILD=$(BUILD) tools/lint --mend
 
 hooks:  ## check the files of each commit from now on
 	@tools/setup lint
-	@BUILD=$(BUILD) tools/python_tools ruff
+	@BUILD=$(BUILD) tools/python_tools ruff clang-format
 	@git config core.hooksPath tools/hooks
 
 coverage:  ## which lines of the module the tests reach; the others stand in tests/coverage_exceptions.txt

@@ -14,9 +14,15 @@ GOOD_NATIVE = "int answer(void)\n{\n    return 42;\n}\n"
 BAD_NATIVE = "int answer( void ) { return 42 ; }\n"
 
 
-def has_ruff():
+def has_tool(*names):
+    """Whether one of the names is among the project's own tools or on PATH."""
     tools = os.path.join(os.environ.get("BUILD", os.path.join(ROOT, "build")), "tools", "bin")
-    return shutil.which("ruff", path=os.pathsep.join([tools, os.environ.get("PATH", "")]))
+    return any(shutil.which(name, path=os.pathsep.join([tools, os.environ.get("PATH", "")])) for name in names)
+
+
+needs_clang_format = unittest.skipUnless(has_tool("clang-format", "clang-format-14"), "clang-format 14 is not here")
+needs_shellcheck = unittest.skipUnless(shutil.which("shellcheck"), "shellcheck is not here")
+needs_ruff = unittest.skipUnless(has_tool("ruff"), "ruff is not here")
 
 
 @unittest.skipUnless(shutil.which("git"), "git is not here")
@@ -68,14 +74,14 @@ class CommitHook(unittest.TestCase):
         self.assertEqual(status, 0, out)
         self.assertEqual(self.commits(), 2)
 
-    @unittest.skipUnless(shutil.which("clang-format-14"), "clang-format-14 is not here")
+    @needs_clang_format
     def test_layout_of_native_code(self):
         self.stage("debug/tserver/a.cpp", BAD_NATIVE)
         self.assert_refused("debug/tserver/a.cpp", "format")
         self.stage("debug/tserver/a.cpp", GOOD_NATIVE)
         self.assert_accepted()
 
-    @unittest.skipUnless(shutil.which("clang-format-14"), "clang-format-14 is not here")
+    @needs_clang_format
     def test_the_index_counts_and_not_the_file(self):
         self.stage("debug/tserver/a.cpp", BAD_NATIVE)
         self.write("debug/tserver/a.cpp", GOOD_NATIVE)
@@ -84,17 +90,24 @@ class CommitHook(unittest.TestCase):
         self.write("debug/tserver/a.cpp", BAD_NATIVE)
         self.assert_accepted()
 
-    @unittest.skipUnless(has_ruff(), "ruff is not here")
+    @needs_ruff
     def test_python(self):
         self.stage("tools/a.py", "import os\n")
         self.assert_refused("tools/a.py", "F401")
         self.stage("tools/a.py", "import os\n\nprint(os.name)\n")
         self.assert_accepted()
 
-    @unittest.skipUnless(has_ruff(), "ruff is not here")
+    @needs_ruff
     def test_scripts_without_a_suffix(self):
         self.stage("tools/a", "#!/usr/bin/env python3\nimport os\n")
         self.assert_refused("F401")
+
+    @needs_shellcheck
+    def test_shell_scripts(self):
+        self.stage("tools/a", "#!/bin/sh\nrm $1\n")
+        self.assert_refused("SC2086")
+        self.stage("tools/a", "#!/bin/sh\nrm \"$1\"\n")
+        self.assert_accepted()
 
     def test_headers_of_the_module(self):
         self.stage("debug/tserver/a.cpp", "#include <vector>\n")
