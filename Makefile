@@ -49,11 +49,11 @@ tests-built: $(if $(PYTHONS),,some-interpreters)
 	@cmake --build $(BUILD) -j $(JOBS)
 
 some-interpreters:
-	@tools/setup build
+	@tools/setup build && tools/setup interpreters
 	@tools/interpreters install $(INTERPRETERS) || echo "Not all could be had; the tests go on with those that are here."
 
 test-all:  ## the same, and insist on the whole matrix of interpreters
-	@tools/setup test
+	@tools/setup test && tools/setup interpreters
 	@tools/interpreters install --all
 	@tools/interpreters check
 	@$(MAKE) --no-print-directory test INTERPRETERS=3.14 PYTHONS=

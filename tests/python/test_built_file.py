@@ -10,7 +10,8 @@ import unittest
 
 import support
 
-HEADERS = os.path.join(support.HERE, "..", "..", "debug", "tserver")
+ROOT = os.path.dirname(os.path.dirname(support.HERE))
+HEADERS = os.path.join(ROOT, "debug", "tserver")
 PUBLISHED = ("dbgcommon.h", "dbgtracerhash.h", "dprintf.h", "fileops.h", "optmonitoring.h", "xpy_c_api.h")
 ENTRY_POINTS = {"PyInit_optmonitoring", "initoptmonitoring"}
 
@@ -25,6 +26,12 @@ def tool(name):
     if path is None:
         raise unittest.SkipTest("%s is not installed" % name)
     return path
+
+
+def clang():
+    """The second C++ compiler, where it is here."""
+    _, out, _ = run(os.path.join(ROOT, "tools", "choose_clang"))
+    return out.splitlines()[1:]
 
 
 def run(*command, **options):
@@ -136,14 +143,12 @@ class Headers(unittest.TestCase):
             self.assertIn(name, names)
 
     def test_each_compiles_alone(self):
-        for compiler in ("g++", "clang++"):
-            if compiler == "clang++" and not shutil.which(compiler):
-                continue        # the second compiler; the first one must be there or be named
+        for compiler in [tool("g++"), *clang()]:
             for header in PUBLISHED:
                 for start in ("", '#include "%s"\n' % header):
                     source = '%s#include "%s"\n' % (start, header)
                     child = subprocess.Popen(
-                        [tool(compiler), "-std=c++17", "-fsyntax-only", "-Wall", "-Wextra", "-Wshadow", "-Werror",
+                        [compiler, "-std=c++17", "-fsyntax-only", "-Wall", "-Wextra", "-Wshadow", "-Werror",
                          "-I", HEADERS, "-x", "c++", "-"],
                         stdin=subprocess.PIPE, stderr=subprocess.PIPE, universal_newlines=True)
                     err = child.communicate(source)[1]
