@@ -1,4 +1,4 @@
-"""The way in on a machine that lacks things: tools/setup and tools/choose_clang among stand-ins for programs."""
+"""The way in on a machine that lacks things: tools/setup, tools/choose_clang and .ci/run among stand-ins for programs."""
 
 import json
 import os
@@ -229,6 +229,24 @@ Not here, and done without:
         self.assertEqual(self.setup("interpreters"), (
             0, "", "Not here, and done without:\n  the address and the keys of Debian's archive (Debian: "
                    "ca-certificates debian-archive-keyring python-apt-common): interpreters are not installed\n"))
+
+
+class ContinuousIntegrationTest(StandInsTest):
+    def test_the_machines_settings_do_not_reach_the_tests(self):
+        run = self.script("run", folder=os.path.join(self.base, "tree", ".ci"))
+        shutil.copy(os.path.join(ROOT, ".ci", "run"), run)
+        self.script("make", "#!/bin/sh\necho \"make $*\"\nenv\n")
+        status, out, err = self.run_tool(
+            run, PYTHONUNBUFFERED="1", PYTHONDONTWRITEBYTECODE="1", PYTHONS="3.12.1", TERM="xterm", LANG="C.UTF-8",
+            LANGUAGE="de", LC_ALL="de_DE.UTF-8", LC_CTYPE="C.UTF-8", HOME="/home", PIP_CERT="/cert", https_proxy="proxy",
+            TERMINAL="kept")
+        self.assertEqual((status, err), (0, ""))
+        commands = out.split("make ")[1:]
+        self.assertEqual([command.splitlines()[0] for command in commands], [
+            "test INTERPRETERS=3.14 3.15 3.14-debug 3.13-freethreaded", "asan"])
+        for command in commands:
+            names = {line.partition("=")[0] for line in command.splitlines()[1:]}
+            self.assertEqual(names - {"PWD", "OLDPWD", "SHLVL", "_"}, {"PATH", "HOME", "PIP_CERT", "https_proxy", "TERMINAL"})
 
 
 class SkippedPartsTest(StandInsTest):
