@@ -23,7 +23,7 @@ WATCHED_HOSTS ?= $(or $(PYTHONS),$(shell tools/interpreters list --cmake --min 3
                    awk -F'|' '$$3 == "release" { print $$1; exit }'),$(WATCHED_PYTHONS))
 
 .PHONY: help setup build run demo test test-all test-cpp test-python test-host test-life selfhost wheel types inject fuzz asan tsan valgrind bench bench-quick bench-host bench-growth bench-units \
-        bench-debugpy bench-docs tests-built some-interpreters interpreters clean \
+        bench-debugpy bench-docs tests-built some-interpreters interpreters fresh clean \
         lint format hooks coverage
 
 help:  ## list the targets
@@ -182,6 +182,9 @@ coverage:  ## which lines of the module the tests reach; the others stand in tes
 	@find $(BUILD)-coverage -name '*.gcda' -delete
 	@tools/run_ctest $(BUILD)-coverage $(shell tools/coverage tests); tests=$$?; \
 	    BUILD=$(BUILD) tools/coverage report $(BUILD)-coverage && exit $$tests
+
+fresh:  ## `make run` and `make test` on fresh Debian 12 and 13, as root (an hour or more)
+	@tools/fresh_debian --folder $(BUILD)/fresh
 
 interpreters:  ## list the interpreters found
 	@tools/interpreters list
