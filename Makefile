@@ -115,7 +115,7 @@ tsan:  ## the Python suites with threads under TSan
 	    -E 'freethreaded.test_per_thread_lookup'
 
 valgrind:  ## the C++ tests and a short Python session under memcheck
-	@tools/setup test
+	@tools/setup test && tools/setup valgrind
 	@cmake -S . -B $(BUILD) -G Ninja >/dev/null
 	@cmake --build $(BUILD) --target plain_tests optmonitoring -j $(JOBS)
 	@tests/sanitizers/run_valgrind $(BUILD) $$(tools/choose_python)

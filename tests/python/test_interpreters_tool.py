@@ -403,11 +403,19 @@ class InstallTest(ToolTest):
                "  E: Unable to find a source package\n"))
         self.assertEqual(self.left_over(), [])
 
-    def test_lacking_build_tools_are_named_by_package(self):
+    def test_lacking_build_tools_are_named(self):
         self.environment["PATH"] = self.bin
         status, _, err = self.run_tool("install", "3.13-freethreaded")
         self.assertEqual((status, err), (
-            1, "interpreters: 3.13-freethreaded: this machine lacks dpkg-dev, gcc, make\n"))
+            1, "interpreters: 3.13-freethreaded: this machine lacks dpkg-source (Debian: dpkg-dev), gcc, make\n"))
+
+    def test_machine_without_apt(self):
+        self.environment["PATH"] = self.bin
+        for name in ("apt-get", "dpkg"):
+            os.remove(os.path.join(self.bin, name))
+        status, _, err = self.run_tool("install", "3.14")
+        self.assertEqual((status, err), (
+            1, "interpreters: 3.14: this machine lacks apt-get (Debian: apt), dpkg\n"))
 
     def test_interpreter_of_another_version_is_not_kept(self):
         self.interpreter(os.path.join(self.base, "interpreter-14"), "3.13.0", executable="'$0'")
