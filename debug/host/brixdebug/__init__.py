@@ -4,7 +4,8 @@
 
 or, inside a program, `brixdebug.set_trace()` (also through `breakpoint()` with
 PYTHONBREAKPOINT=brixdebug.set_trace), `post_mortem`, `pm`, `run`, `runeval`,
-`runctx`, `runcall`: each does what the function of `pdb` of that name does.
+`runctx`, `runcall`, and whatever else `pdb` exports: each does what the function of `pdb`
+of that name does.  Under the command line `breakpoint()` and `pdb.set_trace()` are ours.
 
 An author of a debugger finds the engine in `brixdebug.engine`: `Bdb`, to be
 used where `bdb.Bdb` was.
@@ -25,7 +26,16 @@ except ModuleNotFoundError as error:
                       "put the folder that holds it on PYTHONPATH") from None
 
 from brixdebug.commandline import main
-from brixdebug.debugger import Debugger, pm, post_mortem, run, runcall, runctx, runeval, set_trace
+from brixdebug.debugger import Debugger
+from brixdebug.entry import help, pm, post_mortem, run, runcall, runctx, runeval, set_trace
 
-__all__ = ["Debugger", "main", "pm", "post_mortem", "run", "runcall", "runctx", "runeval",
+Pdb = Debugger                # the name of the class in `pdb`
+
+__all__ = ["Debugger", "Pdb", "help", "main", "pm", "post_mortem", "run", "runcall", "runctx", "runeval",
            "set_trace"]
+
+if sys.version_info >= (3, 14):
+    from pdb import get_default_backend, set_default_backend
+
+    from brixdebug.entry import set_trace_async
+    __all__ += ["get_default_backend", "set_default_backend", "set_trace_async"]

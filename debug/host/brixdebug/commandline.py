@@ -7,8 +7,9 @@ import sys
 import threading
 
 from brixdebug import compat, log
-from brixdebug.debugger import PDB_NAMES, Debugger
+from brixdebug.debugger import Debugger
 from brixdebug.engine import BdbQuit
+from brixdebug.entry import PDB_NAMES, standard, take_over
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -84,7 +85,8 @@ def main() -> None:
     sys.argv[1:] = arguments
     threading.excepthook = _hide_quit(threading.excepthook)
     sys.unraisablehook = _hide_quit(sys.unraisablehook)       # threads that `threading` did not start
-    compat.rebind(pdb.main, **{**PDB_NAMES, "Pdb": _CommandLineDebugger,
+    take_over()
+    compat.rebind(standard("main"), **{**PDB_NAMES, "Pdb": _CommandLineDebugger,
                                 "_ScriptTarget": _ScriptTarget})()
     if _CommandLineDebugger.has_refused:
         sys.exit(2)

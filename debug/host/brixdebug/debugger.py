@@ -1,8 +1,8 @@
 """The prompt: pdb's commands on the engine, for every thread.
 
 The command loop, the parsing and the commands are the standard `pdb.Pdb`'s,
-inherited; its module-level functions run as they are, with `Debugger` in the
-place of `Pdb`.  The commands that pdb has not are in `commands`.
+inherited.  The commands that pdb has not are in `commands`, its module-level functions in
+`entry`.
 """
 
 from __future__ import annotations
@@ -26,13 +26,17 @@ from brixdebug.switches import MonitorError
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     import io
-    from collections.abc import Iterator
+    from collections.abc import Callable, Iterable, Iterator
+    from types import FrameType
     from typing import Any
 
     class _StandardDebugger(pdb.Pdb):
         def _run(self, target: Any) -> None: ...
 else:
     _StandardDebugger = pdb.Pdb
+
+# What all debuggers of a process have in common.
+_SHARED_TABLES = ("breaks", "fncache", "_first_names", "commands", "commands_doprompt", "commands_silent")
 
 _main_pid = os.getpid()
 
@@ -54,9 +58,41 @@ class Debugger(Commands, _StandardDebugger, Bdb):
 
     _child_input: io.TextIOWrapper | None = None
 
+    # Called when a debugger begins to get events.
+    on_start: Callable[[], None] = staticmethod(lambda: None)
+
     def __init__(self, *args: Any, **kwargs: Any) -> None:
         super().__init__(*args, **kwargs)
         self._is_own_error_shown = False
+        if isinstance(monitor.debugger, Debugger):
+            self._share_with(monitor.debugger)
+
+    def _share_with(self, other: Debugger) -> None:
+        """Breakpoints are the process's: what one debugger knows of them the other knows."""
+        for name in _SHARED_TABLES:
+            if hasattr(other, name):
+                setattr(self, name, getattr(other, name))
+
+    # -- ways in -----------------------------------------------------------------------
+
+    def start_trace(self) -> None:
+        self.on_start()
+        super().start_trace()
+
+    def set_trace(self, frame: FrameType | None = None, *,
+                  commands: Iterable[str] | None = None) -> None:
+        """Stop in `frame`, the caller's when it is None.
+
+        At the prompt, in a condition and the like nothing happens: its thread is at a stop.
+        """
+        if monitor.turn.lock._is_owned():
+            return
+        if frame is None:
+            frame = sys._getframe().f_back
+        if commands is not None:
+            self.rcLines.extend(commands)
+        with monitor.turn.lock:               # another thread may be at the prompt
+            super().set_trace(frame)
 
     # -- stops -----------------------------------------------------------------------
 
@@ -155,24 +191,6 @@ class Debugger(Commands, _StandardDebugger, Bdb):
         except MonitorError as error:
             self.error(str(error))
             type(self).has_refused = self._user_requested_quit = True
-
-
-# pdb's own functions, which make a Debugger where they made a Pdb.
-
-def _rebound(name: str) -> Any:
-    return compat.rebind(getattr(pdb, name), **PDB_NAMES)
-
-
-PDB_NAMES: dict[str, Any] = {"Pdb": Debugger}
-if hasattr(pdb, "_post_mortem"):
-    PDB_NAMES["_post_mortem"] = _rebound("_post_mortem")
-PDB_NAMES["post_mortem"] = post_mortem = _rebound("post_mortem")
-
-pm = _rebound("pm")
-run = _rebound("run")
-runeval = _rebound("runeval")
-runcall = _rebound("runcall")
-runctx = compat.rebind(pdb.runctx, run=run)
-set_trace = _rebound("set_trace")
-if hasattr(pdb, "set_trace_async"):
-    set_trace_async = _rebound("set_trace_async")
+        finally:
+            if isinstance(monitor.debugger, Debugger) and monitor.debugger is not self:
+                monitor.debugger.stop_trace()         # one that the program has entered

@@ -268,8 +268,11 @@ class Bdb(compat.TraceBase):
 
     def clear_all_breaks(self) -> str | None:
         with monitor.turn.lock:
-            filenames = list(self.breaks)
+            breaks = self.breaks
+            filenames = list(breaks)
             result = super().clear_all_breaks()
+            breaks.clear()
+            self.breaks = breaks              # the table that other debuggers of the process have too
             for filename in filenames:
                 monitor.breaks_changed(self, filename)
             return result

@@ -85,10 +85,10 @@ class Monitor:
 
     def breaks_changed(self, debugger: TracedDebugger, filename: str) -> None:
         """The breakpoints of `filename` (a canonic name) in `debugger` have changed."""
-        if self.debugger is not debugger:
+        if self.debugger is None or self.debugger.breaks is not debugger.breaks:
             return
         with self.switches.lock:
-            self._share(debugger, [filename])
+            self._share(self.debugger, [filename])
 
     def _share(self, debugger: TracedDebugger, filenames: Iterable[str]) -> None:
         grown = False
