@@ -6,7 +6,7 @@ import pdb
 import sys
 import threading
 
-from brixdebug import compat, log
+from brixdebug import compat, log, processes
 from brixdebug.debugger import Debugger
 from brixdebug.engine import BdbQuit
 from brixdebug.entry import PDB_NAMES, standard, take_over
@@ -25,6 +25,19 @@ else:
 
 class _CommandLineDebugger(Debugger):
     _ends_program = True
+
+    def _run(self, target: Any) -> None:
+        error = None
+        try:
+            super()._run(target)
+        except BaseException as raised:
+            has_quit = self._user_requested_quit and isinstance(raised, SystemExit)
+            if not (has_quit or processes.is_child()):
+                raise
+            error = raised
+        if processes.is_child():
+            self._user_requested_quit = True      # there is no next run of a child
+            processes.ending = error
 
 
 class _ScriptTarget(_StandardTarget):
@@ -88,5 +101,6 @@ def main() -> None:
     take_over()
     compat.rebind(standard("main"), **{**PDB_NAMES, "Pdb": _CommandLineDebugger,
                                 "_ScriptTarget": _ScriptTarget})()
+    processes.end_child()
     if _CommandLineDebugger.has_refused:
         sys.exit(2)

@@ -10,6 +10,7 @@ from __future__ import annotations
 import contextlib
 import os
 import pdb
+import signal
 import sys
 import threading
 
@@ -31,6 +32,8 @@ if TYPE_CHECKING:
     from typing import Any
 
     class _StandardDebugger(pdb.Pdb):
+        _previous_sigint_handler: Any
+
         def _run(self, target: Any) -> None: ...
 else:
     _StandardDebugger = pdb.Pdb
@@ -142,6 +145,21 @@ class Debugger(Commands, _StandardDebugger, Bdb):
             super().sigint_handler(signum, frame)
         finally:
             state.is_muted = muted
+
+    def after_fork_in_child(self) -> None:
+        super().after_fork_in_child()
+        if self.is_left_alone:
+            self._give_interrupts_back()
+
+    def _give_interrupts_back(self) -> None:
+        """Ctrl-C is for the program again; it may have a handler of its own by now."""
+        if signal.getsignal(signal.SIGINT) == self.sigint_handler:
+            signal.signal(signal.SIGINT, _StandardDebugger._previous_sigint_handler or signal.default_int_handler)
+            _StandardDebugger._previous_sigint_handler = None
+
+    def postcmd(self, stop: bool, line: str) -> bool:
+        """A child that is forked at the prompt does not stay there, unless it is followed."""
+        return super().postcmd(stop, line) or self.is_left_alone
 
     def set_quit(self) -> None:
         if not self._ends_program or len(debugged_frames()) < 2:

@@ -102,6 +102,9 @@ class Bdb(compat.TraceBase):
     # Whether a child that the program forks is debugged too.
     follows_fork = False
 
+    # Whether this process is such a child, and runs without the debugger.
+    is_left_alone = False
+
     quitting = False
 
     _keeps_tracing = False
@@ -132,6 +135,12 @@ class Bdb(compat.TraceBase):
     def stop_trace(self) -> None:
         """This debugger gets no more events."""
         if not self._keeps_tracing:
+            monitor.stop(self)
+
+    def after_fork_in_child(self) -> None:
+        """The process is a child now that the program has forked."""
+        if not self.follows_fork:
+            self.is_left_alone = True
             monitor.stop(self)
 
     # No context manager of contextlib below: its code would run after the events

@@ -259,8 +259,7 @@ class Monitor:
         if self.debugger is None:
             return
         self.debugger.stop_states.keep_only_own()
-        if not self.debugger.follows_fork:
-            self.stop(self.debugger)
+        self.debugger.after_fork_in_child()
 
 
 monitor = Monitor()
