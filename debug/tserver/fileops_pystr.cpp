@@ -16,34 +16,36 @@ static Py_ssize_t string_bytes(PyObject* str)
     return length;
 }
 
-// The text of a string object [borrowed from it]; null with an exception that names ROLE.
-static const char* text_of(PyObject* str, const char* role)
+// The text of a string object [borrowed from it]; null with an exception pending.
+static const char* text_of(PyObject* str)
 {
     bool is_string = XPy_IsInstance(str, api.PyUnicode_Type_ptr) || XPy_IsInstance(str, api.PyString_Type_ptr);
     if (!is_string) {
-        api.PyErr_Format(api.PyExc_TypeError, "%s must be a string", role);
+        api.PyErr_SetString(api.PyExc_TypeError, "pathname must be a string");
         return nullptr;
     }
     const char* text = _pystring_to_c_string(str);
     if (!text) {
-        api.PyErr_Format(api.PyExc_ValueError, "%s cannot be converted to UTF-8", role);
+        api.PyErr_SetString(api.PyExc_ValueError, "pathname cannot be converted to UTF-8");
         return nullptr;
     }
     if (static_cast<size_t>(string_bytes(str)) != strlen(text)) {
-        api.PyErr_Format(api.PyExc_ValueError, "%s has an embedded null character", role);
+        api.PyErr_SetString(api.PyExc_ValueError, "pathname has an embedded null character");
         return nullptr;
     }
     return text;
 }
 
-// Converts a checksum that may be null or None, which give a null text; false with an exception pending.
-static bool checksum_text(PyObject* checksum, const char** text)
+// The text of a checksum [borrowed from it]; null where there is none. A checksum only helps to find a name: one that
+// is no text counts as none, or the host's mistake would leave its files without records.
+static const char* checksum_text(PyObject* checksum)
 {
-    *text = nullptr;
     if (!checksum || checksum == api.Py_None)
-        return true;
-    *text = text_of(checksum, "checksum");
-    return *text != nullptr;
+        return nullptr;
+    const char* text = text_of(checksum);
+    if (!text)
+        api.PyErr_Clear();
+    return text;
 }
 
 static bool is_in_angle_brackets(const char* name)
@@ -63,15 +65,12 @@ PyObject* lookup_canonical_pathname_pystr(tFileOpsData* data, PyObject* pathname
 {
     static const char kFailure[] = "Failure in get_canonical_pathname_pystr()\n";
     tFileOpsUse use(data);
-    const char* name = text_of(pathname, "pathname");
+    const char* name = text_of(pathname);
     if (!name)
         return fail_null(data->dp, kFailure);
     if (is_in_angle_brackets(name))
         return XPy_NewRef(pathname);
-    const char* checksum_str;
-    if (!checksum_text(checksum, &checksum_str))
-        return fail_null(data->dp, kFailure);
-    const char* canonical = lookup_canonical_pathname(data, name, checksum_str);
+    const char* canonical = lookup_canonical_pathname(data, name, checksum_text(checksum));
     if (canonical)
         return new_string(canonical);
     if (api.PyErr_Occurred())
@@ -82,15 +81,12 @@ PyObject* lookup_canonical_pathname_pystr(tFileOpsData* data, PyObject* pathname
 PyObject* register_canonical_pathname_pystr(tFileOpsData* data, PyObject* pathname, PyObject* checksum)
 {
     tFileOpsUse use(data);
-    const char* name = text_of(pathname, "pathname");
+    const char* name = text_of(pathname);
     if (!name)
         return nullptr;
     if (is_in_angle_brackets(name))
         return new_string(name);
-    const char* checksum_str;
-    if (!checksum_text(checksum, &checksum_str))
-        return nullptr;
-    const char* canonical = register_canonical_pathname(data, name, checksum_str, nullptr);
+    const char* canonical = register_canonical_pathname(data, name, checksum_text(checksum), nullptr);
     if (!canonical)
         return api.PyErr_Occurred() ? nullptr : XPy_NewRef(api.Py_None);
     DO_FILENAMES(data, "Registered canonical in register_canonical_pathname_pystr()\n");

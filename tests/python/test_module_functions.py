@@ -435,9 +435,15 @@ class CanonicalNamesTest(Functions):
         self.failing(["Exception in GetPathnameKind_direct\n", "Failure in get_canonical_pathname()\n"],
                      UnicodeEncodeError, optmonitoring.get_canonical_pathname, "/functions/\udc80.py")
 
-    def test_get_with_a_bad_checksum(self):
-        self.failing(["Failure in get_canonical_pathname_pystr()\n", "Failure in get_canonical_pathname()\n"],
-                     TypeError, optmonitoring.get_canonical_pathname, "/functions/a.py", 42)
+    def test_checksum_that_is_no_text_counts_as_none(self):
+        for number, checksum in enumerate((42, b"sum", ["sum"], "\udc80", "a\0b")):
+            name = "/functions/%d.py" % number
+            with support.logging_to(optmonitoring.kLogInternalFailures) as log:
+                self.assertIsNone(optmonitoring.lookup_canonical_pathname(name, checksum))
+                self.assertEqual(optmonitoring.get_canonical_pathname(name, checksum), name)
+                self.assertEqual(optmonitoring.register_canonical_pathname(name, checksum), name)
+                self.assertIsNone(optmonitoring.lookup_canonical_pathname("/functions/other.py", checksum))
+                self.assertEqual(log.lines, [])
 
     def test_lookup_of_a_value_that_is_no_str(self):
         self.failing(["Failure in get_canonical_pathname_pystr()\n"], TypeError,

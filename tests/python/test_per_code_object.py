@@ -176,10 +176,13 @@ class PathnameTest(PerCodeObjectTestCase):
         self.pathnames("/no/such/a.py")
         self.assertEqual(self.pathnames("/other/b.py"), ("/other/b.py",) * 2)
 
-    def test_checksum_that_is_no_string(self):
-        self.om.set_checksum_callback(lambda pathname: 7)
-        self.fails(TypeError, "checksum must be a string", [CANONICAL, INIT, DIRECT],
-                   self.cls.GetPerCodeObject, make_code())
+    def test_checksum_that_is_no_text_counts_as_none(self):
+        for number, checksum in enumerate((7, b"sum", "\udc80", "a\0b")):
+            self.om.set_checksum_callback(lambda pathname, checksum=checksum: checksum)
+            name = "/no/such/%d.py" % number
+            self.assertEqual(self.pathnames(name), (name, name))
+            self.assertIsNone(self.om.lookup_canonical_pathname("/other/b.py", checksum))
+            self.assertEqual(self.files.GetPerFile(name).fChecksum, checksum)
 
     def test_checksum_callback_may_reset_the_module(self):
         self.om.set_checksum_callback(lambda pathname: self.om.reset())
