@@ -58,6 +58,20 @@ XPY_EXPORT int get_thread_state_tracing(PyThreadState* tstate);  // 0 when unkno
 XPY_EXPORT void increment_thread_state_tracing(PyThreadState* tstate);
 XPY_EXPORT void decrement_thread_state_tracing(PyThreadState* tstate);
 XPY_EXPORT void add_to_thread_state_tracing(PyThreadState* tstate, Py_ssize_t n);
+
+// Raises the tracing counter, so that the thread's Python code is not traced, until the end of the scope.
+class tUntraced
+{
+  public:
+    explicit tUntraced(PyThreadState* tstate) : fTState(tstate) { increment_thread_state_tracing(fTState); }
+    ~tUntraced() { decrement_thread_state_tracing(fTState); }
+    tUntraced(const tUntraced&) = delete;
+    tUntraced& operator=(const tUntraced&) = delete;
+
+  private:
+    PyThreadState* fTState;
+};
+
 // Whether the frame that runs on this thread is one of CODE, found without making an object of the frame. False
 // leaves it open.
 bool is_surely_running(PyThreadState* tstate, PyObject* code);

@@ -164,20 +164,4 @@ int fail_int(tDPData* data, const char* text);
 // For places that may not raise: reports, then clears the exception.
 void clear_failure(tDPData* data, const char* text);
 
-// Holds the pending exception and a raised tracing counter while code of the interpreter runs; puts both back.
-class tHeldState
-{
-  public:
-    explicit tHeldState(PyThreadState* tstate);
-    ~tHeldState();
-    tHeldState(const tHeldState&) = delete;
-    tHeldState& operator=(const tHeldState&) = delete;
-
-  private:
-    PyThreadState* fTState;
-    PyObject* fType;
-    PyObject* fValue;
-    PyObject* fTraceback;
-};
-
 #endif

@@ -6,20 +6,6 @@
 #include "dbgcommon.h"
 #include "dprintf.h"
 
-// ---- Holding the interpreter's state ----
-
-tHeldState::tHeldState(PyThreadState* tstate) : fTState(tstate), fType(nullptr), fValue(nullptr), fTraceback(nullptr)
-{
-    increment_thread_state_tracing(fTState);
-    api.PyErr_Fetch(&fType, &fValue, &fTraceback);
-}
-
-tHeldState::~tHeldState()
-{
-    api.PyErr_Restore(fType, fValue, fTraceback);
-    decrement_thread_state_tracing(fTState);
-}
-
 // ---- Writing ----
 
 // Text object of a C string. [new]
@@ -81,7 +67,8 @@ static void write_guarded(tSingleDPData* channel, PyThreadState* tstate, const c
 {
     channel->in_dprint_count = 1;
     {
-        tHeldState held(tstate);
+        tUntraced untraced(tstate);
+        XPyHeldError held;
         XPyOwned text(format_message(format, args));
         if (text)
             write_and_flush(text.borrow());
@@ -132,7 +119,8 @@ void do_dprintf_repr(int mask, const char* prefix, PyObject* obj, const char* su
     PyThreadState* tstate = borrow_process_wide_gate(mask);
     if (!tstate)
         return;
-    tHeldState held(tstate);
+    tUntraced untraced(tstate);
+    XPyHeldError held;
     XPyOwned repr(api.PyObject_Repr(obj));
     if (repr) {
         do_dprintf(mask, "%s%s%s", prefix, dprint_check_pystr(repr.borrow()), suffix);
@@ -167,7 +155,8 @@ static void fill_str_with_repr(tDPData* data, char** buffer, PyObject* obj)
         copy_limited(*buffer, "fill_str_with_repr() failed: in_dprint_count is not 0");
         return;
     }
-    tHeldState held(tstate);
+    tUntraced untraced(tstate);
+    XPyHeldError held;
     XPyOwned repr(api.PyObject_Repr(obj));
     if (repr) {
         const char* text = dprint_check_pystr(repr.borrow());  // which may log, and so run code too
@@ -232,7 +221,8 @@ const char* get_dprintf_frame_str1(PyObject* frame)
     PyThreadState* tstate = borrow_current_thread_state_or_null();
     if (!tstate)
         return frame_text;
-    tHeldState held(tstate);
+    tUntraced untraced(tstate);
+    XPyHeldError held;
     append_frame_text("line %d of ", get_frame_lineno(frame));
     XPyOwned code(get_frame_code(frame));
     append_code_static_str(code.borrow());
