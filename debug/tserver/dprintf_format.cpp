@@ -114,6 +114,16 @@ void do_dprintf(int mask, const char* format, ...)
     va_end(args);
 }
 
+// The repr of OBJ for a message on the channel, whose nested log calls write nothing. [new]; null with an exception
+// pending.
+static PyObject* get_repr_guarded(tSingleDPData* channel, PyObject* obj)
+{
+    channel->in_dprint_count = 1;
+    PyObject* repr = api.PyObject_Repr(obj);
+    channel->in_dprint_count--;
+    return repr;
+}
+
 void do_dprintf_repr(int mask, const char* prefix, PyObject* obj, const char* suffix)
 {
     PyThreadState* tstate = borrow_process_wide_gate(mask);
@@ -121,7 +131,7 @@ void do_dprintf_repr(int mask, const char* prefix, PyObject* obj, const char* su
         return;
     tUntraced untraced(tstate);
     XPyHeldError held;
-    XPyOwned repr(api.PyObject_Repr(obj));
+    XPyOwned repr(get_repr_guarded(&gUnsafeGlobalDPData.shared_single_dp_data, obj));
     if (repr) {
         do_dprintf(mask, "%s%s%s", prefix, dprint_check_pystr(repr.borrow()), suffix);
         return;
@@ -157,7 +167,7 @@ static void fill_str_with_repr(tDPData* data, char** buffer, PyObject* obj)
     }
     tUntraced untraced(tstate);
     XPyHeldError held;
-    XPyOwned repr(api.PyObject_Repr(obj));
+    XPyOwned repr(get_repr_guarded(&data->shared_single_dp_data, obj));
     if (repr) {
         const char* text = dprint_check_pystr(repr.borrow());  // which may log, and so run code too
         copy_limited(*buffer, text);

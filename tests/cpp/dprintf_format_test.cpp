@@ -239,6 +239,52 @@ TEST_F(DprintfFormat, NestedCallFromAReprInTheFormatterWritesNothing)
     EXPECT_EQ(logged(), "shown\n");
 }
 
+TEST_F(DprintfFormat, NestedCallFromAReprForABufferWritesNothing)
+{
+    open_log();
+    run("class Shown(object):\n    def __repr__(self):\n        native(None)\n        return 'shown'\nshown = "
+        "Shown()");
+    int tracing_inside = -1, count_inside = -1;
+    native_hook() = [&](PyObject*) {
+        tracing_inside = tracing();
+        count_inside = channel()->in_dprint_count;
+        do_dp(channel(), "nested\n");
+        EXPECT_STREQ(get_dprintf_repr_str2(fData, api.Py_None),
+                     "fill_str_with_repr() failed: in_dprint_count is not 0");
+    };
+    int before = tracing();
+    do_dp(channel(), "%s\n", get_dprintf_repr_str1(fData, var("shown")));
+    EXPECT_EQ(logged(), "shown\n");
+    EXPECT_EQ(tracing_inside, before + 1);
+    EXPECT_EQ(count_inside, 1);
+    EXPECT_EQ(tracing(), before);
+    EXPECT_EQ(channel()->in_dprint_count, 0);
+}
+
+TEST_F(DprintfFormat, NestedCallFromTheReprOfAProcessWideMessageWritesNothing)
+{
+    open_log();
+    run("class Shown(object):\n    def __repr__(self):\n        native(None)\n        return 'shown'\nshown = "
+        "Shown()");
+    native_hook() = [&](PyObject*) {
+        do_dprintf(kLogCore, "nested\n");
+        do_dprintf_repr(kLogCore, "nested ", var("shown"), "\n");
+    };
+    do_dprintf_repr(kLogCore, "<", var("shown"), ">\n");
+    EXPECT_EQ(logged(), "<shown>\n");
+    EXPECT_EQ(process_channel()->in_dprint_count, 0);
+}
+
+TEST_F(DprintfFormat, ReprThatRaisesFreesItsChannel)
+{
+    open_log();
+    run("class Loud(object):\n    def __repr__(self): raise ValueError('no repr')\nloud = Loud()");
+    get_dprintf_repr_str1(fData, var("loud"));
+    do_dprintf_repr(kLogCore, "<", var("loud"), ">\n");
+    EXPECT_EQ(channel()->in_dprint_count, 0);
+    EXPECT_EQ(process_channel()->in_dprint_count, 0);
+}
+
 TEST_F(DprintfFormat, CallOnAnotherChannelIsNotNested)
 {
     open_calling_log();

@@ -177,6 +177,23 @@ class FirstArgument(FilterTestCase):
                 self.assertEqual(second.calls, [])
         self.assert_nothing_reported()
 
+    def test_a_repr_that_logs_or_calls_back_writes_nothing_in_the_middle(self):
+        callback, calls = self.callback(), []
+
+        class Talkative(object):
+            def __repr__(self):
+                calls.append(1)
+                optmonitoring.dprintf(INITIAL, "in the middle\n")
+                callback.Callback(self)
+                return "talkative"
+
+        optmonitoring = self.om
+        answer, log = self.logged(callback, Talkative())
+        self.assertIs(answer, sys.monitoring.DISABLE)
+        self.assertEqual(log, ["Initial callback -- first arg talkative is not a PyCodeObject; returning DISABLE\n"])
+        self.assertEqual(calls, [1])
+        self.assert_nothing_reported()
+
     def test_no_code_object_with_a_failing_repr(self):
         class Mute(object):
             def __repr__(self):
