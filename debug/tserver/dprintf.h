@@ -125,6 +125,10 @@ XPY_EXPORT const char* get_dprintf_frame_str1(PyObject* frame);
 // Whether the last text written to gDPrintfFile was refused with an exception.
 extern bool gDPrintfFileRefuses;
 
+// Whether FILE, which the caller holds, is the process-wide one and refuses texts: the last one, and now an empty one
+// as well. A single refusal may be an interrupt that hit that write alone.
+bool refuses_texts(PyObject* file);
+
 // Stands for the first repr where its buffer is missing.
 constexpr char kNoReprBuffer[] = "get_dprintf_repr_str1() failure: _repr_str1 is NULL";
 

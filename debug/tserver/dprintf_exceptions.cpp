@@ -28,11 +28,12 @@ static bool display_on_channel(tSingleDPData* channel, const tFetchedException& 
     XPyOwned program_stderr(XPy_NewRef(borrowed));
     // A channel without a Python file has nowhere to show it; None keeps the exception off the native stream, where
     // Python 2 then only notes that there is no sys.stderr.
-    PyObject* file = channel->file_obj ? channel->file_obj : api.Py_None;
-    // The interpreter tells the native stream, which is the program's, of an exception that it could not display.
-    if (gDPrintfFileRefuses && file == gDPrintfFile)
+    XPyOwned file(XPy_NewRef(channel->file_obj ? channel->file_obj : api.Py_None));
+    // Where it cannot display an exception, the interpreter writes of it to the native stream, which is the
+    // program's.
+    if (refuses_texts(file.borrow()))
         return true;
-    if (api.PySys_SetObject("stderr", file) < 0) {
+    if (api.PySys_SetObject("stderr", file.borrow()) < 0) {
         api.PyErr_Clear();  // displayed now, it would appear among the program's own output
         return true;
     }

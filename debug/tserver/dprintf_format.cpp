@@ -47,16 +47,36 @@ static PyObject* format_message(const char* format, va_list args)
 
 bool gDPrintfFileRefuses;
 
+// Writes TEXT raw to FILE, which the caller holds; false when that raised, which is cleared.
+static bool write_raw(PyObject* file, PyObject* text)
+{
+    static constexpr int kPyPrintRaw = 1;
+    bool is_refused = api.PyFile_WriteObject(text, file, kPyPrintRaw) < 0;
+    if (is_refused)
+        api.PyErr_Clear();
+    if (file == gDPrintfFile)  // else writing has run code that installed another
+        gDPrintfFileRefuses = is_refused;
+    return !is_refused;
+}
+
+bool refuses_texts(PyObject* file)
+{
+    if (!gDPrintfFileRefuses || file != gDPrintfFile)
+        return false;
+    XPyOwned nothing(text_from_str(""));
+    if (nothing)
+        return !write_raw(file, nothing.borrow());
+    api.PyErr_Clear();
+    return true;
+}
+
 // Writes raw text to the process-wide file and flushes it; failures are cleared.
 static void write_and_flush(PyObject* text)
 {
-    static constexpr int kPyPrintRaw = 1;
     XPyOwned file(XPy_NewRef(gDPrintfFile));  // writing may run code that replaces the file
     if (!file)
         return;
-    gDPrintfFileRefuses = api.PyFile_WriteObject(text, file.borrow(), kPyPrintRaw) < 0;
-    if (gDPrintfFileRefuses)
-        api.PyErr_Clear();
+    write_raw(file.borrow(), text);
     XPyOwned flushed(api.PyObject_CallMethod(file.borrow(), "flush", nullptr));
     if (!flushed)
         api.PyErr_Clear();

@@ -368,6 +368,53 @@ TEST_F(DprintfExceptions, KeepsTheProcessWideChannelSilentToo)
     EXPECT_EQ(logged(), "");
 }
 
+// ---- Files that refuse a text ----
+
+TEST_F(DprintfExceptions, OneRefusedTextDoesNotLoseTheReportThatFollows)
+{
+    run("class Interrupted(Log):\n"
+        "    calls = 0\n"
+        "    def write(self, text):\n"
+        "        self.calls += 1\n"
+        "        if self.calls == 1: raise KeyboardInterrupt\n"
+        "        Log.write(self, text)\n");
+    open_log(kLogInternalFailures, "log", "Interrupted()");
+    set_dp_data_file_obj(fData, var("log"), -1, nullptr);
+    raise_value_error("broken");
+    report_failure(fData, "in f()\n");
+    EXPECT_EQ(take_exception(), "ValueError: broken");
+    EXPECT_EQ(logged(), "ValueError: broken\n");
+}
+
+TEST_F(DprintfExceptions, FileThatRefusesEverythingIsNotReportedToTheNativeStream)
+{
+    run("class Failing(Log):\n    def write(self, text): raise KeyError(text)");
+    open_log(kLogInternalFailures, "log", "Failing()");
+    set_dp_data_file_obj(fData, var("log"), -1, nullptr);
+    tNativeStderr native;
+    for (int i = 0; i < 3; i++) {
+        raise_value_error("broken");
+        report_failure(fData, "in f()\n");
+        EXPECT_EQ(take_exception(), "ValueError: broken");
+    }
+    EXPECT_EQ(native.restore(), tTexts());
+}
+
+TEST_F(DprintfExceptions, FileInstalledByAWriteThatRaisesIsNotTakenForTheOneThatRefused)
+{
+    run("class Replacing(Log):\n    def write(self, text):\n        native(text)\n        raise KeyError(text)\n"
+        "second = Log()");
+    open_log(kLogInternalFailures, "log", "Replacing()");
+    native_hook() = [&](PyObject*) { set_dprintf_file(var("second"), -1, nullptr); };
+    do_dp(channel(), "first\n");
+    EXPECT_FALSE(gDPrintfFileRefuses);
+    set_dp_data_file_obj(fData, var("second"), -1, nullptr);
+    raise_value_error("broken");
+    do_dp_logexception(channel());
+    EXPECT_EQ(take_exception(), "ValueError: broken");
+    EXPECT_EQ(logged("second"), "ValueError: broken\n");
+}
+
 // ---- Failure reports ----
 
 TEST_F(DprintfExceptions, FailureReportsWriteTextAndExceptionAndLeaveItPending)

@@ -61,7 +61,7 @@ struct tModel {
     int mask = 84;
     int fileno = -1;
     tFake* file = nullptr;
-    bool refuses = false;  // the last writing to the file failed
+    bool refuses = false;  // the last writing to this very file failed
     std::vector<std::string> events;
 
     std::string check_str(const std::string& text) const
@@ -124,9 +124,9 @@ struct tModel {
         tracing--;
         if (!gFake.sys_stderr || as_object(gFake.sys_stderr) == api.Py_None)
             return;  // and the channel stays busy
-        bool is_shown = !(refuses && channel->file == file && file);
-        if (is_shown)
-            events.push_back("display " + exception + " on " + (channel->file ? channel->file->text : "None"));
+        tFake* to = channel->file;
+        if (!(refuses && to == file && file && refuses_an_empty_text()))
+            events.push_back("display " + exception + " on " + (to ? to->text : "None"));
         channel->busy--;
     }
     void dlogexception(const std::string& exception)
@@ -171,10 +171,23 @@ struct tModel {
         if (!file)
             return;
         tFake* to = file;
+        write_raw(to, text);
+        events.push_back(to->text + ".flush()");
+    }
+    void write_raw(tFake* to, const std::string& text)
+    {
         events.push_back(to->text + " <- " + (to->refuses ? "nothing" : text));
         act();
-        refuses = to->refuses;
-        events.push_back(to->text + ".flush()");
+        if (to == file)
+            refuses = to->refuses;
+    }
+    bool refuses_an_empty_text()
+    {
+        tFake* to = file;
+        if (!construct())
+            return true;
+        write_raw(to, "");
+        return to->refuses;
     }
     void act();
 
@@ -211,6 +224,7 @@ void tModel::act()
         case kDropFile:
         case kChangeFile:
             file = global.channel.file = gAction == kDropFile ? nullptr : gFiles[2];
+            refuses = false;
             fileno = global.channel.fileno = -1;
             initialize_global();
             break;
@@ -364,6 +378,7 @@ void change_outputs()
             set_dprintf_file(as_object(file), fileno, nullptr);
             bool is_file = file && as_object(file) != api.Py_None;
             gModel.file = is_file ? file : nullptr;
+            gModel.refuses = false;
             gModel.fileno = is_file ? fileno : -1;
             gModel.initialize_global();
             gModel.global.channel.file = file;

@@ -223,7 +223,8 @@ def messages_of(name):
     """(the messages, all texts) of a native file, without the ends of their lines."""
     with open(os.path.join(NATIVE, name), encoding="utf-8") as stream:
         found = texts(stream.read())
-    spoken = {as_told(text) for text, calls in found if text.endswith("\\n") or SPEAKING.intersection(calls)}
+    spoken = {as_told(text) for text, calls in found
+              if text and (text.endswith("\\n") or SPEAKING.intersection(calls))}
     return spoken - ONLY_PLACES, {as_told(text) for text, _ in found}
 
 
