@@ -33,7 +33,7 @@ XPY_EXPORT int get_frame_iblock(PyObject* frame);                  // block stac
 XPY_EXPORT PyObject* borrow_frame_trace(PyObject* frame);          // trace function [borrowed]
 XPY_EXPORT void set_frame_trace(PyObject* frame, PyObject* func);  // func [borrowed], may be null
 XPY_EXPORT int is_frame_trace_lines_supported(void);
-XPY_EXPORT int set_frame_trace_lines(PyObject* frame, int flag);  // 0, or -1 with the exception pending
+XPY_EXPORT int set_frame_trace_lines(PyObject* frame, int flag);  // 0, or -1 on failure
 XPY_EXPORT PyObject* get_frame_filename(PyObject* frame);         // [new]; null without code
 XPY_EXPORT PyObject* get_frame_code_name(PyObject* frame);        // [new]; None without code
 XPY_EXPORT int is_outermost_frame(PyObject* frame);

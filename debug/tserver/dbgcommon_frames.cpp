@@ -121,9 +121,10 @@ int set_frame_trace_lines(PyObject* frame, int flag)
     if (!is_frame_trace_lines_supported())
         return 0;
     PyObject* name = borrow_cached_name(&f_trace_lines);
-    if (!name)
-        return -1;
-    return api.PyObject_SetAttr(frame, name, flag ? api.Py_True : api.Py_False);
+    int result = name ? api.PyObject_SetAttr(frame, name, flag ? api.Py_True : api.Py_False) : -1;
+    if (result < 0)
+        log_and_clear("Exception in set_frame_trace_lines()\n");
+    return result;
 }
 
 // ---- The frame's code ----
