@@ -144,18 +144,24 @@ static PyObject* get_repr_guarded(tSingleDPData* channel, PyObject* obj)
     return repr;
 }
 
+// Writes the message if the repr can be had; else false with the repr's exception pending.
+static bool write_repr(int mask, PyThreadState* tstate, const char* prefix, PyObject* obj, const char* suffix)
+{
+    tUntraced untraced(tstate);
+    XPyOwned repr(get_repr_guarded(&gUnsafeGlobalDPData.shared_single_dp_data, obj));
+    if (repr)
+        do_dprintf(mask, "%s%s%s", prefix, dprint_check_pystr(repr.borrow()), suffix);
+    return static_cast<bool>(repr);
+}
+
 void do_dprintf_repr(int mask, const char* prefix, PyObject* obj, const char* suffix)
 {
     PyThreadState* tstate = borrow_process_wide_gate(mask);
     if (!tstate)
         return;
-    tUntraced untraced(tstate);
     XPyHeldError held;
-    XPyOwned repr(get_repr_guarded(&gUnsafeGlobalDPData.shared_single_dp_data, obj));
-    if (repr) {
-        do_dprintf(mask, "%s%s%s", prefix, dprint_check_pystr(repr.borrow()), suffix);
+    if (write_repr(mask, tstate, prefix, obj, suffix))
         return;
-    }
     do_dprintf(mask, "%s", "exception getting repr in DPRINTF_REPR\n");
     do_dlogexception();
     api.PyErr_Clear();

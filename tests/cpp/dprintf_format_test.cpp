@@ -554,6 +554,20 @@ TEST_F(DprintfFormat, ReprThatRaisesIsReported)
     });
 }
 
+TEST_F(DprintfFormat, ReprThatRaisesIsReportedWhileTheThreadIsUntracedOnce)
+{
+    open_log();
+    run("class Loud(object):\n    def __repr__(self): raise ValueError('no repr')\nloud = Loud()");
+    int before = tracing();
+    ASSERT_LE(before, 1);
+    add_to_thread_state_tracing(tstate(), 1 - before);
+    do_dprintf_repr(kLogCore, "<", var("loud"), ">\n");
+    add_to_thread_state_tracing(tstate(), before - 1);
+    EXPECT_EQ(eval_text("log.parts[0]"), "exception getting repr in DPRINTF_REPR\n");
+    EXPECT_EQ(eval_text("''.join(log.parts).endswith('ValueError: no repr\\n')"), "True");
+    EXPECT_EQ(tracing(), before);
+}
+
 // ---- Threads ----
 
 TEST_F(DprintfFormat, ThreadWithoutAStateWritesNothing)

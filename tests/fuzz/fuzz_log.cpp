@@ -478,14 +478,14 @@ void write_repr()
     if (is_open)
         gModel.initialize_global();
     if (is_open && gFake.has_thread_state && !gModel.global.channel.busy) {
-        gModel.tracing++;
         if (object->repr) {
+            gModel.tracing++;
             gModel.dprintf(mask, "[" + gModel.check_pystr(object->repr) + "]\n");
+            gModel.tracing--;
         } else {
             gModel.dprintf(mask, "exception getting repr in DPRINTF_REPR\n");
             gModel.dlogexception("no repr");
         }
-        gModel.tracing--;
     }
     do_dprintf_repr(mask, "[", as_object(object), "]\n");
     release_fake(object);
