@@ -318,7 +318,7 @@ def UpdateThisProcessPid() -> None:
     """Decide events in this process too: after a fork every event of the child is answered None before this call."""
 
 def AddToThreadStateTracing(count: int) -> None:
-    """Add to the counter of the calling thread that switches its monitoring off while it is above 0."""
+    """Add to the counter of the calling thread that switches its monitoring off while it is not 0."""
 
 def reset() -> None:
     """Begin anew for another session: no log, no hooks, no registered names, empty registries of records."""

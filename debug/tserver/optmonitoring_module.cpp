@@ -110,6 +110,18 @@ PyObject* UpdateThisProcessPid(PyObject* module, PyObject* const* args, Py_ssize
     return new_none();
 }
 
+// Whether the interpreter aborts when the tracing counter is taken below 0: a debug build, which alone has this
+// function.
+static bool aborts_below_zero(void)
+{
+    return XPy_LookupPythonFunction("_Py_NegativeRefcount") != nullptr;
+}
+
+static bool is_tracing_in_range(long long tracing)
+{
+    return tracing >= INT_MIN && tracing <= INT_MAX && (tracing >= 0 || !aborts_below_zero());
+}
+
 static int add_to_tracing_inner(PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
 {
     PyObject* count_obj;
@@ -120,8 +132,8 @@ static int add_to_tracing_inner(PyObject* const* args, Py_ssize_t nargs, PyObjec
     if (count == -1 && api.PyErr_Occurred())
         return -1;
     PyThreadState* tstate = api.PyThreadState_Get();
-    int tracing = get_thread_state_tracing(tstate);
-    if (count < -static_cast<Py_ssize_t>(tracing) || count > INT_MAX - tracing) {
+    long long result;
+    if (__builtin_add_overflow(count, get_thread_state_tracing(tstate), &result) || !is_tracing_in_range(result)) {
         api.PyErr_SetString(api.PyExc_OverflowError, "the tracing counter would leave its range");
         return -1;
     }

@@ -797,7 +797,7 @@ def tracing_counter_moved_too_far(module):
 
 @case
 def huge_numbers_for_the_tracing_counter(module):
-    for count in (2 ** 62, -2 ** 62, 2 ** 31, -2 ** 31, 2 ** 64):
+    for count in (2 ** 62, -2 ** 62, 2 ** 31, -2 ** 31 - 1, 2 ** 64):
         attempt(module.AddToThreadStateTracing, count)
 
 

@@ -19,6 +19,7 @@ HOST_DIR = os.path.join(HERE, "host")
 DEFAULT_MASK = 84           # the module's and the process-wide mask of a fresh import
 HEAD_LINE = "EXCEPTION IN DEBUG TRACER:\n"
 FREE_THREADED = bool(sysconfig.get_config_var("Py_GIL_DISABLED"))
+DEBUG_BUILD = hasattr(sys, "gettotalrefcount")
 
 needs_monitoring = unittest.skipUnless(hasattr(sys, "monitoring"), "this interpreter has no sys.monitoring")
 

@@ -525,12 +525,27 @@ print(os.waitpid(child, 0)[1])
     def test_count_that_the_counter_cannot_hold_fails(self):
         line = "Exception in AddToThreadStateTracing\n"
         add = optmonitoring.AddToThreadStateTracing
-        for count in (-1, 1 << 31, -1 << 31, 1 << 62, -1 << 62):
+        for count in (1 << 31, (-1 << 31) - 1, 1 << 62, -1 << 62):
             self.failing(lambda: add(count), OverflowError, "the tracing counter would leave its range", line)
         add(1)
         try:
-            for count in (-2, (1 << 31) - 1):
-                self.failing(lambda: add(count), OverflowError, "the tracing counter would leave its range", line)
+            self.failing(lambda: add((1 << 31) - 1), OverflowError, "the tracing counter would leave its range", line)
+        finally:
+            add(-1)
+
+    @unittest.skipIf(support.DEBUG_BUILD, "debug builds abort below 0")
+    def test_counter_may_go_below_zero(self):
+        self.assertEqual(self.starts_seen(-1), (0, 1))
+        self.assertEqual(self.starts_seen(-3), (0, 1))
+
+    @unittest.skipUnless(support.DEBUG_BUILD, "only debug builds abort below 0")
+    def test_counter_below_zero_is_refused_where_it_aborts(self):
+        line = "Exception in AddToThreadStateTracing\n"
+        add = optmonitoring.AddToThreadStateTracing
+        self.failing(lambda: add(-1), OverflowError, "the tracing counter would leave its range", line)
+        add(1)
+        try:
+            self.failing(lambda: add(-2), OverflowError, "the tracing counter would leave its range", line)
         finally:
             add(-1)
 
