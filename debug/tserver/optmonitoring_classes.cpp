@@ -234,9 +234,10 @@ int CallNewObjectCallback_direct(tDPData* dp, PyObject* cls, tClassAttr* attribu
     return 0;
 }
 
-int refuse_keywords(PyObject* kwargs, const char* class_name)
+int refuse_keywords(PyObject* self, PyObject* kwargs, const char* class_name)
 {
-    if (!kwargs || api.PyDict_Size(kwargs) == 0)
+    bool is_subclass = XPy_BorrowTypeInline(self) != borrow_defining_class(self);
+    if (is_subclass || !kwargs || api.PyDict_Size(kwargs) == 0)
         return 0;
     api.PyErr_Format(api.PyExc_TypeError, "%s() takes no keyword arguments", class_name);
     return -1;

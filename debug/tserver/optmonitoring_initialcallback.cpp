@@ -522,7 +522,7 @@ static int CInitialCallback_init(PyObject* self, PyObject* args, PyObject* kwarg
     CInitialCallbackBody* body = m ? initial_callback_body(self, borrow_defining_class(self)) : nullptr;
     int event_id, can_return_disable;
     PyObject* second_callback;
-    if (!body || refuse_keywords(kwargs, "CInitialCallback") < 0 ||
+    if (!body || refuse_keywords(self, kwargs, "CInitialCallback") < 0 ||
         !api.PyArg_ParseTuple(args, "iOi:CInitialCallback.__init__", &event_id, &second_callback,
                               &can_return_disable))
         return -1;

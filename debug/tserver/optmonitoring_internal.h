@@ -176,8 +176,9 @@ int delete_item_if_present(PyObject* mapping, PyObject* key);
 // Whether the pending exception is of this kind; then it is cleared.
 bool clear_if_raised(PyObject* exception);
 
-// Refuses keyword arguments of a constructor: 0, or -1 with TypeError pending.
-int refuse_keywords(PyObject* kwargs, const char* class_name);
+// Refuses keyword arguments of a constructor: 0, or -1 with TypeError pending. Those of a subclass are left to its
+// __new__.
+int refuse_keywords(PyObject* self, PyObject* kwargs, const char* class_name);
 
 // ---- A look into sets of line numbers (optmonitoring_linenos.cpp) ----
 

@@ -367,7 +367,7 @@ static int CPerCodeObject_init(PyObject* self, PyObject* args, PyObject* kwargs)
     tModuleState* m = state_of(self);
     CPerCodeObjectBody* body = m ? per_code_object_body(self, borrow_defining_class(self)) : nullptr;
     PyObject *code, *frame;
-    if (!body || refuse_keywords(kwargs, "CPerCodeObject") < 0 ||
+    if (!body || refuse_keywords(self, kwargs, "CPerCodeObject") < 0 ||
         !api.PyArg_ParseTuple(args, "OO:CPerCodeObject.__init__", &code, &frame))
         return -1;
     return init_inner(m, self, body, code, frame) < 0 ? fail_int(m->dp, kInitFailure) : 0;

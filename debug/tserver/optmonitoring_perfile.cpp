@@ -103,7 +103,7 @@ static int CPerFile_init(PyObject* self, PyObject* args, PyObject* kwargs)
     tModuleState* m = state_of(self);
     CPerFileBody* body = m ? per_file_body(self, borrow_defining_class(self)) : nullptr;
     PyObject* pathname;
-    if (!body || refuse_keywords(kwargs, "CPerFile") < 0 ||
+    if (!body || refuse_keywords(self, kwargs, "CPerFile") < 0 ||
         !api.PyArg_ParseTuple(args, "O:CPerFile.__init__", &pathname))
         return -1;
     return init_inner(m, self, body, pathname) < 0 ? fail_int(m->dp, "Exception in CPerFile.__init__\n") : 0;

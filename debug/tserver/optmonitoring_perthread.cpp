@@ -153,7 +153,7 @@ static int CPerThread_init(PyObject* self, PyObject* args, PyObject* kwargs)
     if (!body)
         return -1;
     PyObject* thread_id;
-    if (refuse_keywords(kwargs, "CPerThread") < 0 ||
+    if (refuse_keywords(self, kwargs, "CPerThread") < 0 ||
         !api.PyArg_ParseTuple(args, "O:CPerThread.__init__", &thread_id) || init_inner(m, self, body, thread_id) < 0)
         return fail_int(m->dp, "Exception in CPerThread.__init__\n");
     return 0;

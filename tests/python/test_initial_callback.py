@@ -36,6 +36,16 @@ class Construction(FilterTestCase):
         with self.assertRaises(TypeError):
             self.om.CInitialCallback(1, print, 1, extra=1)
 
+    def test_subclass_may_take_keywords(self):
+        class Named(self.om.CInitialCallback):
+            def __new__(cls, *args, name):
+                made = super().__new__(cls)
+                made.name = name
+                return made
+
+        callback = Named(1, print, 1, name="mine")
+        self.assertEqual((callback._fSecondCallback, callback.name), (print, "mine"))
+
     def test_any_object_may_be_the_second_callback(self):
         for second in (None, 5, object(), print):
             self.assertIs(self.om.CInitialCallback(1, second, 1)._fSecondCallback, second)

@@ -342,6 +342,17 @@ class ConstructionTest(PerCodeObjectTestCase):
         self.fails(TypeError, "CPerCodeObject() takes no keyword arguments", [], self.cls, code, frame=None)
         self.assertEqual(self.cls._fPerCodeObjectDict, {})
 
+    def test_subclass_may_take_keywords(self):
+        class Named(self.cls):
+            def __new__(cls, *args, name):
+                made = super().__new__(cls)
+                made.name = name
+                return made
+
+        code = make_code()
+        record = Named(code, None, name="mine")
+        self.assertEqual((record.fCodeObjectWeakRef(), record.name), (code, "mine"))
+
     def test_code_of_a_wrong_type(self):
         for value in (None, 3, make_code):
             self.fails(TypeError, NOT_CODE, [INIT], self.cls, value, None)

@@ -110,6 +110,16 @@ class ConstructionTest(PerFileTestCase):
         self.fails(TypeError, "CPerFile.__init__() takes exactly 1 argument (2 given)", [], self.cls, 1, 2)
         self.fails(TypeError, "CPerFile() takes no keyword arguments", [], self.cls, pathname="a")
 
+    def test_subclass_may_take_keywords(self):
+        class Named(self.cls):
+            def __new__(cls, *args, name):
+                made = super().__new__(cls)
+                made.name = name
+                return made
+
+        record = Named("a", name="mine")
+        self.assertEqual((record.fCanonicalPathname, record.name), ("a", "mine"))
+
     def test_checksum_that_cannot_be_hashed(self):
         self.use_checksums(a=[])
         self.fails(TypeError, support.NOT_A_KEY, [INIT], self.cls, "a")

@@ -139,6 +139,16 @@ class ConstructionTest(PerThreadTestCase):
         self.fails(TypeError, "CPerThread() takes no keyword arguments", [INIT], self.cls, thread_id=1)
         self.fails(TypeError, "CPerThread() takes no keyword arguments", [INIT], self.cls, 1, create=1)
 
+    def test_subclass_may_take_keywords(self):
+        class Named(self.cls):
+            def __new__(cls, *args, name):
+                made = super().__new__(cls)
+                made.name = name
+                return made
+
+        record = Named(1, name="mine")
+        self.assertEqual((record.fThreadId, record.name), (1, "mine"))
+
     def test_id_that_is_no_int(self):
         for thread_id, text in (("x", "'str' object cannot be interpreted as an integer"),
                                 (None, "'NoneType' object cannot be interpreted as an integer"),
