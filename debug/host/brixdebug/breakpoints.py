@@ -49,6 +49,8 @@ class BreakLines:
         self._switches = switches
         self._raiser = raiser
         self.debugger: TracedDebugger | None = None   # whose breakpoints new code is searched for
+        # ids of the code objects whose lines are switched on, if they have any to stop at
+        self._taken_in: set[int] = set()
         self._absolute_names: dict[str, str] = {}     # relative file name -> absolute
         # name of no file -> {id: weak reference to code}
         self._pseudo_codes: dict[str, dict[int, weakref.ref[CodeType]]] = {}
@@ -97,6 +99,7 @@ class BreakLines:
 
     def forget(self) -> None:
         """The files' records say nothing of breakpoints any longer."""
+        self._taken_in.clear()
         for per_file in optmonitoring.CPerFile.GetAllPerFiles():
             per_file.fBpSetByLineno.clear()
 
@@ -132,6 +135,20 @@ class BreakLines:
         if debugger is not None and debugger.breaks:
             with self._switches.lock:
                 self._enable_lines(debugger, record)
+        code = record.fCodeObjectWeakRef()
+        if code is not None:
+            self._taken_in.add(id(code))
+
+    def await_code(self, code: CodeType) -> None:
+        """No line of `code` is passed by before its breakpoints are switched on.
+
+        Another thread may have made its record, and the hook for new records may still run there.
+        """
+        if id(code) in self._taken_in:
+            return
+        record = optmonitoring.CPerCodeObject.GetPerCodeObject(code, False)
+        if record is not None:
+            self.on_new_code(record)
 
     def _remember_name(self, record: CPerCodeObject) -> None:
         code = record.fCodeObjectWeakRef()

@@ -17,7 +17,7 @@ import threading
 import optmonitoring
 from brixbase import dlog
 
-from brixdebug import compat, internal, log
+from brixdebug import compat, decisions, internal, log
 from brixdebug.commands import Commands
 from brixdebug.engine import Bdb, BdbQuit
 from brixdebug.monitor import monitor
@@ -88,7 +88,7 @@ class Debugger(Commands, _StandardDebugger, Bdb):
 
         At the prompt, in a condition and the like nothing happens: its thread is at a stop.
         """
-        if monitor.turn.lock._is_owned():
+        if monitor.turn.lock._is_owned() or decisions.is_deciding():
             return
         if frame is None:
             frame = sys._getframe().f_back
@@ -204,6 +204,7 @@ class Debugger(Commands, _StandardDebugger, Bdb):
             self.error("Cannot debug %s: it is the debugger's own code" % filename)
             type(self).has_refused = self._user_requested_quit = True
             return
+        decisions.count_anew()
         try:
             super()._run(target)
         except MonitorError as error:

@@ -22,9 +22,9 @@ import optmonitoring
 
 from brixbase import dlog
 from brixdebug import compat
-from brixdebug.breakpoints import is_pseudo_file, log
+from brixdebug.breakpoints import is_pseudo_file
+from brixdebug.decisions import Breakpoint, still_stops
 from brixdebug.monitor import monitor
-from brixdebug.raising import is_of_signal_handler
 from brixdebug.reporting import Reporter
 from brixdebug.stops import PerThread, StopStates
 from brixdebug.switches import MonitorError
@@ -34,53 +34,36 @@ if TYPE_CHECKING:
     from types import FrameType
     from typing import Any, Self, SupportsInt
 
+    from brixdebug.decisions import Decision, Point
+
 BdbQuit = bdb.BdbQuit
-Breakpoint = bdb.Breakpoint
 
 Reporter(monitor)             # events go through it to the debugger that traces
 
 # Classes whose user_call does something only where the debugger stops anyway.
 _QUIET_CALL_MODULES = ("bdb", "pdb", __name__)
 
-
-def _effective(filename: str, line: int,
-               frame: FrameType) -> tuple[bdb.Breakpoint, bool] | tuple[None, None]:
-    """`bdb.effective`, but for two things.
-
-    It makes every exception of a condition a stop; one that the handler of a signal
-    raised meanwhile is not the condition's.  And the log is told what was decided.
-    """
-    for each in bdb.Breakpoint.bplist[filename, line]:
-        if not each.enabled:
-            log(lambda: _decision(each, frame, "it is disabled"))
-            continue
-        if not bdb.checkfuncname(each, frame):
-            log(lambda: _decision(each, frame, "not the first line of its function"))
-            continue
-        each.hits += 1
-        if each.cond:
-            try:
-                value = eval(each.cond, frame.f_globals, frame.f_locals)
-            except BaseException as error:
-                if is_of_signal_handler(error):
-                    raise
-                log(lambda: _decision(each, frame, "stop; its condition raised"))
-                return each, False
-            if not value:
-                log(lambda: _decision(each, frame, "its condition is false"))
-                continue
-        if each.ignore > 0:
-            each.ignore -= 1
-            log(lambda: _decision(each, frame, "ignored, %d to go" % each.ignore))
-            continue
-        log(lambda: _decision(each, frame, "stop"))
-        return each, True
-    return None, None
+# What stands between a line and a stop at its breakpoint.
+_DECIDING_METHODS = ("trace_dispatch", "dispatch_line", "stop_here", "break_here")
 
 
-def _decision(breakpoint: bdb.Breakpoint, frame: FrameType, text: str) -> str:
-    return "breakpoint %d at %s:%d reached in %s(): %s\n" % (
-        breakpoint.number, frame.f_code.co_filename, frame.f_lineno, frame.f_code.co_name, text)
+def _definer(cls: type, name: str) -> type:
+    return next(base for base in cls.__mro__ if name in vars(base))
+
+
+
+def _effective(filename: str, line: int, frame: FrameType) -> Decision | tuple[None, None]:
+    """`bdb.effective` by the rules of `decisions`; not decided again where it has been."""
+    debugger: Any = monitor.debugger
+    decision: Decision | None = None
+    if debugger is not None:
+        state = debugger.stop_states.own()
+        decision, state.decision = state.decision, None
+    if decision is not None:
+        return decision if still_stops(decision[0]) else (None, None)
+    points = monitor.decisions.points(filename, line, frame)
+    return monitor.decisions.decide(
+        points, frame, getattr(debugger, "user_log", print)) or (None, None)
 
 
 class Bdb(compat.TraceBase):
@@ -98,6 +81,9 @@ class Bdb(compat.TraceBase):
 
     # Whether user_call has to be called in code with breakpoints when nothing stops there.
     wants_calls = False
+
+    # Whether breakpoints may be decided before `trace_dispatch` is called for them.
+    decides_early = True
 
     # Whether a child that the program forks is debugged too.
     follows_fork = False
@@ -118,6 +104,8 @@ class Bdb(compat.TraceBase):
             if "user_call" in vars(base):
                 cls.wants_calls = base.__module__ not in _QUIET_CALL_MODULES
                 break
+        cls.decides_early = all(_definer(cls, name).__module__ in _QUIET_CALL_MODULES
+                                for name in _DECIDING_METHODS)
 
     def __new__(cls, *args: Any, **kwargs: Any) -> Self:
         # Not in __init__: classes with several bases call the standard one by name.
@@ -230,12 +218,15 @@ class Bdb(compat.TraceBase):
                   funcname: str | None = None) -> str | None:
         with monitor.turn.lock:
             try:
-                result = super().set_break(filename, lineno, temporary, cond, funcname)
+                result: str | None = self._set_break(filename, lineno, temporary, cond, funcname)
             except MonitorError as error:
                 return str(error)
+            monitor.decisions.forget()    # what was reached before the breakpoint was there
             if funcname is not None:      # the breakpoint that knows it was not there before
                 monitor.breaks_changed(self, self.canonic(filename))
             return result
+
+    _set_break = compat.rebind(bdb.Bdb.set_break, Breakpoint=Breakpoint)
 
     def clear_break(self, filename: str, lineno: int) -> str | None:
         with monitor.turn.lock:
@@ -257,17 +248,35 @@ class Bdb(compat.TraceBase):
         compat.take_locals(frame)
 
     def break_here(self, frame: FrameType) -> bool:
-        code = frame.f_code
-        breaks = self.breaks.get(self.canonic(code.co_filename), ())
-        at_function = code.co_firstlineno in breaks
         result: bool = self._break_here(frame)
-        if at_function:
-            monitor.break_lines.narrow(self, code)
+        if frame.f_code.co_firstlineno in self._lines_with_breaks(frame):
+            monitor.break_lines.narrow(self, frame.f_code)
         if result:
             self._stop_in(frame)
         return result
 
     _break_here = compat.rebind(bdb.Bdb.break_here, effective=_effective)
+
+    def _lines_with_breaks(self, frame: FrameType) -> list[int]:
+        lines: list[int] = self.breaks.get(self.canonic(frame.f_code.co_filename), [])
+        return lines
+
+    def points_at(self, frame: FrameType) -> tuple[Point, ...]:
+        """The breakpoints to be decided at the line of `frame`."""
+        lines = self._lines_with_breaks(frame)
+        first_line = frame.f_code.co_firstlineno
+        line = frame.f_lineno if frame.f_lineno in lines else first_line
+        if line not in lines:
+            return ()
+        points = monitor.decisions.points(self.canonic(frame.f_code.co_filename), line, frame,
+                                          is_early=True)
+        if first_line in lines:
+            monitor.break_lines.narrow(self, frame.f_code)
+        return points
+
+    def user_log(self, frame: FrameType, breakpoint: bdb.Breakpoint, text: str) -> None:
+        """The text of a breakpoint that logs in place of stopping."""
+        print(text)
 
     def clear_all_file_breaks(self, filename: str) -> str | None:
         with monitor.turn.lock:

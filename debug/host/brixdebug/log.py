@@ -32,6 +32,8 @@ DEFAULT_DOMAINS = ("core", "exceptions", "internal_failures")
 
 _log_file: io.TextIOWrapper | None = None
 
+current_mask = 0              # of the domains that `open_log` was given; 0 without a log
+
 
 def domain_mask(domains: Iterable[str]) -> int:
     """The module's log mask for names out of DOMAINS; ValueError names the unknown ones."""
@@ -63,11 +65,12 @@ def open_log(path: str, domains: Iterable[str] = DEFAULT_DOMAINS) -> None:
     Raises ValueError for an unknown domain and OSError for a file that cannot be
     written; the log stays as it was then.
     """
-    global _log_file
+    global _log_file, current_mask
     mask = domain_mask(domains)
     opened = _open(path)
     close_log()
     _log_file = opened
+    current_mask = mask
     dlog.SetLogFile(opened)
     optmonitoring.set_dprintf_mask(mask)
     # The descriptor serves the places where no Python code may run.
@@ -76,9 +79,10 @@ def open_log(path: str, domains: Iterable[str] = DEFAULT_DOMAINS) -> None:
 
 def close_log() -> None:
     """Back to the state before `open_log`; nothing when there is no log."""
-    global _log_file
+    global _log_file, current_mask
     if _log_file is None:
         return
+    current_mask = 0
     optmonitoring.set_dprintf_file(None, -1, 0)
     optmonitoring.set_dprintf_mask(domain_mask(DEFAULT_DOMAINS))
     dlog.SetLogFile(None)

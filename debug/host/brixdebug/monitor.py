@@ -13,6 +13,7 @@ import optmonitoring
 
 from brixdebug import files, internal
 from brixdebug.breakpoints import BreakLines
+from brixdebug.decisions import Decisions
 from brixdebug.raising import Raiser
 from brixdebug.stops import NOWHERE
 from brixdebug.suspension import Suspension
@@ -41,6 +42,7 @@ class Monitor:
         self.turn = Turn()
         self.raiser = Raiser(self.switches, self._raised)
         self.break_lines = BreakLines(self.switches, self.raiser)
+        self.decisions = Decisions()
         self.suspension = Suspension(self.switches, self.turn, self.raiser,
                                      self._begin_holding, self._end_holding)
         self._needs_changed = False
@@ -91,6 +93,7 @@ class Monitor:
             self._share(self.debugger, [filename])
 
     def _share(self, debugger: TracedDebugger, filenames: Iterable[str]) -> None:
+        self.decisions.forget()
         grown = False
         for filename in filenames:
             grown |= self.break_lines.share(debugger, filename)
@@ -138,8 +141,14 @@ class Monitor:
         optmonitoring.SetInternalPathnameDict(internal.pathname_table())
         optmonitoring.set_checksum_callback(files.checksum)
         optmonitoring.CPerCodeObject.SetNewPerCodeObjectCreatedCallback(
-            self.break_lines.on_new_code)
+            self._on_new_code)
         self.suspension.install_hooks()
+
+    def _on_new_code(self, record: CPerCodeObject) -> None:
+        code = record.fCodeObjectWeakRef()
+        if code is not None:
+            self.decisions.forget_code(code)
+        self.break_lines.on_new_code(record)
 
     def _remove_hooks(self) -> None:
         optmonitoring.CPerCodeObject.SetNewPerCodeObjectCreatedCallback(None)
@@ -154,6 +163,7 @@ class Monitor:
         self.suspension.end_session()
         self.raiser.ended_thread_ids.clear()
         self.break_lines.forget()
+        self.decisions.forget()
         self.switches.release()
 
     def _begin_holding(self) -> bool:
@@ -249,6 +259,7 @@ class Monitor:
     def _after_fork_in_child(self) -> None:
         """Only the forking thread is left; locks of the others will never be released."""
         self.switches.after_fork_in_child()
+        self.decisions.begin_anew()
         self.raiser.keep_only_own()
         if not self.turn.keep_only_own():
             self.raiser.ended_thread_ids.clear()

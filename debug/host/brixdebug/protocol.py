@@ -4,9 +4,11 @@ from __future__ import annotations
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
+    from bdb import Breakpoint
     from types import FrameType
     from typing import Any, Protocol
 
+    from brixdebug.decisions import Point
     from brixdebug.stops import StopStates
 
     class TracedDebugger(Protocol):
@@ -15,10 +17,13 @@ if TYPE_CHECKING:
         breaks: dict[str, list[int]]
         quitting: bool
         wants_calls: bool             # user_call has to be called in code with breakpoints
+        decides_early: bool           # breakpoints may be decided before trace_dispatch is called
         stop_states: StopStates
 
         def trace_dispatch(self, frame: FrameType, event: str, arg: Any) -> Any: ...
         def break_anywhere(self, frame: FrameType) -> bool: ...
+        def points_at(self, frame: FrameType) -> tuple[Point, ...]: ...
+        def user_log(self, frame: FrameType, breakpoint: Breakpoint, text: str) -> None: ...
         def reaches_program(self, exception: BaseException) -> bool: ...
         def on_own_error(self, exception: BaseException) -> None: ...
         def after_fork_in_child(self) -> None: ...

@@ -13,6 +13,7 @@ import sys
 from brixbase import dlog
 
 from brixdebug import compat
+from brixdebug.decisions import FALSE, UNDECIDED
 from brixdebug.raising import is_of_signal_handler
 from brixdebug.suspension import is_threading_code
 from brixdebug.switches import line_at
@@ -22,6 +23,7 @@ if TYPE_CHECKING:
     from types import CodeType, FrameType
     from typing import Any
 
+    from brixdebug.decisions import Point
     from brixdebug.monitor import Monitor
     from brixdebug.protocol import TracedDebugger
     from brixdebug.stops import StopState
@@ -37,6 +39,7 @@ class Reporter:
         self._monitor = monitor
         self._switches = monitor.switches
         self._turn = monitor.turn
+        self._decisions = monitor.decisions
         self._raiser = monitor.raiser
         self._switches.report_to({
             _events.LINE: self._on_line,
@@ -58,12 +61,25 @@ class Reporter:
 
     def _on_line(self, code: CodeType, line: int) -> object:
         try:
+            lines = self._decisions.places.get(id(code))
+            points = lines.get(line) if lines is not None else None
+            if points:
+                self._reached(points, sys._getframe(1))
+                return None
             epoch = self._switches.epoch
             if self._switches.is_line_off(code, line):
                 return _DISABLE if epoch == self._switches.epoch else None
             return self._line(sys._getframe(1))
         except BaseException as error:
             return self._failed(error)
+
+    def _reached(self, points: tuple[Point, ...], frame: FrameType) -> None:
+        """A line is reached whose breakpoints are known."""
+        verdict = UNDECIDED
+        if self._switches.is_idle:            # else the thread may be stepped, or have to end
+            verdict = self._decisions.decide_fast(points, frame)
+        if verdict != FALSE:
+            self._line(frame, points, verdict)
 
     def _on_jump(self, code: CodeType, offset: int, destination: int) -> object:
         """A loop on one line: each pass is a line of its own, as with `sys.settrace`."""
@@ -75,14 +91,26 @@ class Reporter:
         except BaseException as error:
             return self._failed(error)
 
-    def _line(self, frame: FrameType) -> Any:
+    def _line(self, frame: FrameType, points: tuple[Point, ...] | None = None,
+              verdict: int = UNDECIDED) -> Any:
+        """A line is reached; `points` are its breakpoints where they are known.
+
+        `verdict`: what is known of the first one's condition.
+        """
         debugger = self._monitor.debugger
         if debugger is None:
             return
         state = debugger.stop_states.own()
-        if state.is_muted or self._end_thread(frame):
+        if state.is_muted or self._monitor.suspension.is_ending_all and self._end_thread(frame):
             return
-        if debugger.break_anywhere(frame) \
+        if debugger.decides_early and not state.may_stop_in(frame):
+            if points is None:
+                points = debugger.points_at(frame)
+            decision = self._decisions.decide(points, frame, debugger.user_log, verdict)
+            if decision is not None:
+                state.decision = decision
+                self._report(debugger, frame, "line", None)
+        elif debugger.break_anywhere(frame) \
                 or frame.f_trace == debugger.trace_dispatch and not state.is_free:
             self._report(debugger, frame, "line", None)
 
@@ -96,6 +124,7 @@ class Reporter:
             if self._is_call_wanted(debugger, frame):
                 self._report_call(debugger, frame)
                 return None
+            self._monitor.break_lines.await_code(code)
             if self._switches.is_call_off(code, line_at(code, offset)):
                 return _DISABLE if epoch == self._switches.epoch else None
             return None
@@ -210,6 +239,7 @@ class Reporter:
             if state.stopped_frame is frame:
                 state.stopped_frame = None
                 compat.give_locals_back(frame)
+            state.decision = None
             state.enterframe = None       # 3.13 keeps it, and with it the frame's variables
         if debugger.quitting or state.is_free and not debugger.breaks:
             frame.f_trace = None

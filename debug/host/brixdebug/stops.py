@@ -19,6 +19,8 @@ if TYPE_CHECKING:
 
     from optmonitoring import CPerCodeObject
 
+    from brixdebug.decisions import Decision
+
     class HasStopStates(Protocol):
         stop_states: StopStates
 
@@ -45,6 +47,7 @@ class StopState:
     cmdlineno: int | None = None
     trace_opcodes: bool = sys.version_info < (3, 13)     # where only the frame is asked
 
+    decision: Decision | None = None            # of the breakpoint that the event is reported for
     stopped_frame: FrameType | None = None      # the frame of the event, when it is one to stop at
 
     is_muted = False          # the thread runs the debugger's own code, outside of an event
@@ -65,6 +68,10 @@ class StopState:
         self.stopframe = self.botframe = NOWHERE
         self.returnframe = None
         self.stoplineno = -1
+
+    def may_stop_in(self, frame: FrameType) -> bool:
+        """More than breakpoints may stop the thread in `frame`."""
+        return self.stopframe is None or self.stopframe is frame and self.stoplineno != -1
 
     @property
     def stops_anywhere(self) -> bool:

@@ -1,0 +1,227 @@
+"""Whether a breakpoint that was reached stops its thread.
+
+The rules are those of `bdb.effective`, and beside them hit conditions and texts to be logged.
+A breakpoint that does not stop is decided here at once, in the thread that reached it: no
+turn is waited for, and no variable is read but those of its condition.
+"""
+
+from __future__ import annotations
+
+import _thread
+import bdb
+import sys
+
+import optmonitoring
+
+from brixdebug import conditions, log
+from brixdebug.raising import is_of_signal_handler
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from collections.abc import Callable
+    from types import CodeType, FrameType
+    from typing import Any
+
+    # a breakpoint, and whether it is to be deleted when it is a temporary one
+    Decision = tuple[bdb.Breakpoint, bool]
+    OnLog = Callable[[FrameType, bdb.Breakpoint, str], object]
+
+_MANY_CODES = 1000
+
+
+class Breakpoint(bdb.Breakpoint):
+    """A breakpoint that may count its hits, and log a text in place of stopping."""
+
+    hit_condition: conditions.HitCondition | None = None
+    log_text: conditions.LogText | None = None
+    true_hits = 0                 # how often it was reached with its condition true
+
+    def bpformat(self) -> str:
+        text = super().bpformat()
+        if self.hit_condition is not None:
+            text += "\n\tstop only at hits %s" % self.hit_condition
+        if self.log_text is not None:
+            text += "\n\tlog %s" % self.log_text.text
+        return text
+
+
+class Point:
+    """A breakpoint at one line of one code object."""
+
+    __slots__ = ("breakpoint", "condition", "evaluate")
+
+    breakpoint: Any               # `bdb.Breakpoint` declares none of its fields
+    condition: str | None         # that `evaluate` is for
+    evaluate: conditions.Evaluator
+
+    def __init__(self, breakpoint: bdb.Breakpoint) -> None:
+        self.breakpoint = breakpoint
+        self.condition = None
+
+    def compile(self, frame: FrameType) -> None:
+        condition = self.breakpoint.cond
+        self.evaluate = conditions.evaluator(condition, frame.f_code, frame.f_globals)
+        self.condition = condition
+
+
+# What `decide_fast` has found out of a condition.
+UNDECIDED, FALSE, TRUE, RAISED = range(4)
+
+
+class Decisions:
+    """Decides, and remembers the breakpoints of each line that was reached."""
+
+    def __init__(self) -> None:
+        # id of a code object -> line -> its breakpoints.  Who forgets puts a new table in the
+        # place of this: an entry made meanwhile from the old breakpoints goes with the old table.
+        self.places: dict[int, dict[int, tuple[Point, ...]]] = {}
+        self.begin_anew()
+
+    def begin_anew(self) -> None:
+        """Also after a fork, in the child: another thread may have held the lock."""
+        # Around the counts of true hits and of hits to be ignored; nothing is called inside.
+        self._counting = _thread.allocate_lock()
+
+    def forget(self) -> None:
+        """Breakpoints have changed."""
+        self.places = {}
+
+    def forget_code(self, code: CodeType) -> None:
+        """A code object is new: what is known was another's of the same id."""
+        self.places.pop(id(code), None)
+
+    def points(self, filename: str, line: int, frame: FrameType,
+               is_early: bool = False) -> tuple[Point, ...]:
+        """The breakpoints of `filename` and `line` that are meant at the line of `frame`.
+
+        `is_early`: they are remembered, to be decided before the debugger is asked.
+        """
+        places = self.places
+        points = []
+        is_final = is_early
+        for each in list(bdb.Breakpoint.bplist.get((filename, line), ())):
+            if each.funcname is not None and each.func_first_executable_line is None \
+                    and not each.enabled:
+                is_final = False      # its line is the first that is executed while it is enabled
+            elif bdb.checkfuncname(each, frame):
+                points.append(Point(each))
+        result = tuple(points)
+        if is_final:
+            if len(places) >= _MANY_CODES:        # code that is made over and over
+                places.clear()
+            places.setdefault(id(frame.f_code), {})[frame.f_lineno] = result
+        return result
+
+    def decide_fast(self, points: tuple[Point, ...], frame: FrameType) -> int:
+        """Whether the only breakpoint of a line has a condition that is false.
+
+        Everything else is left to `decide`, a condition that is true too: it is not
+        evaluated again there, and the hit is counted there.
+        """
+        point = points[0]
+        each = point.breakpoint
+        condition = each.cond
+        if condition is None or condition is not point.condition or not each.enabled \
+                or len(points) > 1 or log.current_mask:
+            return UNDECIDED
+        try:
+            if point.evaluate(frame):
+                return TRUE
+        except BaseException as error:
+            if is_of_signal_handler(error):
+                raise
+            return RAISED
+        # One addition in place: the interpreter does not change threads inside it.
+        each.hits += 1
+        return FALSE
+
+    def decide(self, points: tuple[Point, ...], frame: FrameType, on_log: OnLog,
+               verdict: int = UNDECIDED) -> Decision | None:
+        """The breakpoint to stop at; None when there is none.
+
+        `verdict`: that of `decide_fast`, of the first one.
+        """
+        for point in points:
+            each = point.breakpoint
+            if not each.enabled:
+                _log_decision(each, frame, "it is disabled")
+                continue
+            each.hits += 1
+            if each.cond:
+                verdict = verdict or _evaluate(point, frame)
+                if verdict == FALSE:
+                    _log_decision(each, frame, "its condition is false")
+                    verdict = UNDECIDED
+                    continue
+                if verdict == RAISED:
+                    _log_decision(each, frame, "stop; its condition raised")
+                    return each, False
+                verdict = UNDECIDED
+            reason = self._count(each)
+            if reason is None and getattr(each, "log_text", None) is not None:
+                on_log(frame, each, each.log_text.render(frame))
+                reason = "its text is logged"
+            _log_decision(each, frame, reason or "stop")
+            if reason is None:
+                return each, True
+        return None
+
+    def _count(self, each: Any) -> str | None:
+        """Count a hit with a true condition; why it does not count, None when it does."""
+        with self._counting:
+            hit_condition = getattr(each, "hit_condition", None)
+            if hit_condition is not None or isinstance(each, Breakpoint):
+                each.true_hits += 1
+            if hit_condition is not None and not hit_condition.matches(each.true_hits):
+                return "hit %d, and it stops at hits %s" % (each.true_hits, hit_condition)
+            if each.ignore > 0:
+                each.ignore -= 1
+                return "ignored, %d to go" % each.ignore
+        return None
+
+
+def _evaluate(point: Point, frame: FrameType) -> int:
+    try:
+        if point.breakpoint.cond is not point.condition:
+            point.compile(frame)
+        return TRUE if point.evaluate(frame) else FALSE
+    except BaseException as error:
+        if is_of_signal_handler(error):
+            raise
+        return RAISED
+
+
+def is_deciding() -> bool:
+    """The calling thread evaluates a condition or a text to be logged."""
+    frame: FrameType | None = sys._getframe()
+    while frame is not None:
+        if frame.f_code in _DECIDING_CODES:
+            return True
+        frame = frame.f_back
+    return False
+
+
+_DECIDING_CODES = {Decisions.decide_fast.__code__, Decisions.decide.__code__}
+
+
+def still_stops(breakpoint: Any) -> bool:
+    """It has not been cleared, disabled or made to log since it was reached."""
+    return bool(breakpoint.enabled) \
+        and bdb.Breakpoint.bpbynumber[breakpoint.number] is breakpoint \
+        and getattr(breakpoint, "log_text", None) is None
+
+
+def count_anew() -> None:
+    """The program begins again."""
+    for each in bdb.Breakpoint.bpbynumber:
+        if isinstance(each, Breakpoint):
+            each.true_hits = 0
+
+
+def _log_decision(breakpoint: Any, frame: FrameType, text: str) -> None:
+    if not log.current_mask:
+        return
+    optmonitoring.dprintf(
+        optmonitoring.kLogBreakpoints,
+        lambda: "breakpoint %d at %s:%d reached in %s(): %s\n" % (
+            breakpoint.number, frame.f_code.co_filename, frame.f_lineno, frame.f_code.co_name, text))
