@@ -28,11 +28,12 @@ except ModuleNotFoundError as error:
 from brixdebug.commandline import main
 from brixdebug.debugger import Debugger
 from brixdebug.entry import help, pm, post_mortem, run, runcall, runctx, runeval, set_trace
+from brixdebug.streams import NoTerminal
 
 Pdb = Debugger                # the name of the class in `pdb`
 
-__all__ = ["Debugger", "Pdb", "help", "main", "pm", "post_mortem", "run", "runcall", "runctx", "runeval",
-           "set_trace"]
+__all__ = ["Debugger", "NoTerminal", "Pdb", "help", "main", "pm", "post_mortem", "run", "runcall",
+           "runctx", "runeval", "set_trace"]
 
 if sys.version_info >= (3, 14):
     from pdb import get_default_backend, set_default_backend

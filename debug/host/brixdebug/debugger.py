@@ -17,7 +17,7 @@ import threading
 import optmonitoring
 from brixbase import dlog
 
-from brixdebug import compat, decisions, internal, log
+from brixdebug import compat, decisions, internal, log, streams
 from brixdebug.commands import Commands
 from brixdebug.engine import Bdb, BdbQuit
 from brixdebug.monitor import monitor
@@ -64,8 +64,15 @@ class Debugger(Commands, _StandardDebugger, Bdb):
     # Called when a debugger begins to get events.
     on_start: Callable[[], None] = staticmethod(lambda: None)
 
+    _is_nested = False                         # made by the command `debug`
+
     def __init__(self, *args: Any, **kwargs: Any) -> None:
-        super().__init__(*args, **kwargs)
+        was_captured = streams.capture.suspend()      # the streams to be kept are the terminal's
+        try:
+            super().__init__(*args, **kwargs)
+        finally:
+            if was_captured:
+                streams.capture.resume()
         self._is_own_error_shown = False
         if isinstance(monitor.debugger, Debugger):
             self._share_with(monitor.debugger)
@@ -90,6 +97,8 @@ class Debugger(Commands, _StandardDebugger, Bdb):
         """
         if monitor.turn.lock._is_owned() or decisions.is_deciding():
             return
+        if self.use_rawinput:
+            streams.check_terminal()
         if frame is None:
             frame = sys._getframe().f_back
         if commands is not None:
@@ -101,11 +110,15 @@ class Debugger(Commands, _StandardDebugger, Bdb):
 
     def interaction(self, *args: Any, **kwargs: Any) -> None:
         """One thread is at the prompt; the others wait for it."""
-        with monitor.turn.lock, monitor.suspension.others_held(), self._standard_input():
+        with monitor.turn.lock, monitor.suspension.others_held():
+            streams.capture.begin_stop(self)
             try:
-                return super().interaction(*args, **kwargs)
+                with self._standard_input():
+                    return super().interaction(*args, **kwargs)
             finally:
                 self._leave_selected_thread()
+                if self.quitting or all(state.is_free for state in self.stop_states.all()):
+                    streams.capture.end_stop(self)
 
     @contextlib.contextmanager
     def _standard_input(self) -> Iterator[None]:
@@ -114,7 +127,8 @@ class Debugger(Commands, _StandardDebugger, Bdb):
         A process of multiprocessing has the null device as `sys.stdin`; descriptor 0 is
         what it was.
         """
-        if os.getpid() == _main_pid or _is_on_descriptor_0(sys.stdin):
+        is_main = os.getpid() == _main_pid and not streams.is_worker_of_multiprocessing()
+        if is_main or _is_on_descriptor_0(sys.stdin):
             yield
             return
         if Debugger._child_input is None:
@@ -176,7 +190,8 @@ class Debugger(Commands, _StandardDebugger, Bdb):
     # -- exceptions --------------------------------------------------------------------
 
     def reaches_program(self, exception: BaseException) -> bool:
-        return isinstance(exception, (BdbQuit, pdb.Restart)) or not isinstance(exception, Exception)
+        return isinstance(exception, (BdbQuit, pdb.Restart, streams.exit_of_pytest() or ())) \
+            or not isinstance(exception, Exception)
 
     def on_own_error(self, exception: BaseException) -> None:
         if self._is_own_error_shown and not log.is_open():
@@ -190,10 +205,31 @@ class Debugger(Commands, _StandardDebugger, Bdb):
 
     if compat.HAS_TRACE_METHODS:
         def _create_recursive_debugger(self) -> Debugger:
-            return type(self)(self.completekey, self.stdin, self.stdout)
+            return _nested(type(self)(self.completekey, self.stdin, self.stdout))
     else:
         do_debug = compat.rebind(pdb.Pdb.do_debug, sys=compat.sys_with_trace_methods,
-                                 Pdb=lambda *args: Debugger(*args))
+                                 Pdb=lambda *args: _nested(Debugger(*args)))
+
+    def do_quit(self, arg: str) -> bool | None:
+        is_done = super().do_quit(arg)
+        if is_done:
+            self._end_tests()
+        return is_done
+
+    do_q = do_exit = do_quit
+
+    def do_EOF(self, arg: str) -> bool | None:
+        is_done = super().do_EOF(arg)
+        if is_done:
+            self._end_tests()
+        return is_done
+
+    def _end_tests(self) -> None:
+        """pytest would take the end of a session for a failure of the test, and go on with the next."""
+        kind = streams.exit_of_pytest()
+        if kind is not None and not self._is_nested \
+                and threading.get_ident() == threading.main_thread().ident:
+            raise kind("Quitting debugger")
 
     def _run(self, target: Any) -> None:
         if hasattr(target, "filename"):
@@ -210,6 +246,15 @@ class Debugger(Commands, _StandardDebugger, Bdb):
         except MonitorError as error:
             self.error(str(error))
             type(self).has_refused = self._user_requested_quit = True
+        except SystemExit:
+            # pytest ends so after a `quit`; pdb of 3.12 would run the program again.
+            if not self._user_requested_quit or sys.version_info >= (3, 13):
+                raise
         finally:
             if isinstance(monitor.debugger, Debugger) and monitor.debugger is not self:
                 monitor.debugger.stop_trace()         # one that the program has entered
+
+
+def _nested(debugger: Debugger) -> Debugger:
+    debugger._is_nested = True
+    return debugger

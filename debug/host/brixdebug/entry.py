@@ -14,7 +14,7 @@ import pdb
 import sys
 import types
 
-from brixdebug import compat
+from brixdebug import compat, streams
 from brixdebug.debugger import Debugger
 from brixdebug.monitor import monitor
 
@@ -66,7 +66,10 @@ def _debugger() -> Any:
     last = getattr(Debugger, "_last_pdb_instance", None) if KEEPS_LAST_DEBUGGER else None
     if isinstance(last, Debugger):
         return last
-    return Debugger(mode="inline", colorize=True) if KEEPS_LAST_DEBUGGER else Debugger()
+    if not KEEPS_LAST_DEBUGGER:
+        return Debugger()
+    # In a run of tests `quit` ends the run, and nothing that has to be asked for.
+    return Debugger(mode=None if streams.exit_of_pytest() else "inline", colorize=True)
 
 
 def set_trace(*, header: str | None = None, commands: Iterable[str] | None = None) -> None:
