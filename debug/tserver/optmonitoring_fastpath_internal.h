@@ -90,16 +90,18 @@ static inline tSkipReason find_return_reason(const tModuleState* m, int event_id
     return is_return && record->fReturnEventsNeededCount != 0 ? kReturnIsNeeded : kNothingNeedsIt;
 }
 
-// The skip decision as far as it can be made without code of the program. THREAD may be null: no record of the
-// thread.
+// Whether the id is one of the five kinds; anything else goes to the second callback.
+static inline bool is_known_event(const tModuleState* m, int event_id)
+{
+    return event_id == m->kPyLineEventId || event_id == m->kPyStartEventId || event_id == m->kPyReturnEventId ||
+           event_id == m->kPyYieldEventId || event_id == m->kPyResumeEventId;
+}
+
+// The skip decision of a known event as far as it can be made without code of the program. THREAD may be null: no
+// record of the thread.
 static inline tSkipReason find_skip_reason(const tModuleState* m, int event_id, const CPerThreadBody* thread,
                                            const CPerCodeObjectBody* record, PyObject* lineno_obj)
 {
-    bool is_known = event_id == m->kPyStartEventId || event_id == m->kPyReturnEventId ||
-                    event_id == m->kPyYieldEventId || event_id == m->kPyResumeEventId ||
-                    event_id == m->kPyLineEventId;
-    if (!is_known)
-        return kUnknownEvent;
     if (thread && thread->fSteppingEventsNeeded)
         return kThreadIsStepping;
     if (record->fSteppingEventsNeededCount != 0)

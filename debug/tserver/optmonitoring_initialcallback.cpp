@@ -1,5 +1,10 @@
 // CInitialCallback: receives every monitoring event and decides, cheapest test first, whether it matters.
 //
+// There are two ways through: the fast path, a verdict without effects, and the full path, which takes the steps one
+// by one. Whatever the fast path leaves undecided starts over in the full path, so a step may be changed where it
+// stands; a fast test of the same question is changed with it, or says kUndecided. tests/python/test_both_paths.py
+// compares the two over random states.
+//
 // Exceptions never leave Callback: a failed event is logged, handed to the host's LogException, and answered None.
 
 #include <errno.h>
@@ -9,18 +14,9 @@
 
 static constexpr int kLinenoCallbackNoArgs = 4236;
 
-// What a step of the decision says: go on, the event is answered, or the step failed with an exception pending.
-enum tStep { kGoOn, kAnswered, kFailed };
-
-// None as an answer. [new]; it is immortal wherever events are filtered, from 3.12 on, and needs no count.
-static inline PyObject* answer_none(void)
-{
-    return api.Py_None;
-}
-
 // ---- The context of one call ----
 
-static void CInitialCallback_Callback_SaveErrno(CInitialCallback_Callback_Ctx* ctx)
+static inline void CInitialCallback_Callback_SaveErrno(CInitialCallback_Callback_Ctx* ctx)
 {
     if (ctx->m->save_and_restore_errno && !ctx->errno_was_saved) {
         ctx->saved_errno = errno;
@@ -28,41 +24,101 @@ static void CInitialCallback_Callback_SaveErrno(CInitialCallback_Callback_Ctx* c
     }
 }
 
-static void CInitialCallback_Callback_Ctx_finish(CInitialCallback_Callback_Ctx* ctx)
+static inline void put_errno_back(const CInitialCallback_Callback_Ctx* ctx)
 {
     if (ctx->saved_errno != 0)  // Kept: a saved 0 is not written back
         errno = ctx->saved_errno;
+}
+
+static inline void CInitialCallback_Callback_Ctx_finish(CInitialCallback_Callback_Ctx* ctx)
+{
+    put_errno_back(ctx);
+    if (!ctx->per_code_object && !ctx->per_thread && !ctx->lineno_obj)
+        return;
     XPy_ClearField(&ctx->per_code_object);
     XPy_ClearField(&ctx->per_thread);
     XPy_ClearField(&ctx->lineno_obj);
+    put_errno_back(ctx);  // what died may have run code
 }
 
-// Finishes the call with an answer [borrowed]; the result is [new].
-static PyObject* finish_with(CInitialCallback_Callback_Ctx* ctx, PyObject* answer)
+// The failure path's report. Nothing is pending afterwards.
+XPY_COLD static void suppress_failure(tModuleState* m)
 {
-    XPy_DoIncRef(answer);
-    CInitialCallback_Callback_Ctx_finish(ctx);
-    return answer;
+    report_failure(m->dp, "CInitialCallback_Callback() failed and exception suppressed\n");
+    CallLogExceptionWithCurrentRaisedException(m);
 }
 
-// ---- The failure path ----
-
-XPY_COLD static PyObject* suppress_failure(CInitialCallback_Callback_Ctx* ctx)
+// Calls the second callback with exactly the arguments received. [new], or null with an exception pending.
+static inline PyObject* call_second(CInitialCallbackBody* body, PyObject* const* args, Py_ssize_t nargs,
+                                    PyObject* kwnames)
 {
-    report_failure(ctx->m->dp, "CInitialCallback_Callback() failed and exception suppressed\n");
-    CallLogExceptionWithCurrentRaisedException(ctx->m);
-    return finish_with(ctx, api.Py_None);
+    if (XPY_UNLIKELY(!body->fSecondCallback)) {
+        api.PyErr_SetString(api.PyExc_AttributeError, "_fSecondCallback");
+        return nullptr;
+    }
+    if (XPY_LIKELY(api.PyObject_Vectorcall != nullptr))
+        return api.PyObject_Vectorcall(body->fSecondCallback, args, static_cast<size_t>(nargs), kwnames);
+    return api.PyObject_VectorcallDict(body->fSecondCallback, args, static_cast<size_t>(nargs), nullptr);
 }
 
-// ---- Step by step ----
-
-XPY_COLD static PyObject* answer_not_code(CInitialCallback_Callback_Ctx* ctx, PyObject* first)
+// The breakpoint lines that alone decide a LINE event [borrowed], because nothing else could want it; else null.
+static inline PyObject* borrow_deciding_lines(tModuleState* m, const CInitialCallbackBody* body,
+                                              const CPerCodeObjectBody* record, Py_ssize_t nargs)
 {
-    tModuleState* m = ctx->m;
-    DO_DP(m->dp->initial_monitoring_callbacks,
-          "Initial callback -- first arg %s is not a PyCodeObject; returning DISABLE\n",
-          get_dprintf_repr_str1(m->dp, first));
-    return finish_with(ctx, m->monitoring_disabled);
+    if (body->_fEventId != m->kPyLineEventId || nargs == 1 || body->fAnySuspendThread ||
+        body->fSteppingEventsNeededEveryThread || record->fSteppingEventsNeededCount != 0)
+        return nullptr;
+    PyObject* linenos = record->fEnabledBpLinenos;
+    return linenos == api.Py_None ? nullptr : linenos;
+}
+
+// The line number of a LINE event, else None. [borrowed]
+static inline PyObject* borrow_lineno(tModuleState* m, const CInitialCallbackBody* body, PyObject* const* args,
+                                      Py_ssize_t nargs)
+{
+    bool has_line = body->_fEventId == m->kPyLineEventId && nargs != 1;
+    return has_line ? args[1] : api.Py_None;
+}
+
+// ---- The full path: its steps in their order ----
+
+// What a step says: go on, the event is answered, or the step failed with an exception pending.
+enum tStep { kGoOn, kAnswered, kFailed };
+
+// One event on the full path.
+struct tEvent {
+    CInitialCallback_Callback_Ctx ctx;
+    CInitialCallbackBody* body;
+    PyObject* const* args;
+    Py_ssize_t nargs;
+    PyObject* kwnames;
+    PyObject* answer;  // [owned], set by the step that answers
+};
+
+static tStep answer_with(tEvent* event, PyObject* answer)
+{
+    event->answer = XPy_NewRef(answer);
+    return kAnswered;
+}
+
+// An event that carries no arguments fails; one whose first argument is no code object is not to come again.
+static tStep check_arguments(tEvent* event)
+{
+    tModuleState* m = event->ctx.m;
+    if (event->nargs < 1) {
+        api._PyErr_BadInternalCall(kSourceName, kLinenoCallbackNoArgs);
+        return kFailed;
+    }
+    if (!XPy_IsInstance(event->args[0], api.PyCode_Type_ptr)) {
+        DO_DP(m->dp->initial_monitoring_callbacks,
+              "Initial callback -- first arg %s is not a PyCodeObject; returning DISABLE\n",
+              get_dprintf_repr_str1(m->dp, event->args[0]));
+        return answer_with(event, m->monitoring_disabled);
+    }
+    DO_DP_TWO_REPRS(m->dp, m->dp->initial_monitoring_callbacks,
+                    "Initial callback called for %s\n second callback is %s\n", event->args[0],
+                    event->body->fSecondCallback);
+    return kGoOn;
 }
 
 // Makes the record of a code object seen for the first time, or refines one that was made without a frame.
@@ -82,6 +138,12 @@ XPY_COLD static PyObject* create_or_update_record(tModuleState* m, PyObject* cod
 
 static PyObject* get_record_inner(tModuleState* m, PyObject* code)
 {
+    PyObject* ready = borrow_ready_record(m, code);
+    if (ready)
+        return XPy_NewRef(ready);
+    PyObject* made;
+    if (CPerCodeObject_CreateShortly(m, code, &made))
+        return made;
     XPyOwned record(CPerCodeObject_GetExistingPerCodeObject_direct(m, code));
     if (!record)
         return nullptr;
@@ -91,80 +153,83 @@ static PyObject* get_record_inner(tModuleState* m, PyObject* code)
     return create_or_update_record(m, code, &record);
 }
 
-static const char kNoRecord[] = "CInitialCallback_GetPerCodeObjectCalledFromCallback() failed\n";
-
-static PyObject* CInitialCallback_GetPerCodeObjectCalledFromCallback(tModuleState* m, PyObject* code)
+static tStep CInitialCallback_GetPerCodeObjectCalledFromCallback(tEvent* event)
 {
-    PyObject* record = get_record_inner(m, code);
-    return record ? record : fail_null(m->dp, kNoRecord);
+    tModuleState* m = event->ctx.m;
+    event->ctx.per_code_object = get_record_inner(m, event->args[0]);
+    if (event->ctx.per_code_object)
+        return kGoOn;
+    report_failure(m->dp, "CInitialCallback_GetPerCodeObjectCalledFromCallback() failed\n");
+    return kFailed;
 }
 
-XPY_COLD static PyObject* answer_internal(CInitialCallback_Callback_Ctx* ctx, CInitialCallbackBody* body)
+XPY_COLD static tStep answer_internal(tEvent* event)
 {
-    tModuleState* m = ctx->m;
+    tModuleState* m = event->ctx.m;
     PyObject* answer = api.Py_None;
-    if (body->fCanReturnDisable) {
+    if (event->body->fCanReturnDisable) {
         DO_DP(m->dp->initial_monitoring_callbacks, "Disabling monitoring callbacks for %s\n",
-              get_dprintf_repr_str1(m->dp, ctx->per_code_object));
+              get_dprintf_repr_str1(m->dp, event->ctx.per_code_object));
         answer = m->monitoring_disabled;
     } else {
         DO_DP(m->dp->initial_monitoring_callbacks, "Ignoring callback for %s\n",
-              get_dprintf_repr_str1(m->dp, ctx->per_code_object));
+              get_dprintf_repr_str1(m->dp, event->ctx.per_code_object));
     }
     DO_DP(m->dp->initial_monitoring_callbacks, "Initial callback -- return after check internal: %s\n",
           get_dprintf_repr_str1(m->dp, answer));
-    return answer;
+    return answer_with(event, answer);
 }
 
 // Answers events of the debugger's own code. A subclass's record is not asked.
-static tStep CInitialCallback_Callback_CheckInternal(CInitialCallback_Callback_Ctx* ctx, CInitialCallbackBody* body,
-                                                     PyObject** answer)
+static tStep CInitialCallback_Callback_CheckInternal(tEvent* event)
 {
-    PyTypeObject* cls = as_type(ctx->m->CPerCodeObject);
-    if (XPy_BorrowTypeInline(ctx->per_code_object) != cls)
+    tModuleState* m = event->ctx.m;
+    PyTypeObject* cls = as_type(m->CPerCodeObject);
+    if (XPy_BorrowTypeInline(event->ctx.per_code_object) != cls)
         return kGoOn;
-    PyObject* flag = per_code_object_body(ctx->per_code_object, cls)->fIsInternal;
+    PyObject* flag = per_code_object_body(event->ctx.per_code_object, cls)->fIsInternal;
     int is_internal = flag ? get_istrue(flag) : 0;
     if (is_internal < 0) {
-        report_failure(ctx->m->dp, "CInitialCallback_Callback_CheckInternal() failed\n");
+        report_failure(m->dp, "CInitialCallback_Callback_CheckInternal() failed\n");
         return kFailed;
     }
-    if (!is_internal)
-        return kGoOn;
-    *answer = answer_internal(ctx, body);
-    return kAnswered;
-}
-
-// The breakpoint lines that alone decide a LINE event [borrowed], because nothing else could want it; else null.
-static inline PyObject* borrow_deciding_lines(tModuleState* m, CInitialCallbackBody* body, CPerCodeObjectBody* record,
-                                              Py_ssize_t nargs)
-{
-    if (body->_fEventId != m->kPyLineEventId || nargs == 1 || body->fAnySuspendThread ||
-        body->fSteppingEventsNeededEveryThread || record->fSteppingEventsNeededCount != 0)
-        return nullptr;
-    PyObject* linenos = record->fEnabledBpLinenos;
-    return linenos == api.Py_None ? nullptr : linenos;
+    return is_internal ? answer_internal(event) : kGoOn;
 }
 
 // Answers LINE events on lines without a breakpoint, before any per-thread work.
-static tStep check_breakpoint_lines(PyObject* linenos, PyObject* lineno)
+static tStep check_breakpoint_lines(tEvent* event)
 {
-    XPyOwned held(XPy_NewRef(linenos));  // hashing and comparing may run code that replaces it
-    int has_breakpoint = api.PySet_Contains(linenos, lineno);
-    return has_breakpoint == 0 ? kAnswered : has_breakpoint < 0 ? kFailed : kGoOn;
+    tModuleState* m = event->ctx.m;
+    CPerCodeObjectBody* record = per_code_object_body(event->ctx.per_code_object, as_type(m->CPerCodeObject));
+    // held: hashing and comparing may run code that replaces it
+    XPyOwned linenos(XPy_NewRef(borrow_deciding_lines(m, event->body, record, event->nargs)));
+    if (!linenos)
+        return kGoOn;
+    int has_breakpoint = api.PySet_Contains(linenos.borrow(), event->args[1]);
+    if (has_breakpoint < 0)
+        return kFailed;
+    return has_breakpoint ? kGoOn : answer_with(event, api.Py_None);
 }
 
-static tStep CInitialCallback_Callback_CheckDebugPolicy(CInitialCallback_Callback_Ctx* ctx)
+static tStep find_per_thread(tEvent* event)
 {
-    tModuleState* m = ctx->m;
-    if (ctx->per_thread == api.Py_None) {
+    tModuleState* m = event->ctx.m;
+    PyObject* ready = borrow_ready_per_thread(m);
+    event->ctx.per_thread = ready ? XPy_NewRef(ready) : CInitialCallback_GetPerThreadCalledFromCallback(m);
+    return event->ctx.per_thread ? kGoOn : kFailed;
+}
+
+static tStep CInitialCallback_Callback_CheckDebugPolicy(tEvent* event)
+{
+    tModuleState* m = event->ctx.m;
+    if (event->ctx.per_thread == api.Py_None) {
         DO_DP(m->dp->initial_monitoring_callbacks,
               "CInitialCallback_Callback_CheckDebugPolicy(): per_thread is None\n");
         return kGoOn;
     }
-    int policy = per_thread_body(ctx->per_thread, as_type(m->CPerThread))->fDebugPolicy;
+    int policy = per_thread_body(event->ctx.per_thread, as_type(m->CPerThread))->fDebugPolicy;
     if (policy == -1)
-        policy = CPerThread_GetDebugPolicy_direct(m, ctx->per_thread);
+        policy = CPerThread_GetDebugPolicy_direct(m, event->ctx.per_thread);
     if (policy == -1 && api.PyErr_Occurred()) {
         report_failure(m->dp, "CInitialCallback_Callback_CheckDebugPolicy() failed\n");
         return kFailed;
@@ -174,7 +239,7 @@ static tStep CInitialCallback_Callback_CheckDebugPolicy(CInitialCallback_Callbac
     DO_DP(m->dp->initial_monitoring_callbacks, "CInitialCallback_Callback_CheckDebugPolicy(): debug_policy is 0\n");
     DO_DP(m->dp->initial_monitoring_callbacks, "Initial callback -- return after debug policy check: %s\n",
           get_dprintf_repr_str1(m->dp, api.Py_None));
-    return kAnswered;
+    return answer_with(event, api.Py_None);
 }
 
 // The thread id for the log; -1 when it is no number.
@@ -215,267 +280,151 @@ XPY_COLD static int pass_suspend_lock(tModuleState* m, CPerThreadBody* body)
     return 0;
 }
 
-XPY_COLD static tStep CInitialCallback_SuspendIfNeeded_direct(CInitialCallback_Callback_Ctx* ctx)
+static tStep CInitialCallback_SuspendIfNeeded_direct(tEvent* event)
 {
-    tModuleState* m = ctx->m;
-    CInitialCallback_Callback_SaveErrno(ctx);
-    if (ctx->per_thread == api.Py_None)
+    tModuleState* m = event->ctx.m;
+    if (!event->body->fAnySuspendThread || event->ctx.per_thread == api.Py_None)
         return kGoOn;
-    CPerThreadBody* body = per_thread_body(ctx->per_thread, as_type(m->CPerThread));
+    CPerThreadBody* body = per_thread_body(event->ctx.per_thread, as_type(m->CPerThread));
     if (!body->fCheckSuspendLock || pass_suspend_lock(m, body) == 0)
         return kGoOn;
     report_failure(m->dp, "CInitialCallback_SuspendIfNeeded_direct() failed\n");
     return kFailed;
 }
 
-// Calls the second callback with exactly the arguments received. [new], or null with an exception pending. The
-// instance, which the caller holds, holds the callback.
-static inline PyObject* call_second(CInitialCallbackBody* body, PyObject* const* args, Py_ssize_t nargs,
-                                    PyObject* kwnames)
+static tStep check_skip(tEvent* event)
 {
-    if (XPY_UNLIKELY(!body->fSecondCallback)) {
-        api.PyErr_SetString(api.PyExc_AttributeError, "_fSecondCallback");
-        return nullptr;
-    }
-    if (XPY_LIKELY(api.PyObject_Vectorcall != nullptr))
-        return api.PyObject_Vectorcall(body->fSecondCallback, args, static_cast<size_t>(nargs), kwnames);
-    return api.PyObject_VectorcallDict(body->fSecondCallback, args, static_cast<size_t>(nargs), nullptr);
-}
-
-static PyObject* call_second_callback(CInitialCallback_Callback_Ctx* ctx, CInitialCallbackBody* body,
-                                      PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
-{
-    DO_DP(ctx->m->dp->initial_monitoring_callbacks, "Initial callback -- invoking second callback\n");
-    CInitialCallback_Callback_SaveErrno(ctx);
-    PyObject* result = call_second(body, args, nargs, kwnames);
-    if (!result)
-        return suppress_failure(ctx);
-    CInitialCallback_Callback_Ctx_finish(ctx);
-    return result;
-}
-
-// The event of a code object from its thread on.
-static PyObject* decide_for_thread(CInitialCallback_Callback_Ctx* ctx, CInitialCallbackBody* body,
-                                   PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
-{
-    tModuleState* m = ctx->m;
-    PyObject* ready = borrow_ready_per_thread(m);
-    ctx->per_thread = ready ? XPy_NewRef(ready) : CInitialCallback_GetPerThreadCalledFromCallback(m);
-    if (!ctx->per_thread)
-        return suppress_failure(ctx);
-    tStep step = CInitialCallback_Callback_CheckDebugPolicy(ctx);
-    if (step != kGoOn)
-        return step == kAnswered ? finish_with(ctx, api.Py_None) : suppress_failure(ctx);
-    if (XPY_UNLIKELY(body->fAnySuspendThread) && CInitialCallback_SuspendIfNeeded_direct(ctx) == kFailed)
-        return suppress_failure(ctx);
-    bool has_line = body->_fEventId == m->kPyLineEventId && nargs != 1;
-    ctx->lineno_obj = XPy_NewRef(has_line ? args[1] : api.Py_None);
-    int skip = CInitialCallback_SkipSecondCallback_direct(ctx, body, args[0]);
-    if (skip < 0)
-        return suppress_failure(ctx);
-    if (!skip)
-        return call_second_callback(ctx, body, args, nargs, kwnames);
+    tModuleState* m = event->ctx.m;
+    event->ctx.lineno_obj = XPy_NewRef(borrow_lineno(m, event->body, event->args, event->nargs));
+    int skip = CInitialCallback_SkipSecondCallback_direct(&event->ctx, event->body, event->args[0]);
+    if (skip <= 0)
+        return skip < 0 ? kFailed : kGoOn;
     DO_DP(m->dp->initial_monitoring_callbacks, "Initial callback -- skipping second callback\n");
-    return finish_with(ctx, api.Py_None);
+    return answer_with(event, api.Py_None);
 }
 
-// The event of a code object from its record, which the context has, on.
-static PyObject* decide_from_record(CInitialCallback_Callback_Ctx* ctx, CInitialCallbackBody* body,
-                                    PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
+static tStep call_second_callback(tEvent* event)
 {
-    tModuleState* m = ctx->m;
-    PyObject* answer = nullptr;
-    tStep step = CInitialCallback_Callback_CheckInternal(ctx, body, &answer);
-    if (step != kGoOn)
-        return step == kAnswered ? finish_with(ctx, answer) : suppress_failure(ctx);
-    CPerCodeObjectBody* record = per_code_object_body(ctx->per_code_object, as_type(m->CPerCodeObject));
-    PyObject* linenos = borrow_deciding_lines(m, body, record, nargs);
-    step = linenos ? check_breakpoint_lines(linenos, args[1]) : kGoOn;
-    if (step != kGoOn)
-        return step == kAnswered ? finish_with(ctx, api.Py_None) : suppress_failure(ctx);
-    return decide_for_thread(ctx, body, args, nargs, kwnames);
+    DO_DP(event->ctx.m->dp->initial_monitoring_callbacks, "Initial callback -- invoking second callback\n");
+    event->answer = call_second(event->body, event->args, event->nargs, event->kwnames);
+    return event->answer ? kAnswered : kFailed;
 }
 
-// The event of a code object, step by step; for those that the short road does not answer.
-static PyObject* decide(tModuleState* m, CInitialCallbackBody* body, PyObject* const* args, Py_ssize_t nargs,
-                        PyObject* kwnames)
+static inline tStep run_steps(tEvent* event)
 {
-    CInitialCallback_Callback_Ctx ctx = {m, nullptr, nullptr, nullptr, 0, 0};
-    DO_DP_TWO_REPRS(m->dp, m->dp->initial_monitoring_callbacks,
-                    "Initial callback called for %s\n second callback is %s\n", args[0], body->fSecondCallback);
-    ctx.per_code_object = CInitialCallback_GetPerCodeObjectCalledFromCallback(m, args[0]);
-    return ctx.per_code_object ? decide_from_record(&ctx, body, args, nargs, kwnames) : suppress_failure(&ctx);
+    tStep step = check_arguments(event);
+    if (step == kGoOn)
+        step = CInitialCallback_GetPerCodeObjectCalledFromCallback(event);
+    if (step == kGoOn)
+        step = CInitialCallback_Callback_CheckInternal(event);
+    if (step == kGoOn)
+        step = check_breakpoint_lines(event);
+    if (step == kGoOn)
+        step = find_per_thread(event);
+    if (step == kGoOn)
+        step = CInitialCallback_Callback_CheckDebugPolicy(event);
+    if (step == kGoOn)
+        step = CInitialCallback_SuspendIfNeeded_direct(event);
+    if (step == kGoOn)
+        step = check_skip(event);
+    return step == kGoOn ? call_second_callback(event) : step;
 }
 
-// The same from the thread on, for a record [borrowed] that has passed the earlier steps.
-static PyObject* decide_with_record(tModuleState* m, CInitialCallbackBody* body, PyObject* record,
-                                    PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
+// The interpreter does not hold the callback that it calls: code of the program that runs here, or another thread
+// while this one waits for its suspend lock, may unregister it and drop the instance, so it is held. errno is kept
+// from the beginning: making a record examines files.
+__attribute__((noinline)) static PyObject* decide_fully(PyObject* self, tModuleState* m, CInitialCallbackBody* body,
+                                                        PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
 {
-    CInitialCallback_Callback_Ctx ctx = {m, nullptr, XPy_NewRef(record), nullptr, 0, 0};
-    return decide_for_thread(&ctx, body, args, nargs, kwnames);
-}
-
-// A LINE event whose line may be among the breakpoint lines: the interpreter looks it up.
-static PyObject* decide_by_line(tModuleState* m, CInitialCallbackBody* body, PyObject* linenos, PyObject* const* args,
-                                Py_ssize_t nargs, PyObject* kwnames)
-{
-    tStep step = check_breakpoint_lines(linenos, args[1]);
-    if (step == kAnswered)
-        return XPy_NewRef(api.Py_None);
-    if (step == kFailed) {
-        CInitialCallback_Callback_Ctx ctx = {m, nullptr, nullptr, nullptr, 0, 0};
-        return suppress_failure(&ctx);
-    }
-    PyObject* record = borrow_ready_record(m, args[0]);  // the look-up may have run code that dropped it
-    return record ? decide_with_record(m, body, record, args, nargs, kwnames) : decide(m, body, args, nargs, kwnames);
-}
-
-// An event that the host is to see, found so without a context; only errno is saved around the call.
-__attribute__((noinline)) static PyObject* forward(PyObject* self, tModuleState* m, CInitialCallbackBody* body,
-                                                   PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
-{
+    tEvent event = {{m, nullptr, nullptr, nullptr, 0, 0}, body, args, nargs, kwnames, nullptr};
+    CInitialCallback_Callback_SaveErrno(&event.ctx);
     XPy_InlineIncRef(self);
-    int saved_errno = m->save_and_restore_errno ? errno : 0;
-    PyObject* result = call_second(body, args, nargs, kwnames);
-    if (XPY_UNLIKELY(!result)) {
-        CInitialCallback_Callback_Ctx ctx = {m, nullptr, nullptr, nullptr, saved_errno, 1};
-        result = suppress_failure(&ctx);
-    } else if (saved_errno != 0) {
-        errno = saved_errno;
+    switch (run_steps(&event)) {
+        case kGoOn:  // the last step answers or fails
+        case kAnswered:
+            break;
+        case kFailed:
+            suppress_failure(m);
+            event.answer = new_none();
     }
     XPy_InlineDecRef(self);
-    return result;
+    CInitialCallback_Callback_Ctx_finish(&event.ctx);
+    return event.answer;
 }
 
-// Making records examines files, and hooks and look-ups run code, all of it before the steps that save errno
-// themselves.
-class tErrnoKept
-{
-  public:
-    explicit tErrnoKept(tModuleState* m) : fSaved(m->save_and_restore_errno ? errno : 0) {}
-    ~tErrnoKept()
-    {
-        if (fSaved != 0)
-            errno = fSaved;
-    }
-    tErrnoKept(const tErrnoKept&) = delete;
-    tErrnoKept& operator=(const tErrnoKept&) = delete;
+// ---- The fast path ----
 
-  private:
-    int fSaved;
-};
+// Its verdict: the answer, or that the event goes to the second callback, or that the full path has to find out.
+enum tVerdict { kUndecided, kAnswerNone, kAnswerDisable, kForward };
 
-// How far the short road has got with an event.
-enum tShortRoad { kStepByStep, kByLine, kForThread, kForward, kAnsweredNone };
-
-// Runs what may run code of the program. The interpreter does not hold the callback that it calls: such code, or
-// another thread while this one waits for its suspend lock, may unregister it and drop the instance, so it is held
-// here.
-__attribute__((noinline)) static PyObject* decide_held(PyObject* self, tModuleState* m, CInitialCallbackBody* body,
-                                                       PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames,
-                                                       tShortRoad road, PyObject* found)
-{
-    tErrnoKept errno_kept(m);
-    XPyOwned held(XPy_NewRef(self));
-    switch (road) {
-        case kByLine:
-            return decide_by_line(m, body, found, args, nargs, kwnames);
-        case kForThread:
-            return decide_with_record(m, body, found, args, nargs, kwnames);
-        default:
-            break;
-    }
-    return decide(m, body, args, nargs, kwnames);
-}
-
-// The policy, the suspend check and the skip decision, where this thread's record is ready and the answers are at
-// hand. What is borrowed here is held by the code object's slot and the thread's dict, which no code of the program
-// can change meanwhile.
-static inline tShortRoad decide_for_ready_thread(tModuleState* m, CInitialCallbackBody* body,
-                                                 CPerCodeObjectBody* record, PyObject* const* args, Py_ssize_t nargs)
+// From the policy on, where this thread's record is ready.
+static inline tVerdict decide_fast_for_thread(tModuleState* m, const CInitialCallbackBody* body,
+                                              const CPerCodeObjectBody* record, PyObject* const* args,
+                                              Py_ssize_t nargs)
 {
     PyObject* per_thread = borrow_ready_per_thread(m);
     if (XPY_UNLIKELY(!per_thread))
-        return kForThread;
-    CPerThreadBody* thread = per_thread_body(per_thread, as_type(m->CPerThread));
+        return kUndecided;
+    const CPerThreadBody* thread = per_thread_body(per_thread, as_type(m->CPerThread));
     if (thread->fDebugPolicy == 0)
-        return kAnsweredNone;
+        return kAnswerNone;
     bool must_ask = thread->fDebugPolicy == -1;
-    bool may_suspend = body->fAnySuspendThread && thread->fCheckSuspendLock;
-    if (XPY_UNLIKELY(must_ask || may_suspend))
-        return kForThread;
-    bool has_line = body->_fEventId == m->kPyLineEventId && nargs != 1;
-    tSkipReason reason = find_skip_reason(m, body->_fEventId, thread, record, has_line ? args[1] : api.Py_None);
+    bool may_be_held = body->fAnySuspendThread && thread->fCheckSuspendLock;
+    if (XPY_UNLIKELY(must_ask || may_be_held))
+        return kUndecided;
+    if (XPY_UNLIKELY(!is_known_event(m, body->_fEventId)))
+        return kForward;
+    tSkipReason reason = find_skip_reason(m, body->_fEventId, thread, record, borrow_lineno(m, body, args, nargs));
     if (reason == kNothingNeedsIt)
-        return kAnsweredNone;
-    return reason == kLineMayHaveBreakpoint ? kForThread : kForward;
+        return kAnswerNone;
+    return reason == kLineMayHaveBreakpoint ? kUndecided : kForward;
 }
 
-// The short road: a record that is ready, no log, and no code of the program. What it does not answer goes on held.
-__attribute__((always_inline)) static inline PyObject* decide_shortly(PyObject* self, tModuleState* m,
-                                                                      CInitialCallbackBody* body, PyObject* record,
-                                                                      PyObject* const* args, Py_ssize_t nargs,
-                                                                      PyObject* kwnames)
+// A verdict without effects: it logs nothing, holds nothing and runs no code of the program. What it borrows is held
+// by the code object's slot and the thread's dict, which nothing can change meanwhile.
+__attribute__((always_inline)) static inline tVerdict decide_fast(tModuleState* m, const CInitialCallbackBody* body,
+                                                                  PyObject* const* args, Py_ssize_t nargs)
 {
-    CPerCodeObjectBody* record_body = per_code_object_body(record, as_type(m->CPerCodeObject));
+    if (XPY_UNLIKELY(nargs < 1 || XPy_BorrowTypeInline(args[0]) != api.PyCode_Type_ptr))
+        return kUndecided;
+    PyObject* record = borrow_ready_record(m, args[0]);
+    if (XPY_UNLIKELY(!record || m->dp->initial_monitoring_callbacks))
+        return kUndecided;
+    const CPerCodeObjectBody* record_body = per_code_object_body(record, as_type(m->CPerCodeObject));
     if (XPY_UNLIKELY(record_body->fIsInternal != api.Py_False)) {
         bool is_internal =
             record_body->fIsInternal == api.Py_True && XPy_BorrowTypeInline(record) == as_type(m->CPerCodeObject);
-        if (!is_internal)
-            return decide_held(self, m, body, args, nargs, kwnames, kStepByStep, nullptr);
-        return body->fCanReturnDisable ? XPy_NewRef(m->monitoring_disabled) : answer_none();
+        return !is_internal ? kUndecided : body->fCanReturnDisable ? kAnswerDisable : kAnswerNone;
     }
     PyObject* linenos = borrow_deciding_lines(m, body, record_body, nargs);
-    if (!linenos) {
-        tShortRoad road = decide_for_ready_thread(m, body, record_body, args, nargs);
-        if (road == kAnsweredNone)
-            return answer_none();
-        return road == kForward ? forward(self, m, body, args, nargs, kwnames)
-                                : decide_held(self, m, body, args, nargs, kwnames, road, record);
-    }
-    if (XPY_LIKELY(is_surely_absent(linenos, args[1])))
-        return answer_none();
-    return decide_held(self, m, body, args, nargs, kwnames, kByLine, linenos);
+    if (linenos)
+        return XPY_LIKELY(is_surely_absent(linenos, args[1])) ? kAnswerNone : kUndecided;
+    return decide_fast_for_thread(m, body, record_body, args, nargs);
 }
 
-// An event without a ready record, or with the log open. That of a code object seen for the first time gets its
-// record and goes on along the short road.
-__attribute__((noinline)) static PyObject* decide_first(PyObject* self, tModuleState* m, CInitialCallbackBody* body,
-                                                        PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
+// An event that the host is to see.
+__attribute__((noinline)) static PyObject* forward(PyObject* self, tModuleState* m, CInitialCallbackBody* body,
+                                                   PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
 {
-    tErrnoKept errno_kept(m);
-    XPyOwned held(XPy_NewRef(self));
-    PyObject* made;
-    if (m->dp->initial_monitoring_callbacks || !CPerCodeObject_CreateShortly(m, args[0], &made))
-        return decide(m, body, args, nargs, kwnames);
-    CInitialCallback_Callback_Ctx ctx = {m, nullptr, made, nullptr, 0, 0};
-    if (!made) {
-        report_failure(m->dp, kNoRecord);
-        return suppress_failure(&ctx);
+    CInitialCallback_Callback_Ctx ctx = {m, nullptr, nullptr, nullptr, 0, 0};
+    CInitialCallback_Callback_SaveErrno(&ctx);
+    XPy_InlineIncRef(self);  // as in decide_fully()
+    PyObject* result = call_second(body, args, nargs, kwnames);
+    if (XPY_UNLIKELY(!result)) {
+        suppress_failure(m);
+        result = new_none();
     }
-    bool is_ready = !per_code_object_body(made, as_type(m->CPerCodeObject))->fUpdatePathnameNeeded;
-    if (!is_ready || m->dp->initial_monitoring_callbacks)  // the host's hook may have opened the log
-        return decide_from_record(&ctx, body, args, nargs, kwnames);
-    XPyOwned record(made);
-    return decide_shortly(self, m, body, made, args, nargs, kwnames);
+    XPy_InlineDecRef(self);
+    CInitialCallback_Callback_Ctx_finish(&ctx);
+    return result;
 }
 
 // ---- The callback ----
 
-XPY_COLD static PyObject* answer_without_state(void)
+// None as an answer. [new]; it is immortal wherever events are filtered, from 3.12 on, and needs no count.
+static inline PyObject* answer_none(void)
 {
-    api.PyErr_Clear();  // the module has been cleared or is being taken apart
-    return new_none();
-}
-
-// An event that carries no code object, or none at all.
-XPY_COLD static PyObject* answer_odd_arguments(tModuleState* m, PyObject* const* args, Py_ssize_t nargs)
-{
-    CInitialCallback_Callback_Ctx ctx = {m, nullptr, nullptr, nullptr, 0, 0};
-    if (nargs >= 1)
-        return answer_not_code(&ctx, args[0]);
-    api._PyErr_BadInternalCall(kSourceName, kLinenoCallbackNoArgs);
-    return suppress_failure(&ctx);
+    return api.Py_None;
 }
 
 static PyObject* CInitialCallback_Callback(PyObject* self, PyTypeObject* defining_class, PyObject* const* args,
@@ -488,8 +437,10 @@ XPY_COLD static PyObject* start_slowly(PyObject* self, PyTypeObject* defining_cl
     CInitialCallbackBody* body = initial_callback_body(self, defining_class);
     if (body && !body->mod_state)
         body->mod_state = static_cast<tModuleState*>(api.PyType_GetModuleState(defining_class));
-    if (!body || !body->mod_state || !body->mod_state->dp)
-        return answer_without_state();
+    if (!body || !body->mod_state || !body->mod_state->dp) {
+        api.PyErr_Clear();  // the module has been cleared or is being taken apart
+        return new_none();
+    }
     return CInitialCallback_Callback(self, defining_class, args, nargs, kwnames);
 }
 
@@ -505,13 +456,17 @@ static PyObject* CInitialCallback_Callback(PyObject* self, PyTypeObject* definin
         return start_slowly(self, defining_class, args, nargs, kwnames);
     if (XPY_UNLIKELY(api.cached_pid != m->_gThisProcessPid))
         return answer_none();  // a forked child whose host has not taken it over
-    if (XPY_UNLIKELY(nargs < 1 || (XPy_BorrowTypeInline(args[0]) != api.PyCode_Type_ptr &&
-                                   !XPy_IsInstance(args[0], api.PyCode_Type_ptr))))
-        return answer_odd_arguments(m, args, nargs);
-    PyObject* record = borrow_ready_record(m, args[0]);
-    if (XPY_UNLIKELY(!record || m->dp->initial_monitoring_callbacks))
-        return decide_first(self, m, body, args, nargs, kwnames);
-    return decide_shortly(self, m, body, record, args, nargs, kwnames);
+    switch (decide_fast(m, body, args, nargs)) {
+        case kAnswerNone:
+            return answer_none();
+        case kAnswerDisable:
+            return XPy_NewRef(m->monitoring_disabled);
+        case kForward:
+            return forward(self, m, body, args, nargs, kwnames);
+        case kUndecided:
+            break;
+    }
+    return decide_fully(self, m, body, args, nargs, kwnames);
 }
 
 // ---- Construction and the class ----

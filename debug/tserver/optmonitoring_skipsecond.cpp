@@ -67,8 +67,8 @@ static int CInitialCallback_SkipSecondCallback_inner(tModuleState* m,
     int event_id = locals->body->_fEventId;
     CPerCodeObjectBody* record = locals->per_code_object_body;
     LOG("  CInitialCallback.SkipSecondCallback(): event id %i; ", event_id);
-    tSkipReason reason = find_skip_reason(m, event_id, nullptr, record, locals->lineno_obj);
-    if (reason != kUnknownEvent) {
+    tSkipReason reason = kUnknownEvent;
+    if (is_known_event(m, event_id)) {
         if (find_per_thread(m, locals) < 0)
             return -1;
         reason = find_skip_reason(m, event_id, locals->per_thread_body, record, locals->lineno_obj);

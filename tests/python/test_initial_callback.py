@@ -10,8 +10,8 @@ import weakref
 
 import support
 from filter_support import (ALL_MASKS, FAILURES, INITIAL, INVOKING, RECORD_FAILED, SKIPPING, SUPPRESSED, THREADING,
-                            DECISION, FilterTestCase, Recorder, called_line, event_id, forget_handled_exception,
-                            new_function)
+                            DECISION, FilterTestCase, Recorder, called_line, errno_variable, event_id,
+                            forget_handled_exception, new_function)
 
 
 class Construction(FilterTestCase):
@@ -169,6 +169,22 @@ class FirstArgument(FilterTestCase):
         self.assertIsNone(answer)
         self.assertEqual(log, [SUPPRESSED, "! SystemError: optmonitoring:4236: bad argument to internal function"])
         self.assert_reported(SystemError, "optmonitoring:4236: bad argument to internal function")
+
+    def test_errno_is_kept_where_there_is_no_argument(self):
+        variable = errno_variable()
+        with support.logging_to(FAILURES) as log:
+            write = log.write
+
+            def write_and_fail(text):
+                write(text)
+                variable.value = 99
+
+            log.write = write_and_fail
+            for before, after in ((5, 5), (0, 99)):
+                variable.value = before
+                self.callback().Callback()
+                self.assertEqual(variable.value, after)
+            self.assertIn(SUPPRESSED, log.writes)
 
     def test_keywords_alone_are_no_arguments(self):
         answer, log = self.logged(self.callback(), code=1)
