@@ -17,6 +17,54 @@ struct tLinenoPeek {
 };
 extern tLinenoPeek gLinenoPeek;
 
+// An entry of a set's table.
+struct tSetEntry {
+    PyObject* key;
+    Py_ssize_t hash;
+};
+
+// The number that is its own hash, of an exact int of one positive digit; 0 for any other object.
+static inline size_t get_plain_lineno(PyObject* lineno)
+{
+    static constexpr uint64_t kOnePositiveDigit = 8;
+    static constexpr uint64_t kStaticFlag = 4;  // of ints that live as long as the interpreter, 3.14 and later
+    if (XPy_BorrowTypeInline(lineno) != api.PyLong_Type_ptr)
+        return 0;
+    const char* number = reinterpret_cast<const char*>(lineno);
+    uint64_t tag = *reinterpret_cast<const uint64_t*>(number + gLinenoPeek.int_tag);
+    if ((tag & ~kStaticFlag) != kOnePositiveDigit)
+        return 0;
+    return *reinterpret_cast<const uint32_t*>(number + gLinenoPeek.int_digit);
+}
+
+// The table of an exact set, and the size of the table less one.
+static inline const tSetEntry* borrow_set_table(PyObject* set, size_t* mask)
+{
+    const char* fields = reinterpret_cast<const char*>(set);
+    *mask = *reinterpret_cast<const size_t*>(fields + gLinenoPeek.set_mask);
+    return *reinterpret_cast<tSetEntry* const*>(fields + gLinenoPeek.set_table);
+}
+
+// True when LINENO is surely not in LINENOS, because nothing is where its look-up begins; false leaves it open. Runs
+// no code of the program.
+static inline bool is_surely_absent(PyObject* linenos, PyObject* lineno)
+{
+    if (XPy_BorrowTypeInline(linenos) != gLinenoPeek.set_type)
+        return false;
+    size_t hash = get_plain_lineno(lineno);
+    if (hash == 0)
+        return false;
+    size_t mask;
+    const tSetEntry* table = borrow_set_table(linenos, &mask);
+    const tSetEntry* entry = table + (hash & mask);
+    return !entry->key && entry->hash == 0;
+}
+
+// The whole look: the line is no member, is one, or only the interpreter's own look-up can tell. Runs no code of the
+// program.
+enum tLinenoFound { kLinenoOpen, kLinenoAbsent, kLinenoPresent };
+tLinenoFound find_lineno(PyObject* linenos, PyObject* lineno);
+
 // ---- What is ready ----
 // They take what is ready and leave everything else, failures included, to the functions that find out why it is not.
 
@@ -47,38 +95,14 @@ static inline PyObject* borrow_ready_per_thread(tModuleState* m)
     return XPY_LIKELY(has_name) ? pair->fPerThreadPtr : nullptr;
 }
 
-// An entry of a set's table.
-struct tSetEntry {
-    PyObject* key;
-    Py_ssize_t hash;
-};
-
-// True when LINENO is surely not in LINENOS; false leaves it open. Runs no code of the program.
-static inline bool is_surely_absent(PyObject* linenos, PyObject* lineno)
-{
-    static constexpr uint64_t kOnePositiveDigit = 8;
-    static constexpr uint64_t kStaticFlag = 4;  // of ints that live as long as the interpreter, 3.14 and later
-    if (XPy_BorrowTypeInline(linenos) != gLinenoPeek.set_type || XPy_BorrowTypeInline(lineno) != api.PyLong_Type_ptr)
-        return false;
-    const char* number = reinterpret_cast<const char*>(lineno);
-    uint64_t tag = *reinterpret_cast<const uint64_t*>(number + gLinenoPeek.int_tag);
-    if ((tag & ~kStaticFlag) != kOnePositiveDigit)
-        return false;
-    size_t hash = *reinterpret_cast<const uint32_t*>(number + gLinenoPeek.int_digit);
-    const char* set = reinterpret_cast<const char*>(linenos);
-    size_t mask = *reinterpret_cast<const size_t*>(set + gLinenoPeek.set_mask);
-    const tSetEntry* table = *reinterpret_cast<tSetEntry* const*>(set + gLinenoPeek.set_table);
-    const tSetEntry* entry = table + (hash & mask);
-    return !entry->key && entry->hash == 0;
-}
-
 // Why an event is, or is not, of interest.
 enum tSkipReason {
     kUnknownEvent,
     kThreadIsStepping,
     kCodeIsStepping,
     kNoLineSet,
-    kLineMayHaveBreakpoint,  // only the set can tell
+    kLineHasBreakpoint,
+    kLineMayHaveBreakpoint,  // only the interpreter's look-up can tell
     kReturnIsNeeded,
     kNothingNeedsIt,
 };
@@ -110,8 +134,11 @@ static inline tSkipReason find_skip_reason(const tModuleState* m, int event_id, 
     if (!linenos || linenos == api.Py_None)
         return kNoLineSet;
     bool has_line = event_id == m->kPyLineEventId && lineno_obj != api.Py_None;
-    if (has_line && !is_surely_absent(linenos, lineno_obj))
-        return kLineMayHaveBreakpoint;
+    if (has_line && !is_surely_absent(linenos, lineno_obj)) {
+        tLinenoFound found = find_lineno(linenos, lineno_obj);
+        if (found != kLinenoAbsent)
+            return found == kLinenoPresent ? kLineHasBreakpoint : kLineMayHaveBreakpoint;
+    }
     return find_return_reason(m, event_id, record);
 }
 

@@ -380,6 +380,17 @@ static inline tVerdict decide_fast_for_thread(tModuleState* m, const CInitialCal
     return reason == kLineMayHaveBreakpoint ? kUndecided : kForward;
 }
 
+// A LINE event whose line may be among the breakpoint lines.
+__attribute__((noinline)) static tVerdict decide_fast_by_line(tModuleState* m, const CInitialCallbackBody* body,
+                                                              const CPerCodeObjectBody* record, PyObject* linenos,
+                                                              PyObject* const* args, Py_ssize_t nargs)
+{
+    tLinenoFound found = find_lineno(linenos, args[1]);
+    if (found == kLinenoPresent)
+        return decide_fast_for_thread(m, body, record, args, nargs);
+    return found == kLinenoAbsent ? kAnswerNone : kUndecided;
+}
+
 // A verdict without effects: it logs nothing, holds nothing and runs no code of the program. What it borrows is held
 // by the code object's slot and the thread's dict, which nothing can change meanwhile.
 __attribute__((always_inline)) static inline tVerdict decide_fast(tModuleState* m, const CInitialCallbackBody* body,
@@ -398,7 +409,9 @@ __attribute__((always_inline)) static inline tVerdict decide_fast(tModuleState* 
     }
     PyObject* linenos = borrow_deciding_lines(m, body, record_body, nargs);
     if (linenos)
-        return XPY_LIKELY(is_surely_absent(linenos, args[1])) ? kAnswerNone : kUndecided;
+        return XPY_LIKELY(is_surely_absent(linenos, args[1]))
+                   ? kAnswerNone
+                   : decide_fast_by_line(m, body, record_body, linenos, args, nargs);
     return decide_fast_for_thread(m, body, record_body, args, nargs);
 }
 

@@ -1,8 +1,10 @@
-// A look into the set of breakpoint lines that settles most LINE events without a call.
+// A look into the set of breakpoint lines that settles LINE events without a call.
 //
 // A line number's hash is the number itself, and the look-up of a set begins at the entry that the hash's low bits
-// name: when that entry has never been used, the line is surely absent. No code of the program can run on the way, so
-// nothing needs to be held. Every other case, a collision included, is left to the interpreter's own look-up.
+// name: when that entry has never been used, the line is no member. Where another line is there, the look goes on:
+// over the whole of a small table, for the hash alone; in a larger one along the entries that the interpreter would
+// visit. No code of the program can run on the way, so nothing needs to be held. A key of another type with the hash
+// of the line is left to the interpreter's own look-up, which compares.
 
 #include "optmonitoring_fastpath_internal.h"
 
@@ -24,4 +26,64 @@ void init_lineno_peek(void)
     gLinenoPeek.int_tag = FindFieldOffset("lv_tag", py3d12_int_fields);
     gLinenoPeek.int_digit = FindFieldOffset("ob_digit", py3d12_int_fields);
     gLinenoPeek.set_type = api.PySet_Type_ptr;
+}
+
+// PYVERSIONS: how set_lookkey() of Objects/setobject.c goes on after an entry that is taken.
+static constexpr size_t kLinearProbes = 9;
+static constexpr int kPerturbShift = 5;
+
+static constexpr size_t kScannedMask = 31;  // tables of up to 32 entries are scanned
+static constexpr size_t kUnrolled = 8;      // no table is smaller
+
+// The verdict over an entry whose hash is that of the line.
+static inline tLinenoFound judge_key(const tSetEntry* entry, size_t hash)
+{
+    return get_plain_lineno(entry->key) == hash ? kLinenoPresent : kLinenoOpen;
+}
+
+// In what order the interpreter visits the entries does not matter, unless two have the hash.
+static tLinenoFound scan(const tSetEntry* table, size_t mask, size_t hash)
+{
+    tLinenoFound found = kLinenoAbsent;
+    for (const tSetEntry* entry = table; entry <= table + mask; entry += kUnrolled) {
+#pragma GCC unroll 8
+        for (size_t k = 0; k < kUnrolled; k++) {
+            if (XPY_UNLIKELY(entry[k].hash == static_cast<Py_ssize_t>(hash))) {
+                if (found != kLinenoAbsent)
+                    return kLinenoOpen;
+                found = judge_key(entry + k, hash);
+            }
+        }
+    }
+    return found;
+}
+
+static tLinenoFound probe(const tSetEntry* table, size_t mask, size_t hash)
+{
+    size_t perturb = hash;
+    for (size_t i = hash & mask;; i = (i * 5 + 1 + perturb) & mask) {
+        const tSetEntry* last = table + (i + kLinearProbes <= mask ? i + kLinearProbes : i);
+        for (const tSetEntry* entry = table + i; entry <= last; entry++) {
+            if (entry->hash == static_cast<Py_ssize_t>(hash))
+                return judge_key(entry, hash);
+            if (!entry->key)
+                return kLinenoAbsent;
+        }
+        perturb >>= kPerturbShift;
+    }
+}
+
+tLinenoFound find_lineno(PyObject* linenos, PyObject* lineno)
+{
+    if (XPy_BorrowTypeInline(linenos) != gLinenoPeek.set_type)
+        return kLinenoOpen;
+    size_t hash = get_plain_lineno(lineno);
+    if (hash == 0)  // where an entry that was never used has it, too
+        return kLinenoOpen;
+    size_t mask;
+    const tSetEntry* table = borrow_set_table(linenos, &mask);
+    const tSetEntry* first = table + (hash & mask);
+    if (first->hash == static_cast<Py_ssize_t>(hash))
+        return judge_key(first, hash);
+    return mask <= kScannedMask ? scan(table, mask, hash) : probe(table, mask, hash);
 }

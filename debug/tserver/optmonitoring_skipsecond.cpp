@@ -57,6 +57,7 @@ static const char* const kReasonTexts[] = {
     "per_code_object.fSteppingEventsNeededCount != 0, returning False\n",
     "per_code_object.fEnabledBpLinenos is None, returning False\n",
     nullptr,
+    nullptr,
     "per_code_object.fReturnEventsNeededCount != 0, returning False\n",
     "returning True\n",
 };
@@ -80,7 +81,8 @@ static int CInitialCallback_SkipSecondCallback_inner(tModuleState* m,
             return contains < 0 ? -1 : 0;
         reason = find_return_reason(m, event_id, record);
     }
-    LOG("%s", kReasonTexts[reason]);
+    if (kReasonTexts[reason])
+        LOG("%s", kReasonTexts[reason]);
     return reason == kNothingNeedsIt;
 }
 

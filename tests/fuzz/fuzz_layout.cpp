@@ -410,6 +410,13 @@ class tSetTable
         tSetEntry* entry = find(hash);
         return entry && entry->key;
     }
+    void set_keys(PyObject* key)
+    {
+        for (size_t i = 0; i <= fMask; i++) {
+            if (fEntries[i].key && fEntries[i].hash != -1)
+                fEntries[i].key = key;
+        }
+    }
     bool is_never_used(size_t index) const { return !fEntries[index].key; }
     size_t mask() const { return fMask; }
     tSetEntry* entries() const { return fEntries; }
@@ -467,8 +474,13 @@ void check_line_sets(tInput* input, const tVersion& v)
     number.set<uint32_t>(header + 8, digit);
     bool is_absent = is_surely_absent(set.object(), number.object());
     bool is_decidable = is_known && is_set && is_int && (tag == 8 || tag == 12);
-    FUZZ_SAME(is_decidable && table.is_never_used(digit & table.mask()), is_absent);
+    FUZZ_SAME(is_decidable && digit != 0 && table.is_never_used(digit & table.mask()), is_absent);
     FUZZ_CHECK(!is_absent || !table.contains(digit));
+
+    table.set_keys(number.object());  // read where the hash is that of the number
+    tLinenoFound found = find_lineno(set.object(), number.object());
+    tLinenoFound expected = table.contains(digit) ? kLinenoPresent : kLinenoAbsent;
+    FUZZ_SAME(is_decidable && digit != 0 ? expected : kLinenoOpen, found);
 }
 
 // The rows that start-up sizes are unsized again, so that each input finds the tables as they were built.

@@ -75,6 +75,33 @@ class LineSetTest(unittest.TestCase):
         self.check({8, 16, 24, 32}, SMALL_LINES + ODD_LINES)
         self.check({1 << 20, 1 << 29}, SMALL_LINES + ODD_LINES + [1 << 20, 1 << 29])
 
+    def test_lines_that_collide_with_others_in_sets_of_every_size(self):
+        """A table has at most 16 times as many entries as the set; the low bits of the candidates are those of members."""
+        for size in (1, 4, 5, 18, 19, 20, 76, 77, 300, 1000, 10000):
+            for step in (1, 3):
+                lines = set(range(10, 10 + step * size, step))
+                some = sorted(lines)[::max(1, size // 5)]
+                self.check(lines, {line + (1 << bits) for line in some for bits in range(3, 20)} | set(some))
+
+    def test_keys_of_other_types_that_collide(self):
+        class Counting:
+            """Equal to nothing, but with the hash of a line; counts how often it was asked."""
+            asked = 0
+
+            def __hash__(self):
+                return 13
+
+            def __eq__(self, other):
+                Counting.asked += 1
+                return False
+
+        for lines in ({5, Counting()}, {5, Counting(), 13}, set(range(20, 60)) | {Counting()}):
+            self.record.fEnabledBpLinenos = lines
+            Counting.asked = 0
+            expected = REPORTED if any(line == 13 for line in lines if isinstance(line, int)) else None
+            self.assertEqual(self.callback.Callback(self.code, 13), expected)
+            self.assertGreater(Counting.asked, 0)
+
     def test_large_and_negative_lines(self):
         self.check({(1 << 30) - 1, 1 << 30, 1 << 61, (1 << 61) + 4, 1 << 64, -1, -2, 0}, SMALL_LINES + ODD_LINES)
 
