@@ -30,6 +30,17 @@ from brixdebug.debugger import Debugger
 from brixdebug.entry import help, pm, post_mortem, run, runcall, runctx, runeval, set_trace
 from brixdebug.streams import NoTerminal
 
+_FOR_EDITORS = ("breakpoint", "is_client_connected", "listen", "wait_for_client")
+
+
+def __getattr__(name: str) -> object:
+    """What is for editors is imported when it is asked for."""
+    if name in _FOR_EDITORS:
+        from brixdebug.dap import program
+        return getattr(program, name)
+    raise AttributeError("module %r has no attribute %r" % (__name__, name))
+
+
 Pdb = Debugger                # the name of the class in `pdb`
 
 __all__ = ["Debugger", "NoTerminal", "Pdb", "help", "main", "pm", "post_mortem", "run", "runcall",

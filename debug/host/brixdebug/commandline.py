@@ -94,6 +94,10 @@ def _hide_quit(show: Callable[[Any], object]) -> Callable[[Any], None]:
 def main() -> None:
     """The command line: pdb's, and `--log FILE` and `--log-domains NAMES` among its options."""
     arguments = sys.argv[1:]
+    if arguments and arguments[0].partition("=")[0] in ("--listen", "--connect"):
+        from brixdebug.dap import program
+        program.serve(arguments)
+        return
     _open_log(_take_log_options(arguments))
     sys.argv[1:] = arguments
     threading.excepthook = _hide_quit(threading.excepthook)

@@ -1,0 +1,255 @@
+"""The process that an editor starts: starts programs or connects to them, and relays.
+
+The protocol itself is answered inside the program (`server`).  This process adds what
+has to outlive the program: its output, its exit status, and its end when the editor ends.
+"""
+
+from __future__ import annotations
+
+import sys
+import threading
+
+from brixdebug.dap import arguments, door, programs
+from brixdebug.dap.capabilities import CAPABILITIES, EXCEPTION_FILTERS
+from brixdebug.dap.wire import Wire, WireError
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from collections.abc import Callable
+    from typing import Any
+
+    from brixdebug.dap.programs import Program
+
+
+class Adapter:
+    """One session with one client."""
+
+    def __init__(self, client: Wire) -> None:
+        self._client = client
+        self._initialize: dict[str, Any] | None = None
+        self._settings: arguments.Settings | None = None
+        self._program: Program | None = None
+        self._beginning: dict[str, Any] | None = None          # the launch or attach that is under way
+        self._begun: dict[str, Any] = {}                       # that of the program that runs, for a restart
+        self._swallowed: set[int] = set()                      # requests that this process has answered itself
+        self._lock = threading.Lock()
+        self._waiting: dict[int, Callable[[dict[str, Any]], None]] = {}   # seq of a request -> who wants the response
+        self._unanswered: dict[int, dict[str, Any]] = {}       # requests that the program has got
+        self._has_ended = False                                # the program has, and the client knows
+
+    def run(self) -> None:
+        """Until the client has gone; nothing that was started for it is left then."""
+        try:
+            while (message := self._client.read()) is not None:
+                if not self._on_client(message):
+                    break
+        except WireError as error:
+            print("brixdebug.dap: the client: %s" % error, file=sys.stderr)
+        finally:
+            self._client.close()
+            if self._program is not None:
+                self._program.leave(kills=self._is_launch())
+
+    def _is_launch(self) -> bool:
+        return self._settings is not None and self._settings.request == "launch"
+
+    # -- from the client -------------------------------------------------------------------
+
+    def _on_client(self, message: dict[str, Any]) -> bool:
+        """False when the session has ended."""
+        if message["type"] == "response":
+            with self._lock:
+                wait = self._waiting.pop(message["request_seq"], None)
+            if wait is not None:
+                wait(message)
+        elif message["type"] == "request":
+            return self._on_request(message)
+        return True
+
+    def _on_request(self, message: dict[str, Any]) -> bool:
+        command = message["command"]
+        if command == "initialize":
+            self._on_initialize(message)
+        elif self._initialize is None:
+            self._client.refuse(message, "the first request has to be initialize, not %s" % command)
+        elif command == "disconnect":
+            return self._on_disconnect(message)
+        elif command in ("launch", "attach"):
+            self._on_begin(message)
+        elif self._program is None or self._beginning is not None:
+            self._client.refuse(message, "there is no program yet: launch or attach comes first")
+        elif command == "terminate" and self._terminate(message):
+            pass
+        elif command == "restart" and self._is_launch():
+            self._restart(message)
+        else:
+            self._pass_to_program(message)
+        return True
+
+    def _on_initialize(self, message: dict[str, Any]) -> None:
+        if self._initialize is not None:
+            self._client.refuse(message, "initialize comes once")
+            return
+        self._initialize = message
+        self._swallowed.add(message["seq"])
+        self._client.respond(message, dict(CAPABILITIES, supportsRestartRequest=True,
+                                           exceptionBreakpointFilters=EXCEPTION_FILTERS))
+
+    def _pass_to_program(self, message: dict[str, Any]) -> None:
+        """The program's response refers to the client's own number."""
+        with self._lock:
+            self._unanswered[message["seq"]] = message
+        if self._program is None or not self._program.wire.pass_on(message):
+            self._refuse_unanswered()
+
+    def _refuse_unanswered(self) -> None:
+        """What an ended program will answer no more."""
+        with self._lock:
+            unanswered, self._unanswered = self._unanswered, {}
+        for message in unanswered.values():
+            if message["command"] in ("disconnect", "terminate"):
+                self._client.respond(message)
+            else:
+                self._client.refuse(message, "the program has ended")
+
+    # -- beginning -------------------------------------------------------------------------
+
+    def _on_begin(self, message: dict[str, Any]) -> None:
+        if self._settings is not None:
+            self._client.refuse(message, "%s comes once" % message["command"])
+            return
+        try:
+            self._settings = arguments.parse(message["command"], message.get("arguments"))
+        except arguments.ArgumentError as error:
+            self._client.refuse(message, str(error), shows=True)
+            return
+        self._say_ignored(self._settings)
+        self._beginning = message
+        # Not in this thread: a client answers the request for a terminal while launch is under way.
+        threading.Thread(target=self._begin, args=(message, self._settings), name="begin", daemon=True).start()
+
+    def _say_ignored(self, settings: arguments.Settings) -> None:
+        if settings.ignored:
+            self._say("These settings have no effect here: %s\n" % ", ".join(sorted(settings.ignored)))
+
+    def _say(self, text: str, category: str = "console") -> None:
+        self._client.event("output", {"category": category, "output": text})
+
+    def _begin(self, message: dict[str, Any], settings: arguments.Settings) -> None:
+        try:
+            program = programs.start(settings, self._emit, self._ask_for_terminal, self._has_terminals()) \
+                if settings.request == "launch" else programs.connect(settings)
+        except (programs.ProgramError, door.DoorError, arguments.ArgumentError) as error:
+            self._settings = self._beginning = None
+            self._client.refuse(message, str(error), shows=True)
+            self._client.event("terminated")
+            return
+        self._program, self._beginning, self._begun = program, None, message
+        if self._client.is_closed:               # it went while the program was starting
+            program.leave(kills=self._is_launch())
+            return
+        threading.Thread(target=self._relay, args=(program,), name="relay", daemon=True).start()
+        program.wire.pass_on(self._initialize or {})
+        self._pass_to_program(message)
+
+    def _emit(self, category: str, text: str) -> None:
+        self._client.event("output", {"category": category, "output": text})
+
+    def _has_terminals(self) -> bool:
+        arguments_: Any = (self._initialize or {}).get("arguments") or {}
+        return bool(arguments_.get("supportsRunInTerminalRequest"))
+
+    def _ask_for_terminal(self, body: dict[str, Any]) -> dict[str, Any]:
+        """Have the client run a command in a terminal: its response."""
+        answered = threading.Event()
+        answer: list[dict[str, Any]] = []
+
+        def wait(response: dict[str, Any]) -> None:
+            answer.append(response)
+            answered.set()
+
+        def note(seq: int) -> None:
+            with self._lock:
+                self._waiting[seq] = wait
+
+        if not self._client.request("runInTerminal", body, note) \
+                or not answered.wait(programs.CONNECT_SECONDS):
+            raise programs.ProgramError("the editor did not answer the request for a terminal")
+        return answer[0]
+
+    # -- from the program --------------------------------------------------------------------
+
+    def _relay(self, program: Program) -> None:
+        """Everything that the program says goes to the client, after what it had printed before."""
+        try:
+            while (message := program.wire.read()) is not None:
+                self._on_program(program, message)
+        except WireError as error:
+            self._say("The connection to the program broke: %s\n" % error, "stderr")
+        if program is self._program:
+            self._on_program_end(program)
+
+    def _on_program(self, program: Program, message: dict[str, Any]) -> None:
+        if message["type"] == "response":
+            with self._lock:
+                self._unanswered.pop(message["request_seq"], None)
+            if message["request_seq"] in self._swallowed:
+                return
+        elif message["type"] == "request":
+            self._pass_request_to_client(program, message)
+            return
+        elif message["event"] in ("exited", "terminated"):
+            program.note_end(message)            # said when the process has ended, and all its output is here
+            return
+        program.drain()
+        self._client.send(message)
+
+    def _pass_request_to_client(self, program: Program, message: dict[str, Any]) -> None:
+        def wait(response: dict[str, Any]) -> None:
+            program.wire.pass_on({**response, "request_seq": message["seq"]})
+
+        def note(seq: int) -> None:
+            with self._lock:
+                self._waiting[seq] = wait
+
+        self._client.request(message["command"], message.get("arguments") or {}, note)
+
+    def _on_program_end(self, program: Program) -> None:
+        exit_code = program.wait_for_end()
+        self._refuse_unanswered()
+        self._has_ended = True
+        if exit_code is not None:
+            self._client.event("exited", {"exitCode": exit_code})
+        self._client.event("terminated")
+
+    # -- ending ------------------------------------------------------------------------------
+
+    def _terminate(self, message: dict[str, Any]) -> bool:
+        if self._has_ended or self._program is None or not self._is_launch():
+            if self._has_ended:
+                self._client.respond(message)
+            return self._has_ended
+        self._client.respond(message)
+        self._program.ask_to_end()
+        return True
+
+    def _restart(self, message: dict[str, Any]) -> None:
+        """The program is started anew, and the client asked for its configuration again."""
+        old, self._program = self._program, None
+        if old is not None:
+            old.leave(kills=True)
+        self._refuse_unanswered()
+        self._has_ended, self._settings = False, None
+        self._client.respond(message)
+        self._swallowed.add(self._begun["seq"])
+        given = (message.get("arguments") or {}).get("arguments")
+        self._on_begin(self._begun if given is None else {**self._begun, "arguments": given})
+
+    def _on_disconnect(self, message: dict[str, Any]) -> bool:
+        given = message.get("arguments") or {}
+        kills = given.get("terminateDebuggee", self._is_launch())
+        program, self._program = self._program, None
+        if program is not None:
+            program.leave(kills=bool(kills))
+        self._client.respond(message)
+        return False

@@ -1,0 +1,88 @@
+"""Requests that set breakpoints."""
+
+from __future__ import annotations
+
+import os
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from typing import Any
+
+    from brixdebug.dap.asking import Arguments
+    from brixdebug.dap.server import Handler, Request, Session
+
+
+def on_set_breakpoints(session: Session, request: Request) -> Any:
+    source = request.arguments.object("source")
+    path = session.program_path(source)
+    wanted = request.arguments.objects("breakpoints")
+
+    def change(session: Session, request: Request) -> Any:
+        return {"breakpoints": _replace(session, path, source, wanted)}
+
+    return request.later(change, session.debugger.in_turn)
+
+
+def _replace(session: Session, path: str, source: Arguments, wanted: list[Arguments]) -> list[dict[str, Any]]:
+    """The file has these breakpoints from now on, and no others."""
+    debugger = session.debugger
+    for number in session.file_breakpoints.pop(path, ()):
+        debugger.clear_bpbynumber(number)
+    rows, numbers = [], []
+    for each in wanted:
+        row = _set_one(session, path, each)
+        row["source"] = source.values
+        if "id" in row:
+            numbers.append(row["id"])
+        rows.append(row)
+    session.file_breakpoints[path] = numbers
+    return rows
+
+
+def _set_one(session: Session, path: str, wanted: Arguments) -> dict[str, Any]:
+    asked = session.program_line(wanted.needed_integer("line"))
+    if not os.path.exists(path):
+        return _unverified(session, asked, "there is no file %s where the program runs" % path)
+    line = session.server.lines.next_from(path, asked)
+    if line is None:
+        return _unverified(session, asked, "no statement begins on this line or after it")
+    return _add(session, path, line, wanted)
+
+
+def _add(session: Session, path: str, line: int, wanted: Arguments) -> dict[str, Any]:
+    debugger = session.debugger
+    condition = wanted.text("condition") or None
+    if condition is not None:
+        try:
+            compile(condition.strip(), "<condition>", "eval", dont_inherit=True)
+        except (SyntaxError, ValueError) as error:
+            return _unverified(session, line, "the condition is no expression: %s" % error)
+    error_text = debugger.set_break(path, line, cond=condition)
+    if error_text is not None:
+        return _unverified(session, line, error_text)
+    breakpoint = debugger.get_breaks(path, line)[-1]
+    return {"id": breakpoint.number, "verified": True, "line": session.client_line(line)}
+
+
+def _unverified(session: Session, line: int, text: str) -> dict[str, Any]:
+    return {"verified": False, "line": session.client_line(line), "message": text, "reason": "failed"}
+
+
+def on_breakpoint_locations(session: Session, request: Request) -> Any:
+    path = session.program_path(request.arguments.object("source"))
+    first = session.program_line(request.arguments.needed_integer("line"))
+    last = session.program_line(request.arguments.integer("endLine", request.arguments.values["line"]))
+    return {"breakpoints": [{"line": session.client_line(line)} for line in session.server.lines.of(path)
+                            if first <= line <= last]}
+
+
+def on_set_exception_breakpoints(session: Session, request: Request) -> Any:
+    request.arguments.texts("filters")
+    return {}
+
+
+HANDLERS: dict[str, Handler] = {
+    "setBreakpoints": on_set_breakpoints,
+    "breakpointLocations": on_breakpoint_locations,
+    "setExceptionBreakpoints": on_set_exception_breakpoints,
+}

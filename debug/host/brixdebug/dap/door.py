@@ -1,0 +1,166 @@
+"""Who may come in: addresses to listen at and to connect to, and the secret that a stranger has to know.
+
+An address is `PORT`, `HOST:PORT` or `unix:PATH`.  What is bound to the loopback may be
+reached by every user of the machine, so may any other address by more; a Unix socket by
+its owner alone.  Only the loopback and Unix sockets are open without a secret.
+"""
+
+from __future__ import annotations
+
+import hmac
+import ipaddress
+import os
+import secrets
+import socket
+import stat
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from typing import Any
+
+UNIX_PREFIX = "unix:"
+_SECRET_BYTES = 24
+_MAX_SECRET_BYTES = 4096
+
+
+class DoorError(Exception):
+    """An address or a secret that cannot be used; the text is for the user."""
+
+
+Address = tuple[str, int] | str          # host and port, or the path of a Unix socket
+
+
+def parse_address(text: str) -> Address:
+    """The address in a text like "5678", "0.0.0.0:5678", "[::1]:0" or "unix:/run/user/1000/app"."""
+    if text.startswith(UNIX_PREFIX):
+        path = text[len(UNIX_PREFIX):]
+        if not path:
+            raise DoorError("no path after %r" % UNIX_PREFIX)
+        return os.path.abspath(path)
+    host, has_host, port = text.rpartition(":")
+    if has_host and not host:
+        raise DoorError("no host before the colon of %r" % text)
+    if host.startswith("[") and host.endswith("]"):
+        host = host[1:-1]
+    elif ":" in host:
+        raise DoorError("write an IPv6 address in brackets, as in [::1]:5678, not %r" % text)
+    if not port.isascii() or not port.isdigit() or int(port) > 65535:
+        raise DoorError("a port is a number from 0 to 65535, not %r; write [HOST:]PORT or unix:PATH" % port)
+    return host or "127.0.0.1", int(port)
+
+
+def show_address(address: Address) -> str:
+    """The text that `parse_address` reads."""
+    if isinstance(address, str):
+        return UNIX_PREFIX + address
+    host, port = address
+    return "%s:%d" % ("[%s]" % host if ":" in host else host, port)
+
+
+def needs_secret(address: Address) -> bool:
+    """Whether others than the users of this machine may reach it."""
+    if isinstance(address, str):
+        return False
+    try:
+        return not ipaddress.ip_address(address[0]).is_loopback
+    except ValueError:
+        return address[0] != "localhost"
+
+
+def listen_at(address: Address) -> tuple[socket.socket, Address]:
+    """A socket that listens there, and where it does: port 0 has become a real one.
+
+    Raises DoorError when that cannot be.  Children that the program starts do not get it.
+    """
+    try:
+        if isinstance(address, str):
+            return _listen_on_path(address), address
+        family = socket.getaddrinfo(*address, type=socket.SOCK_STREAM)[0][0]
+        listener = socket.socket(family, socket.SOCK_STREAM)
+        try:
+            listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+            listener.bind(address)
+            listener.listen(4)
+        except BaseException:
+            listener.close()
+            raise
+        return listener, listener.getsockname()[:2]
+    except OSError as error:
+        raise DoorError("cannot listen at %s: %s" % (show_address(address), error.strerror or error)) from None
+
+
+def _listen_on_path(path: str) -> socket.socket:
+    listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    try:
+        _remove_dead_socket(path)
+        # The mode of what bind makes: nobody but the owner, from the very first moment.
+        os.fchmod(listener.fileno(), 0o600)
+        listener.bind(path)
+        listener.listen(4)
+    except BaseException:
+        listener.close()
+        raise
+    return listener
+
+
+def _remove_dead_socket(path: str) -> None:
+    """One that a killed process has left behind; one that somebody listens at stays."""
+    try:
+        if not stat.S_ISSOCK(os.lstat(path).st_mode):
+            return
+    except OSError:
+        return
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as probe:
+        try:
+            probe.connect(path)
+        except ConnectionRefusedError:
+            os.unlink(path)
+        except OSError:
+            pass
+
+
+def connect_to(address: Address, seconds: float | None = None) -> socket.socket:
+    """A connection; raises DoorError when nobody answers there."""
+    try:
+        if not isinstance(address, str):
+            connection = socket.create_connection(address, seconds)
+            connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        else:
+            connection = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+            connection.settimeout(seconds)
+            try:
+                connection.connect(address)
+            except BaseException:
+                connection.close()
+                raise
+        connection.settimeout(None)
+        return connection
+    except OSError as error:
+        raise DoorError("cannot connect to %s: %s" % (show_address(address), error.strerror or error)) from None
+
+
+def new_secret() -> str:
+    return secrets.token_urlsafe(_SECRET_BYTES)
+
+
+def read_secret(path: str) -> str:
+    """The secret in a file; DoorError unless it is its owner's alone."""
+    try:
+        with open(path, "rb") as file:
+            mode = os.fstat(file.fileno()).st_mode
+            data = file.read(_MAX_SECRET_BYTES + 1).strip()
+    except OSError as error:
+        raise DoorError("cannot read the secret in %s: %s" % (path, error.strerror)) from None
+    if mode & 0o077:
+        raise DoorError("others than its owner may read the secret in %s; chmod 600 it" % path)
+    if not data or len(data) > _MAX_SECRET_BYTES:
+        raise DoorError("%s holds no secret: it is empty or too long" % path)
+    try:
+        return data.decode("utf-8")
+    except UnicodeDecodeError:
+        raise DoorError("%s holds no text" % path) from None
+
+
+def is_secret(given: Any, expected: str) -> bool:
+    """Compares in constant time."""
+    return isinstance(given, str) and hmac.compare_digest(given.encode("utf-8", "replace"), expected.encode())

@@ -1,0 +1,345 @@
+"""Requests that look at the program: stacks, variables, expressions, sources."""
+
+from __future__ import annotations
+
+import base64
+import codeop
+import linecache
+import os
+import rlcompleter
+import sys
+
+from brixdebug import compat
+from brixdebug.dap import rendering, variables
+from brixdebug.dap.asking import RequestError
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from collections.abc import Callable
+    from types import FrameType
+    from typing import Any
+
+    from brixdebug.dap.asking import Arguments
+    from brixdebug.dap.server import Handler, Request, Session
+    from brixdebug.dap.tree import Frame
+
+_MAX_PAGE = 10000             # variables of one answer, when the client names no number
+_MAX_COMPLETIONS = 500
+
+
+def _frame(session: Session, request: Request, name: str = "frameId") -> Frame:
+    number = request.arguments.needed_integer(name)
+    frame = session.tree.frame(number)
+    if frame is None:
+        raise RequestError("frame %d is gone: the program has gone on" % number)
+    return frame
+
+
+# -- stacks ------------------------------------------------------------------------------------------
+
+def on_stack_trace(session: Session, request: Request) -> Any:
+    session.stop()
+    number = request.arguments.needed_integer("threadId")
+    thread_id = session.tree.numbers.thing(number)
+    if thread_id is None:
+        raise RequestError("there is no thread %d" % number)
+    frames = session.tree.stack(thread_id)
+    start = request.arguments.integer("startFrame", 0)
+    count = request.arguments.integer("levels", 0) or len(frames)
+    form = request.arguments.object("format")
+    return {"stackFrames": [_stack_frame(session, each, form) for each in frames[start:start + count]],
+            "totalFrames": len(frames)}
+
+
+def _stack_frame(session: Session, each: Frame, form: Arguments) -> dict[str, Any]:
+    code = each.frame.f_code
+    name = code.co_qualname
+    if form.flag("module"):
+        name = "%s.%s" % (each.frame.f_globals.get("__name__", "?"), name)
+    if form.flag("line"):
+        name += " : %d" % each.line
+    row: dict[str, Any] = {"id": each.number, "name": name, "line": session.client_line(each.line),
+                           "column": session.client_column(1)}
+    source = session.source(code.co_filename)
+    if source is not None:
+        row["source"] = source
+    else:
+        row["presentationHint"] = "subtle"
+    return row
+
+
+# -- variables ------------------------------------------------------------------------------------------
+
+def on_scopes(session: Session, request: Request) -> Any:
+    frame = _frame(session, request).frame
+    local_names = variables.NamesNode(lambda: _locals(frame), lambda name, value: _assign(session, frame, name, value))
+    scopes = [{"name": "Locals", "presentationHint": "locals", "expensive": False,
+               "variablesReference": session.tree.add(_with_returned(session, frame, local_names))}]
+    if frame.f_locals is not frame.f_globals:
+        global_names = variables.NamesNode(lambda: frame.f_globals, frame.f_globals.__setitem__)
+        scopes.append({"name": "Globals", "expensive": False,
+                       "variablesReference": session.tree.add(global_names)})
+    return {"scopes": scopes}
+
+
+def _locals(frame: FrameType) -> Any:
+    return frame.f_locals
+
+
+class _LocalsNode(variables.Node):
+    """The variables of a frame, after what the function called last has returned."""
+
+    def __init__(self, returned: tuple[str, Any], names: variables.NamesNode) -> None:
+        self._returned = returned
+        self._names = names
+
+    def named(self) -> list[variables.Child]:
+        name, value = self._returned
+        return [variables.Child("(return) %s" % name, value, None, "virtual"), *self._names.named()]
+
+    def assign(self, name: str, value: Any) -> None:
+        self._names.assign(name, value)
+
+
+def _with_returned(session: Session, frame: FrameType, names: variables.NamesNode) -> variables.Node:
+    stop = session.debugger.stop
+    if stop is None or stop.returned is None or stop.frame is not frame:
+        return names
+    return _LocalsNode(stop.returned, names)
+
+
+def _assign(session: Session, frame: FrameType, name: str, value: Any) -> None:
+    frame.f_locals[name] = value
+    compat.give_locals_back(frame)
+
+
+def on_variables(session: Session, request: Request) -> Any:
+    number = request.arguments.needed_integer("variablesReference")
+    node = session.tree.node(number)
+    if node is None:
+        raise RequestError("variable %d is gone: the program has gone on" % number)
+    which = request.arguments.text("filter")
+    start = max(0, request.arguments.integer("start", 0))
+    count = request.arguments.integer("count", 0) or _MAX_PAGE
+    is_hex = request.arguments.object("format").flag("hex")
+
+    def collect() -> list[variables.Child]:
+        children = [] if which == "indexed" or start and which != "named" else node.named()
+        if which == "named":
+            return children[start:start + count]
+        return children + node.indexed(start, min(count, max(0, node.indexed_count() - start)))
+
+    result = session.server.boxed.call_each(
+        [collect], lambda index: RequestError("these variables cannot be had: their object's own code does not end"))[0]
+    if isinstance(result, BaseException):
+        raise result if isinstance(result, RequestError) else RequestError(rendering.error_text(result))
+    return {"variables": session.tree.rows(result, is_hex)}
+
+
+def on_set_variable(session: Session, request: Request) -> Any:
+    number = request.arguments.needed_integer("variablesReference")
+    name = request.arguments.needed_text("name")
+    text = request.arguments.needed_text("value")
+    node = session.tree.node(number)
+    if node is None:
+        raise RequestError("variable %d is gone: the program has gone on" % number)
+    stop = session.stop()
+
+    def assign(session: Session, request: Request) -> Any:
+        frame = stop.frame
+        value = _evaluate(text, frame)
+        try:
+            node.assign(name, value)
+        except BaseException as error:
+            raise RequestError("%s cannot be set: %s" % (name, rendering.error_text(error))) from None
+        return _described(session, value, None, request)
+
+    return request.later(assign, stop.do)
+
+
+def on_set_expression(session: Session, request: Request) -> Any:
+    target = request.arguments.needed_text("expression")
+    text = request.arguments.needed_text("value")
+    frame = _frame(session, request).frame if request.arguments.integer("frameId") is not None else None
+    stop = session.stop()
+
+    def assign(session: Session, request: Request) -> Any:
+        place = frame if frame is not None else stop.frame
+        value = _evaluate(text, place)
+        _execute("%s = (%s)" % (target, text), place)
+        return _described(session, value, target, request)
+
+    return request.later(assign, stop.do)
+
+
+def _described(session: Session, value: Any, path: str | None, request: Request) -> dict[str, Any]:
+    is_hex = request.arguments.object("format").flag("hex")
+    text = next(rendering.page(session.server.boxed, [value], is_hex=is_hex))
+    return {"value": text, **session.tree.describe(value, path)}
+
+
+def on_read_memory(session: Session, request: Request) -> Any:
+    reference = request.arguments.needed_text("memoryReference")
+    node = session.tree.node(int(reference)) if reference.isascii() and reference.isdigit() else None
+    if not isinstance(node, variables.BytesNode):
+        raise RequestError("memory %s is gone: the program has gone on" % reference)
+    start = request.arguments.integer("offset", 0)
+    count = request.arguments.needed_integer("count")
+    data = node.read(start, max(0, min(count, 1 << 24)))
+    return {"address": "0x%x" % max(0, start), "data": base64.b64encode(data).decode(),
+            "unreadableBytes": max(0, count - len(data))}
+
+
+# -- expressions -----------------------------------------------------------------------------------------
+
+def on_evaluate(session: Session, request: Request) -> Any:
+    text = request.arguments.needed_text("expression")
+    context = request.arguments.text("context", "repl")
+    stop = session.stop()
+    frame = _frame(session, request).frame if request.arguments.integer("frameId") is not None else stop.frame
+
+    def evaluate(session: Session, request: Request) -> Any:
+        is_statement = False
+        try:
+            value = _evaluate(text, frame)
+        except _NoExpression as error:
+            if context not in ("repl", "clipboard") or not _is_complete(text):
+                raise RequestError(str(error)) from None
+            _execute(text, frame)
+            is_statement = True
+        if is_statement:
+            session.wire.event("invalidated", {"areas": ["variables"]})
+            return {"result": "", "variablesReference": 0}
+        return _evaluated(session, request, value, text, context)
+
+    return request.later(evaluate, stop.do)
+
+
+def _evaluated(session: Session, request: Request, value: Any, text: str, context: str) -> dict[str, Any]:
+    limit = rendering.MAX_WHOLE_CHARACTERS if context in ("clipboard", "repl") else rendering.MAX_CHARACTERS
+    if context == "clipboard" and isinstance(value, str):
+        return {"result": value[:limit], "variablesReference": 0}
+    if context == "repl" and value is None:
+        return {"result": "", "variablesReference": 0}
+    is_hex = request.arguments.object("format").flag("hex")
+    shown = next(rendering.page(session.server.boxed, [value], limit, is_hex))
+    return {"result": shown, **session.tree.describe(value, text)}
+
+
+class _NoExpression(RequestError):
+    """The text is no expression."""
+
+
+def _compiled(text: str, mode: str) -> Any:
+    try:
+        return compile(text, "<expression>", mode, dont_inherit=True)
+    except (SyntaxError, ValueError, OverflowError, RecursionError) as error:
+        raise _NoExpression(rendering.error_text(error)) from None
+
+
+def _evaluate(text: str, frame: FrameType | None) -> Any:
+    if frame is None:
+        raise RequestError("there is no frame to evaluate in")
+    code = _compiled(text.strip(), "eval")
+    return _run(lambda: eval(code, frame.f_globals, frame.f_locals))
+
+
+def _execute(text: str, frame: FrameType | None) -> None:
+    if frame is None:
+        raise RequestError("there is no frame to run it in")
+    code = _compiled(text, "exec")
+    try:
+        _run(lambda: exec(code, frame.f_globals, frame.f_locals))
+    finally:
+        compat.give_locals_back(frame)
+
+
+def _run(call: Callable[[], Any]) -> Any:
+    try:
+        return call()
+    except BaseException as error:
+        raise RequestError(rendering.error_text(error)) from None
+
+
+def _is_complete(text: str) -> bool:
+    try:
+        return codeop.compile_command(text + "\n\n", symbol="exec") is not None
+    except (SyntaxError, ValueError, OverflowError):
+        return True                          # the error that running it gives is the better one
+
+
+def on_completions(session: Session, request: Request) -> Any:
+    text = request.arguments.needed_text("text")
+    column = request.arguments.needed_integer("column") - session.client_column(1)
+    stop = session.stop()
+    frame = _frame(session, request).frame if request.arguments.integer("frameId") is not None else stop.frame
+    line = text[:max(0, column)].split("\n")[-1]
+    start = len(line)
+    while start and (line[start - 1].isalnum() or line[start - 1] in "_."):
+        start -= 1
+    word = line[start:]
+
+    def complete(session: Session, request: Request) -> Any:
+        names = {**frame.f_globals, **frame.f_locals} if frame is not None else {}
+        completer = rlcompleter.Completer(names)
+        matches = (completer.attr_matches(word) if "." in word else completer.global_matches(word)) if word else []
+        prefix = len(word) - len(word.rpartition(".")[2])
+        targets = [{"label": match[prefix:].rstrip("( "), "start": column - len(word) + prefix,
+                    "length": len(word) - prefix} for match in sorted(set(matches))[:_MAX_COMPLETIONS]]
+        return {"targets": targets}
+
+    return request.later(complete, stop.do)
+
+
+# -- sources ---------------------------------------------------------------------------------------------
+
+def on_source(session: Session, request: Request) -> Any:
+    reference = request.arguments.integer("sourceReference", 0) \
+        or request.arguments.object("source").integer("sourceReference", 0)
+    name = session.sources.get(reference)
+    text = "".join(linecache.getlines(name)) if name is not None else ""
+    if not text:
+        raise RequestError("there is no source text")
+    return {"content": text, "mimeType": "text/x-python"}
+
+
+def _modules() -> list[tuple[str, Any]]:
+    return [(name, module) for name, module in list(sys.modules.items())
+            if isinstance(getattr(module, "__dict__", None), dict)]
+
+
+def on_modules(session: Session, request: Request) -> Any:
+    rows = []
+    for name, module in _modules():
+        path = module.__dict__.get("__file__")
+        row: dict[str, Any] = {"id": name, "name": name}
+        if isinstance(path, str):
+            row["path"] = session.paths.to_client(os.path.abspath(path))
+        version = module.__dict__.get("__version__")
+        if isinstance(version, str):
+            row["version"] = version
+        rows.append(row)
+    start = request.arguments.integer("startModule", 0)
+    count = request.arguments.integer("moduleCount", 0) or len(rows)
+    return {"modules": rows[start:start + count], "totalModules": len(rows)}
+
+
+def on_loaded_sources(session: Session, request: Request) -> Any:
+    paths = {module.__dict__.get("__file__") for _, module in _modules()}
+    return {"sources": [session.source(path) for path in sorted(each for each in paths if isinstance(each, str))
+                        if path.endswith(".py") and os.path.exists(path)]}
+
+
+HANDLERS: dict[str, Handler] = {
+    "stackTrace": on_stack_trace,
+    "scopes": on_scopes,
+    "variables": on_variables,
+    "setVariable": on_set_variable,
+    "setExpression": on_set_expression,
+    "readMemory": on_read_memory,
+    "evaluate": on_evaluate,
+    "completions": on_completions,
+    "source": on_source,
+    "modules": on_modules,
+    "loadedSources": on_loaded_sources,
+}

@@ -1,0 +1,184 @@
+"""The debugged program's process: lets clients in, or comes to one, and runs the program."""
+
+from __future__ import annotations
+
+import argparse
+import atexit
+import io
+import os
+import signal
+import sys
+
+from brixdebug.dap import breakpoints, control, door, inspection
+from brixdebug.dap.running import Program
+from brixdebug.dap.server import Server
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from types import FrameType
+    from typing import Any
+
+HANDLERS = {**control.HANDLERS, **inspection.HANDLERS, **breakpoints.HANDLERS}
+
+server = Server(HANDLERS)
+
+
+# -- in code ---------------------------------------------------------------------------------------------
+
+def listen(address: int | str | tuple[str, int] = 5678, *, secret: str | None = None) -> str:
+    """Let one editor at a time attach to this program; the program goes on meanwhile.
+
+    `address` is a port of the loopback, `(host, port)`, or a text: "HOST:PORT" or "unix:PATH".  Port 0 is one that
+    is free.  Another host than the loopback needs a `secret`, which the editor gives in the arguments of its attach.
+
+    Returns the address, as a text.  Raises ValueError for an address that is none, OSError when nothing can listen
+    there, RuntimeError when something listens already.
+    """
+    if isinstance(address, tuple):
+        host, port = address
+        address = "%s:%d" % ("[%s]" % host if ":" in host else host, port)
+    try:
+        parsed = door.parse_address(str(address))
+        if secret is None and door.needs_secret(parsed):
+            raise ValueError("%s can be reached from other machines: give a secret" % door.show_address(parsed))
+    except door.DoorError as error:
+        raise ValueError(str(error)) from None
+    if server.is_listening:
+        raise RuntimeError("this program listens for an editor already")
+    server.program = sys.argv[0] if sys.argv else "", "attachForSuspendedLaunch"
+    try:
+        return door.show_address(server.listen(parsed, secret))
+    except door.DoorError as error:
+        raise OSError(str(error)) from None
+
+
+def wait_for_client() -> None:
+    """Wait until an editor has attached and set its breakpoints.  Raises RuntimeError when nothing listens."""
+    if not server.is_listening:
+        raise RuntimeError("there is nothing to wait for: call listen() first")
+    server.configured.wait()
+
+
+def is_client_connected() -> bool:
+    """True while an editor is attached, and has set its breakpoints."""
+    session = server.session
+    return session is not None and session.is_configured
+
+
+def breakpoint(*arguments: Any, **keywords: Any) -> None:
+    """Stop in the caller if an editor is attached; else nothing."""
+    stop_in(sys._getframe(1))
+
+
+def stop_in(frame: FrameType) -> None:
+    """Have the calling thread stop at the next line of `frame`."""
+    if is_client_connected():
+        server.debugger.set_trace(frame)
+
+
+# -- command lines -----------------------------------------------------------------------------------------
+
+def main(arguments: list[str]) -> None:
+    """`ADDRESS KIND NAME ARGUMENTS...`: run a program for the adapter that listens at ADDRESS."""
+    address, kind, name, *rest = arguments
+    if os.environ.pop("BRIXDEBUG_OUTPUT", None) == "pipe":
+        _print_for_client()
+    program = _program(kind, name, rest, "launch")
+    _connect(address, ends_program=True)
+    _run(program)
+
+
+def serve(arguments: list[str]) -> None:
+    """`--listen` or `--connect`, and the program: a program that editors attach to."""
+    parser = argparse.ArgumentParser(prog="python -m brixdebug", allow_abbrev=False, usage=
+        "%(prog)s --listen [HOST:]PORT | --connect HOST:PORT  [--wait-for-client] [--secret-file FILE]\n"
+        "                           (-m MODULE | -c CODE | PROGRAM) ARGUMENTS")
+    where = parser.add_mutually_exclusive_group(required=True)
+    where.add_argument("--listen", metavar="[HOST:]PORT", help="let editors attach there; also unix:PATH")
+    where.add_argument("--connect", metavar="HOST:PORT", help="go to an editor that waits there")
+    parser.add_argument("--wait-for-client", action="store_true", help="do not run before an editor has attached")
+    parser.add_argument("--secret-file", metavar="FILE", help="what an editor has to know; needed beyond the loopback")
+    what = parser.add_mutually_exclusive_group()
+    what.add_argument("-m", dest="module", nargs=argparse.REMAINDER, help="run a module")
+    what.add_argument("-c", dest="code", nargs=argparse.REMAINDER, help="run code")
+    parser.add_argument("program", nargs=argparse.REMAINDER, help=argparse.SUPPRESS)
+    options = parser.parse_args(arguments)
+    kind, words = ("module", options.module) if options.module is not None else \
+        ("code", options.code) if options.code is not None else ("program", options.program)
+    if not words:
+        parser.error("there is no program to run")
+    program = _program(kind, words[0], words[1:], "attachForSuspendedLaunch")
+    try:
+        if options.connect is not None:
+            _connect(options.connect, ends_program=False)
+        else:
+            _listen(options.listen, options.secret_file)
+    except door.DoorError as error:
+        parser.error(str(error))
+    _run(program, waits=options.wait_for_client or options.connect is not None)
+
+
+def _program(kind: str, name: str, arguments: list[str], start_method: str) -> Program:
+    try:
+        program = Program(kind, name, arguments)
+    except (ImportError, OSError, SyntaxError) as error:
+        raise SystemExit("brixdebug: cannot run %s: %s" % (name, error)) from None
+    server.program = program.name, start_method
+    return program
+
+
+def _connect(address: str, ends_program: bool) -> None:
+    try:
+        connection = door.connect_to(door.parse_address(address))
+    except door.DoorError as error:
+        raise SystemExit("brixdebug: %s" % error) from None
+    server.serve(connection, is_trusted=True, ends_program=ends_program)
+
+
+def _listen(text: str, secret_file: str | None) -> None:
+    address = door.parse_address(text)
+    secret = door.read_secret(secret_file) if secret_file is not None else None
+    if secret is None and door.needs_secret(address):
+        secret = door.new_secret()
+        print("brixdebug: editors have to give this secret: %s" % secret, file=sys.stderr)
+    address = server.listen(address, secret)
+    print("brixdebug: listening at %s" % door.show_address(address), file=sys.stderr, flush=True)
+
+
+def _print_for_client() -> None:
+    """Lines go to the client as they are printed, although it is no terminal that they go to."""
+    for file in (sys.stdout, sys.stderr):
+        if isinstance(file, io.TextIOWrapper):
+            file.reconfigure(encoding="utf-8", errors="backslashreplace", line_buffering=True)
+
+
+def _run(program: Program, waits: bool = True) -> None:
+    """Run it under the debugger, and end this process as it would have ended."""
+    if "PYTHONBREAKPOINT" not in os.environ:
+        sys.breakpointhook = breakpoint
+    if waits:
+        server.configured.wait()
+    session = server.session
+    if session is not None and session.settings.stop_on_entry:
+        server.debugger.stop_at_entry()
+    status = program.run()
+    server.debugger.main_has_ended()
+    atexit.register(_say_end, status)
+    if status == 128 + signal.SIGINT and program.was_interrupted:
+        signal.signal(signal.SIGINT, signal.SIG_DFL)
+        atexit.register(os.kill, os.getpid(), signal.SIGINT)     # as the interpreter itself ends of it
+    sys.exit(status)
+
+
+def _say_end(status: int) -> None:
+    """All threads have ended."""
+    server.tell("exited", {"exitCode": status})
+    server.tell("terminated", {})
+
+
+def _after_fork_in_child() -> None:
+    """The client is the parent's alone; a copy of its connection would keep it open."""
+    server.forget()
+
+
+os.register_at_fork(after_in_child=_after_fork_in_child)

@@ -1,0 +1,373 @@
+"""The protocol, answered inside the debugged program: one client at a time.
+
+A thread of the debugger's own reads requests.  What needs a stopped thread is given to
+that thread and answered by it; nothing here waits for code of the program.
+"""
+
+from __future__ import annotations
+
+import _thread
+import linecache
+import os
+import signal
+import socket
+import sys
+import threading
+import urllib.parse
+
+from brixbase import dlog
+
+from brixdebug.dap import arguments, door
+from brixdebug.dap.asking import Arguments, RequestError
+from brixdebug.dap.capabilities import CAPABILITIES, EXCEPTION_FILTERS
+from brixdebug.dap.rendering import Boxed
+from brixdebug.dap.session import ClientDebugger
+from brixdebug.dap.sources import Lines, PathMap
+from brixdebug.dap.tree import Tree
+from brixdebug.dap.wire import MAX_MESSAGE_BYTES, MAX_STRANGERS_BYTES, Wire, WireError
+from brixdebug.monitor import monitor
+from brixdebug.switches import MonitorError
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from collections.abc import Callable
+    from typing import Any
+
+    from brixdebug.dap.session import Stop
+
+    Handler = Callable[["Session", "Request"], Any]
+
+_STRANGER_SECONDS = 10.0      # to say who one is
+_END_SECONDS = 5.0            # from SIGTERM to the end
+
+
+class Server:
+    """The program's side of all sessions, one after another."""
+
+    def __init__(self, handlers: dict[str, Handler]) -> None:
+        self._handlers = handlers
+        self.debugger = ClientDebugger(self._on_stop, self._on_went_on)
+        self.boxed = Boxed(monitor.suspension.adopt_thread)
+        self.lines = Lines()
+        self.session: Session | None = None
+        self.configured = threading.Event()          # a client has said all it has to say before the program goes on
+        self.secret: str | None = None
+        self._listener: socket.socket | None = None
+        self.program: tuple[str, str] = ("", "")     # its name, and how it came under the debugger
+
+    # -- clients ------------------------------------------------------------------------------
+
+    def listen(self, address: door.Address, secret: str | None) -> door.Address:
+        """Let clients in at `address`, in a thread; where that is.  Raises DoorError."""
+        if secret is None and door.needs_secret(address):
+            raise door.DoorError("%s can be reached from other machines: a secret is needed" % door.show_address(address))
+        self._listener, address = door.listen_at(address)
+        self.secret = secret
+        _thread.start_new_thread(self._accept_all, (self._listener,))
+        return address
+
+    @property
+    def is_listening(self) -> bool:
+        return self._listener is not None
+
+    def forget(self) -> None:
+        """In a forked child: clients, and who waits for them, are the parent's."""
+        session, self.session = self.session, None
+        if session is not None:
+            session.wire.drop()
+        listener, self._listener = self._listener, None
+        if listener is not None:
+            listener.close()
+
+    def _accept_all(self, listener: socket.socket) -> None:
+        monitor.suspension.adopt_thread()
+        while True:
+            try:
+                connection, _ = listener.accept()
+            except OSError:                  # closed
+                return
+            if self.session is not None:
+                Wire(connection.fileno(), connection.fileno()).event(
+                    "output", {"category": "stderr", "output": "Another client is connected to this program.\n"})
+                connection.close()
+            else:
+                self.serve(connection, is_trusted=self.secret is None)
+
+    def serve(self, connection: socket.socket, is_trusted: bool, ends_program: bool = False) -> None:
+        """Have a client served, in a thread.  `ends_program`: the program is nothing without that client."""
+        descriptor = connection.fileno()
+        self.session = session = Session(self, Wire(descriptor, descriptor, connection), is_trusted, ends_program)
+        _thread.start_new_thread(session.run, ())
+
+    # -- stops, in the stopped threads -----------------------------------------------------------
+
+    def _on_stop(self, stop: Stop) -> bool:
+        session = self.session
+        return session is not None and session.is_configured and session.show_stop(stop)
+
+    def _on_went_on(self, stop: Stop) -> None:
+        session = self.session
+        if session is not None:
+            session.tree.forget()
+
+    def tell(self, name: str, body: dict[str, Any]) -> None:
+        """An event for the client, if there is one."""
+        session = self.session
+        if session is not None:
+            session.wire.event(name, body)
+
+
+class Request:
+    """One request, which is answered exactly once, by any thread."""
+
+    def __init__(self, session: Session, message: dict[str, Any]) -> None:
+        self.session = session
+        self.message = message
+        self.command: str = message["command"]
+        self.arguments = Arguments(self.command, message.get("arguments"))
+        self._is_answered = False
+
+    def answer(self, body: dict[str, Any] | None = None) -> None:
+        if not self._is_answered:
+            self._is_answered = True
+            self.session.wire.respond(self.message, body)
+
+    def refuse(self, text: str, short: str | None = None) -> None:
+        if not self._is_answered:
+            self._is_answered = True
+            self.session.wire.refuse(self.message, text, short)
+
+    def run(self, handler: Handler) -> None:
+        """Answer with what `handler` returns, unless that is LATER; raises nothing."""
+        try:
+            body = handler(self.session, self)
+            if body is not LATER:
+                self.answer(body)
+        except RequestError as error:
+            self.refuse(str(error), error.short)
+        except MonitorError as error:
+            self.refuse(str(error))
+        except Exception as error:
+            dlog.LogException("request %s" % self.command)
+            self.refuse("%s failed: %s: %s" % (self.command, type(error).__name__, error))
+
+    def later(self, handler: Handler, do: Callable[[Callable[[], None]], None]) -> Any:
+        """Have `handler` called by what `do` gives tasks to."""
+        do(lambda: self.run(handler))
+        return LATER
+
+
+LATER: Any = object()
+
+
+class Session:
+    """One client, from its first byte to its last."""
+
+    def __init__(self, server: Server, wire: Wire, is_trusted: bool, ends_program: bool) -> None:
+        self.server = server
+        self.debugger = server.debugger
+        self.wire = wire
+        self.is_configured = False
+        self.has_begun = False                       # launch or attach has been answered or is being
+        self._is_trusted = is_trusted
+        self._ends_program = ends_program
+        self._begin_request: Request | None = None
+        self.initialize: dict[str, Any] = {}
+        self.settings = arguments.Settings("attach")
+        self.paths = PathMap([])
+        self.tree = Tree(server.boxed)
+        self.is_leaving = False
+        self.sources: dict[int, str] = {}            # texts that are in no file
+        self.file_breakpoints: dict[str, list[int]] = {}
+
+    # -- reading --------------------------------------------------------------------------------
+
+    def run(self) -> None:
+        """In a thread of the debugger's own, until the client has gone."""
+        monitor.suspension.adopt_thread()
+        self.wire.max_message_bytes = MAX_MESSAGE_BYTES if self._is_trusted else MAX_STRANGERS_BYTES
+        try:
+            while not self.is_leaving:
+                message = self.wire.read(None if self.has_begun or self._ends_program else _STRANGER_SECONDS)
+                if message is None:
+                    break
+                if message["type"] == "request":
+                    self._on_request(message)
+        except WireError as error:
+            self.wire.event("output", {"category": "stderr", "output": "brixdebug: %s\n" % error})
+        except Exception:
+            dlog.LogException("the debug adapter")
+        finally:
+            self._leave()
+
+    def _on_request(self, message: dict[str, Any]) -> None:
+        try:
+            request = Request(self, message)
+        except RequestError as error:
+            self.wire.refuse(message, str(error))
+            return
+        command = request.command
+        if command == "initialize":
+            request.run(_initialize)
+        elif not self.initialize:
+            request.refuse("the first request has to be initialize, not %s" % command)
+        elif command in ("launch", "attach"):
+            request.run(_begin)
+        elif command == "disconnect":
+            request.run(_disconnect)
+        elif not self.has_begun:
+            request.refuse("launch or attach comes before %s" % command)
+        elif command == "configurationDone":
+            request.run(_configuration_done)
+        else:
+            handler = self.server._handlers.get(command)
+            if handler is None:
+                request.refuse("%s is not supported" % command)
+            else:
+                request.run(handler)
+
+    # -- stops ------------------------------------------------------------------------------------
+
+    def show_stop(self, stop: Stop) -> bool:
+        """False when the client has gone."""
+        self.tree.begin(stop)
+        body: dict[str, Any] = {"reason": stop.reason, "threadId": self.thread_number(stop.thread_id),
+                                "allThreadsStopped": True, "preserveFocusHint": False}
+        if stop.text:
+            body["text"] = stop.text
+        if stop.breakpoint_number is not None:
+            body["hitBreakpointIds"] = [stop.breakpoint_number]
+        return self.wire.event("stopped", body)
+
+    def thread_number(self, thread_id: int) -> int:
+        """The number of a thread for clients: those of the system do not fit in theirs."""
+        return self.tree.numbers.of(thread_id)
+
+    def stop(self) -> Stop:
+        """The stop that there is; RequestError without one."""
+        stop = self.debugger.stop
+        if stop is None:
+            raise RequestError("the program is running", "notStopped")
+        return stop
+
+    # -- names and lines as the client has them ----------------------------------------------------
+
+    def client_line(self, line: int) -> int:
+        return line if self.initialize.get("linesStartAt1", True) else line - 1
+
+    def program_line(self, line: int) -> int:
+        return line if self.initialize.get("linesStartAt1", True) else line + 1
+
+    def client_column(self, column: int) -> int:
+        return column if self.initialize.get("columnsStartAt1", True) else column - 1
+
+    def program_path(self, source: Arguments) -> str:
+        """The program's name of a file that the client names."""
+        path = source.text("path")
+        if path is None:
+            path = self.sources.get(source.integer("sourceReference", 0))
+        if path is None:
+            raise RequestError("the source has no path")
+        if self.initialize.get("pathFormat") == "uri":
+            path = urllib.parse.unquote(urllib.parse.urlsplit(path).path)
+        return str(self.paths.to_program(path))
+
+    def source(self, filename: str) -> dict[str, Any] | None:
+        """The client's name of a file of the program; None for what has no text."""
+        if filename.startswith("<") and filename.endswith(">"):
+            if not linecache.getlines(filename):
+                return None
+            return {"name": filename, "sourceReference": self._source_number(filename)}
+        path = os.path.abspath(filename)
+        return {"name": os.path.basename(path), "path": self.paths.to_client(path)}
+
+    def _source_number(self, filename: str) -> int:
+        for number, known in self.sources.items():
+            if known == filename:
+                return number
+        self.sources[len(self.sources) + 1] = filename
+        return len(self.sources)
+
+    # -- ending -----------------------------------------------------------------------------------
+
+    def _leave(self) -> None:
+        """The client has gone: the program goes on without it, or ends with it."""
+        self.is_configured = False
+        self.wire.close()
+        self.server.session = None
+        if self._ends_program and not self.is_leaving:
+            _end_process()                           # started for a client that died
+        self.debugger.in_turn(self._let_go)
+        if not self.is_leaving or self._ends_program:
+            self.server.configured.set()
+
+    def _let_go(self) -> None:
+        self.debugger.end()
+        if self.debugger.stop is not None:
+            self.debugger.stop.go_on()
+
+
+def _end_process() -> None:
+    """This process and what it has started, if it leads a session of its own."""
+    if os.getsid(0) == os.getpid():
+        os.killpg(0, signal.SIGTERM)
+    else:
+        os.kill(os.getpid(), signal.SIGTERM)
+    threading.Event().wait(_END_SECONDS)             # for its own handlers
+    os._exit(1)
+
+
+# -- the requests that make a session -------------------------------------------------------------------
+
+def _initialize(session: Session, request: Request) -> Any:
+    if session.initialize:
+        raise RequestError("initialize comes once")
+    session.initialize = {"linesStartAt1": True, "columnsStartAt1": True, **request.arguments.values}
+    return dict(CAPABILITIES, exceptionBreakpointFilters=EXCEPTION_FILTERS)
+
+
+def _begin(session: Session, request: Request) -> Any:
+    if session.has_begun:
+        raise RequestError("%s comes once" % request.command)
+    try:
+        settings = arguments.parse(request.command, request.arguments.values)
+    except arguments.ArgumentError as error:
+        raise RequestError(str(error)) from None
+    secret = session.server.secret
+    if not session._is_trusted and (secret is None or not door.is_secret(settings.secret, secret)):
+        session.is_leaving = False
+        request.refuse("this program lets in who gives its 'secret' in the arguments of attach")
+        raise WireError("a client without the secret")
+    session.settings = settings
+    session.has_begun = True
+    session.wire.max_message_bytes = MAX_MESSAGE_BYTES
+    session.paths = PathMap(settings.path_mappings)
+    session.debugger.shows_return_values = settings.show_return_value
+    session._begin_request = request
+    if not settings.no_debug:
+        session.debugger.in_turn(session.debugger.begin)
+    session.wire.event("initialized")
+    name, start_method = session.server.program
+    session.wire.event("process", {"name": name, "systemProcessId": os.getpid(), "isLocalProcess": True,
+                                   "startMethod": start_method, "pointerSize": 64})
+    return LATER                                     # answered when the client has configured everything
+
+
+def _configuration_done(session: Session, request: Request) -> Any:
+    if session.is_configured or session._begin_request is None:
+        raise RequestError("configurationDone comes once, after launch or attach")
+    request.answer()
+    session._begin_request.answer()
+    session.is_configured = True
+    session.server.configured.set()
+    return LATER
+
+
+def _disconnect(session: Session, request: Request) -> Any:
+    session.is_leaving = True
+    kills = request.arguments.flag("terminateDebuggee")
+    request.answer()
+    if kills:
+        sys.stdout.flush()
+        os._exit(0)
+    return LATER

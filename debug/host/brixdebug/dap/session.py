@@ -1,0 +1,218 @@
+"""The debugger behind a client: tells it of stops, and does in a stopped thread what the client asks for.
+
+What stops and what is held is the engine's business.  Here a stop waits for the client
+instead of for a prompt.
+"""
+
+from __future__ import annotations
+
+import _thread
+import queue
+import sys
+import threading
+
+import optmonitoring
+
+from brixdebug import entry
+from brixdebug.engine import Bdb
+from brixdebug.monitor import monitor
+from brixdebug.suspension import debugged_frames
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from collections.abc import Callable
+    from types import FrameType
+    from typing import Any
+
+_TURN_SECONDS = 0.05          # between looks whether a thread has stopped meanwhile
+
+
+class Stop:
+    """All threads stand still, because of one of them: a thread that does what it is given until they may go on."""
+
+    def __init__(self, thread_id: int, frame: FrameType | None, reason: str, text: str = "",
+                 breakpoint_number: int | None = None, returned: tuple[str, Any] | None = None) -> None:
+        self.thread_id = thread_id
+        self.frame = frame                   # the innermost one of that thread that the user sees
+        self.reason = reason                 # as in the protocol's `stopped` event
+        self.text = text
+        self.breakpoint_number = breakpoint_number
+        self.returned = returned             # name of the function that has just returned, and its value
+        self._tasks: queue.SimpleQueue[Callable[[], None] | None] = queue.SimpleQueue()
+        self._has_ended = False
+
+    def run(self) -> None:
+        """Do what comes, until `go_on`."""
+        while (task := self._tasks.get()) is not None:
+            task()
+            del task
+        self._has_ended = True
+
+    def do(self, task: Callable[[], None]) -> None:
+        """Have `task` called, which raises nothing."""
+        self._tasks.put(task)
+
+    def go_on(self) -> None:
+        """Let all threads go on, after the tasks that have been given."""
+        self._tasks.put(None)
+
+
+class ClientDebugger(Bdb):
+    """`bdb.Bdb` whose stops wait for a client."""
+
+    def __init__(self, on_stop: Callable[[Stop], bool], on_went_on: Callable[[Stop], None]) -> None:
+        """`on_stop` is called with all threads held; the stop waits if it returns True."""
+        super().__init__()
+        self._on_stop = on_stop
+        self._on_went_on = on_went_on
+        self._own = threading.local()
+        self._entry_thread_id: int | None = None
+        self.stop: Stop | None = None         # the one that there is now
+        self.shows_return_values = True
+
+    # -- beginning and ending -----------------------------------------------------------------
+
+    def begin(self) -> None:
+        """Events from now on; nothing is stopped yet."""
+        self.reset()
+        self.quitting = False
+        self.stop_states.own().run_freely()
+        self.start_trace()
+
+    def end(self) -> None:
+        """The program goes on alone: no breakpoint holds, and no thread is stepped."""
+        self.clear_all_breaks()
+        for state in self.stop_states.all():
+            state.run_freely()
+        monitor.stop(self)
+
+    def stop_at_entry(self) -> None:
+        """The calling thread stops at its next line of the program."""
+        self._entry_thread_id = threading.get_ident()
+        self.set_step()
+
+    def start_trace(self) -> None:
+        entry.take_over()
+        super().start_trace()
+
+    def set_trace(self, frame: FrameType | None = None, **pdbs_own: Any) -> None:
+        """The calling thread stops at the next line of `frame`, as if a breakpoint were there."""
+        self._own.was_asked = True
+        super().set_trace(sys._getframe().f_back if frame is None else frame)
+
+    def main_has_ended(self) -> None:
+        """The main thread is stepped no more; others may be."""
+        self.stop_states.own().run_freely()
+        monitor.needs_changed(self)
+
+    # -- what the engine calls -------------------------------------------------------------------
+
+    def user_line(self, frame: FrameType) -> None:
+        thread_id = threading.get_ident()
+        if not self.stop_here(frame):         # so a breakpoint it was
+            self._wait(Stop(thread_id, frame, "breakpoint", breakpoint_number=self.__dict__["currentbp"]))
+        elif getattr(self._own, "was_asked", False):
+            self._own.was_asked = False
+            self._wait(Stop(thread_id, frame, "breakpoint"))
+        elif self._entry_thread_id == thread_id:
+            self._entry_thread_id = None
+            self._wait(Stop(thread_id, frame, "entry"))
+        else:
+            self._wait(Stop(thread_id, frame, "step"))
+
+    def user_return(self, frame: FrameType, value: Any) -> None:
+        """A stepped function ends: the user sees its caller, in the line of the call."""
+        caller = frame.f_back
+        while caller is not None and optmonitoring.IsInternalFrame(caller):
+            caller = caller.f_back
+        if caller is None:                   # the thread, or the program, ends
+            self.set_continue()
+            return
+        returned = (frame.f_code.co_qualname, value) if self.shows_return_values else None
+        self._wait(Stop(threading.get_ident(), caller, "step", returned=returned))
+
+    def user_exception(self, frame: FrameType, exc_info: Any) -> None:
+        """Nothing: the step goes on to where the exception is handled."""
+
+    # -- stops ----------------------------------------------------------------------------------
+
+    def _wait(self, stop: Stop) -> None:
+        """In the thread of an event: hold all others, and do what the client asks for."""
+        with monitor.turn.lock, monitor.suspension.others_held():
+            self.stop = stop
+            try:
+                if self._on_stop(stop):
+                    stop.run()
+                else:
+                    self.set_continue()
+            finally:
+                self.stop = None
+            self._on_went_on(stop)
+
+    def pause(self, thread_id: int) -> None:
+        """Hold all threads now, those in C code when they come back; where `thread_id` is, is what the user sees."""
+        _thread.start_new_thread(self._run_pause, (thread_id,))
+
+    def _run_pause(self, thread_id: int) -> None:
+        monitor.suspension.adopt_thread()
+        if not self._take_turn():
+            return                            # a thread has stopped by itself
+        try:
+            with monitor.suspension.others_held():
+                frame = self._settled_frame(thread_id)
+                self._wait(Stop(thread_id, frame, "pause"))
+        finally:
+            monitor.turn.lock.release()
+
+    def _take_turn(self) -> bool:
+        """Have the turn, unless there is a stop already."""
+        while self.stop is None:
+            if monitor.turn.lock.acquire(timeout=_TURN_SECONDS):
+                return True
+        return False
+
+    @staticmethod
+    def _settled_frame(thread_id: int) -> FrameType | None:
+        """Where a thread stands that is being held: soon at its lock, unless it is inside C code."""
+        pause = threading.Event()
+        for _ in range(20):
+            if monitor.suspension.is_waiting(thread_id):
+                break
+            pause.wait(0.005)
+        return debugged_frames().get(thread_id)
+
+    def in_turn(self, task: Callable[[], None]) -> None:
+        """Have `task` called where breakpoints may be changed: in the stopped thread, or here and now."""
+        while True:
+            stop = self.stop
+            if stop is not None:
+                stop.do(task)
+                return
+            if monitor.turn.lock.acquire(timeout=_TURN_SECONDS):
+                try:
+                    task()
+                finally:
+                    monitor.turn.lock.release()
+                return
+
+    # -- going on --------------------------------------------------------------------------------
+
+    def step(self, stop: Stop, thread_id: int, frame: FrameType, set_stop: Callable[[], None]) -> None:
+        """A task of `stop`: `set_stop`, a method like `set_next`, is meant for `thread_id` at `frame`."""
+        own_id = threading.get_ident()
+        if thread_id == own_id:
+            set_stop()
+            return
+        if stop.thread_id == own_id:
+            self.set_continue()               # the one that stopped goes on
+        self.stop_states.selected = state = self.stop_states.of(thread_id)
+        try:
+            set_stop()
+        finally:
+            self.stop_states.selected = None
+        if not state.is_free:
+            each: FrameType | None = frame
+            while each is not None and each.f_trace is None:
+                each.f_trace = self.trace_dispatch
+                each = each.f_back
+        monitor.needs_changed(self)

@@ -1,0 +1,117 @@
+"""Source files as the client and the program name them, and the lines of them that can stop."""
+
+from __future__ import annotations
+
+import bisect
+import linecache
+import os
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from collections.abc import Iterator
+    from types import CodeType
+    from typing import Any
+
+
+class PathMap:
+    """Translates between the folders of the editor and those of the program."""
+
+    def __init__(self, mappings: list[tuple[str, str]]) -> None:
+        """Pairs of an editor's folder and the program's folder with the same files."""
+        self._mappings = [(_without_end(local), _without_end(_absolute(remote))) for local, remote in mappings]
+
+    def to_program(self, path: str) -> str:
+        for local, remote in self._mappings:
+            if (rest := _rest(path, local)) is not None:
+                return remote + rest.replace("\\", "/")
+        return path
+
+    def to_client(self, path: str) -> str:
+        for local, remote in self._mappings:
+            if (rest := _rest(path, remote)) is not None:
+                return local + (rest.replace("/", "\\") if "\\" in local and "/" not in local else rest)
+        return path
+
+
+def _absolute(path: str) -> str:
+    return os.path.abspath(path) if path == "." or path.startswith("./") else path
+
+
+def _without_end(path: str) -> str:
+    return path.rstrip("/\\") if len(path) > 1 else path
+
+
+def _rest(path: str, folder: str) -> str | None:
+    if path == folder:
+        return ""
+    if path.startswith(folder) and path[len(folder)] in "/\\" or folder == "/" and path.startswith("/"):
+        return path[len(folder):] if folder != "/" else path
+    return None
+
+
+# -- lines that can stop ---------------------------------------------------------------------------
+
+class Lines:
+    """The lines of files on which a statement begins, read again when a file has changed."""
+
+    def __init__(self) -> None:
+        self._known: dict[str, tuple[Any, list[int], dict[str, int]]] = {}
+
+    def of(self, path: str) -> list[int]:
+        """Sorted; empty when the file cannot be read or compiled."""
+        return self._entry(path)[1]
+
+    def functions(self, path: str) -> dict[str, int]:
+        """Qualified name of each function -> its first line."""
+        return self._entry(path)[2]
+
+    def next_from(self, path: str, line: int) -> int | None:
+        """The first line from `line` on that can stop."""
+        lines = self.of(path)
+        index = bisect.bisect_left(lines, line)
+        return lines[index] if index < len(lines) else None
+
+    def _entry(self, path: str) -> tuple[Any, list[int], dict[str, int]]:
+        try:
+            status = os.stat(path)
+            mark: Any = status.st_mtime_ns, status.st_size
+        except OSError:
+            mark = None
+        known = self._known.get(path)
+        if known is None or known[0] != mark:
+            known = self._known[path] = (mark, *_read(path))
+        return known
+
+
+def _read(path: str) -> tuple[list[int], dict[str, int]]:
+    linecache.checkcache(path)
+    text = "".join(linecache.getlines(path))
+    try:
+        code = compile(text, path, "exec", dont_inherit=True)
+    except (SyntaxError, ValueError, RecursionError, MemoryError):
+        return [], {}
+    lines: set[int] = set()
+    functions: dict[str, int] = {}
+    for each in walk_code(code):
+        lines.update(stop_lines(each))
+        functions.setdefault(each.co_qualname.replace("<locals>.", ""), each.co_firstlineno)
+    return sorted(lines), functions
+
+
+def walk_code(code: CodeType) -> Iterator[CodeType]:
+    """`code` and all code inside it."""
+    yield code
+    for constant in code.co_consts:
+        if hasattr(constant, "co_consts"):
+            yield from walk_code(constant)
+
+
+def stop_lines(code: CodeType) -> Iterator[int]:
+    """The lines on which an event is reported.  That of the `def` itself is the enclosing code's."""
+    first = code.co_firstlineno
+    is_function = code.co_name != "<module>"
+    own = {line for _, _, line in code.co_lines() if line}
+    for line in own:
+        # The start of a function on lines of its own reports no line event.
+        if not (is_function and line == first and len(own) > 1):
+            yield line

@@ -1,0 +1,161 @@
+"""Everything the client holds a number of: threads for good, frames and variables while the program stands still."""
+
+from __future__ import annotations
+
+import threading
+
+import optmonitoring
+
+from brixdebug.dap import rendering, variables
+from brixdebug.monitor import monitor
+from brixdebug.suspension import debugged_frames
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from types import FrameType
+    from typing import Any
+
+    from brixdebug.dap.rendering import Boxed
+    from brixdebug.dap.session import Stop
+    from brixdebug.dap.variables import Child, Node
+
+
+class Numbers:
+    """Small numbers for things: what has one keeps it, and no number is given twice."""
+
+    def __init__(self) -> None:
+        self._numbers: dict[int, int] = {}
+        self._things: dict[int, int] = {}
+
+    def of(self, thing: int) -> int:
+        if thing not in self._numbers:
+            number = len(self._numbers) + 1
+            self._numbers[thing] = number
+            self._things[number] = thing
+        return self._numbers[thing]
+
+    def thing(self, number: int) -> int | None:
+        return self._things.get(number)
+
+
+def programs_frames() -> dict[int, FrameType]:
+    """The topmost frame of each thread of the program, by thread id."""
+    own = monitor.suspension.own_thread_ids
+    return {thread_id: frame for thread_id, frame in debugged_frames().items() if thread_id not in own}
+
+
+class Frame:
+    """A frame that the client has a number of."""
+
+    def __init__(self, number: int, thread_id: int, frame: FrameType, line: int) -> None:
+        self.number = number
+        self.thread_id = thread_id
+        self.frame = frame
+        self.line = line
+
+
+class Tree:
+    """The frames and variables of the stop that there is."""
+
+    def __init__(self, boxed: Boxed) -> None:
+        self.numbers = Numbers()
+        self.numbers.of(threading.main_thread().ident or 0)      # always the first
+        self.boxed = boxed
+        self.stop: Stop | None = None
+        self._frames: dict[int, Frame] = {}
+        self._by_frame: dict[int, Frame] = {}
+        self._nodes: dict[int, Node] = {}
+        self._last_number = 0                # never given again: a late request must not reach something else
+
+    def begin(self, stop: Stop) -> None:
+        self.forget()
+        self.stop = stop
+
+    def forget(self) -> None:
+        """The program goes on: all numbers of frames and variables have lost their meaning, and hold nothing."""
+        self.stop = None
+        self._frames.clear()
+        self._by_frame.clear()
+        self._nodes.clear()
+
+    # -- threads and frames ------------------------------------------------------------------------
+
+    def threads(self) -> list[tuple[int, str]]:
+        """Number and name of each thread of the program, in the order of their numbers."""
+        return sorted((self.numbers.of(each), monitor.suspension.thread_name(each)) for each in programs_frames())
+
+    def stack(self, thread_id: int) -> list[Frame]:
+        """The frames of a thread that the user sees, the innermost first."""
+        if self.stop is not None and self.stop.thread_id == thread_id:
+            frame = self.stop.frame
+        else:
+            frame = programs_frames().get(thread_id)
+        frames = []
+        while frame is not None:
+            if not optmonitoring.IsInternalFrame(frame):
+                frames.append(self._numbered(thread_id, frame))
+            frame = frame.f_back
+        return frames
+
+    def _numbered(self, thread_id: int, frame: FrameType) -> Frame:
+        known = self._by_frame.get(id(frame))
+        if known is None:
+            self._last_number += 1
+            known = Frame(self._last_number, thread_id, frame, frame.f_lineno or frame.f_code.co_firstlineno)
+            self._by_frame[id(frame)] = self._frames[self._last_number] = known
+        return known
+
+    def frame(self, number: int) -> Frame | None:
+        return self._frames.get(number)
+
+    # -- variables ---------------------------------------------------------------------------------
+
+    def add(self, node: Node) -> int:
+        """A number under which the client may ask for what `node` has."""
+        self._last_number += 1
+        self._nodes[self._last_number] = node
+        return self._last_number
+
+    def node(self, number: int) -> Node | None:
+        return self._nodes.get(number)
+
+    def rows(self, children: list[Child], is_hex: bool = False) -> list[dict[str, Any]]:
+        """The protocol's form of variables: their reprs, and numbers for what can be opened."""
+        shown = [child for child in children if child.get is None and not isinstance(child.value, variables.Node)]
+        texts = iter(list(rendering.page(self.boxed, [child.value for child in shown], is_hex=is_hex)))
+        return [self._row(child, texts) for child in children]
+
+    def _row(self, child: Child, texts: Any) -> dict[str, Any]:
+        row: dict[str, Any] = {"name": child.name, "variablesReference": 0}
+        hint: dict[str, Any] = {}
+        if child.role:
+            hint["kind"] = child.role
+        if child.evaluate_name is not None:
+            row["evaluateName"] = child.evaluate_name
+        if isinstance(child.value, variables.Node):
+            row["value"] = ""
+            row["variablesReference"] = self.add(child.value)
+        elif child.get is not None:
+            row["value"] = ""
+            hint["lazy"] = True
+            row["variablesReference"] = self.add(variables.LazyNode(child.get, child.evaluate_name))
+        else:
+            row["value"] = next(texts)
+            row.update(self.describe(child.value, child.evaluate_name))
+            if isinstance(child.value, str):
+                hint["attributes"] = ["rawString"]
+        if hint:
+            row["presentationHint"] = hint
+        return row
+
+    def describe(self, value: object, path: str | None) -> dict[str, Any]:
+        """Type, and what can be opened, of a value."""
+        about: dict[str, Any] = {"type": rendering.type_name(type(value)), "variablesReference": 0}
+        node = variables.node_for(value, path, rendering.render)
+        if node is not None:
+            about["variablesReference"] = self.add(node)
+            if node.indexed_count():
+                about["indexedVariables"] = node.indexed_count()
+        if isinstance(value, (bytes, bytearray, memoryview)):
+            about["memoryReference"] = str(self.add(variables.BytesNode(value)))
+        return about

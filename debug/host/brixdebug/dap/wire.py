@@ -1,0 +1,210 @@
+"""Protocol messages on a stream of bytes: framed by a header, bounded, written by any thread.
+
+    Content-Length: 119\r\n\r\n{"seq": 1, "type": "request", ...}
+
+What comes from a peer is not trusted: a header or a message that is too long, or is no
+JSON object, is a `WireError`, and no more than the limit was ever held in memory.
+"""
+
+from __future__ import annotations
+
+import json
+import os
+import select
+import threading
+import time
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from collections.abc import Callable
+    from typing import Any
+
+MAX_HEADER_BYTES = 4096
+MAX_MESSAGE_BYTES = 64 << 20
+MAX_STRANGERS_BYTES = 1 << 16       # of one message, from a peer that has not shown its secret
+
+_CHUNK_BYTES = 1 << 16
+
+
+class WireError(Exception):
+    """The peer does not speak the protocol; the text says how."""
+
+
+class Timeout(WireError):
+    """The peer has not said enough in time."""
+
+
+class Wire:
+    """One connection to a peer, by the descriptors to read from and to write to."""
+
+    def __init__(self, read_descriptor: int, write_descriptor: int, owner: object = None) -> None:
+        """`owner` keeps the descriptors open for as long as this object lives: a socket, or files."""
+        self._in = read_descriptor
+        self._out = write_descriptor
+        self._owner = owner
+        self._unread = bytearray()
+        self._wanted: int | None = None      # bytes of the message whose header has been read
+        self._writing = threading.Lock()
+        self._seq = 0
+        self.max_message_bytes = MAX_MESSAGE_BYTES
+        self.is_closed = False
+
+    # -- reading -----------------------------------------------------------------------
+
+    def read(self, seconds: float | None = None) -> dict[str, Any] | None:
+        """The next message, None at the end of the stream; `Timeout` after `seconds`.
+
+        Raises WireError for what is no message.  The rest of the stream is of no use then.
+        """
+        deadline = None if seconds is None else time.monotonic() + seconds
+        while (message := self._take()) is None:
+            if not self._read_some(deadline):
+                if self._unread:
+                    raise WireError("the stream ends inside a message")
+                return None
+        return message
+
+    def _take(self) -> dict[str, Any] | None:
+        """The first message of what has been read, None while it is not whole."""
+        if self._wanted is None:
+            end = self._unread.find(b"\r\n\r\n", 0, MAX_HEADER_BYTES + 4)
+            if end < 0:
+                if len(self._unread) > MAX_HEADER_BYTES:
+                    raise WireError("a header of more than %d bytes" % MAX_HEADER_BYTES)
+                return None
+            self._wanted = self._checked_length(bytes(self._unread[:end]))
+            del self._unread[:end + 4]
+        if len(self._unread) < self._wanted:
+            return None
+        body = bytes(self._unread[:self._wanted])
+        del self._unread[:self._wanted]
+        self._wanted = None
+        return _parse(body)
+
+    def _checked_length(self, header: bytes) -> int:
+        length = _content_length(header)
+        if length > self.max_message_bytes:
+            raise WireError("a message of %d bytes; at most %d are taken" % (length, self.max_message_bytes))
+        return length
+
+    def _read_some(self, deadline: float | None) -> bool:
+        if deadline is not None and not _is_readable(self._in, deadline - time.monotonic()):
+            raise Timeout("no whole message in time")
+        try:
+            data = os.read(self._in, _CHUNK_BYTES)
+        except OSError:                      # the peer has gone, or this side has closed
+            data = b""
+        self._unread += data
+        return bool(data)
+
+    # -- writing -----------------------------------------------------------------------
+
+    def send(self, message: dict[str, Any]) -> bool:
+        """Write a message, whose `seq` is given here; False when the peer has gone."""
+        with self._writing:
+            self._seq += 1
+            message["seq"] = self._seq
+            return self._write(message)
+
+    def pass_on(self, message: dict[str, Any]) -> bool:
+        """Write a message of somebody else's as it is."""
+        with self._writing:
+            return self._write(message)
+
+    def _write(self, message: dict[str, Any]) -> bool:
+        body = json.dumps(message).encode()
+        view = memoryview(b"Content-Length: %d\r\n\r\n%s" % (len(body), body))
+        if self.is_closed:
+            return False
+        while view:
+            try:
+                view = view[os.write(self._out, view):]
+            except OSError:
+                self.is_closed = True
+                return False
+        return True
+
+    def respond(self, request: dict[str, Any], body: dict[str, Any] | None = None) -> bool:
+        """The answer to a request that succeeded."""
+        message = {"type": "response", "request_seq": request["seq"], "success": True,
+                   "command": request["command"]}
+        if body is not None:
+            message["body"] = body
+        return self.send(message)
+
+    def refuse(self, request: dict[str, Any], text: str, short: str | None = None,
+               shows: bool = False) -> bool:
+        """The answer to one that failed: `text` for the user; `short` for programs ("cancelled", "notStopped")."""
+        error = {"id": 1, "format": "{text}", "variables": {"text": text}, "showUser": shows}
+        return self.send({"type": "response", "request_seq": request["seq"], "success": False,
+                          "command": request["command"], "message": short or text,
+                          "body": {"error": error}})
+
+    def request(self, command: str, arguments: dict[str, Any],
+                on_sending: Callable[[int], None] | None = None) -> bool:
+        """Ask the peer for something; `on_sending` gets the number that its response will refer to, before it goes."""
+        with self._writing:
+            self._seq += 1
+            if on_sending is not None:
+                on_sending(self._seq)
+            return self._write({"seq": self._seq, "type": "request", "command": command, "arguments": arguments})
+
+    def event(self, name: str, body: dict[str, Any] | None = None) -> bool:
+        message: dict[str, Any] = {"type": "event", "event": name}
+        if body is not None:
+            message["body"] = body
+        return self.send(message)
+
+    def close(self) -> None:
+        """No more is written; a thread that reads finds the end of the stream."""
+        self.is_closed = True
+        close = getattr(self._owner, "shutdown", None)
+        if close is not None:
+            try:
+                close(2)                     # both ways: wakes the reader, unlike close()
+            except OSError:
+                pass
+
+
+    def drop(self) -> None:
+        """In a forked child: the connection is the parent's."""
+        self.is_closed = True
+        close = getattr(self._owner, "close", None)
+        if close is not None:
+            close()
+
+
+def _is_readable(descriptor: int, seconds: float) -> bool:
+    poll = select.poll()                     # select() knows no descriptor above 1023
+    poll.register(descriptor, select.POLLIN)
+    return bool(poll.poll(max(0, seconds) * 1000))
+
+
+def _content_length(header: bytes) -> int:
+    for line in header.split(b"\r\n"):
+        name, has_value, value = line.partition(b":")
+        if has_value and name.strip().lower() == b"content-length":
+            text = value.strip()
+            if text.isdigit() and len(text) < 16:
+                return int(text)
+            raise WireError("a Content-Length that is no number: %r" % text[:40])
+    raise WireError("a header without Content-Length: %r" % header[:80])
+
+
+def _parse(body: bytes) -> dict[str, Any]:
+    try:
+        message = json.loads(body)
+    except (ValueError, RecursionError) as error:
+        raise WireError("a message that is no JSON: %s" % error) from None
+    if not isinstance(message, dict):
+        raise WireError("a message that is no JSON object")
+    kind = message.get("type")
+    if kind == "request":
+        if isinstance(message.get("seq"), int) and isinstance(message.get("command"), str):
+            return message
+    elif kind == "response":
+        if isinstance(message.get("request_seq"), int):
+            return message
+    elif kind == "event":
+        return message
+    raise WireError("a message that is neither request nor response nor event: %.80r" % body)

@@ -1,0 +1,307 @@
+"""Stops under the debug adapter: breakpoints, steps, pauses, and looking at values."""
+
+import unittest
+
+from dap_client import AdapterTestCase
+from session import line_of
+
+THREADS = """\
+    import threading
+
+    def work(n):
+        total = n + 1
+        return total                    # work
+
+    def main():
+        result = work(1)                # call
+        return result                   # after
+
+    thread = threading.Thread(target=work, args=(10,), name="worker")
+    thread.start()
+    thread.join()
+    main()
+    print("done")                       # last
+"""
+
+
+class BreakpointTest(AdapterTestCase):
+    def test_breakpoint_holds_in_every_thread(self):
+        path = self.program(THREADS)
+        client = self.client()
+        line = line_of(path, "work")
+        client.launch(path, {path: [line]})
+        stop = client.wait_for_stop("breakpoint")
+        self.assertEqual(stop["hitBreakpointIds"], [client.breakpoints[path][0]["id"]])
+        names = {each["id"]: each["name"] for each in client.ask("threads")["threads"]}
+        self.assertEqual((names[1], names[stop["threadId"]]), ("MainThread", "worker"))
+        self.assertEqual(client.place(stop["threadId"]), ("work", line))
+        client.go_on()
+        stop = client.wait_for_stop("breakpoint")
+        self.assertEqual(stop["threadId"], 1)
+        client.go_on()
+        self.assertEqual(client.finish(), 0)
+
+    def test_line_without_a_statement_moves_on_to_the_next(self):
+        path = self.program("def f():\n    # a comment\n\n    x = 1\n    return x\nf()\n# the end\n")
+        client = self.client()
+        client.launch(path, {path: [2, 7]})
+        first, last = client.breakpoints[path]
+        self.assertEqual((first["verified"], first["line"]), (True, 4))
+        self.assertEqual((last["verified"], last["message"]), (False, "no statement begins on this line or after it"))
+        self.assertEqual(client.wait_for_stop("breakpoint")["frame"]["line"], 4)
+
+    def test_condition(self):
+        path = self.program("for i in range(10):\n    x = i\n")
+        client = self.client()
+        client.launch(path, {path: [{"line": 2, "condition": "i == 7"}]})
+        stop = client.wait_for_stop("breakpoint")
+        self.assertEqual(client.evaluate("i", stop["frame"]["id"]), "7")
+        client.go_on()
+        client.finish()
+
+    def test_condition_that_is_none_is_said(self):
+        path = self.program("x = 1\n")
+        client = self.client()
+        client.launch(path, {path: [{"line": 1, "condition": "x ="}]})
+        row, = client.breakpoints[path]
+        self.assertFalse(row["verified"])
+        self.assertTrue(row["message"].startswith("the condition is no expression: "), row)
+        client.finish()
+
+    def test_breakpoints_are_replaced_while_the_program_runs_and_while_it_stands(self):
+        path = self.program("""\
+            import time
+            def f():
+                x = 1                   # first
+                y = 2                   # second
+            running = True
+            while running:
+                f()
+                time.sleep(0.01)
+        """)
+        client = self.client()
+        client.launch(path)
+        client.set_breakpoints(path, [line_of(path, "first")])
+        self.assertEqual(client.wait_for_stop("breakpoint")["frame"]["line"], line_of(path, "first"))
+        client.set_breakpoints(path, [line_of(path, "second")])
+        client.go_on()
+        self.assertEqual(client.wait_for_stop("breakpoint")["frame"]["line"], line_of(path, "second"))
+        client.set_breakpoints(path, [])
+        client.evaluate("globals().update(running=False)", client.frames(1)[0]["id"])
+        client.go_on()
+        self.assertEqual(client.finish(), 0)
+
+    def test_file_that_is_not_there(self):
+        client = self.client()
+        client.launch(self.program("pass"), {"/no/such/file.py": [1]})
+        row, = client.breakpoints["/no/such/file.py"]
+        self.assertEqual((row["verified"], row["message"]),
+                         (False, "there is no file /no/such/file.py where the program runs"))
+        client.finish()
+
+    def test_lines_that_can_have_one(self):
+        path = self.program("def f(a):\n    # no\n    x = (a +\n         f(2))\n    return x\n")
+        client = self.client()
+        client.launch(path, stopOnEntry=True)
+        rows = client.ask("breakpointLocations", source={"path": str(path)}, line=1, endLine=5)["breakpoints"]
+        self.assertEqual([row["line"] for row in rows], [1, 3, 4, 5])
+
+
+class StepTest(AdapterTestCase):
+    def setUp(self):
+        super().setUp()
+        self.path = self.program(THREADS)
+        self.line = {name: line_of(self.path, name) for name in ("work", "call", "after", "last")}
+
+    def stopped_client(self, name):
+        client = self.client()
+        client.launch(self.path, {self.path: [self.line[name]]})
+        client.wait_for_stop("breakpoint")
+        return client
+
+    def test_next_in_and_out(self):
+        client = self.stopped_client("call")
+        client.go_on("stepIn")
+        self.assertEqual(client.wait_for_stop("step")["frame"]["name"], "work")
+        client.go_on("next")
+        self.assertEqual(client.wait_for_stop("step")["frame"]["line"], self.line["work"])
+        client.go_on("stepOut")
+        stop = client.wait_for_stop("step")
+        self.assertEqual(stop["frame"]["line"], self.line["call"])
+        self.assertEqual(client.locals(stop["frame"]["id"])["(return) work"]["value"], "2")
+        client.go_on("next")
+        self.assertEqual(client.wait_for_stop("step")["frame"]["line"], self.line["after"])
+        client.go_on("next")                 # off the end: back in the caller
+        self.assertEqual(client.wait_for_stop("step")["frame"]["name"], "<module>")
+        client.go_on("next")
+        self.assertEqual(client.wait_for_stop("step")["frame"]["line"], self.line["last"])
+        client.go_on("next")
+        self.assertEqual(client.finish(), 0)
+
+    def test_step_off_a_raise_goes_on_in_the_handler(self):
+        path = self.program("""\
+            def fail():
+                raise ValueError            # raise
+            try:
+                fail()
+            except ValueError:
+                x = 1
+        """, "raising.py")
+        client = self.client()
+        client.launch(path, {path: [line_of(path, "raise")]})
+        client.wait_for_stop("breakpoint")
+        places = []
+        for _ in range(3):
+            client.go_on("next")
+            places.append(client.wait_for_stop("step")["frame"]["line"])
+        self.assertEqual(places, [4, 5, 6])
+
+    def test_goto(self):
+        path = self.program("x = 1\nx = 2\nx = 3\nprint(x)\n")
+        client = self.client()
+        client.launch(path, {path: [2]})
+        client.wait_for_stop("breakpoint")
+        target, = client.ask("gotoTargets", source={"path": str(path)}, line=4)["targets"]
+        client.ask("goto", threadId=1, targetId=target["id"])
+        self.assertEqual(client.wait_for_stop("goto")["frame"]["line"], 4)
+        client.go_on()
+        client.finish()
+        self.assertEqual(client.output["stdout"], "1\n")
+
+    def test_pause_finds_threads_in_python_and_in_c_code_and_steps_each(self):
+        path = self.program("""\
+            import threading, time
+            done = False
+            def spin():
+                while not done:
+                    pass
+            def main():
+                time.sleep(1000)
+            threading.Thread(target=spin, name="spinner", daemon=True).start()
+            print("ready")
+            main()
+        """, "pausing.py")
+        client = self.client()
+        client.launch(path)
+        while "ready" not in client.output.get("stdout", ""):
+            client.take()
+        client.ask("pause", threadId=1)
+        stop = client.wait_for_stop("pause")
+        self.assertEqual((stop["threadId"], stop["frame"]["name"]), (1, "main"))
+        spinner = next(each["id"] for each in client.ask("threads")["threads"] if each["name"] == "spinner")
+        self.assertEqual(client.place(spinner)[0], "spin")
+        client.go_on("next", spinner)
+        self.assertEqual(client.wait_for_stop("step")["threadId"], spinner)
+        client.go_on()
+        client.ask("disconnect")
+
+
+class ValuesTest(AdapterTestCase):
+    def at_end_of(self, text):
+        path = self.program(text + "\nend_of_program = 1\n")
+        client = self.client()
+        client.launch(path, {path: [len(path.read_text().splitlines())]})
+        self.frame_id = client.wait_for_stop("breakpoint")["frame"]["id"]
+        return client
+
+    def test_lists_and_dicts_are_paged(self):
+        client = self.at_end_of("big = list(range(100000))\npairs = {'k%d' % n: n for n in range(5000)}")
+        rows = client.locals(self.frame_id)
+        self.assertEqual((rows["big"]["indexedVariables"], rows["big"]["type"]), (100000, "list"))
+        page = client.variables(rows["big"]["variablesReference"], filter="indexed", start=99990, count=20)
+        self.assertEqual([(name, row["value"], row["evaluateName"]) for name, row in page.items()],
+                         [(str(n), str(n), "big[%d]" % n) for n in range(99990, 100000)])
+        page = client.variables(rows["pairs"]["variablesReference"], filter="indexed", start=2, count=1)
+        self.assertEqual([(name, row["value"], row["evaluateName"]) for name, row in page.items()],
+                         [("'k2'", "2", "pairs['k2']")])
+        self.assertLess(len(rows["big"]["value"]), 1100)
+
+    def test_hostile_values_are_shown_as_what_they_are(self):
+        client = self.at_end_of("""\
+            import time
+            class Slow:
+                def __repr__(self):
+                    time.sleep(1000)
+            class Bad:
+                def __repr__(self):
+                    raise ValueError("no")
+            class Deep:
+                def __repr__(self):
+                    return repr(Deep())
+            slow, bad, deep = Slow(), Bad(), Deep()
+            own = []
+            own.append(own)
+            huge = 1 << 10000000
+            after = "shown all the same"
+        """.replace("            ", ""))
+        rows = client.locals(self.frame_id)
+        self.assertEqual(rows["slow"]["value"], "<Slow: its repr has not ended after 1 s>")
+        self.assertEqual(rows["bad"]["value"], "<Bad: its repr raised ValueError: no>")
+        self.assertRegex(rows["deep"]["value"], "^<Deep: its repr raised RecursionError: ")
+        self.assertEqual(rows["own"]["value"], "[[...]]")
+        self.assertEqual(rows["huge"]["value"], "<int of about 3010301 digits>")
+        self.assertEqual(rows["after"]["value"], "'shown all the same'")
+
+    def test_properties_are_calls_that_the_user_asks_for(self):
+        client = self.at_end_of("""\
+            class Thing:
+                calls = 0
+                def __init__(self):
+                    self.kept = 5
+                @property
+                def asked(self):
+                    Thing.calls += 1
+                    return "answer"
+            thing = Thing()
+        """.replace("            ", ""))
+        rows = client.variables(client.locals(self.frame_id)["thing"]["variablesReference"])
+        self.assertEqual(rows["kept"]["value"], "5")
+        self.assertTrue(rows["asked"]["presentationHint"]["lazy"])
+        self.assertEqual(client.evaluate("Thing.calls", self.frame_id), "0")
+        answer = client.variables(rows["asked"]["variablesReference"])
+        self.assertEqual([row["value"] for row in answer.values()], ["'answer'"])
+
+    def test_evaluate_expressions_statements_and_errors(self):
+        client = self.at_end_of("numbers = [1, 2]")
+        self.assertEqual(client.evaluate("sum(numbers)", self.frame_id, "watch"), "3")
+        self.assertEqual(client.evaluate("numbers.append(3)", self.frame_id), "")
+        self.assertEqual(client.evaluate("total = sum(numbers)", self.frame_id), "")
+        self.assertEqual(client.evaluate("total", self.frame_id), "6")
+        self.assertEqual(client.refused("evaluate", expression="1/0", frameId=self.frame_id),
+                         "ZeroDivisionError: division by zero")
+        self.assertEqual(client.refused("evaluate", expression="nothing", frameId=self.frame_id, context="hover"),
+                         "NameError: name 'nothing' is not defined")
+
+    def test_set_variable_and_expression(self):
+        client = self.at_end_of("numbers = [1, 2]\npairs = {'a': 1}\nname = 'old'")
+        scope = client.ask("scopes", frameId=self.frame_id)["scopes"][0]["variablesReference"]
+        rows = client.variables(scope)
+        self.assertEqual(client.ask("setVariable", variablesReference=scope, name="name", value="'new'")["value"], "'new'")
+        client.ask("setVariable", variablesReference=rows["numbers"]["variablesReference"], name="1", value="20")
+        client.ask("setVariable", variablesReference=rows["pairs"]["variablesReference"], name="'a'", value="10")
+        client.ask("setExpression", expression="pairs['b']", value="30", frameId=self.frame_id)
+        self.assertEqual(client.evaluate("name, numbers, pairs", self.frame_id), "('new', [1, 20], {'a': 10, 'b': 30})")
+        self.assertEqual(client.refused("setVariable", variablesReference=scope, name="name", value="1 +"),
+                         "SyntaxError: invalid syntax (<expression>, line 1)")
+
+    def test_completions(self):
+        client = self.at_end_of("numbers = [1]")
+        targets = client.ask("completions", text="x = numbers.app", column=16, frameId=self.frame_id)["targets"]
+        self.assertEqual(targets, [{"label": "append", "start": 12, "length": 3}])
+
+    def test_memory(self):
+        client = self.at_end_of("data = bytes(range(256))")
+        row = client.locals(self.frame_id)["data"]
+        body = client.ask("readMemory", memoryReference=row["memoryReference"], offset=250, count=10)
+        self.assertEqual(body, {"address": "0xfa", "data": "+vv8/f7/", "unreadableBytes": 4})
+
+    def test_numbers_of_an_earlier_stop_are_refused(self):
+        client = self.at_end_of("x = 1")
+        scope = client.ask("scopes", frameId=self.frame_id)["scopes"][0]["variablesReference"]
+        client.go_on("next")
+        client.wait_for("exited")
+        self.assertNotEqual(scope, 0)
+
+
+if __name__ == "__main__":
+    unittest.main()
