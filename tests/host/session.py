@@ -126,6 +126,16 @@ class Session:
         self._wait_until_main_thread_sleeps()
         self.interrupt()
 
+    def wait_until_asleep(self):
+        """Until the main thread waits in C code."""
+        self._wait_until_main_thread_sleeps()
+
+    def interrupt_in_c_code(self, times=1):
+        """Ctrl-C, TIMES in a row, once the main thread waits in C code."""
+        self._wait_until_main_thread_sleeps()
+        for _ in range(times):
+            self.interrupt()
+
     def interrupt_sleeping(self):
         """An interrupt of a child whose main thread sleeps in C code, up to where it has dealt with it and sleeps again."""
         sleeps = self._wait_until_main_thread_sleeps()

@@ -10,7 +10,6 @@ from __future__ import annotations
 import contextlib
 import os
 import pdb
-import signal
 import sys
 import threading
 
@@ -23,6 +22,7 @@ from brixdebug.engine import Bdb, BdbQuit
 from brixdebug.monitor import monitor
 from brixdebug.suspension import debugged_frames
 from brixdebug.switches import MonitorError
+from brixdebug.terminal import Terminal
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -32,8 +32,6 @@ if TYPE_CHECKING:
     from typing import Any
 
     class _StandardDebugger(pdb.Pdb):
-        _previous_sigint_handler: Any
-
         def _run(self, target: Any) -> None: ...
 else:
     _StandardDebugger = pdb.Pdb
@@ -51,7 +49,7 @@ def _is_on_descriptor_0(file: Any) -> bool:
         return file is not None            # the program has put something of its own there
 
 
-class Debugger(Commands, _StandardDebugger, Bdb):
+class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
     """`pdb.Pdb` for every thread."""
 
     # Whether this is the debugger of a command line, whose quit ends the program.
@@ -113,7 +111,7 @@ class Debugger(Commands, _StandardDebugger, Bdb):
         with monitor.turn.lock, monitor.suspension.others_held():
             streams.capture.begin_stop(self)
             try:
-                with self._standard_input():
+                with self._standard_input(), self.at_prompt(args[0] is None):
                     return super().interaction(*args, **kwargs)
             finally:
                 self._leave_selected_thread()
@@ -150,26 +148,10 @@ class Debugger(Commands, _StandardDebugger, Bdb):
             frame.f_trace = self.trace_dispatch
         monitor.needs_changed(self)
 
-    def sigint_handler(self, signum: Any, frame: Any) -> None:
-        if monitor.suspension.holder not in (None, threading.get_ident()):
-            return            # the prompt is another thread's, and this one is not to die of it
-        state = self.stop_states.own()
-        muted, state.is_muted = state.is_muted, True
-        try:
-            super().sigint_handler(signum, frame)
-        finally:
-            state.is_muted = muted
-
     def after_fork_in_child(self) -> None:
         super().after_fork_in_child()
         if self.is_left_alone:
-            self._give_interrupts_back()
-
-    def _give_interrupts_back(self) -> None:
-        """Ctrl-C is for the program again; it may have a handler of its own by now."""
-        if signal.getsignal(signal.SIGINT) == self.sigint_handler:
-            signal.signal(signal.SIGINT, _StandardDebugger._previous_sigint_handler or signal.default_int_handler)
-            _StandardDebugger._previous_sigint_handler = None
+            self.give_back_interrupts()
 
     def postcmd(self, stop: bool, line: str) -> bool:
         """A child that is forked at the prompt does not stay there, unless it is followed."""

@@ -24,6 +24,7 @@ from brixbase import dlog
 from brixdebug import compat
 from brixdebug.breakpoints import is_pseudo_file
 from brixdebug.decisions import Breakpoint, still_stops
+from brixdebug.interrupts import Interruption
 from brixdebug.monitor import monitor
 from brixdebug.reporting import Reporter
 from brixdebug.stops import PerThread, StopStates
@@ -96,6 +97,7 @@ class Bdb(compat.TraceBase):
     _keeps_tracing = False
 
     stop_states: StopStates
+    interruption: Interruption
     _first_names: dict[str | None, str]       # canonical pathname -> the name that was seen first
 
     def __init_subclass__(cls, **kwargs: Any) -> None:
@@ -111,6 +113,7 @@ class Bdb(compat.TraceBase):
         # Not in __init__: classes with several bases call the standard one by name.
         self = super().__new__(cls)
         self.stop_states = StopStates()
+        self.interruption = Interruption(self._stop_soon, self._stop_inside)
         self._first_names = {}
         return self
 
@@ -146,6 +149,45 @@ class Bdb(compat.TraceBase):
         finally:
             self._keeps_tracing = keeps_tracing
             state.is_muted = muted
+
+    def interrupt(self, frame: FrameType, is_knock: bool = False) -> None:
+        """Stop the main thread as soon as it can be; called by the handler of a signal, with its frame."""
+        state = self.stop_states.own()
+        muted, state.is_muted = state.is_muted, True
+        try:
+            self.interruption.want(frame, muted or monitor.is_at_work, is_knock)
+        finally:
+            state.is_muted = muted
+
+    def can_stop_inside(self) -> bool:
+        """True when the calling thread may stop where it is: in a signal handler, inside C code."""
+        return True
+
+    def _stop_soon(self, frame: FrameType) -> None:
+        """The calling thread, which is in `frame`, stops at its next event."""
+        Bdb.set_trace(self, frame)            # not a derived class's, which may refuse during an event
+
+    def _stop_inside(self, frame: FrameType) -> None:
+        """The thread is inside C code that `frame` called: stop there, without an event."""
+        while optmonitoring.IsInternalFrame(frame) and frame.f_back is not None:
+            frame = frame.f_back
+        if not self.can_stop_inside():
+            return
+        state = self.stop_states.own()
+        before = state.stopped_frame, state.enterframe
+        monitor.enter_event()
+        try:
+            if monitor.debugger is self and self.interruption.is_wanted:
+                state.enterframe = frame
+                self._stop_in(frame)
+                self.user_line(frame)
+                compat.give_locals_back(frame)
+        finally:
+            state.stopped_frame, state.enterframe = before
+            monitor.leave_event()
+        if self.quitting:
+            monitor.raiser.ended_thread_ids.add(state.thread_id)
+            raise BdbQuit
 
     def set_continue(self) -> None:
         """Stop at breakpoints only.  One that is set later, by any thread, holds too."""

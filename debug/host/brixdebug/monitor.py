@@ -123,6 +123,26 @@ class Monitor:
         """An event is being reported, or an exception of one has still to be raised."""
         return self.turn.depth > 0 or self.raiser.is_busy
 
+    @property
+    def is_at_work(self) -> bool:
+        """The calling thread is in the middle of the debugger's own work."""
+        return bool(self.turn.lock._is_owned() or self.switches.lock._is_owned())
+
+    def enter_event(self) -> BaseException | None:
+        """The calling thread reports; what a signal handler raised while it waited is returned."""
+        interruption = self.turn.take()
+        self.turn.depth += 1
+        return interruption
+
+    def leave_event(self) -> None:
+        """The calling thread has reported: the turn is another's."""
+        self.turn.depth -= 1
+        try:
+            if not self.is_busy:
+                self.settle()
+        finally:
+            self.turn.lock.release()
+
     def settle(self) -> None:
         """The end of an event: do what had to wait for it."""
         if self.debugger is None:
@@ -270,6 +290,7 @@ class Monitor:
         if self.debugger is None:
             return
         self.debugger.stop_states.keep_only_own()
+        self.debugger.interruption.end()      # its helper thread is gone
         self.debugger.after_fork_in_child()
 
 

@@ -9,6 +9,7 @@ if TYPE_CHECKING:
     from typing import Any, Protocol
 
     from brixdebug.decisions import Point
+    from brixdebug.interrupts import Interruption
     from brixdebug.stops import StopStates
 
     class TracedDebugger(Protocol):
@@ -19,6 +20,7 @@ if TYPE_CHECKING:
         wants_calls: bool             # user_call has to be called in code with breakpoints
         decides_early: bool           # breakpoints may be decided before trace_dispatch is called
         stop_states: StopStates
+        interruption: Interruption
 
         def trace_dispatch(self, frame: FrameType, event: str, arg: Any) -> Any: ...
         def break_anywhere(self, frame: FrameType) -> bool: ...

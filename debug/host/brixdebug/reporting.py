@@ -38,7 +38,6 @@ class Reporter:
     def __init__(self, monitor: Monitor) -> None:
         self._monitor = monitor
         self._switches = monitor.switches
-        self._turn = monitor.turn
         self._decisions = monitor.decisions
         self._raiser = monitor.raiser
         self._switches.report_to({
@@ -202,8 +201,7 @@ class Reporter:
 
     def _report(self, debugger: TracedDebugger, frame: FrameType, name: str, value: object) -> None:
         """Hand one event to the debugger; one thread at a time gets through."""
-        interruption = self._turn.take()
-        self._turn.depth += 1
+        interruption = self._monitor.enter_event()
         try:
             if interruption is not None:
                 self._raiser.raise_in_program(interruption)
@@ -212,12 +210,7 @@ class Reporter:
         except BaseException as error:
             self._report_failed(debugger, frame, error)
         finally:
-            self._turn.depth -= 1
-            try:
-                if not self._monitor.is_busy:
-                    self._monitor.settle()
-            finally:
-                self._turn.lock.release()
+            self._monitor.leave_event()
 
     def _report_failed(self, debugger: TracedDebugger, frame: FrameType, error: BaseException) -> None:
         if is_of_signal_handler(error):
@@ -241,6 +234,8 @@ class Reporter:
                 compat.give_locals_back(frame)
             state.decision = None
             state.enterframe = None       # 3.13 keeps it, and with it the frame's variables
+        if debugger.interruption.is_wanted and not debugger.quitting:
+            debugger.interruption.at_end_of_event(frame)
         if debugger.quitting or state.is_free and not debugger.breaks:
             frame.f_trace = None
         elif trace is not None:

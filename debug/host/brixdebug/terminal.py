@@ -1,0 +1,212 @@
+"""The prompt at a terminal: whose Ctrl-C it is, and where a line is read when the usual place is busy."""
+
+from __future__ import annotations
+
+import contextlib
+import io
+import os
+import pdb
+import signal
+import threading
+
+from brixdebug.engine import Bdb
+from brixdebug.monitor import monitor
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from collections.abc import Iterator
+    from types import FrameType
+    from typing import Any
+
+    class _StandardDebugger(pdb.Pdb, Bdb):
+        use_rawinput: bool
+        nosigint: bool
+        def _cmdloop(self) -> None: ...
+else:
+    _StandardDebugger = object
+
+_COMMAND_LOOP = pdb.Pdb.cmdloop.__code__
+_INTERACTION = pdb.Pdb.interaction.__code__
+
+# What `input` raises in the middle of an `input` of the program's.
+_BUSY_INPUT = "can't re-enter readline"
+
+
+class PlainInput:
+    """Reads lines from a descriptor, with nothing between that the program may be in the middle of."""
+
+    encoding = "utf-8"
+
+    def __init__(self, descriptor: int) -> None:
+        self._descriptor = descriptor
+
+    def fileno(self) -> int:
+        return self._descriptor
+
+    def readline(self) -> str:
+        """The next line; the empty text at the end.  What follows it is left for the program."""
+        line = b""
+        while not line.endswith(b"\n"):
+            byte = os.read(self._descriptor, 1)
+            if not byte:
+                break
+            line += byte
+        return line.decode("utf-8", "replace")
+
+
+@contextlib.contextmanager
+def _edited_by_terminal(descriptor: int) -> Iterator[None]:
+    """The terminal collects and shows whole lines, whatever `readline` has made of it for the program."""
+    if not os.isatty(descriptor):
+        yield
+        return
+    import termios
+    before = termios.tcgetattr(descriptor)
+    modes = list(before)
+    modes[0] |= termios.ICRNL
+    modes[1] |= termios.OPOST | termios.ONLCR
+    modes[3] |= termios.ICANON | termios.ECHO | termios.ECHOE | termios.ECHOK | termios.ISIG | termios.IEXTEN
+    termios.tcsetattr(descriptor, termios.TCSADRAIN, modes)
+    try:
+        yield
+    finally:
+        termios.tcsetattr(descriptor, termios.TCSADRAIN, before)
+
+
+def _is_busy(stream: Any) -> bool:
+    """True in the middle of a write to `stream`: another would fail, and lose text of the program."""
+    buffer = getattr(stream, "buffer", None)
+    if not isinstance(buffer, (io.BufferedWriter, io.BufferedRandom)):
+        return False
+    try:
+        buffer.flush()
+    except RuntimeError:
+        return True
+    except Exception:                         # a full disk is not what was asked
+        pass
+    return False
+
+
+def _is_being_read(stream: Any) -> bool:
+    """True in the middle of a read from `stream`."""
+    buffer = getattr(stream, "buffer", None)
+    if not isinstance(buffer, io.BufferedReader):
+        return False
+    try:
+        buffer.readinto(bytearray())
+    except RuntimeError:
+        return True
+    except Exception:
+        pass
+    return False
+
+
+_prompting: list[Terminal] = []               # the debuggers that are at a prompt, the innermost last
+_programs_handler: Any = None                 # of SIGINT, what it was before it was ours
+
+
+class Terminal(_StandardDebugger):
+    """The part of `Debugger` that deals with the terminal."""
+
+    _is_leaving = False                       # the command that ends the prompt has been given
+
+    # -- Ctrl-C --------------------------------------------------------------------------
+
+    @contextlib.contextmanager
+    def at_prompt(self, is_post_mortem: bool) -> Iterator[None]:
+        """Inside, the calling thread is at the prompt."""
+        self._is_leaving = False
+        is_main = threading.get_ident() == threading.main_thread().ident
+        if is_main:
+            self._take_interrupts()
+        _prompting.append(self)
+        try:
+            if is_main and self.interruption.end():
+                self.message("\nProgram interrupted. (Use 'cont' to resume).")
+            yield
+        finally:
+            _prompting.pop()
+            if is_main and is_post_mortem:
+                self.give_back_interrupts()
+
+    def sigint_handler(self, signum: Any, frame: Any) -> None:
+        """The handler of SIGINT, in the main thread; prints nothing, for the thread may be in a `print`."""
+        traced: Any = monitor.debugger if isinstance(monitor.debugger, Terminal) else self
+        is_knock = traced.interruption.take_knock()
+        if monitor.suspension.holder not in (None, threading.get_ident()):
+            return            # the prompt is another thread's, and this one is not to die of it
+        if self.quitting or monitor.suspension.is_ending_all:
+            if callable(_programs_handler):
+                _programs_handler(signum, frame)
+            return
+        prompting = _prompting[-1] if _prompting else None
+        if prompting is None or prompting._is_leaving or monitor.debugger not in (None, prompting):
+            traced.interrupt(frame, is_knock)
+        elif _is_in_command_loop(frame) and not is_knock:
+            raise KeyboardInterrupt
+
+    def _take_interrupts(self) -> None:
+        global _programs_handler
+        if self.nosigint:
+            return
+        handler = signal.getsignal(signal.SIGINT)
+        if not _is_ours(handler):
+            _programs_handler = handler
+            signal.signal(signal.SIGINT, self.sigint_handler)
+        pdb.Pdb._previous_sigint_handler = None       # type: ignore[attr-defined]
+
+    def give_back_interrupts(self) -> None:
+        """Ctrl-C is for the program again; it may have a handler of its own by now."""
+        if _is_ours(signal.getsignal(signal.SIGINT)) and _programs_handler is not None:
+            signal.signal(signal.SIGINT, _programs_handler)
+
+    def stop_trace(self) -> None:
+        super().stop_trace()
+        if monitor.debugger is None and threading.get_ident() == threading.main_thread().ident:
+            self.give_back_interrupts()
+
+    def can_stop_inside(self) -> bool:
+        return not _is_busy(self.stdout)
+
+    # -- reading ---------------------------------------------------------------------------
+
+    def postcmd(self, stop: bool, line: str) -> bool:
+        stop = super().postcmd(stop, line)
+        self._is_leaving = bool(stop)
+        return stop
+
+    def _cmdloop(self) -> None:
+        if not _is_being_read(self.stdin):
+            try:
+                return super()._cmdloop()
+            except RuntimeError as error:
+                if str(error) != _BUSY_INPUT:
+                    raise
+        with self._plain_input():
+            super()._cmdloop()
+
+    @contextlib.contextmanager
+    def _plain_input(self) -> Iterator[None]:
+        """The program is in the middle of an `input`: the prompt reads past it."""
+        before: Any = self.stdin, self.use_rawinput
+        self.stdin, self.use_rawinput = PlainInput(0), False      # type: ignore[assignment]
+        try:
+            with _edited_by_terminal(0):
+                yield
+        finally:
+            self.stdin, self.use_rawinput = before
+
+
+def _is_ours(handler: Any) -> bool:
+    return getattr(handler, "__func__", None) is Terminal.sigint_handler
+
+
+def _is_in_command_loop(frame: FrameType | None) -> bool:
+    """True when the innermost prompt reads a command or runs one: an exception ends up there."""
+    while frame is not None:
+        if frame.f_code is _COMMAND_LOOP:
+            return True
+        if frame.f_code is _INTERACTION:
+            return False
+        frame = frame.f_back
+    return False
