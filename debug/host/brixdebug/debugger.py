@@ -19,6 +19,7 @@ from brixbase import dlog
 from brixdebug import compat, decisions, internal, log, streams
 from brixdebug.commands import Commands
 from brixdebug.engine import Bdb, BdbQuit
+from brixdebug.exceptions import UNCAUGHT, ExceptionRule
 from brixdebug.monitor import monitor
 from brixdebug.suspension import debugged_frames
 from brixdebug.switches import MonitorError
@@ -37,7 +38,7 @@ else:
     _StandardDebugger = pdb.Pdb
 
 # What all debuggers of a process have in common.
-_SHARED_TABLES = ("breaks", "fncache", "_first_names", "commands", "commands_doprompt", "commands_silent")
+_SHARED_TABLES = ("breaks", "exception_stops", "fncache", "_first_names", "commands", "commands_doprompt", "commands_silent")
 
 _main_pid = os.getpid()
 
@@ -72,6 +73,8 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
             if was_captured:
                 streams.capture.resume()
         self._is_own_error_shown = False
+        self.exception_stops.add(ExceptionRule(UNCAUGHT))
+        self.exception_stops.is_asked_for = self._ends_program
         if isinstance(monitor.debugger, Debugger):
             self._share_with(monitor.debugger)
 

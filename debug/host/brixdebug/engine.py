@@ -25,6 +25,7 @@ from brixdebug import compat
 from brixdebug.breakpoints import is_pseudo_file
 from brixdebug.decisions import Breakpoint, still_stops
 from brixdebug.interrupts import Interruption
+from brixdebug.exceptions import ExceptionStops
 from brixdebug.monitor import monitor
 from brixdebug.reporting import Reporter
 from brixdebug.stops import PerThread, StopStates
@@ -32,10 +33,11 @@ from brixdebug.switches import MonitorError
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
-    from types import FrameType
+    from types import CodeType, FrameType
     from typing import Any, Self, SupportsInt
 
     from brixdebug.decisions import Decision, Point
+    from brixdebug.exceptions import ExceptionRule
 
 BdbQuit = bdb.BdbQuit
 
@@ -98,6 +100,7 @@ class Bdb(compat.TraceBase):
 
     stop_states: StopStates
     interruption: Interruption
+    exception_stops: ExceptionStops
     _first_names: dict[str | None, str]       # canonical pathname -> the name that was seen first
 
     def __init_subclass__(cls, **kwargs: Any) -> None:
@@ -114,6 +117,7 @@ class Bdb(compat.TraceBase):
         self = super().__new__(cls)
         self.stop_states = StopStates()
         self.interruption = Interruption(self._stop_soon, self._stop_inside)
+        self.exception_stops = ExceptionStops()
         self._first_names = {}
         return self
 
@@ -338,6 +342,44 @@ class Bdb(compat.TraceBase):
             return result
 
     # -- exceptions ------------------------------------------------------------
+
+    def trace_dispatch(self, frame: FrameType, event: str, arg: Any) -> Any:
+        dispatch = self._own_dispatchers.get(event)
+        if dispatch is None:
+            return super().trace_dispatch(frame, event, arg)
+        if self.quitting:
+            return None
+        dispatch(self, frame, *arg)
+        if self.quitting:
+            raise BdbQuit
+        return self.trace_dispatch
+
+    def _dispatch_raised(self, frame: FrameType, exception: BaseException, rule: ExceptionRule) -> None:
+        self._stop_in(frame)
+        self.user_raised(frame, exception, rule)
+
+    def _dispatch_uncaught(self, frame: FrameType, exception: BaseException, rule: ExceptionRule) -> None:
+        self.user_uncaught(frame, exception, rule)
+        self.stop_states.own().run_freely()           # there is nothing left to be stepped
+        monitor.needs_changed(self)
+
+    _own_dispatchers = {"raised": _dispatch_raised, "uncaught": _dispatch_uncaught}
+
+    def is_own_code(self, code: CodeType) -> bool:
+        """Whether the user wants to see what happens in `code`: not in how modules are imported."""
+        return optmonitoring.GetPathnameKind(code.co_filename) != optmonitoring.kFrozenImportLibPathname
+
+    def exceptions_changed(self) -> None:
+        """The rules of `exception_stops` have changed."""
+        monitor.needs_changed(self)
+
+    def user_raised(self, frame: FrameType, exception: BaseException, rule: ExceptionRule) -> None:
+        """An exception that `rule` stops at is raised in `frame`, or has come to it."""
+        self.user_exception(frame, (type(exception), exception, exception.__traceback__))     # type: ignore[arg-type]
+
+    def user_uncaught(self, frame: FrameType, exception: BaseException, rule: ExceptionRule) -> None:
+        """An exception that `rule` stops at has ended the calling thread, but for `frame`, which reports it."""
+        self.user_raised(frame, exception, rule)
 
     def reaches_program(self, exception: BaseException) -> bool:
         """True when an exception of a user_ method goes on into the program, as with `bdb.Bdb`."""

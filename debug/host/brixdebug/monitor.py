@@ -14,6 +14,7 @@ import optmonitoring
 from brixdebug import files, internal
 from brixdebug.breakpoints import BreakLines
 from brixdebug.decisions import Decisions
+from brixdebug.exceptions import RAISED, UNCAUGHT, places_of_uncaught
 from brixdebug.raising import Raiser
 from brixdebug.stops import NOWHERE
 from brixdebug.suspension import Suspension
@@ -46,6 +47,8 @@ class Monitor:
         self.suspension = Suspension(self.switches, self.turn, self.raiser,
                                      self._begin_holding, self._end_holding)
         self._needs_changed = False
+        # id of a code object -> its lines that are reached when an exception ends a thread
+        self.thread_ends: dict[int, set[int]] = {}
         os.register_at_fork(after_in_child=self._after_fork_in_child)
 
     # -- for debuggers -------------------------------------------------------------
@@ -184,6 +187,7 @@ class Monitor:
         self.raiser.ended_thread_ids.clear()
         self.break_lines.forget()
         self.decisions.forget()
+        self.thread_ends = {}
         self.switches.release()
 
     def _begin_holding(self) -> bool:
@@ -208,17 +212,33 @@ class Monitor:
         busy = [] if debugger.quitting else \
             [state for state in debugger.stop_states.all() if not state.is_free]
         is_holding = self.suspension.is_active
-        if not (busy or debugger.breaks or is_holding):
+        exception_stops = debugger.exception_stops
+        if not (busy or debugger.breaks or is_holding or exception_stops.is_asked_for):
+            self._watch_thread_ends(False)
             self.switches.need_nothing()
             return
         self.switches.claim()         # before a record is made: the hook for new code has to see it
+        self._watch_thread_ends(exception_stops.catches(UNCAUGHT))
         self.switches.need(
             is_idle=not (busy or is_holding),
             stepped=self._collect_all_stepped(debugger, busy),
             anywhere={state.thread_id for state in busy if state.stops_anywhere},
             finds=bool(debugger.breaks) or is_holding,
             unwinds=bool(busy),
+            raises=exception_stops.catches(RAISED),
             ends=self.suspension.is_ending_all)
+
+    def _watch_thread_ends(self, is_wanted: bool) -> None:
+        """Have the lines reported, or no longer, where a thread ends by an exception."""
+        if is_wanted == bool(self.thread_ends):
+            return
+        ends: dict[int, set[int]] = {}
+        for code, lines in places_of_uncaught():
+            record = optmonitoring.CPerCodeObject.GetPerCodeObject(code, True, sys._getframe())
+            self.switches.want(record, ends=lines if is_wanted else set())
+            if is_wanted:
+                ends[id(code)] = lines
+        self.thread_ends = ends
 
     def _collect_all_stepped(self, debugger: TracedDebugger,
                              busy: list[StopState]) -> dict[CPerCodeObject, int]:

@@ -5,11 +5,12 @@ from __future__ import annotations
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     from bdb import Breakpoint
-    from types import FrameType
+    from types import CodeType, FrameType
     from typing import Any, Protocol
 
     from brixdebug.decisions import Point
     from brixdebug.interrupts import Interruption
+    from brixdebug.exceptions import ExceptionStops
     from brixdebug.stops import StopStates
 
     class TracedDebugger(Protocol):
@@ -21,8 +22,10 @@ if TYPE_CHECKING:
         decides_early: bool           # breakpoints may be decided before trace_dispatch is called
         stop_states: StopStates
         interruption: Interruption
+        exception_stops: ExceptionStops
 
         def trace_dispatch(self, frame: FrameType, event: str, arg: Any) -> Any: ...
+        def is_own_code(self, code: CodeType) -> bool: ...
         def break_anywhere(self, frame: FrameType) -> bool: ...
         def points_at(self, frame: FrameType) -> tuple[Point, ...]: ...
         def user_log(self, frame: FrameType, breakpoint: Breakpoint, text: str) -> None: ...

@@ -14,6 +14,7 @@ from brixbase import dlog
 
 from brixdebug import compat
 from brixdebug.decisions import FALSE, UNDECIDED
+from brixdebug.exceptions import RAISED
 from brixdebug.raising import is_of_signal_handler
 from brixdebug.suspension import is_threading_code
 from brixdebug.switches import line_at
@@ -49,7 +50,7 @@ class Reporter:
             _events.PY_RETURN: self._on_return,
             _events.PY_YIELD: self._on_return,
             _events.PY_UNWIND: self._on_unwind,
-            _events.RAISE: self._on_exception,
+            _events.RAISE: self._on_raise,
             _events.STOP_ITERATION: self._on_exception,
             _events.INSTRUCTION: self._on_instruction,
         })
@@ -102,6 +103,8 @@ class Reporter:
         state = debugger.stop_states.own()
         if state.is_muted or self._monitor.suspension.is_ending_all and self._end_thread(frame):
             return
+        if frame.f_lineno in self._monitor.thread_ends.get(id(frame.f_code), ()):
+            self._thread_ends(debugger, frame)
         if debugger.decides_early and not state.may_stop_in(frame):
             if points is None:
                 points = debugger.points_at(frame)
@@ -164,6 +167,34 @@ class Reporter:
             self._traced(sys._getframe(1), "return", None)
         except BaseException as error:
             self._failed(error)
+
+    def _on_raise(self, code: CodeType, offset: int, exception: BaseException) -> Any:
+        try:
+            frame = sys._getframe(1)
+            if not self._stops_at_raised(frame, exception):
+                self._traced(frame, "exception", (type(exception), exception, exception.__traceback__))
+        except BaseException as error:
+            return self._failed(error)
+
+    def _stops_at_raised(self, frame: FrameType, exception: BaseException) -> bool:
+        """Whether the user wants to see it, which has been done then."""
+        debugger = self._monitor.debugger
+        if debugger is None or not debugger.exception_stops.catches(RAISED) \
+                or debugger.stop_states.own().is_muted:
+            return False
+        rule = debugger.exception_stops.rule_for_raised(exception, frame, debugger.is_own_code)
+        if rule is None:
+            return False
+        self._report(debugger, frame, "raised", (exception, rule))
+        return True
+
+    def _thread_ends(self, debugger: TracedDebugger, frame: FrameType) -> None:
+        """The exception that is being handled ends the calling thread."""
+        exception = sys.exception()
+        if exception is not None and not debugger.quitting:
+            rule = debugger.exception_stops.rule_for_uncaught(exception)
+            if rule is not None:
+                self._report(debugger, frame, "uncaught", (exception, rule))
 
     def _on_exception(self, code: CodeType, offset: int, exception: BaseException) -> Any:
         try:

@@ -18,6 +18,9 @@ What is switched on under them:
                                    holds one; off again at each place without
     LINE, PY_START, JUMP           in code objects that hold a breakpoint
     RAISE, PY_UNWIND               while a thread is stepped
+    RAISE                          while exceptions are to stop where they are raised
+    LINE, PY_START, JUMP           in the function of `threading` that ends a thread,
+                                   while exceptions are to stop that end one
     LINE, JUMP, returns            in the code objects of frames that are stepped
     LINE, PY_START, JUMP           in all running code, while a thread is at the prompt
 
@@ -53,6 +56,7 @@ FILTER_TOOL_IDS = (4, 3)        # the first that is free; above the raiser's
 
 _events = sys.monitoring.events
 _DISABLE = sys.monitoring.DISABLE
+_NO_LINES: set[int] = set()
 
 _FIND_EVENTS = _events.PY_START | _events.PY_RESUME | _events.PY_THROW
 _UNWIND_EVENTS = _events.RAISE | _events.PY_UNWIND
@@ -81,6 +85,7 @@ class Switches:
         self._initial_callbacks: dict[int, CInitialCallback] = {}
         # What is wanted of code objects, by their records.
         self._lines: dict[Any, set[int]] = {}         # to be reported; no entry without
+        self._ends: dict[Any, set[int]] = {}          # lines where threads end by an exception
         self._stepping: dict[Any, int] = {}           # local events for stepping
         self._held: set[Any] = set()                  # threads that run the code are held in it
         self._local_events: dict[Any, int] = {}       # what is on for that
@@ -100,16 +105,19 @@ class Switches:
     # -- what one code object is needed for --------------------------------------------
 
     def want(self, record: CPerCodeObject, *, lines: set[int] | None = None,
-             stepping: int | None = None, held: bool | None = None) -> None:
+             ends: set[int] | None = None, stepping: int | None = None,
+             held: bool | None = None) -> None:
         """Switch on in one code object what it is needed for; None leaves that as it is.
 
-        `lines` are reported, none when the set is empty; `stepping` are its local events
-        for frames that are stepped; `held`: threads are to be caught in it.
+        `lines` are reported, and so are `ends`, where threads end; none when the set is empty.
+        `stepping` are its local events for frames that are stepped; `held`: threads are to be
+        caught in it.
         """
-        if lines:
-            self._lines[record] = lines
-        elif lines is not None:
-            self._lines.pop(record, None)
+        for table, wanted in (self._lines, lines), (self._ends, ends):
+            if wanted:
+                table[record] = wanted
+            elif wanted is not None:
+                table.pop(record, None)
         if stepping:
             self._stepping[record] = stepping
         elif stepping is not None:
@@ -128,6 +136,10 @@ class Switches:
         """The lines to be reported; None without."""
         return self._lines.get(record)
 
+    def _reported_lines(self, record: Any) -> set[int]:
+        lines = self._lines.get(record, _NO_LINES)
+        return lines | self._ends[record] if record in self._ends else lines
+
     def forget_dead_code(self) -> None:
         """Drop the lines of code objects that exist no longer."""
         for record in [each for each in self._lines if each.fCodeObjectWeakRef() is None]:
@@ -144,9 +156,9 @@ class Switches:
         if record in self._held:
             events |= _HOLD_LOCAL_EVENTS
         count = 1 if events else 0
-        lines = self._lines.get(record)
+        lines = self._reported_lines(record)
         # None lets every line through, to be switched off by the second callback.
-        record.fEnabledBpLinenos = None if self.is_idle else lines
+        record.fEnabledBpLinenos = None if self.is_idle else lines or None
         if lines:
             events |= _BREAK_LOCAL_EVENTS
             if self.wants_calls:
@@ -171,18 +183,18 @@ class Switches:
     # -- what all code is needed for ------------------------------------------------------
 
     def need(self, *, is_idle: bool, stepped: dict[CPerCodeObject, int], anywhere: set[int],
-             finds: bool, unwinds: bool, ends: bool) -> None:
+             finds: bool, unwinds: bool, raises: bool, ends: bool) -> None:
         """Switch on what is needed of all code, and in the code objects that are stepped.
 
         `is_idle`: all threads run freely.  `stepped` replaces what was wanted for stepping.
         `anywhere`: ids of the threads that stop at the start of every function.  `finds`:
-        new code has to be found.  `unwinds`: exceptions are reported.  `ends`: threads are
-        ended where they start a function.
+        new code has to be found.  `unwinds`: exceptions are reported, and the functions that they
+        leave; `raises`: exceptions alone.  `ends`: threads are ended where they start a function.
         """
         was_idle, self.is_idle = self.is_idle, is_idle
         self._set_stepping(stepped)
         self._mark_threads(anywhere)
-        step_events = _UNWIND_EVENTS if unwinds else 0
+        step_events = _UNWIND_EVENTS if unwinds else _events.RAISE if raises else 0
         if anywhere or ends:
             step_events |= _FIND_EVENTS
         self._set_events(step_events | (_FIND_EVENTS if finds else 0), step_events)
@@ -198,7 +210,7 @@ class Switches:
     def _change_idle(self) -> None:
         """All threads run freely now, or no longer."""
         self._register_raiser()
-        for record in list(self._lines):
+        for record in [*self._lines, *self._ends]:
             self._apply(record)
         if not self.is_idle:
             self.rearm()
@@ -257,7 +269,7 @@ class Switches:
         if not self.is_idle:
             return False
         record = optmonitoring.CPerCodeObject.GetPerCodeObject(code, False)
-        return line not in self._lines.get(record, ())
+        return line not in self._reported_lines(record)
 
     def is_jump_off(self, code: CodeType, offset: int, destination: int) -> bool:
         """Nobody waits for this jump; it matters where it begins a loop on one line again."""
@@ -273,7 +285,7 @@ class Switches:
         if self._any_stops_anywhere or self._is_holding:
             return False
         record = optmonitoring.CPerCodeObject.GetPerCodeObject(code, False)
-        return line not in self._lines.get(record, ())
+        return line not in self._reported_lines(record)
 
     # -- the raiser ------------------------------------------------------------------------
 
@@ -350,6 +362,7 @@ class Switches:
     def release(self) -> None:
         """Everything off and given back, and nothing remembered of what was wanted."""
         self._lines.clear()
+        self._ends.clear()
         self._stepping = {}
         self._held = set()
         self._any_stops_anywhere = False

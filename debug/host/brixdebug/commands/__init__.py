@@ -1,10 +1,11 @@
 """The commands that pdb has not, by what they are about; a debugger's class gets them by inheriting."""
 
 from brixdebug.commands.breakpoints import BreakpointCommands
+from brixdebug.commands.exceptions import ExceptionCommands
 from brixdebug.commands.information import InformationCommands
 from brixdebug.commands.settings import SettingCommands
 from brixdebug.commands.threads import ThreadCommands
 
 
-class Commands(BreakpointCommands, ThreadCommands, InformationCommands, SettingCommands):
+class Commands(BreakpointCommands, ExceptionCommands, ThreadCommands, InformationCommands, SettingCommands):
     """All of them."""

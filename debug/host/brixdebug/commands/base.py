@@ -2,14 +2,21 @@
 
 from __future__ import annotations
 
+import sys
+
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     import pdb
+    from typing import Any
 
     from brixdebug.engine import Bdb
 
     class _Debugger(pdb.Pdb, Bdb):
         """What a class of commands is joined with."""
+
+        curframe: Any
+
+        def _format_exc(self, exception: BaseException) -> str: ...
 else:
     _Debugger = object
 
@@ -19,6 +26,10 @@ _EXPRESSION_STARTS = tuple("=.([,:+-*/%@&|^<>!")
 
 class CommandBase(_Debugger):
     """Stands before `pdb.Pdb` among the bases of a debugger's class."""
+
+    def _variables(self) -> Any:
+        """Those of the frame that is looked at, with what was assigned to them at the prompt."""
+        return self.curframe_locals if sys.version_info < (3, 13) else self.curframe.f_locals
 
     def _is_expression(self, name: str, arg: str) -> bool:
         """True, after running it, when the line is a Python statement that begins like a command."""

@@ -1,0 +1,240 @@
+"""At which exceptions a thread stops: where they are raised, and where they would end a thread.
+
+An exception is uncaught when it reaches the code that runs a thread and reports it there.  So
+nothing has to be guessed when it is raised, and until then nothing is switched on for it but
+the one line of `threading` that reports.  What a future, a task or a pool keeps is caught.
+"""
+
+from __future__ import annotations
+
+import bdb
+import dis
+import re
+import threading
+
+from brixdebug import conditions
+from brixdebug.raising import is_of_signal_handler
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from collections.abc import Callable
+    from types import CodeType, FrameType, TracebackType
+    from typing import Any
+
+RAISED, UNCAUGHT = KINDS = ("raised", "uncaught")
+
+# The name of the exception in a condition.
+EXCEPTION_VARIABLE = "$_exception"
+_EXCEPTION_NAME = "__exception__"
+
+# How generators and loops end: a stop there has to be asked for by name.
+_CONTROL_FLOW = (StopIteration, StopAsyncIteration, GeneratorExit)
+
+# What ends a thread on purpose.
+_ENDS = (SystemExit, bdb.BdbQuit)
+
+_DOTTED_NAME = re.compile(r"[^\W\d]\w*(\.[^\W\d]\w*)*$")
+_MOST_REMEMBERED = 64
+
+
+class ExceptionRule:
+    """Exceptions of one kind, of a class or of any, with a condition or without one."""
+
+    def __init__(self, kind: str, class_name: str | None = None, condition: str | None = None,
+                 resolve: Callable[[str], object] | None = None) -> None:
+        """`resolve` gives the object of a name where the user is; ValueError for what cannot be meant."""
+        if kind not in KINDS:
+            raise ValueError("raised or uncaught expected, not %r" % kind)
+        self.kind = kind
+        self.class_name = class_name
+        self.condition = condition
+        self.is_known = True          # the class was there when the rule was made
+        self._full_name: str | None = None
+        if class_name is not None:
+            self._find_class(class_name, resolve)
+        self._code: CodeType | None = None
+        if condition is not None:
+            try:
+                self._code = conditions.compile_expression(
+                    condition.replace(EXCEPTION_VARIABLE, _EXCEPTION_NAME))
+            except ValueError as error:
+                raise ValueError("invalid condition %s: %s" % (condition, error)) from None
+
+    def __str__(self) -> str:
+        text = self.kind
+        if self.class_name is not None:
+            text += " " + self.class_name
+        return text if self.condition is None else "%s if %s" % (text, self.condition)
+
+    def _find_class(self, name: str, resolve: Callable[[str], object] | None) -> None:
+        if _DOTTED_NAME.match(name) is None:
+            raise ValueError("the name of an exception class expected, not %s" % name)
+        try:
+            found = resolve(name) if resolve is not None else None
+        except Exception:
+            found = None
+        if found is None:
+            self.is_known = False
+        elif isinstance(found, type) and issubclass(found, BaseException):
+            self._full_name = _full_name(found)       # the program may begin again, and make it anew
+        else:
+            raise ValueError("%s is not an exception class" % name)
+
+    def _names(self, cls: type) -> bool:
+        full_name = _full_name(cls)
+        if self._full_name is not None:
+            return full_name == self._full_name
+        # Packages export classes of their inner modules: by package and last name.
+        assert self.class_name is not None
+        package, _, _ = self.class_name.partition(".")
+        name = self.class_name.rpartition(".")[2]
+        if full_name.rpartition(".")[2] != name:
+            return False
+        return package == name or full_name.partition(".")[0] == package \
+            or full_name == self.class_name
+
+    def matches(self, exception: BaseException, frame: FrameType) -> bool:
+        """Whether it is one to stop at; the condition is evaluated in `frame`, where it was raised."""
+        if not self._matches_class(exception):
+            return False
+        if self._code is None:
+            return True
+        try:
+            return bool(eval(self._code, frame.f_globals,
+                             {**frame.f_locals, _EXCEPTION_NAME: exception}))
+        except NameError:
+            return False              # meant for other functions
+        except BaseException as error:
+            if is_of_signal_handler(error):
+                raise
+            return True               # as with a breakpoint
+
+    def _matches_class(self, exception: BaseException) -> bool:
+        bases = type(exception).__mro__
+        if self.class_name is None:
+            return not isinstance(exception, _CONTROL_FLOW)
+        named = [each for each in bases if self._names(each)]
+        if isinstance(exception, _CONTROL_FLOW):
+            return any(issubclass(each, _CONTROL_FLOW) for each in named)
+        return bool(named)
+
+
+def _full_name(cls: type) -> str:
+    # A metaclass may do anything when it is asked.
+    return "%s.%s" % (type.__getattribute__(cls, "__module__"),
+                      type.__dict__["__qualname__"].__get__(cls))
+
+
+class ExceptionStops:
+    """What one debugger stops at."""
+
+    def __init__(self) -> None:
+        self.rules: list[ExceptionRule] = []
+        # The rule that is there from the start is no reason to begin a session, or to go on with one.
+        self.is_asked_for = False
+        # ids of an exception and of its innermost traceback, of those that were stopped at
+        self._stopped_at: dict[int, int] = {}
+
+    def catches(self, kind: str) -> bool:
+        return any(rule.kind == kind for rule in self.rules)
+
+    def add(self, rule: ExceptionRule) -> None:
+        """Beside the others; what says the same, or no more than another, goes."""
+        is_general = rule.class_name is None and rule.condition is None
+        self.rules = [each for each in self.rules if each.kind != rule.kind or not (
+            is_general or each.class_name is None and each.condition is None
+            or str(each) == str(rule))]
+        self.rules.append(rule)
+        self.is_asked_for = True
+
+    def clear(self) -> None:
+        """Stop at none."""
+        self.rules = []
+        self.is_asked_for = False
+
+    def rule_for_raised(self, exception: BaseException, frame: FrameType,
+                        is_own: Callable[[CodeType], bool]) -> ExceptionRule | None:
+        """The rule to stop by, where an exception is raised in `frame` or goes through it.
+
+        It is stopped at once: where it is raised, or, when `is_own` says that this is code
+        of no interest, in the first function on the way up that is.
+        """
+        traceback = exception.__traceback__
+        if traceback is None or not is_own(frame.f_code):
+            return None
+        if not any(rule.kind == RAISED and rule._matches_class(exception) for rule in self.rules):
+            return None
+        if not self._is_first(exception, traceback, is_own):
+            return None
+        rule = next((each for each in self.rules
+                     if each.kind == RAISED and each.matches(exception, frame)), None)
+        if rule is not None:
+            self._remember(exception, traceback)
+        return rule
+
+    def _is_first(self, exception: BaseException, traceback: TracebackType,
+                  is_own: Callable[[CodeType], bool]) -> bool:
+        inner: TracebackType | None = traceback.tb_next
+        if inner is None:
+            return True
+        while inner is not None and not is_own(inner.tb_frame.f_code):
+            inner = inner.tb_next
+        if inner is None:
+            return True
+        # With a traceback from elsewhere: either it comes from a function that was called, or
+        # a statement raises it, which may be a new one that was given an old traceback.
+        code = traceback.tb_frame.f_code.co_code
+        return dis.opname[code[traceback.tb_lasti]] == "RAISE_VARARGS" \
+            and self._stopped_at.get(id(exception)) != id(_innermost(traceback))
+
+    def _remember(self, exception: BaseException, traceback: TracebackType) -> None:
+        while len(self._stopped_at) >= _MOST_REMEMBERED:
+            self._stopped_at.pop(next(iter(self._stopped_at)), None)
+        self._stopped_at[id(exception)] = id(_innermost(traceback))
+
+    def rule_for_uncaught(self, exception: BaseException) -> ExceptionRule | None:
+        """The rule to stop by, for an exception that ends its thread."""
+        if isinstance(exception, _ENDS) or exception.__traceback__ is None:
+            return None
+        frame = _innermost(exception.__traceback__).tb_frame
+        return next((each for each in self.rules
+                     if each.kind == UNCAUGHT and each.matches(exception, frame)), None)
+
+
+def _innermost(traceback: TracebackType) -> TracebackType:
+    while traceback.tb_next is not None:
+        traceback = traceback.tb_next
+    return traceback
+
+
+def parse_rule(text: str, resolve: Callable[[str], object]) -> ExceptionRule:
+    """The rule of a text `[raised|uncaught] [CLASS] [if CONDITION]`; ValueError for what is none."""
+    kind, rest = RAISED, text.strip()
+    first, _, others = rest.partition(" ")
+    if first in KINDS:
+        kind, rest = first, others.strip()
+    class_name, condition = rest, None
+    if rest.startswith("if ") or rest == "if":
+        class_name, condition = "", rest[2:].strip()
+    elif " " in rest:
+        class_name, _, others = rest.partition(" ")
+        if not others.strip().startswith("if "):
+            raise ValueError("'if' expected before %s" % others.strip())
+        condition = others.strip()[2:].strip()
+    if condition == "":
+        raise ValueError("a condition is expected after 'if'")
+    return ExceptionRule(kind, class_name or None, condition, resolve)
+
+
+# ---- Where threads end ----
+
+# Functions that end a thread by reporting its exception, and the name that they do it by.
+def places_of_uncaught() -> list[tuple[CodeType, set[int]]]:
+    """The lines that are reached when an exception ends a thread of `threading`."""
+    code = getattr(threading.Thread._bootstrap_inner, "__code__", None)     # type: ignore[attr-defined]
+    if code is None:
+        return []                     # replaced by a library
+    lines = {each.positions.lineno for each in dis.get_instructions(code)
+             if each.argval == "_invoke_excepthook" and each.positions is not None}
+    found: Any = lines - {None}
+    return [(code, found)] if found else []
