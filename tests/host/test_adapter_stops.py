@@ -65,8 +65,39 @@ class BreakpointTest(AdapterTestCase):
         client.launch(path, {path: [{"line": 1, "condition": "x ="}]})
         row, = client.breakpoints[path]
         self.assertFalse(row["verified"])
-        self.assertTrue(row["message"].startswith("the condition is no expression: "), row)
+        self.assertEqual(row["message"], "invalid syntax")
         client.finish()
+
+    def test_hit_condition_counts_hits_with_a_true_condition(self):
+        path = self.program("for i in range(20):\n    x = i\n")
+        for hit_condition, stops in (("3", ["4"]), ("==2", ["2"]), ("% 4", ["6", "14"]), (">= 9", ["16", "18"]),
+                                     ("> 9", ["18"]), ("<2", ["0"]), ("<= 2", ["0", "2"])):
+            with self.subTest(hit_condition):
+                client = self.client()
+                client.launch(path, {path: [{"line": 2, "condition": "i % 2 == 0", "hitCondition": hit_condition}]})
+                for value in stops:
+                    stop = client.wait_for_stop("breakpoint")
+                    self.assertEqual(client.evaluate("i", stop["frame"]["id"]), value)
+                    client.go_on()
+                self.assertEqual(client.finish(), 0)
+
+    def test_hit_condition_that_is_none_is_said(self):
+        path = self.program("x = 1\n")
+        client = self.client()
+        client.launch(path, {path: [{"line": 1, "hitCondition": "often"}]})
+        row, = client.breakpoints[path]
+        self.assertFalse(row["verified"])
+        self.assertTrue(row["message"].startswith("hit condition expected: "), row)
+        self.assertEqual(client.finish(), 0)
+
+    def test_log_point_prints_and_does_not_stop(self):
+        path = self.program("for i in range(3):\n    x = i\n")
+        client = self.client()
+        client.launch(path, {path: [{"line": 2, "logMessage": "i is {i}, {{and}} {1/0} {nothing}", "condition": "i"}]})
+        self.assertEqual(client.finish(), 0)
+        self.assertEqual(client.output["console"], "".join(
+            "i is %d, {and} <ZeroDivisionError: division by zero> <NameError: name 'nothing' is not defined>\n" % i
+            for i in (1, 2)))
 
     def test_breakpoints_are_replaced_while_the_program_runs_and_while_it_stands(self):
         path = self.program("""\

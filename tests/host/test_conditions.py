@@ -61,8 +61,8 @@ class CommandsTest(unittest.TestCase):
         self.assertEqual(self.values(*commands), [3, 3])
 
     def test_nonsense_is_an_error_when_it_is_typed(self):
-        for text, error in [("hits 1 = 3", "hit condition expected: == N, >= N or % N"),
-                            ("hits 1 sometimes", "hit condition expected: == N, >= N or % N"),
+        for text, error in [("hits 1 = 3", "hit condition expected: == N, >= N, <= N, > N, < N or % N"),
+                            ("hits 1 sometimes", "hit condition expected: == N, >= N, <= N, > N, < N or % N"),
                             ("hits 1 % 0", "hits are counted from 1"),
                             ("hits 7 == 1", "Breakpoint number 7 out of range"),
                             ("hits", "A breakpoint number and a hit condition are expected: hits NUMBER == N")]:

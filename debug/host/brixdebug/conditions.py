@@ -9,6 +9,7 @@ from __future__ import annotations
 
 import ast
 import inspect
+import operator
 import re
 import types
 
@@ -105,11 +106,13 @@ def _as_function(text: str, names: list[str], module_globals: dict[str, Any]) ->
 
 # ---- Hit conditions ----
 
-_HIT_CONDITION = re.compile(r"(==|>=|%)\s*([0-9]+)$")
+_HIT_CONDITION = re.compile(r"(==|>=|<=|>|<|%)\s*([0-9]+)$")
+_COMPARISONS: dict[str, Callable[[int, int], bool]] = {"==": operator.eq, ">=": operator.ge, "<=": operator.le, ">": operator.gt, "<": operator.lt,
+                "%": lambda hits, number: hits % number == 0}
 
 
 class HitCondition:
-    """Which of the hits count: the one numbered N, those from N on, each N-th."""
+    """Which of the hits count: the one numbered N, those before, from or after N, each N-th."""
 
     def __init__(self, operator: str, number: int) -> None:
         self.operator = operator
@@ -119,7 +122,7 @@ class HitCondition:
     def parse(cls, text: str) -> Self:
         match = _HIT_CONDITION.match(text.strip())
         if match is None:
-            raise ValueError("hit condition expected: == N, >= N or % N")
+            raise ValueError("hit condition expected: == N, >= N, <= N, > N, < N or % N")
         number = int(match.group(2))
         if number == 0:
             raise ValueError("hits are counted from 1")
@@ -129,11 +132,7 @@ class HitCondition:
         return "%s %d" % (self.operator, self.number)
 
     def matches(self, hits: int) -> bool:
-        if self.operator == "==":
-            return hits == self.number
-        if self.operator == ">=":
-            return hits >= self.number
-        return hits % self.number == 0
+        return _COMPARISONS[self.operator](hits, self.number)
 
 
 # ---- Texts to be logged ----

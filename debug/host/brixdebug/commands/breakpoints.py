@@ -49,9 +49,9 @@ class BreakpointCommands(CommandBase):
         complete_dprintf = pdb.Pdb._complete_location
 
     def do_hits(self, arg: str) -> None:
-        """hits NUMBER == N | >= N | % N
+        """hits NUMBER == N | >= N | <= N | > N | < N | % N
 
-        Stop at breakpoint NUMBER only at its N-th hit, from its N-th hit on, or at
+        Stop at breakpoint NUMBER only at its N-th hit, before or after it, or at
         each N-th hit.  Where the breakpoint has a condition, only hits with a true
         condition are counted.  Without anything after NUMBER, stop at each hit again.
         """

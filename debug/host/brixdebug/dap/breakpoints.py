@@ -4,6 +4,8 @@ from __future__ import annotations
 
 import os
 
+from brixdebug.conditions import HitCondition, LogText, compile_expression
+
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     from typing import Any
@@ -52,16 +54,33 @@ def _set_one(session: Session, path: str, wanted: Arguments) -> dict[str, Any]:
 def _add(session: Session, path: str, line: int, wanted: Arguments) -> dict[str, Any]:
     debugger = session.debugger
     condition = wanted.text("condition") or None
-    if condition is not None:
-        try:
-            compile(condition.strip(), "<condition>", "eval", dont_inherit=True)
-        except (SyntaxError, ValueError) as error:
-            return _unverified(session, line, "the condition is no expression: %s" % error)
+    try:
+        if condition is not None:
+            condition = condition.strip()
+            compile_expression(condition)
+        hit_condition = _hit_condition(wanted.text("hitCondition"))
+        log_text = _log_text(wanted.text("logMessage"))
+    except ValueError as error:
+        return _unverified(session, line, str(error))
     error_text = debugger.set_break(path, line, cond=condition)
     if error_text is not None:
         return _unverified(session, line, error_text)
-    breakpoint = debugger.get_breaks(path, line)[-1]
+    # Nobody stops at it before it is whole: this thread has the turn.
+    breakpoint: Any = debugger.get_breaks(path, line)[-1]
+    breakpoint.hit_condition, breakpoint.log_text = hit_condition, log_text
     return {"id": breakpoint.number, "verified": True, "line": session.client_line(line)}
+
+
+def _hit_condition(text: str | None) -> HitCondition | None:
+    """As editors' users write it: a number alone is the hit to stop at."""
+    text = (text or "").strip()
+    if not text:
+        return None
+    return HitCondition.parse("== " + text if text.isascii() and text.isdigit() else text)
+
+
+def _log_text(text: str | None) -> LogText | None:
+    return LogText(text) if text else None
 
 
 def _unverified(session: Session, line: int, text: str) -> dict[str, Any]:

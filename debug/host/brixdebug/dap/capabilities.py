@@ -5,6 +5,8 @@ from __future__ import annotations
 CAPABILITIES: dict[str, object] = {
     "supportsConfigurationDoneRequest": True,
     "supportsConditionalBreakpoints": True,
+    "supportsHitConditionalBreakpoints": True,
+    "supportsLogPoints": True,
     "supportsEvaluateForHovers": True,
     "supportsSetVariable": True,
     "supportsSetExpression": True,

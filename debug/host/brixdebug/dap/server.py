@@ -31,6 +31,7 @@ from brixdebug.switches import MonitorError
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     from collections.abc import Callable
+    from types import FrameType
     from typing import Any
 
     from brixdebug.dap.session import Stop
@@ -46,7 +47,7 @@ class Server:
 
     def __init__(self, handlers: dict[str, Handler]) -> None:
         self._handlers = handlers
-        self.debugger = ClientDebugger(self._on_stop, self._on_went_on)
+        self.debugger = ClientDebugger(self._on_stop, self._on_went_on, self._on_log)
         self.boxed = Boxed(monitor.suspension.adopt_thread)
         self.lines = Lines()
         self.session: Session | None = None
@@ -109,6 +110,16 @@ class Server:
         session = self.session
         if session is not None:
             session.tree.forget()
+
+    def _on_log(self, frame: FrameType, text: str) -> None:
+        session = self.session
+        if session is not None:
+            body: dict[str, Any] = {"category": "console", "output": text + "\n",
+                                    "line": session.client_line(frame.f_lineno)}
+            source = session.source(frame.f_code.co_filename)
+            if source is not None:
+                body["source"] = source
+            session.wire.event("output", body)
 
     def tell(self, name: str, body: dict[str, Any]) -> None:
         """An event for the client, if there is one."""

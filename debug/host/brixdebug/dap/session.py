@@ -21,6 +21,7 @@ from brixdebug.suspension import debugged_frames
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     from collections.abc import Callable
+    import bdb
     from types import FrameType
     from typing import Any
 
@@ -60,11 +61,16 @@ class Stop:
 class ClientDebugger(Bdb):
     """`bdb.Bdb` whose stops wait for a client."""
 
-    def __init__(self, on_stop: Callable[[Stop], bool], on_went_on: Callable[[Stop], None]) -> None:
-        """`on_stop` is called with all threads held; the stop waits if it returns True."""
+    def __init__(self, on_stop: Callable[[Stop], bool], on_went_on: Callable[[Stop], None],
+                 on_log: Callable[[FrameType, str], None]) -> None:
+        """`on_stop` is called with all threads held; the stop waits if it returns True.
+
+        `on_log` is called by the thread that has reached a breakpoint that logs.
+        """
         super().__init__()
         self._on_stop = on_stop
         self._on_went_on = on_went_on
+        self._on_log = on_log
         self._own = threading.local()
         self._entry_thread_id: int | None = None
         self.stop: Stop | None = None         # the one that there is now
@@ -130,6 +136,9 @@ class ClientDebugger(Bdb):
             return
         returned = (frame.f_code.co_qualname, value) if self.shows_return_values else None
         self._wait(Stop(threading.get_ident(), caller, "step", returned=returned))
+
+    def user_log(self, frame: FrameType, breakpoint: bdb.Breakpoint, text: str) -> None:
+        self._on_log(frame, text)
 
     def user_exception(self, frame: FrameType, exc_info: Any) -> None:
         """Nothing: the step goes on to where the exception is handled."""
