@@ -207,9 +207,9 @@ class StepTest(AdapterTestCase):
                 while not done:
                     pass
             def main():
+                print("ready")
                 time.sleep(1000)
             threading.Thread(target=spin, name="spinner", daemon=True).start()
-            print("ready")
             main()
         """, "pausing.py")
         client = self.client()
