@@ -300,6 +300,44 @@ def internal_none():
     f.prove_places_alive(True)
 
 
+def _without_name_hook(function):
+    def unnamed():
+        Filter.has_name_hook = False
+        yield from function()
+    return unnamed
+
+
+for _function in (line_skip_thread, step_thread, policy_0):
+    variant(LINE, _function.__name__ + "_no_hook")(_without_name_hook(_function))
+
+
+def _breakpoints(size, collide):
+    """A set of lines none of which is passed in the loop; all or none of those lines share their place in its table."""
+    table = 8
+    while 3 * (table - 1) < 5 * size or table <= 4 * size:
+        table *= 2
+    lines = {END_LINE} | {line + table for line in TURN_LINES if collide}
+    free = (number for number in range(1000, sys.maxsize, 3)
+            if all((number - line) % table for line in TURN_LINES))
+    while len(lines) < size:
+        lines.add(next(free))
+    return lines
+
+
+def _line_off_many(size, collide):
+    def line_off_many():
+        f = Filter(LINE, lines=_breakpoints(size, collide))
+        check(len(f.record.fEnabledBpLinenos) == size, "not %d lines", size)
+        f.watch()
+        f.prove((yield), [END_LINE])
+    return line_off_many
+
+
+for _size in (5, 100, 10000):
+    variant(LINE, "line_collides_%d" % _size)(_line_off_many(_size, True))
+    variant(LINE, "line_off_%d" % _size)(_line_off_many(_size, False))
+
+
 WARM_UP_IN_CHILD = 500  # turns
 measured_pid = None     # where it is not this process
 

@@ -83,7 +83,14 @@ static inline PyObject* borrow_ready_record(tModuleState* m, PyObject* code)
     return XPY_LIKELY(is_ready) ? record : nullptr;
 }
 
-// The record behind this thread's storage slot [borrowed] if it is not stale and has its name, else null.
+// Whether a hook is surely off: it was found so, and nobody has changed the class since.
+static inline bool is_surely_off(const tClassAttr* hook, PyObject* cls)
+{
+    return is_as_marked(&hook->mark, as_type(cls)) && hook->value == api.Py_None;
+}
+
+// The record behind this thread's storage slot [borrowed] if it is not stale and has its name, or nobody to give it
+// one; else null.
 static inline PyObject* borrow_ready_per_thread(tModuleState* m)
 {
     if (XPY_UNLIKELY(!m->_gPyTssKey))
@@ -91,8 +98,9 @@ static inline PyObject* borrow_ready_per_thread(tModuleState* m)
     _tPyTssData* pair = static_cast<_tPyTssData*>(api.PyThread_tss_get(m->_gPyTssKey));
     if (XPY_UNLIKELY(!pair || !pair->fPerThreadPtr || pair->fThreadStatePtr != api.PyThreadState_Get()))
         return nullptr;
-    bool has_name = per_thread_body(pair->fPerThreadPtr, as_type(m->CPerThread))->fThreadName != api.Py_None;
-    return XPY_LIKELY(has_name) ? pair->fPerThreadPtr : nullptr;
+    bool is_named = per_thread_body(pair->fPerThreadPtr, as_type(m->CPerThread))->fThreadName != api.Py_None ||
+                    is_surely_off(&gGetThreadNameCallback, m->CPerThread);
+    return XPY_LIKELY(is_named) ? pair->fPerThreadPtr : nullptr;
 }
 
 // Why an event is, or is not, of interest.

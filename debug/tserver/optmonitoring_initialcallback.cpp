@@ -368,7 +368,7 @@ static inline tVerdict decide_fast_for_thread(tModuleState* m, const CInitialCal
     const CPerThreadBody* thread = per_thread_body(per_thread, as_type(m->CPerThread));
     if (thread->fDebugPolicy == 0)
         return kAnswerNone;
-    bool must_ask = thread->fDebugPolicy == -1;
+    bool must_ask = thread->fDebugPolicy == -1 && !is_surely_off(&gDebugPolicyCallback, m->CPerThread);
     bool may_be_held = body->fAnySuspendThread && thread->fCheckSuspendLock;
     if (XPY_UNLIKELY(must_ask || may_be_held))
         return kUndecided;
@@ -378,17 +378,6 @@ static inline tVerdict decide_fast_for_thread(tModuleState* m, const CInitialCal
     if (reason == kNothingNeedsIt)
         return kAnswerNone;
     return reason == kLineMayHaveBreakpoint ? kUndecided : kForward;
-}
-
-// A LINE event whose line may be among the breakpoint lines.
-__attribute__((noinline)) static tVerdict decide_fast_by_line(tModuleState* m, const CInitialCallbackBody* body,
-                                                              const CPerCodeObjectBody* record, PyObject* linenos,
-                                                              PyObject* const* args, Py_ssize_t nargs)
-{
-    tLinenoFound found = find_lineno(linenos, args[1]);
-    if (found == kLinenoPresent)
-        return decide_fast_for_thread(m, body, record, args, nargs);
-    return found == kLinenoAbsent ? kAnswerNone : kUndecided;
 }
 
 // A verdict without effects: it logs nothing, holds nothing and runs no code of the program. What it borrows is held
@@ -408,10 +397,15 @@ __attribute__((always_inline)) static inline tVerdict decide_fast(tModuleState* 
         return !is_internal ? kUndecided : body->fCanReturnDisable ? kAnswerDisable : kAnswerNone;
     }
     PyObject* linenos = borrow_deciding_lines(m, body, record_body, nargs);
-    if (linenos)
-        return XPY_LIKELY(is_surely_absent(linenos, args[1]))
-                   ? kAnswerNone
-                   : decide_fast_by_line(m, body, record_body, linenos, args, nargs);
+    if (linenos) {
+        if (XPY_LIKELY(is_surely_absent(linenos, args[1])))
+            return kAnswerNone;
+        tLinenoFound found = find_lineno(linenos, args[1]);
+        if (XPY_LIKELY(found == kLinenoAbsent))
+            return kAnswerNone;
+        if (found == kLinenoOpen)
+            return kUndecided;
+    }
     return decide_fast_for_thread(m, body, record_body, args, nargs);
 }
 

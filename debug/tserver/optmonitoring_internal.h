@@ -191,6 +191,10 @@ extern tClassInfo kPerThreadClass;
 int CPerThread_ClsInit(tModuleState* m);
 int CPerThread_ClsReset(tModuleState* m);
 
+// Class attributes with the host's hooks for the policies and the names of threads.
+extern tClassAttr gDebugPolicyCallback;
+extern tClassAttr gGetThreadNameCallback;
+
 // The body of a record; null with an exception pending when OBJ is none.
 CPerThreadBody* need_per_thread(tModuleState* m, PyObject* obj);
 

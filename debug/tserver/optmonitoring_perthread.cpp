@@ -21,10 +21,10 @@ CPerThreadBody* need_per_thread(tModuleState* m, PyObject* obj)
 // ---- Class attributes ----
 
 static tClassAttr per_thread_dict = {{"_fPerThreadDict", nullptr}, {nullptr, 0}, nullptr};
-static tClassAttr debug_policy_callback = {{"_fDebugPolicyCallback", nullptr}, {nullptr, 0}, nullptr};
+tClassAttr gDebugPolicyCallback = {{"_fDebugPolicyCallback", nullptr}, {nullptr, 0}, nullptr};
 static tClassAttr new_per_thread_created_callback = {
     {"_fNewPerThreadCreatedCallback", nullptr}, {nullptr, 0}, nullptr};
-static tClassAttr get_thread_name_callback = {{"_fGetThreadNameCallback", nullptr}, {nullptr, 0}, nullptr};
+tClassAttr gGetThreadNameCallback = {{"_fGetThreadNameCallback", nullptr}, {nullptr, 0}, nullptr};
 
 PyObject* CPerThread_get_fPerThreadDict(tModuleState* m)
 {
@@ -33,7 +33,7 @@ PyObject* CPerThread_get_fPerThreadDict(tModuleState* m)
 
 static int clear_hooks(tModuleState* m)
 {
-    for (tClassAttr* hook : {&debug_policy_callback, &new_per_thread_created_callback, &get_thread_name_callback}) {
+    for (tClassAttr* hook : {&gDebugPolicyCallback, &new_per_thread_created_callback, &gGetThreadNameCallback}) {
         if (set_class_attr(m->CPerThread, hook, api.Py_None) < 0)
             return -1;
     }
@@ -265,7 +265,7 @@ PyObject* CInitialCallback_GetPerThreadCalledFromCallback(tModuleState* m)
 
 static PyObject* CPerThread_get_fDebugPolicyCallback(tModuleState* m)
 {
-    PyObject* callback = get_class_attr_or_make(m->CPerThread, &debug_policy_callback, make_none);
+    PyObject* callback = get_class_attr_or_make(m->CPerThread, &gDebugPolicyCallback, make_none);
     return callback ? callback : fail_null(m->dp, "Exception in CPerThread_get_fDebugPolicyCallback()\n");
 }
 
@@ -322,7 +322,7 @@ static int find_thread_name_inner(tModuleState* m, PyObject* per_thread)
         return -1;
     if (body->fThreadName != api.Py_None)
         return 0;
-    XPyOwned callback(get_class_attr(m->CPerThread, &get_thread_name_callback));
+    XPyOwned callback(get_class_attr(m->CPerThread, &gGetThreadNameCallback));
     if (!callback)
         return -1;
     if (callback.borrow() == api.Py_None)
@@ -398,7 +398,7 @@ static int forget_policies(tModuleState* m)
 
 static int CPerThread_SetDebugPolicyCallback_direct(tModuleState* m, PyObject* callback)
 {
-    if (set_class_attr(m->CPerThread, &debug_policy_callback, callback) < 0 || forget_policies(m) < 0)
+    if (set_class_attr(m->CPerThread, &gDebugPolicyCallback, callback) < 0 || forget_policies(m) < 0)
         return fail_int(m->dp, "Exception in CPerThread_SetDebugPolicyCallback_direct()\n");
     return 0;
 }
@@ -412,7 +412,7 @@ static int CPerThread_SetNewPerThreadCreatedCallback_direct(tModuleState* m, PyO
 
 static int CPerThread_SetGetThreadNameCallback_direct(tModuleState* m, PyObject* callback)
 {
-    if (set_class_attr(m->CPerThread, &get_thread_name_callback, callback) < 0)
+    if (set_class_attr(m->CPerThread, &gGetThreadNameCallback, callback) < 0)
         return fail_int(m->dp, "Exception in CPerThread_SetGetThreadNameCallback_direct()\n");
     return 0;
 }

@@ -241,6 +241,61 @@ class BothPaths(FilterTestCase):
             self.assertEqual(holder, [])
 
 
+class HooksThatAreOff(FilterTestCase):
+    """That a hook is off is remembered until the class changes, however it changes."""
+
+    def setUp(self):
+        super().setUp()
+        self.code = self.recorded_function(fEnabledBpLinenos=set())[0].__code__
+        self.initial = self.callback("PY_START")
+        self.asked = []
+
+    def events(self):
+        for _ in range(3):
+            self.assertIsNone(self.initial.Callback(self.code, 0))
+
+    def hook(self, record):
+        self.asked.append(record)
+        return 7
+
+    def test_nothing_is_stored_while_they_are_off(self):
+        self.events()
+        self.assertEqual((self.this_thread().fThreadName, self.this_thread().fDebugPolicy), (None, -1))
+        self.assert_nothing_reported()
+
+    def test_a_name_hook_is_asked_at_the_next_event(self):
+        self.events()
+        self.om.CPerThread.SetGetThreadNameCallback(self.hook)
+        self.events()
+        self.assertEqual((self.asked, self.this_thread().fThreadName), ([self.this_thread()], 7))
+
+    def test_a_policy_hook_is_asked_at_the_next_event(self):
+        self.events()
+        self.om.CPerThread.SetDebugPolicyCallback(self.hook)
+        self.events()
+        self.assertEqual((self.asked, self.this_thread().fDebugPolicy), ([threading.get_ident()], 7))
+
+    def test_hooks_put_into_the_class_are_asked(self):
+        for name in ("_fGetThreadNameCallback", "_fDebugPolicyCallback"):
+            self.events()
+            setattr(self.om.CPerThread, name, self.hook)
+            self.events()
+        self.assertEqual(self.asked, [self.this_thread(), threading.get_ident()])
+
+    def test_a_name_hook_that_answers_none_is_asked_each_time(self):
+        self.om.CPerThread.SetGetThreadNameCallback(lambda record: self.asked.append(record))
+        self.events()
+        self.assertEqual(len(self.asked), 3)
+
+    def test_a_hook_that_is_taken_away_is_missed(self):
+        self.events()
+        self.addCleanup(setattr, self.om.CPerThread, "_fGetThreadNameCallback", None)
+        del self.om.CPerThread._fGetThreadNameCallback
+        self.assertIsNone(self.initial.Callback(self.code, 0))
+        self.assert_reported(AttributeError)
+        forget_handled_exception()
+
+
 STATES = 1500
 LINES = (None, set(), {LINE}, {LINE + 1}, {LINE + 8}, {LINE, LINE + 8, LINE + 16}, set(range(LINE + 1, 40)), {LINE, "2"},
          set(range(LINE + 64, 20000, 64)), frozenset({LINE}), {float(LINE)}, frozenset(), {True, LINE + 32})
@@ -260,6 +315,7 @@ FIELDS = {
     "is_first": (False, False, True),
     "is_warm": (True, True, False),
     "has_name_hook": (False, True),
+    "has_policy_hook": (False, True),
     "second_fails": (False, False, True),
     "errno": (0, 5),
 }
@@ -275,7 +331,8 @@ def expected(state):
     if is_line and not state.any_suspend and not state.every_thread and not state.code_steps and \
             state.lines is not None and not has_line:
         return None, called
-    called += ["name"] * (state.has_name_hook and not state.is_warm) + ["policy"] * (state.policy == -1)
+    called += ["name"] * (state.has_name_hook and not state.is_warm)
+    called += ["policy"] * (state.has_policy_hook and state.policy == -1)
     if state.policy == 0:
         return None, called
     called += ["acquire", "release"] * (state.any_suspend and state.held)
@@ -319,7 +376,7 @@ class RandomStates(FilterTestCase):
         threads = self.om.CPerThread
         code = new_function(filename="/nowhere/random.py").__code__
         self.om.SetInternalPathnameDict({"/nowhere/random.py": 1} if state.internal else {})
-        threads.SetDebugPolicyCallback(call("policy", 1))
+        threads.SetDebugPolicyCallback(call("policy", 1) if state.has_policy_hook else None)
         if state.is_first:
             self.om.CPerCodeObject.SetNewPerCodeObjectCreatedCallback(
                 lambda record: (call("record", None)(), fill(record)))

@@ -19,7 +19,8 @@ sys.path.insert(0, os.path.join(support.HERE, "..", "..", "bench"))
 import instructions
 
 FLOOR = "floor"
-ROADS = ("line_off", "line_skip_thread", "step_thread", "policy_0", "internal_none", "fork_child")
+ROADS = ("line_off", "line_collides_5", "line_collides_10000", "line_on", "line_skip_thread", "step_thread", "policy_0",
+         "line_skip_thread_no_hook", "step_thread_no_hook", "policy_0_no_hook", "internal_none", "fork_child")
 STORED = os.path.join(instructions.HERE, "stored_counts.json")
 SLACK = 5
 
