@@ -107,8 +107,10 @@ def _as_function(text: str, names: list[str], module_globals: dict[str, Any]) ->
 # ---- Hit conditions ----
 
 _HIT_CONDITION = re.compile(r"(==|>=|<=|>|<|%)\s*([0-9]+)$")
-_COMPARISONS: dict[str, Callable[[int, int], bool]] = {"==": operator.eq, ">=": operator.ge, "<=": operator.le, ">": operator.gt, "<": operator.lt,
-                "%": lambda hits, number: hits % number == 0}
+_COMPARISONS: dict[str, Callable[[int, int], bool]] = {
+    "==": operator.eq, ">=": operator.ge, "<=": operator.le, ">": operator.gt, "<": operator.lt,
+    "%": lambda hits, number: hits % number == 0,
+}
 
 
 class HitCondition:

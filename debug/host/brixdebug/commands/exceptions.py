@@ -66,5 +66,5 @@ class ExceptionCommands(ThreadCommands):
         self.message("Uncaught exception in thread %d (%s). Entering post mortem debugging"
                      % (number, monitor.suspension.thread_name(thread_id)))
         self.message(self._format_exc(exception))
-        traceback: Any = exception.__traceback__
-        self.interaction(None, exception if sys.version_info >= (3, 13) else traceback)
+        died_of: Any = exception if sys.version_info >= (3, 13) else exception.__traceback__
+        self.interaction(None, died_of)
