@@ -138,6 +138,77 @@ class BreakpointTest(AdapterTestCase):
         self.assertEqual([row["line"] for row in rows], [1, 3, 4, 5])
 
 
+class ExceptionTest(AdapterTestCase):
+    TEXT = """\
+        import threading
+        def fail(n):
+            if n:
+                fail(n - 1)
+            raise KeyError("inner") if n else ValueError("on purpose")      # raise
+        def guarded():
+            try:
+                fail(1)
+            except ValueError:
+                pass
+        def worker():
+            try:
+                fail(0)
+            except ValueError as error:
+                error.add_note("a note")
+                raise RuntimeError("outer") from error        # outer
+        guarded()
+        thread = threading.Thread(target=worker, name="worker")
+        thread.start()
+        thread.join()
+        fail(0)
+    """
+
+    def launched(self, **asked):
+        path = self.program(self.TEXT)
+        client = self.client()
+        client.ask("initialize", adapterID="x")
+        begun = client.send("launch", program=str(path), console="internalConsole")
+        client.wait_for("initialized")
+        self.rows = client.ask("setExceptionBreakpoints", **asked)["breakpoints"]
+        client.ask("configurationDone")
+        client.wait_for_answer(begun)
+        return client
+
+    def test_uncaught_stops_where_a_thread_would_end_with_its_stack(self):
+        client = self.launched(filters=["uncaught"])
+        stop = client.wait_for_stop("exception")
+        names = {each["id"]: each["name"] for each in client.ask("threads")["threads"]}
+        self.assertEqual((names[stop["threadId"]], stop["text"], stop["frame"]["name"]), ("worker", "RuntimeError", "worker"))
+        info = client.ask("exceptionInfo", threadId=stop["threadId"])
+        self.assertEqual((info["exceptionId"], info["description"], info["breakMode"]), ("RuntimeError", "outer", "unhandled"))
+        inner, = info["details"]["innerException"]
+        self.assertEqual((inner["typeName"], inner["message"]), ("ValueError", "on purpose\na note"))
+        self.assertNotIn("brixdebug/dap", info["details"]["stackTrace"])
+        client.go_on()
+        stop = client.wait_for_stop("exception")
+        self.assertEqual([(each["name"], each["line"]) for each in client.frames(1)], [("fail", 5), ("<module>", 21)])
+        self.assertEqual(client.evaluate("n", stop["frame"]["id"]), "0")
+        client.go_on()
+        self.assertEqual(client.finish(), 1)
+        self.assertIn("RuntimeError: outer", client.output["stderr"])
+        self.assertTrue(client.output["stderr"].endswith("ValueError: on purpose\n"), client.output["stderr"])
+
+    def test_raised_stops_once_for_each_exception(self):
+        client = self.launched(filterOptions=[{"filterId": "raised", "condition": "ValueError"}])
+        for _ in range(3):
+            stop = client.wait_for_stop("exception")
+            self.assertEqual((stop["text"], stop["frame"]["name"]), ("ValueError", "fail"))
+            self.assertEqual(client.ask("exceptionInfo", threadId=stop["threadId"])["breakMode"], "always")
+            client.go_on()
+        self.assertEqual(client.finish(), 1)
+
+    def test_filters_that_are_none_are_said(self):
+        client = self.launched(filters=["often"], filterOptions=[{"filterId": "raised", "condition": "if x ="}])
+        self.assertEqual([(row["verified"], row["message"]) for row in self.rows], [
+            (False, "there is no filter 'often'"), (False, "invalid condition x =: invalid syntax")])
+        self.assertEqual(client.finish(), 1)
+
+
 class StepTest(AdapterTestCase):
     def setUp(self):
         super().setUp()

@@ -15,6 +15,8 @@ CAPABILITIES: dict[str, object] = {
     "completionTriggerCharacters": ["."],
     "supportsModulesRequest": True,
     "supportsLoadedSourcesRequest": True,
+    "supportsExceptionFilterOptions": True,
+    "supportsExceptionInfoRequest": True,
     "supportsBreakpointLocationsRequest": True,
     "supportsTerminateRequest": True,
     "supportTerminateDebuggee": True,
@@ -24,4 +26,11 @@ CAPABILITIES: dict[str, object] = {
     "supportsReadMemoryRequest": True,
 }
 
-EXCEPTION_FILTERS: list[dict[str, object]] = []
+_CONDITION = "a class, a condition, or both: ValueError, if x > 1, OSError if $_exception.errno == 2"
+
+EXCEPTION_FILTERS: list[dict[str, object]] = [
+    {"filter": "raised", "label": "Raised Exceptions", "default": False, "supportsCondition": True,
+     "description": "Stop once where an exception is raised, in every thread", "conditionDescription": _CONDITION},
+    {"filter": "uncaught", "label": "Uncaught Exceptions", "default": True, "supportsCondition": True,
+     "description": "Stop where an exception would end a thread", "conditionDescription": _CONDITION},
+]

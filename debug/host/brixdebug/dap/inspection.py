@@ -8,6 +8,7 @@ import linecache
 import os
 import rlcompleter
 import sys
+import traceback
 
 from brixdebug import compat
 from brixdebug.dap import rendering, variables
@@ -190,6 +191,43 @@ def on_read_memory(session: Session, request: Request) -> Any:
             "unreadableBytes": max(0, count - len(data))}
 
 
+# -- exceptions ------------------------------------------------------------------------------------------
+
+def on_exception_info(session: Session, request: Request) -> Any:
+    stop = session.stop()
+    number = request.arguments.needed_integer("threadId")
+    exception = stop.exception
+    if exception is None or session.tree.numbers.thing(number) != stop.thread_id:
+        raise RequestError("this thread has not stopped at an exception")
+    result = session.server.boxed.call_each(
+        [lambda: _exception_details(exception, [])], lambda index: {"message": "<its text has not been had in time>"})[0]
+    details = result if isinstance(result, dict) else {"message": rendering.error_text(result)}
+    return {"exceptionId": rendering.type_name(type(exception)), "description": details["message"],
+            "breakMode": "unhandled" if stop.is_uncaught else "always", "details": details}
+
+
+def _exception_details(exception: BaseException, seen: list[BaseException]) -> dict[str, Any]:
+    """In the protocol's form, with what it came from inside."""
+    seen.append(exception)
+    kind = type(exception)
+    details: dict[str, Any] = {"message": _text(exception), "typeName": kind.__qualname__,
+                               "fullTypeName": rendering.type_name(kind),
+                               "stackTrace": "".join(traceback.format_exception(exception, chain=False))}
+    inner: list[BaseException | None] = [exception.__cause__] if exception.__cause__ is not None else \
+        [exception.__context__] if not exception.__suppress_context__ else []
+    if isinstance(exception, BaseExceptionGroup):
+        inner += exception.exceptions
+    details["innerException"] = [_exception_details(each, seen) for each in inner
+                                 if each is not None and all(each is not known for known in seen)]
+    return details
+
+
+def _text(exception: BaseException) -> str:
+    """Its text and its notes."""
+    notes = getattr(exception, "__notes__", None)
+    return "\n".join([str(exception), *(map(str, notes) if isinstance(notes, list) else ())])
+
+
 # -- expressions -----------------------------------------------------------------------------------------
 
 def on_evaluate(session: Session, request: Request) -> Any:
@@ -340,6 +378,7 @@ HANDLERS: dict[str, Handler] = {
     "evaluate": on_evaluate,
     "completions": on_completions,
     "source": on_source,
+    "exceptionInfo": on_exception_info,
     "modules": on_modules,
     "loadedSources": on_loaded_sources,
 }

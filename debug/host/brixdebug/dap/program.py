@@ -161,7 +161,7 @@ def _run(program: Program, waits: bool = True) -> None:
     session = server.session
     if session is not None and session.settings.stop_on_entry:
         server.debugger.stop_at_entry()
-    status = program.run()
+    status = program.run(server.debugger.main_raised)
     server.debugger.main_has_ended()
     atexit.register(_say_end, status)
     if status == 128 + signal.SIGINT and program.was_interrupted:

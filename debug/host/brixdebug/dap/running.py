@@ -14,7 +14,7 @@ import zipfile
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     from collections.abc import Callable
-    from types import CodeType, TracebackType
+    from types import CodeType, FrameType, TracebackType
     from typing import Any
 
 _runpy: Any = runpy
@@ -59,8 +59,11 @@ class Program:
             self._load = lambda: _compiled(path)
         self.module = module
 
-    def run(self) -> int:
-        """Run it to its end; the exit status that it asks for.  Nothing gets out of here."""
+    def run(self, on_exception: Callable[[BaseException, FrameType], None]) -> int:
+        """Run it to its end; the exit status that it asks for.  Nothing gets out of here.
+
+        `on_exception` is called with an exception that nobody has caught, before it is reported.
+        """
         sys.modules["__main__"] = self.module
         try:
             exec(self._load(), self.module.__dict__)
@@ -68,6 +71,8 @@ class Program:
             return _exit_status(error.code)
         except BaseException as error:
             self.was_interrupted = isinstance(error, KeyboardInterrupt)
+            error.__traceback__ = _programs_part(error.__traceback__)
+            on_exception(error, sys._getframe())
             return _report(error)
         return 0
 
@@ -88,7 +93,6 @@ def _exit_status(code: object) -> int:
 
 def _report(error: BaseException) -> int:
     """What the interpreter does with an exception that nobody has caught, without the frames from here."""
-    error.__traceback__ = _programs_part(error.__traceback__)
     sys.last_type, sys.last_value, sys.last_traceback = type(error), error, error.__traceback__
     sys.last_exc = error
     try:

@@ -246,6 +246,8 @@ class Session:
                                 "allThreadsStopped": True, "preserveFocusHint": False}
         if stop.text:
             body["text"] = stop.text
+        if stop.exception is not None:
+            body["description"] = "Uncaught exception" if stop.is_uncaught else "Exception"
         if stop.breakpoint_number is not None:
             body["hitBreakpointIds"] = [stop.breakpoint_number]
         return self.wire.event("stopped", body)

@@ -25,6 +25,8 @@ if TYPE_CHECKING:
     from types import FrameType
     from typing import Any
 
+    from brixdebug.exceptions import ExceptionRule
+
 _TURN_SECONDS = 0.05          # between looks whether a thread has stopped meanwhile
 
 
@@ -32,13 +34,16 @@ class Stop:
     """All threads stand still, because of one of them: a thread that does what it is given until they may go on."""
 
     def __init__(self, thread_id: int, frame: FrameType | None, reason: str, text: str = "",
-                 breakpoint_number: int | None = None, returned: tuple[str, Any] | None = None) -> None:
+                 breakpoint_number: int | None = None, returned: tuple[str, Any] | None = None,
+                 exception: BaseException | None = None, is_uncaught: bool = False) -> None:
         self.thread_id = thread_id
         self.frame = frame                   # the innermost one of that thread that the user sees
         self.reason = reason                 # as in the protocol's `stopped` event
         self.text = text
         self.breakpoint_number = breakpoint_number
         self.returned = returned             # name of the function that has just returned, and its value
+        self.exception = exception
+        self.is_uncaught = is_uncaught       # the stack is that of the exception, which has been left
         self._tasks: queue.SimpleQueue[Callable[[], None] | None] = queue.SimpleQueue()
         self._has_ended = False
 
@@ -142,6 +147,25 @@ class ClientDebugger(Bdb):
 
     def user_exception(self, frame: FrameType, exc_info: Any) -> None:
         """Nothing: the step goes on to where the exception is handled."""
+
+    def user_raised(self, frame: FrameType, exception: BaseException, rule: ExceptionRule) -> None:
+        self._wait(Stop(threading.get_ident(), frame, "exception", type(exception).__name__, exception=exception))
+
+    def user_uncaught(self, frame: FrameType, exception: BaseException, rule: ExceptionRule) -> None:
+        traceback = exception.__traceback__
+        while traceback is not None and traceback.tb_next is not None:
+            traceback = traceback.tb_next
+        self._wait(Stop(threading.get_ident(), traceback.tb_frame if traceback else frame, "exception",
+                        type(exception).__name__, exception=exception, is_uncaught=True))
+
+    def main_raised(self, exception: BaseException, frame: FrameType) -> None:
+        """An exception ends the main thread; it is reported when this returns."""
+        if monitor.debugger is not self:
+            return
+        rule = self.exception_stops.rule_for_uncaught(exception)
+        if rule is not None:
+            with monitor.turn.lock:
+                self.user_uncaught(frame, exception, rule)
 
     # -- stops ----------------------------------------------------------------------------------
 

@@ -12,7 +12,8 @@ from brixdebug.suspension import debugged_frames
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
-    from types import FrameType
+    from collections.abc import Iterator
+    from types import FrameType, TracebackType
     from typing import Any
 
     from brixdebug.dap.rendering import Boxed
@@ -42,6 +43,21 @@ def programs_frames() -> dict[int, FrameType]:
     """The topmost frame of each thread of the program, by thread id."""
     own = monitor.suspension.own_thread_ids
     return {thread_id: frame for thread_id, frame in debugged_frames().items() if thread_id not in own}
+
+
+def _places(frame: FrameType | None) -> Iterator[tuple[FrameType, int]]:
+    while frame is not None:
+        yield frame, frame.f_lineno or frame.f_code.co_firstlineno
+        frame = frame.f_back
+
+
+def _tracebacks(traceback: TracebackType | None) -> list[TracebackType]:
+    """The innermost first, as frames are shown."""
+    found = []
+    while traceback is not None:
+        found.append(traceback)
+        traceback = traceback.tb_next
+    return found[::-1]
 
 
 class Frame:
@@ -86,22 +102,20 @@ class Tree:
 
     def stack(self, thread_id: int) -> list[Frame]:
         """The frames of a thread that the user sees, the innermost first."""
-        if self.stop is not None and self.stop.thread_id == thread_id:
-            frame = self.stop.frame
+        is_stopped = self.stop is not None and self.stop.thread_id == thread_id
+        if is_stopped and self.stop is not None and self.stop.is_uncaught and self.stop.exception is not None:
+            places = [(each.tb_frame, each.tb_lineno) for each in _tracebacks(self.stop.exception.__traceback__)]
         else:
-            frame = programs_frames().get(thread_id)
-        frames = []
-        while frame is not None:
-            if not optmonitoring.IsInternalFrame(frame):
-                frames.append(self._numbered(thread_id, frame))
-            frame = frame.f_back
-        return frames
+            frame = self.stop.frame if is_stopped and self.stop is not None else programs_frames().get(thread_id)
+            places = list(_places(frame))
+        return [self._numbered(thread_id, frame, line) for frame, line in places
+                if not optmonitoring.IsInternalFrame(frame)]
 
-    def _numbered(self, thread_id: int, frame: FrameType) -> Frame:
+    def _numbered(self, thread_id: int, frame: FrameType, line: int) -> Frame:
         known = self._by_frame.get(id(frame))
         if known is None:
             self._last_number += 1
-            known = Frame(self._last_number, thread_id, frame, frame.f_lineno or frame.f_code.co_firstlineno)
+            known = Frame(self._last_number, thread_id, frame, line)
             self._by_frame[id(frame)] = self._frames[self._last_number] = known
         return known
 
