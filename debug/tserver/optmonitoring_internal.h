@@ -238,7 +238,7 @@ PyObject* CPerFile_GetPerFile_direct(tDPData* dp, PyObject* per_file_class, PyOb
 // Enters the record in (REMOVE: takes it out of) the set of a checksum; None: its own. 0 or -1.
 int CPerFile_UpdateByChecksum_direct(tModuleState* m, PyObject* per_file, PyObject* checksum, int16_t remove);
 
-// ---- CPerCodeObject (optmonitoring_percodeobject.cpp, optmonitoring_percodeobject_life.cpp) ----
+// ---- CPerCodeObject (optmonitoring_percodeobject*.cpp) ----
 
 extern tClassInfo kPerCodeObjectClass;
 int CPerCodeObject_ClsInit(tModuleState* m);

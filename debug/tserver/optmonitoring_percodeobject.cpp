@@ -1,12 +1,7 @@
-// CPerCodeObject: the record of one code object, its pathnames, construction and look-up.
-
-#include <string.h>
-#include <strings.h>
+// CPerCodeObject: the record of one code object, its construction and look-up.
 
 #include "optmonitoring_docs.h"
-#include "optmonitoring_internal.h"
-
-static constexpr int kLinenoNoPathname = 1784;
+#include "optmonitoring_percodeobject_internal.h"
 
 tClassAttr gNewPerCodeObjectCreatedCallback = {{"_fNewPerCodeObjectCreatedCallback", nullptr}, {nullptr, 0}, nullptr};
 
@@ -27,270 +22,15 @@ CPerCodeObjectBody* need_per_code_object(tModuleState* m, PyObject* obj)
     return per_code_object_body(obj, as_type(m->CPerCodeObject));
 }
 
-// ---- Pathname to use ----
-
-// The value of "__file__" in the frame's globals [new]; None when absent, null with an exception pending.
-static PyObject* get_frame_dunder_file(PyObject* frame)
-{
-    XPyOwned globals(get_frame_globals(frame));
-    if (!globals)
-        return new_none();
-    XPyOwned key(api.PyUnicode_FromString("__file__"));
-    if (!key)
-        return nullptr;
-    PyObject* file = api.PyObject_GetItem(globals.borrow(), key.borrow());
-    if (file)
-        return file;
-    return clear_if_raised(api.PyExc_KeyError) ? new_none() : nullptr;
-}
-
-// NAME without the last letter of a compiled-file suffix. [new]
-static PyObject* without_compiled_suffix(PyObject* name)
-{
-    Py_ssize_t length;
-    const char* text = need_utf8(name, &length);
-    if (!text)
-        return nullptr;
-    if (length > 4 && strcasecmp(text + length - 4, ".pyc") == 0)
-        return api.PyUnicode_FromStringAndSize(text, length - 1);
-    return XPy_NewRef(name);
-}
-
-// The name of the code's source file [new], and its kind, which stays that of the code's own filename.
-static PyObject* get_source_name(tModuleState* m, PyObject* code, PyObject* frame, int* kind)
-{
-    XPyOwned name(get_code_filename(code));
-    if (!name)
-        return nullptr;
-    *kind = GetPathnameKind_direct(m->dp, name.borrow());
-    if (*kind < 0)
-        return nullptr;
-    if (*kind == kFrozenImportLibPathname && is_frame_object(frame)) {
-        XPyOwned file(get_frame_dunder_file(frame));
-        if (!file)
-            return nullptr;
-        if (file.borrow() != api.Py_None)
-            name.reset(file.detach());
-    }
-    return without_compiled_suffix(name.borrow());
-}
-
-static PyObject* get_absolute_name(tModuleState* m, PyObject* name)
-{
-    Py_ssize_t length;
-    const char* text = need_utf8(name, &length);
-    if (!text)
-        return nullptr;
-    if (length == 0) {
-        api.PyErr_SetString(api.PyExc_ValueError, "pathname cannot be empty");
-        return nullptr;
-    }
-    tFileOpsData* file_ops = need_file_ops(m);
-    if (!file_ops)
-        return nullptr;
-    tFileOpsUse use(file_ops);
-    const char* absolute = get_absname(file_ops, text);
-    if (!absolute) {
-        if (!api.PyErr_Occurred())
-            api.PyErr_SetString(api.PyExc_RuntimeError, "get_absname() returned NULL without setting the exception");
-        return nullptr;
-    }
-    return strcmp(absolute, text) == 0 ? XPy_NewRef(name) : api.PyUnicode_FromString(absolute);
-}
-
-static PyObject* find_canonical_inner(tModuleState* m, PyObject* name)
-{
-    tFileOpsData* file_ops = need_file_ops(m);
-    if (!file_ops)
-        return nullptr;
-    XPyOwned known(lookup_canonical_pathname_pystr(file_ops, name, nullptr));
-    file_ops = need_file_ops(m);  // the log's file may have reset the module
-    if (!file_ops)
-        return nullptr;
-    if (!known || known.borrow() != api.Py_None)
-        return known.detach();
-    XPyOwned checksum(get_checksum_for_pathname(file_ops, name));
-    file_ops = need_file_ops(m);  // the host's callback may have reset the module
-    if (!checksum || !file_ops)
-        return nullptr;
-    XPyOwned registered(register_canonical_pathname_pystr(file_ops, name, checksum.borrow()));
-    if (registered.borrow() != api.Py_None)
-        return registered.detach();
-    // A record without a canonical name would miss its file's breakpoints for good. The absolute name was to be had,
-    // so what was missing is memory.
-    api.PyErr_NoMemory();
-    return nullptr;
-}
-
-static PyObject* find_canonical_pathname(tModuleState* m, PyObject* name)
-{
-    PyObject* canonical = find_canonical_inner(m, name);
-    return canonical ? canonical : fail_null(m->dp, "Failure in find_canonical_pathname()\n");
-}
-
-static PyObject* get_pathname_inner(tModuleState* m, PyObject* code, PyObject* frame, int16_t canonical)
-{
-    if (check_code_object(code) < 0)
-        return nullptr;
-    int kind;
-    XPyOwned name(get_source_name(m, code, frame, &kind));
-    if (!name)
-        return nullptr;
-    if (kind == kRegularPathname)
-        return canonical ? find_canonical_pathname(m, name.borrow()) : get_absolute_name(m, name.borrow());
-    if (kind == kPseudoPathname && canonical)
-        return new_none();
-    return name.detach();
-}
-
-static PyObject* fail_without_pathname(void)
-{
-    if (!api.PyErr_Occurred())
-        api._PyErr_BadInternalCall(kSourceName, kLinenoNoPathname);
-    return nullptr;
-}
-
-PyObject* CPerCodeObject_GetPathnameToUse_direct(tModuleState* m, PyObject* code, PyObject* frame, int16_t canonical)
-{
-    PyObject* pathname = get_pathname_inner(m, code, frame, canonical);
-    return pathname ? pathname : fail_without_pathname();
-}
-
-// ---- Both names of a code object ----
-// Once found, the names of a regular file stay what they are for as long as the file tables live: an absolute name, a
-// stat result and a registration are never taken back. So they are kept by the code's own file name, and the code
-// objects of a file that has been seen share them.
-
-struct tPathnames {
-    XPyOwned to_report;
-    XPyOwned canonical;
-};
-
-// The names found, by the code's own file name: pairs of the name to report (None: the file name itself) and the
-// canonical name. The keys are exact strs, so that looking one up runs no code of the program. One dict for the
-// process is enough: a second module in it starts over.
-struct tKnownPathnames {
-    tModuleState* owner;
-    PyObject* dict;           // [owned], null: none
-    PyObject* last_filename;  // the name found last [owned], null: none; code of one file mostly comes in a row
-    PyObject* last_pair;      // its pair [owned]
-};
-static tKnownPathnames known_pathnames;
-
-static tClassMark plainly_constructed;  // the class makes records as its own functions do, nobody's else
-
-static void drop_known_pathnames(void)
-{
-    XPy_ClearField(&known_pathnames.last_filename);
-    XPy_ClearField(&known_pathnames.last_pair);
-    XPy_ClearField(&known_pathnames.dict);
-}
-
-void CPerCodeObject_ForgetFindings(tModuleState* m)
-{
-    plainly_constructed.cls = nullptr;
-    if (known_pathnames.owner == m)
-        drop_known_pathnames();
-}
-
-// The module's dict of known names [borrowed], made on first use; null with an exception pending.
-static PyObject* borrow_known_pathnames(tModuleState* m)
-{
-    if (known_pathnames.owner != m)
-        drop_known_pathnames();
-    known_pathnames.owner = m;
-    if (!known_pathnames.dict)
-        known_pathnames.dict = api.PyDict_New();
-    return known_pathnames.dict;
-}
-
-// The pair of a file name [borrowed]; null, and nothing pending, when it is not known.
-static PyObject* borrow_known_pair(tModuleState* m, PyObject* filename)
-{
-    if (!known_pathnames.dict || known_pathnames.owner != m)
-        return nullptr;
-    if (filename == known_pathnames.last_filename)
-        return known_pathnames.last_pair;
-    if (XPy_BorrowTypeInline(filename) != api.PyUnicode_Type_ptr)
-        return nullptr;
-    PyObject* pair = api.PyDict_GetItemWithError(known_pathnames.dict, filename);
-    if (pair) {
-        XPy_SetField(&known_pathnames.last_filename, filename);
-        XPy_SetField(&known_pathnames.last_pair, pair);
-    } else if (api.PyErr_Occurred()) {
-        api.PyErr_Clear();
-    }
-    return pair;
-}
-
-static bool find_known_pathnames(tModuleState* m, PyObject* filename, tPathnames* names)
-{
-    PyObject* pair = borrow_known_pair(m, filename);
-    if (!pair)
-        return false;
-    PyObject* to_report = api.PyTuple_GetItem(pair, 0);
-    names->to_report.reset(XPy_NewRef(to_report == api.Py_None ? filename : to_report));
-    names->canonical.reset(XPy_NewRef(api.PyTuple_GetItem(pair, 1)));
-    return true;
-}
-
-static PyObject* make_pair(PyObject* first, PyObject* second)
-{
-    XPyOwned pair(api.PyTuple_New(2));
-    bool is_filled = pair && api.PyTuple_SetItem(pair.borrow(), 0, XPy_NewRef(first)) == 0 &&
-                     api.PyTuple_SetItem(pair.borrow(), 1, XPy_NewRef(second)) == 0;
-    return is_filled ? pair.detach() : nullptr;
-}
-
-// Keeps the names of a regular file in KNOWN; a failure to do so costs nothing but time.
-static void keep_pathnames(tModuleState* m, PyObject* known, PyObject* filename, const tPathnames& names)
-{
-    bool is_kept = XPy_BorrowTypeInline(filename) == api.PyUnicode_Type_ptr &&
-                   XPy_BorrowTypeInline(names.canonical.borrow()) == api.PyUnicode_Type_ptr &&
-                   GetPathnameKind_direct(m->dp, filename) == kRegularPathname;
-    if (!is_kept) {
-        api.PyErr_Clear();  // of a kind that could not be told
-        return;
-    }
-    PyObject* to_report = names.to_report.borrow();
-    XPyOwned pair(make_pair(to_report == filename ? api.Py_None : to_report, names.canonical.borrow()));
-    if (!pair || api.PyDict_SetItem(known, filename, pair.borrow()) < 0)
-        api.PyErr_Clear();
-}
-
-// The pathname to report and the canonical one; -1 with an exception pending.
-static int find_pathnames(tModuleState* m, PyObject* code, PyObject* frame, tPathnames* names)
-{
-    XPyOwned filename(get_code_filename(code));
-    if (!filename) {
-        fail_without_pathname();
-        return -1;
-    }
-    if (find_known_pathnames(m, filename.borrow(), names))
-        return 0;
-    XPyOwned known(XPy_NewRef(borrow_known_pathnames(m)));
-    if (!known)
-        return -1;
-    names->to_report.reset(CPerCodeObject_GetPathnameToUse_direct(m, code, frame, 0));
-    if (names->to_report)
-        names->canonical.reset(CPerCodeObject_GetPathnameToUse_direct(m, code, frame, 1));
-    if (!names->canonical)
-        return -1;
-    if (known.borrow() == known_pathnames.dict)  // the host's callback may have reset the module
-        keep_pathnames(m, known.borrow(), filename.borrow(), *names);
-    return 0;
-}
-
 // ---- Construction ----
 
-static PyObject* get_death_callback(PyObject* self)
+PyObject* get_death_callback(PyObject* self)
 {
     static tNameCache cb_code_object_dealloc = {"_cb_code_object_dealloc", nullptr};
     return get_cached_attr(self, &cb_code_object_dealloc);
 }
 
-// Sets the weak reference, whose callback [steals], perhaps null, keeps the record alive until its code object dies.
-static int set_weak_ref(CPerCodeObjectBody* body, PyObject* code, PyObject* death_callback)
+int set_code_weak_ref(CPerCodeObjectBody* body, PyObject* code, PyObject* death_callback)
 {
     XPyOwned on_death(death_callback);
     XPyOwned weak_ref(on_death ? api.PyWeakref_NewRef(code, on_death.borrow()) : nullptr);
@@ -313,8 +53,7 @@ static void fill_body(tModuleState* m, CPerCodeObjectBody* body, PyObject* frame
     body->fUpdatePathnameNeeded = frame == api.Py_None;
 }
 
-// Takes a half-made record apart: its weak reference, if it has one, would keep it alive for nothing.
-static void undo_start(PyObject* self)
+void undo_record_start(PyObject* self)
 {
     XPyHeldError held;
     clear_object_members(self);
@@ -329,16 +68,15 @@ static void undo_construction(tModuleState* m, PyObject* self)
     clear_object_members(self);
 }
 
-// Makes a record out of SELF, which may have its weak reference already, and whose NAMES may be known already.
-static int construct(tModuleState* m, PyObject* self, CPerCodeObjectBody* body, PyObject* code, PyObject* frame,
+int construct_record(tModuleState* m, PyObject* self, CPerCodeObjectBody* body, PyObject* code, PyObject* frame,
                      tPathnames* names)
 {
     bool is_started = (names->canonical || find_pathnames(m, code, frame, names) == 0) &&
-                      (body->fCodeObjectWeakRef || set_weak_ref(body, code, get_death_callback(self)) == 0);
+                      (body->fCodeObjectWeakRef || set_code_weak_ref(body, code, get_death_callback(self)) == 0);
     if (is_started)
         fill_body(m, body, frame, *names);
     if (!is_started || CPerCodeObject_AddToPerFile_direct(m, self) < 0) {
-        undo_start(self);
+        undo_record_start(self);
         return -1;
     }
     if (CPerCodeObject_RegisterPerCodeObject_direct(m, self, code) < 0) {
@@ -357,12 +95,12 @@ static int init_inner(tModuleState* m, PyObject* self, CPerCodeObjectBody* body,
         return -1;
     }
     tPathnames names;
-    return construct(m, self, body, code, frame, &names);
+    return construct_record(m, self, body, code, frame, &names);
 }
 
-static const char kInitFailure[] = "Exception in CPerCodeObject.__init__\n";
+const char kPerCodeObjectInitFailure[] = "Exception in CPerCodeObject.__init__\n";
 
-static int CPerCodeObject_init(PyObject* self, PyObject* args, PyObject* kwargs)
+int CPerCodeObject_init(PyObject* self, PyObject* args, PyObject* kwargs)
 {
     tModuleState* m = state_of(self);
     CPerCodeObjectBody* body = m ? per_code_object_body(self, borrow_defining_class(self)) : nullptr;
@@ -370,7 +108,7 @@ static int CPerCodeObject_init(PyObject* self, PyObject* args, PyObject* kwargs)
     if (!body || refuse_keywords(self, kwargs, "CPerCodeObject") < 0 ||
         !api.PyArg_ParseTuple(args, "OO:CPerCodeObject.__init__", &code, &frame))
         return -1;
-    return init_inner(m, self, body, code, frame) < 0 ? fail_int(m->dp, kInitFailure) : 0;
+    return init_inner(m, self, body, code, frame) < 0 ? fail_int(m->dp, kPerCodeObjectInitFailure) : 0;
 }
 
 static void CPerCodeObject_finalize(PyObject* self)
@@ -528,123 +266,9 @@ static PyMethodDef kMethods[] = {
     {nullptr, nullptr, 0, nullptr},
 };
 
-// ---- The first event of a code object ----
-// What a call of the class does, without the call, while nobody has replaced the class's construction. The record's
-// own weak reference serves to find out that no other record is registered: the hash of a code object, which costs
-// more than the rest of a look-up, is then computed once.
-
-typedef PyObject* (*tNew)(PyTypeObject*, PyObject*, PyObject*);
-
-static tNew make_instance;  // its __new__ then
-
-// The death callback, if it is what the record's attribute is. [new], or null, perhaps with an exception pending.
-static PyObject* make_death_callback(PyObject* self, PyTypeObject* cls)
+PyObject* make_death_callback(PyObject* self, PyTypeObject* cls)
 {
     return api.PyCMethod_New(&kMethods[kDeathCallback], self, nullptr, cls);
-}
-
-static bool has_plain_death_callback(PyObject* self, PyTypeObject* cls)
-{
-    XPyOwned ours(make_death_callback(self, cls));
-    XPyOwned theirs(ours ? get_death_callback(self) : nullptr);
-    return ours && theirs && XPy_BorrowTypeInline(ours.borrow()) == XPy_BorrowTypeInline(theirs.borrow()) &&
-           api.PyObject_RichCompareBool(ours.borrow(), theirs.borrow(), kPyEq) == 1;
-}
-
-static PyObject* make_blank(PyTypeObject* cls)
-{
-    XPyOwned no_args(api.PyTuple_New(0));
-    return no_args ? make_instance(cls, no_args.borrow(), nullptr) : nullptr;
-}
-
-// Finds out whether the class constructs plainly, and marks it so.
-XPY_COLD static void examine_class(PyTypeObject* cls)
-{
-    void* make = api.PyType_GetSlot(cls, kSlotTpNew);
-    make_instance = reinterpret_cast<tNew>(make);
-    bool is_plain = api.PyType_GetSlot(cls, kSlotTpInit) == reinterpret_cast<void*>(CPerCodeObject_init) &&
-                    make == api.PyType_GetSlot(borrow_base(cls), kSlotTpNew);
-    XPyOwned sample(is_plain ? make_blank(cls) : nullptr);
-    if (sample && has_plain_death_callback(sample.borrow(), cls))
-        mark_class(&plainly_constructed, cls);
-}
-
-// An instance [new]; null, perhaps with an exception pending, when construction was replaced.
-static PyObject* make_plain_instance(PyTypeObject* cls)
-{
-    if (XPY_UNLIKELY(!is_as_marked(&plainly_constructed, cls))) {
-        plainly_constructed.cls = nullptr;
-        if (gTypeVersionOffset != -1)
-            examine_class(cls);
-    }
-    return plainly_constructed.cls ? make_blank(cls) : nullptr;
-}
-
-// Whether the registry surely has no record of this code object; an exception may be pending if not.
-static bool is_surely_unregistered(tModuleState* m, CPerCodeObjectBody* body, PyObject* code)
-{
-    XPyOwned dict(CPerCodeObject_GetPlainRegistry(m));
-    if (!dict)
-        return false;
-    XPyOwned other;
-    int found = api.PyDict_Contains(dict.borrow(), body->fCodeObjectWeakRef);
-    if (found <= 0)
-        return found == 0;
-    if (api.PyDict_GetItemRef(dict.borrow(), body->fCodeObjectWeakRef, other.out()) <= 0)
-        return false;
-    CPerCodeObjectBody* other_body = need_per_code_object(m, other.borrow());
-    return other_body && CPerCodeObject_BelongsTo(other_body, code) == 0;
-}
-
-// An instance with its weak reference, for a code object that surely has no record. [new], or null and nothing
-// pending.
-static PyObject* start_record(tModuleState* m, PyObject* code)
-{
-    PyTypeObject* cls = as_type(m->CPerCodeObject);
-    XPyOwned self(make_plain_instance(cls));
-    CPerCodeObjectBody* body = self ? per_code_object_body(self.borrow(), cls) : nullptr;
-    if (body && set_weak_ref(body, code, make_death_callback(self.borrow(), cls)) == 0 &&
-        is_surely_unregistered(m, body, code))
-        return self.detach();
-    api.PyErr_Clear();
-    if (self)
-        undo_start(self.borrow());
-    return nullptr;
-}
-
-PyObject* get_running_frame(void)
-{
-    PyObject* frame = get_thread_state_frame(api.PyThreadState_Get());
-    return frame || api.PyErr_Occurred() ? frame : new_none();
-}
-
-// The frame for the record of CODE. [new] Of a record whose names are known, nothing is asked but whether there is
-// one, which anything but None answers.
-static PyObject* get_frame_for(PyObject* code, const tPathnames& names)
-{
-    if (names.canonical && is_surely_running(api.PyThreadState_Get(), code))
-        return XPy_NewRef(api.Py_True);
-    return get_running_frame();
-}
-
-bool CPerCodeObject_CreateShortly(tModuleState* m, PyObject* code, PyObject** record)
-{
-    void* extra = nullptr;
-    bool is_first = api._PyCode_GetExtra(code, m->code_object_extra_index, &extra) == 0 && !extra;
-    XPyOwned filename(is_first ? get_code_filename(code) : nullptr);
-    tPathnames names;
-    if (filename)
-        find_known_pathnames(m, filename.borrow(), &names);
-    XPyOwned frame(filename ? get_frame_for(code, names) : nullptr);
-    XPyOwned self(frame ? start_record(m, code) : nullptr);
-    if (!self) {
-        api.PyErr_Clear();
-        return false;
-    }
-    CPerCodeObjectBody* body = per_code_object_body(self.borrow(), as_type(m->CPerCodeObject));
-    bool is_made = construct(m, self.borrow(), body, code, frame.borrow(), &names) == 0;
-    *record = is_made ? self.detach() : fail_null(m->dp, kInitFailure);
-    return true;
 }
 
 // ---- The class ----

@@ -1,0 +1,253 @@
+// The two pathnames of a code object: the one to report and the canonical one.
+
+#include <string.h>
+#include <strings.h>
+
+#include "optmonitoring_percodeobject_internal.h"
+
+static constexpr int kLinenoNoPathname = 1784;
+
+// ---- Pathname to use ----
+
+// The value of "__file__" in the frame's globals [new]; None when absent, null with an exception pending.
+static PyObject* get_frame_dunder_file(PyObject* frame)
+{
+    XPyOwned globals(get_frame_globals(frame));
+    if (!globals)
+        return new_none();
+    XPyOwned key(api.PyUnicode_FromString("__file__"));
+    if (!key)
+        return nullptr;
+    PyObject* file = api.PyObject_GetItem(globals.borrow(), key.borrow());
+    if (file)
+        return file;
+    return clear_if_raised(api.PyExc_KeyError) ? new_none() : nullptr;
+}
+
+// NAME without the last letter of a compiled-file suffix. [new]
+static PyObject* without_compiled_suffix(PyObject* name)
+{
+    Py_ssize_t length;
+    const char* text = need_utf8(name, &length);
+    if (!text)
+        return nullptr;
+    if (length > 4 && strcasecmp(text + length - 4, ".pyc") == 0)
+        return api.PyUnicode_FromStringAndSize(text, length - 1);
+    return XPy_NewRef(name);
+}
+
+// The name of the code's source file [new], and its kind, which stays that of the code's own filename.
+static PyObject* get_source_name(tModuleState* m, PyObject* code, PyObject* frame, int* kind)
+{
+    XPyOwned name(get_code_filename(code));
+    if (!name)
+        return nullptr;
+    *kind = GetPathnameKind_direct(m->dp, name.borrow());
+    if (*kind < 0)
+        return nullptr;
+    if (*kind == kFrozenImportLibPathname && is_frame_object(frame)) {
+        XPyOwned file(get_frame_dunder_file(frame));
+        if (!file)
+            return nullptr;
+        if (file.borrow() != api.Py_None)
+            name.reset(file.detach());
+    }
+    return without_compiled_suffix(name.borrow());
+}
+
+static PyObject* get_absolute_name(tModuleState* m, PyObject* name)
+{
+    Py_ssize_t length;
+    const char* text = need_utf8(name, &length);
+    if (!text)
+        return nullptr;
+    if (length == 0) {
+        api.PyErr_SetString(api.PyExc_ValueError, "pathname cannot be empty");
+        return nullptr;
+    }
+    tFileOpsData* file_ops = need_file_ops(m);
+    if (!file_ops)
+        return nullptr;
+    tFileOpsUse use(file_ops);
+    const char* absolute = get_absname(file_ops, text);
+    if (!absolute) {
+        if (!api.PyErr_Occurred())
+            api.PyErr_SetString(api.PyExc_RuntimeError, "get_absname() returned NULL without setting the exception");
+        return nullptr;
+    }
+    return strcmp(absolute, text) == 0 ? XPy_NewRef(name) : api.PyUnicode_FromString(absolute);
+}
+
+static PyObject* find_canonical_inner(tModuleState* m, PyObject* name)
+{
+    tFileOpsData* file_ops = need_file_ops(m);
+    if (!file_ops)
+        return nullptr;
+    XPyOwned known(lookup_canonical_pathname_pystr(file_ops, name, nullptr));
+    file_ops = need_file_ops(m);  // the log's file may have reset the module
+    if (!file_ops)
+        return nullptr;
+    if (!known || known.borrow() != api.Py_None)
+        return known.detach();
+    XPyOwned checksum(get_checksum_for_pathname(file_ops, name));
+    file_ops = need_file_ops(m);  // the host's callback may have reset the module
+    if (!checksum || !file_ops)
+        return nullptr;
+    XPyOwned registered(register_canonical_pathname_pystr(file_ops, name, checksum.borrow()));
+    if (registered.borrow() != api.Py_None)
+        return registered.detach();
+    // A record without a canonical name would miss its file's breakpoints for good. The absolute name was to be had,
+    // so what was missing is memory.
+    api.PyErr_NoMemory();
+    return nullptr;
+}
+
+static PyObject* find_canonical_pathname(tModuleState* m, PyObject* name)
+{
+    PyObject* canonical = find_canonical_inner(m, name);
+    return canonical ? canonical : fail_null(m->dp, "Failure in find_canonical_pathname()\n");
+}
+
+static PyObject* get_pathname_inner(tModuleState* m, PyObject* code, PyObject* frame, int16_t canonical)
+{
+    if (check_code_object(code) < 0)
+        return nullptr;
+    int kind;
+    XPyOwned name(get_source_name(m, code, frame, &kind));
+    if (!name)
+        return nullptr;
+    if (kind == kRegularPathname)
+        return canonical ? find_canonical_pathname(m, name.borrow()) : get_absolute_name(m, name.borrow());
+    if (kind == kPseudoPathname && canonical)
+        return new_none();
+    return name.detach();
+}
+
+static PyObject* fail_without_pathname(void)
+{
+    if (!api.PyErr_Occurred())
+        api._PyErr_BadInternalCall(kSourceName, kLinenoNoPathname);
+    return nullptr;
+}
+
+PyObject* CPerCodeObject_GetPathnameToUse_direct(tModuleState* m, PyObject* code, PyObject* frame, int16_t canonical)
+{
+    PyObject* pathname = get_pathname_inner(m, code, frame, canonical);
+    return pathname ? pathname : fail_without_pathname();
+}
+
+// ---- Both names of a code object ----
+// Once found, the names of a regular file stay what they are for as long as the file tables live: an absolute name, a
+// stat result and a registration are never taken back. So they are kept by the code's own file name, and the code
+// objects of a file that has been seen share them.
+
+// The names found, by the code's own file name: pairs of the name to report (None: the file name itself) and the
+// canonical name. The keys are exact strs, so that looking one up runs no code of the program. One dict for the
+// process is enough: a second module in it starts over.
+struct tKnownPathnames {
+    tModuleState* owner;
+    PyObject* dict;           // [owned], null: none
+    PyObject* last_filename;  // the name found last [owned], null: none; code of one file mostly comes in a row
+    PyObject* last_pair;      // its pair [owned]
+};
+static tKnownPathnames known_pathnames;
+
+static void drop_known_pathnames(void)
+{
+    XPy_ClearField(&known_pathnames.last_filename);
+    XPy_ClearField(&known_pathnames.last_pair);
+    XPy_ClearField(&known_pathnames.dict);
+}
+
+void forget_known_pathnames(tModuleState* m)
+{
+    if (known_pathnames.owner == m)
+        drop_known_pathnames();
+}
+
+// The module's dict of known names [borrowed], made on first use; null with an exception pending.
+static PyObject* borrow_known_pathnames(tModuleState* m)
+{
+    if (known_pathnames.owner != m)
+        drop_known_pathnames();
+    known_pathnames.owner = m;
+    if (!known_pathnames.dict)
+        known_pathnames.dict = api.PyDict_New();
+    return known_pathnames.dict;
+}
+
+// The pair of a file name [borrowed]; null, and nothing pending, when it is not known.
+static PyObject* borrow_known_pair(tModuleState* m, PyObject* filename)
+{
+    if (!known_pathnames.dict || known_pathnames.owner != m)
+        return nullptr;
+    if (filename == known_pathnames.last_filename)
+        return known_pathnames.last_pair;
+    if (XPy_BorrowTypeInline(filename) != api.PyUnicode_Type_ptr)
+        return nullptr;
+    PyObject* pair = api.PyDict_GetItemWithError(known_pathnames.dict, filename);
+    if (pair) {
+        XPy_SetField(&known_pathnames.last_filename, filename);
+        XPy_SetField(&known_pathnames.last_pair, pair);
+    } else if (api.PyErr_Occurred()) {
+        api.PyErr_Clear();
+    }
+    return pair;
+}
+
+bool find_known_pathnames(tModuleState* m, PyObject* filename, tPathnames* names)
+{
+    PyObject* pair = borrow_known_pair(m, filename);
+    if (!pair)
+        return false;
+    PyObject* to_report = api.PyTuple_GetItem(pair, 0);
+    names->to_report.reset(XPy_NewRef(to_report == api.Py_None ? filename : to_report));
+    names->canonical.reset(XPy_NewRef(api.PyTuple_GetItem(pair, 1)));
+    return true;
+}
+
+static PyObject* make_pair(PyObject* first, PyObject* second)
+{
+    XPyOwned pair(api.PyTuple_New(2));
+    bool is_filled = pair && api.PyTuple_SetItem(pair.borrow(), 0, XPy_NewRef(first)) == 0 &&
+                     api.PyTuple_SetItem(pair.borrow(), 1, XPy_NewRef(second)) == 0;
+    return is_filled ? pair.detach() : nullptr;
+}
+
+// Keeps the names of a regular file in KNOWN; a failure to do so costs nothing but time.
+static void keep_pathnames(tModuleState* m, PyObject* known, PyObject* filename, const tPathnames& names)
+{
+    bool is_kept = XPy_BorrowTypeInline(filename) == api.PyUnicode_Type_ptr &&
+                   XPy_BorrowTypeInline(names.canonical.borrow()) == api.PyUnicode_Type_ptr &&
+                   GetPathnameKind_direct(m->dp, filename) == kRegularPathname;
+    if (!is_kept) {
+        api.PyErr_Clear();  // of a kind that could not be told
+        return;
+    }
+    PyObject* to_report = names.to_report.borrow();
+    XPyOwned pair(make_pair(to_report == filename ? api.Py_None : to_report, names.canonical.borrow()));
+    if (!pair || api.PyDict_SetItem(known, filename, pair.borrow()) < 0)
+        api.PyErr_Clear();
+}
+
+int find_pathnames(tModuleState* m, PyObject* code, PyObject* frame, tPathnames* names)
+{
+    XPyOwned filename(get_code_filename(code));
+    if (!filename) {
+        fail_without_pathname();
+        return -1;
+    }
+    if (find_known_pathnames(m, filename.borrow(), names))
+        return 0;
+    XPyOwned known(XPy_NewRef(borrow_known_pathnames(m)));
+    if (!known)
+        return -1;
+    names->to_report.reset(CPerCodeObject_GetPathnameToUse_direct(m, code, frame, 0));
+    if (names->to_report)
+        names->canonical.reset(CPerCodeObject_GetPathnameToUse_direct(m, code, frame, 1));
+    if (!names->canonical)
+        return -1;
+    if (known.borrow() == known_pathnames.dict)  // the host's callback may have reset the module
+        keep_pathnames(m, known.borrow(), filename.borrow(), *names);
+    return 0;
+}
