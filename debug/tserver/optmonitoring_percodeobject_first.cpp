@@ -92,15 +92,6 @@ PyObject* get_running_frame(void)
     return frame || api.PyErr_Occurred() ? frame : new_none();
 }
 
-// The frame for the record of CODE. [new] Of a record whose names are known, nothing is asked but whether there is
-// one, which anything but None answers.
-static PyObject* get_frame_for(PyObject* code, const tPathnames& names)
-{
-    if (names.canonical && is_surely_running(api.PyThreadState_Get(), code))
-        return XPy_NewRef(api.Py_True);
-    return get_running_frame();
-}
-
 bool CPerCodeObject_CreateShortly(tModuleState* m, PyObject* code, PyObject** record)
 {
     void* extra = nullptr;
@@ -109,8 +100,9 @@ bool CPerCodeObject_CreateShortly(tModuleState* m, PyObject* code, PyObject** re
     tPathnames names;
     if (filename)
         find_known_pathnames(m, filename.borrow(), &names);
-    XPyOwned frame(filename ? get_frame_for(code, names) : nullptr);
-    XPyOwned self(frame ? start_record(m, code) : nullptr);
+    bool needs_frame = !names.canonical || !is_surely_running(api.PyThreadState_Get(), code);
+    XPyOwned frame(filename && needs_frame ? get_running_frame() : nullptr);
+    XPyOwned self(filename && (frame || !needs_frame) ? start_record(m, code) : nullptr);
     if (!self) {
         api.PyErr_Clear();
         return false;

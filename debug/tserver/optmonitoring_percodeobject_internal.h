@@ -28,8 +28,9 @@ extern const char kPerCodeObjectInitFailure[];
 
 int CPerCodeObject_init(PyObject* self, PyObject* args, PyObject* kwargs);
 
-// Makes a record out of SELF, which may have its weak reference already, and whose NAMES may be known already. 0, or
-// -1 with an exception pending.
+// Makes a record out of SELF, which may have its weak reference already, and whose NAMES may be known already. FRAME
+// may be None, and null where there is one and the names are known: then no object needs to be made of it. 0, or -1
+// with an exception pending.
 int construct_record(tModuleState* m, PyObject* self, CPerCodeObjectBody* body, PyObject* code, PyObject* frame,
                      tPathnames* names);
 
