@@ -72,10 +72,6 @@ class tUntraced
     PyThreadState* fTState;
 };
 
-// Whether the frame that runs on this thread is one of CODE, found without making an object of the frame. False
-// leaves it open.
-bool is_surely_running(PyThreadState* tstate, PyObject* code);
-
 XPY_EXPORT int get_thread_state_what_event(PyThreadState* tstate);  // -1 when unknown
 XPY_EXPORT int set_thread_state_trace_cfunc(PyThreadState* tstate, Py_tracefunc func, PyObject* obj);
 

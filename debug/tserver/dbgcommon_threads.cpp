@@ -42,37 +42,14 @@ PyThreadState* borrow_current_thread_state_or_null(void)
 
 // ---- Fields ----
 
-// A field of a thread state, or null where start-up found no layout: apart from the link to the next state, which is
-// not read here, no field stands at offset 0.
-template <typename T>
-static T* find_field(PyThreadState* tstate, Py_ssize_t offset)
-{
-    return offset > 0 ? static_cast<T*>(XPy_GetFieldAddress(tstate, offset)) : nullptr;
-}
-
 PyObject* get_thread_state_frame(PyThreadState* tstate)
 {
     return reinterpret_cast<PyObject*>(api.PyThreadState_GetFrame(tstate));
 }
 
-// The interpreter's own record of the running frame begins with the code object. PYVERSIONS: from 3.12 on; the low
-// bits of that word are marks of the interpreter from 3.14 on. Where it were otherwise, the word would be no such
-// address.
-bool is_surely_running(PyThreadState* tstate, PyObject* code)
-{
-    static constexpr uintptr_t kMarks = 7;
-    bool is_known = api.major_version == 3 && api.minor_version >= 12 && api.tstate_offsets.cframe > 0;
-    void* frame = is_known ? XPy_GetFieldAddress(tstate, api.tstate_offsets.cframe) : nullptr;
-    if (frame)
-        frame = *static_cast<void**>(frame);
-    if (frame && api.minor_version == 12)
-        frame = *static_cast<void**>(XPy_GetFieldAddress(frame, api.cframe_offsets.current_frame));
-    return frame && (*static_cast<uintptr_t*>(frame) & ~kMarks) == reinterpret_cast<uintptr_t>(code);
-}
-
 PyObject* borrow_thread_state_traceobj(PyThreadState* tstate)
 {
-    PyObject** traceobj = find_field<PyObject*>(tstate, api.tstate_offsets.c_traceobj);
+    PyObject** traceobj = XPy_FindThreadStateField<PyObject*>(tstate, api.tstate_offsets.c_traceobj);
     return traceobj ? *traceobj : nullptr;
 }
 
@@ -83,31 +60,31 @@ PyInterpreterState* borrow_thread_state_interp(PyThreadState* tstate)
 
 uint64_t get_thread_state_thread_id(PyThreadState* tstate)
 {
-    uint64_t* thread_id = find_field<uint64_t>(tstate, api.tstate_offsets.thread_id);
+    uint64_t* thread_id = XPy_FindThreadStateField<uint64_t>(tstate, api.tstate_offsets.thread_id);
     return thread_id ? *thread_id : 0;
 }
 
 int get_thread_state_use_tracing(PyThreadState* tstate)
 {
-    int32_t* use_tracing = find_field<int32_t>(tstate, api.tstate_offsets.use_tracing);
+    int32_t* use_tracing = XPy_FindThreadStateField<int32_t>(tstate, api.tstate_offsets.use_tracing);
     return use_tracing ? *use_tracing : 1;
 }
 
 void set_thread_state_use_tracing(PyThreadState* tstate, int value)
 {
-    if (int32_t* use_tracing = find_field<int32_t>(tstate, api.tstate_offsets.use_tracing))
+    if (int32_t* use_tracing = XPy_FindThreadStateField<int32_t>(tstate, api.tstate_offsets.use_tracing))
         *use_tracing = value;
 }
 
 int get_thread_state_tracing(PyThreadState* tstate)
 {
-    int32_t* tracing = find_field<int32_t>(tstate, api.tstate_offsets.tracing);
+    int32_t* tracing = XPy_FindThreadStateField<int32_t>(tstate, api.tstate_offsets.tracing);
     return tracing ? *tracing : 0;
 }
 
 int get_thread_state_what_event(PyThreadState* tstate)
 {
-    int32_t* what_event = find_field<int32_t>(tstate, api.tstate_offsets.what_event);
+    int32_t* what_event = XPy_FindThreadStateField<int32_t>(tstate, api.tstate_offsets.what_event);
     return what_event ? *what_event : -1;
 }
 

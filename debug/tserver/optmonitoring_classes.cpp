@@ -78,7 +78,6 @@ bool clear_if_raised(PyObject* exception)
 
 // Classes have versions: the interpreter gives a class a new number after every change, once it is looked at again,
 // and takes it away with the next change. Its own caches of class attributes go by that number.
-Py_ssize_t gTypeVersionOffset = -1;
 
 // 3.12 takes a class's version away only after a replaced value has died, and what dies with a registry may ask for
 // that registry: until then caches, the interpreter's too, have the dying value. The class's own dict is right.
@@ -86,20 +85,13 @@ static bool has_late_versions;
 
 static uint32_t version_of(PyTypeObject* cls)
 {
-    void* field = XPy_GetFieldAddress(cls, gTypeVersionOffset);
+    void* field = XPy_GetFieldAddress(cls, gShortcutOffsets.type_version);
     return field ? *static_cast<uint32_t*>(field) : 0;
 }
 
 void init_class_versions(void)
 {
-    // PYVERSIONS: the versions whose type objects have the layout of the table. Without a known place of the count
-    // the build is free-threaded.
-    bool is_known = api.major_version == 3 && api.minor_version >= 12 && api.minor_version <= 15 &&
-                    api.pyobject_offsets.refcnt != -1;
-    if (is_known)
-        gTypeVersionOffset =
-            api.typeobject_offsets.tp_base + FindFieldOffset("tp_version_tag", py3d12_type_tail_fields);
-    has_late_versions = is_known && api.minor_version == 12;
+    has_late_versions = gShortcutOffsets.type_version != -1 && api.minor_version == 12;  // PYVERSIONS
 }
 
 void mark_class(tClassMark* mark, PyTypeObject* cls)

@@ -124,10 +124,8 @@ static inline PyTypeObject* as_type(PyObject* cls)
 // Releases the object members of the class's member table in table order, each set to null first.
 void clear_object_members(PyObject* obj);
 
-// Where a class keeps its version, bytes; the interpreter takes it away as soon as an attribute is set.
-extern Py_ssize_t gTypeVersionOffset;
-
-// A state of a class that some finding was made in: it holds for as long as nobody has changed the class.
+// A state of a class that some finding was made in: it holds for as long as nobody has changed the class, because the
+// interpreter takes a class's version away as soon as an attribute is set.
 struct tClassMark {
     PyTypeObject* cls;  // null: no finding
     uint32_t version;
@@ -136,8 +134,9 @@ struct tClassMark {
 // Whether the class is as it was when it was marked.
 static inline bool is_as_marked(const tClassMark* mark, PyTypeObject* cls)
 {
+    const char* address = reinterpret_cast<const char*>(cls);
     return mark->cls == cls &&
-           *reinterpret_cast<uint32_t*>(reinterpret_cast<char*>(cls) + gTypeVersionOffset) == mark->version;
+           *reinterpret_cast<const uint32_t*>(address + gShortcutOffsets.type_version) == mark->version;
 }
 
 // Once per process, after the binding layer has started up.

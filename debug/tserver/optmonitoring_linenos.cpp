@@ -10,21 +10,15 @@
 
 tLinenoPeek gLinenoPeek;
 
-// PYVERSIONS: the versions whose sets and ints have the layout of the tables.
-static constexpr int kFirstMinor = 12;
-static constexpr int kLastMinor = 15;
-
 void init_lineno_peek(void)
 {
-    // Without a known place of the count the build is free-threaded: its sets change under their readers.
-    bool is_known = api.major_version == 3 && api.minor_version >= kFirstMinor && api.minor_version <= kLastMinor &&
-                    api.pyobject_offsets.refcnt != -1;
-    if (!is_known)
+    const XPy_ShortcutOffsets& offsets = gShortcutOffsets;
+    if (offsets.set_table == -1 || offsets.int_tag == -1)
         return;
-    gLinenoPeek.set_mask = FindFieldOffset("mask", py3d12_set_fields);
-    gLinenoPeek.set_table = FindFieldOffset("table", py3d12_set_fields);
-    gLinenoPeek.int_tag = FindFieldOffset("lv_tag", py3d12_int_fields);
-    gLinenoPeek.int_digit = FindFieldOffset("ob_digit", py3d12_int_fields);
+    gLinenoPeek.set_mask = offsets.set_mask;
+    gLinenoPeek.set_table = offsets.set_table;
+    gLinenoPeek.int_tag = offsets.int_tag;
+    gLinenoPeek.int_digit = offsets.int_digit;
     gLinenoPeek.set_type = api.PySet_Type_ptr;
 }
 

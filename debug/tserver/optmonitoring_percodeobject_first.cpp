@@ -48,7 +48,7 @@ static PyObject* make_plain_instance(PyTypeObject* cls)
 {
     if (XPY_UNLIKELY(!is_as_marked(&plainly_constructed, cls))) {
         plainly_constructed.cls = nullptr;
-        if (gTypeVersionOffset != -1)
+        if (gShortcutOffsets.type_version != -1)
             examine_class(cls);
     }
     return plainly_constructed.cls ? make_blank(cls) : nullptr;
@@ -90,6 +90,20 @@ PyObject* get_running_frame(void)
 {
     PyObject* frame = get_thread_state_frame(api.PyThreadState_Get());
     return frame || api.PyErr_Occurred() ? frame : new_none();
+}
+
+bool is_surely_running(PyThreadState* tstate, PyObject* code)
+{
+    static constexpr uintptr_t kMarks = 7;  // low bits, which the interpreter uses from 3.14 on
+    if (gShortcutOffsets.frame_code == -1)
+        return false;
+    void** frame = XPy_FindThreadStateField<void*>(tstate, api.tstate_offsets.cframe);
+    if (frame && *frame && api.cframe_offsets.current_frame != -1)
+        frame = static_cast<void**>(XPy_GetFieldAddress(*frame, api.cframe_offsets.current_frame));
+    if (!frame || !*frame)
+        return false;
+    uintptr_t word = *static_cast<uintptr_t*>(XPy_GetFieldAddress(*frame, gShortcutOffsets.frame_code));
+    return (word & ~kMarks) == reinterpret_cast<uintptr_t>(code);
 }
 
 bool CPerCodeObject_CreateShortly(tModuleState* m, PyObject* code, PyObject** record)

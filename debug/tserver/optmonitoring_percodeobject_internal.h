@@ -22,6 +22,12 @@ int find_pathnames(tModuleState* m, PyObject* code, PyObject* frame, tPathnames*
 // Drops the known names, if they are this module's.
 void forget_known_pathnames(tModuleState* m);
 
+// ---- First events (optmonitoring_percodeobject_first.cpp) ----
+
+// Whether the frame that runs on this thread is one of CODE, found without making an object of the frame. False
+// leaves it open.
+bool is_surely_running(PyThreadState* tstate, PyObject* code);
+
 // ---- Construction (optmonitoring_percodeobject.cpp) ----
 
 extern const char kPerCodeObjectInitFailure[];

@@ -240,6 +240,14 @@ static inline void* XPy_GetFieldAddress(const void* obj, Py_ssize_t offset)
     return offset == -1 ? nullptr : const_cast<char*>(static_cast<const char*>(obj)) + offset;
 }
 
+// Address of a thread state's field, or null where there is none. On a version without a table the offsets are 0,
+// where only the link to the next state stands, which is not read through this.
+template <typename T>
+static inline T* XPy_FindThreadStateField(PyThreadState* tstate, Py_ssize_t offset)
+{
+    return offset > 0 ? static_cast<T*>(XPy_GetFieldAddress(tstate, offset)) : nullptr;
+}
+
 // True when the object's count is never written. Needs a known refcnt offset to say yes.
 static inline bool XPy_IsImmortal(const PyObject* obj)
 {
@@ -404,10 +412,17 @@ XPY_EXPORT Py_ssize_t FindSizeOfAllFields(const XPy_FieldWithSize* table);
 // Sets the size of the named row; nothing when the name is absent.
 XPY_EXPORT void SetFieldSize(XPy_FieldWithSize* table, const char* name, Py_ssize_t size);
 
-// Fields of sets, ints and, from tp_base on, type objects, 3.12 to 3.15. PYVERSIONS
-extern XPy_FieldWithSize py3d12_set_fields[];
-extern XPy_FieldWithSize py3d12_type_tail_fields[];
-extern XPy_FieldWithSize py3d12_int_fields[];
+// Byte offsets that only short cuts read; -1: unknown, and the full path is taken. Where builds differ they are those
+// of a build with the interpreter lock, and -1 without it.
+struct XPy_ShortcutOffsets {
+    Py_ssize_t set_mask;      // sets: number of entries less one
+    Py_ssize_t set_table;     // address of the entries
+    Py_ssize_t int_tag;       // ints: sign and number of digits
+    Py_ssize_t int_digit;     // the lowest digit
+    Py_ssize_t type_version;  // type objects: a number that each change of the type takes away
+    Py_ssize_t frame_code;    // the interpreter's own record of a running frame: its code object
+};
+extern XPy_ShortcutOffsets gShortcutOffsets;
 
 // ---- Modules (xpy_c_api_modules.cpp) ----
 

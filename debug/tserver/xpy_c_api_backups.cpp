@@ -165,25 +165,19 @@ PyObject* Backup_PyFrame_GetGenerator(PyFrameObject*)
 
 // ---- Thread states ----
 
-// Whether start-up found a layout: the fields read here never stand first in a thread state, so 0 means "no table".
-static bool is_known(Py_ssize_t offset)
-{
-    return offset > 0;
-}
-
 PyFrameObject* Backup_PyThreadState_GetFrame(PyThreadState* tstate)
 {
-    Py_ssize_t offset = api.tstate_offsets.frame;
-    return is_known(offset) ? reinterpret_cast<PyFrameObject*>(get_object_field(tstate, offset)) : nullptr;
+    PyObject** frame = XPy_FindThreadStateField<PyObject*>(tstate, api.tstate_offsets.frame);
+    return reinterpret_cast<PyFrameObject*>(frame ? XPy_NewRef(*frame) : nullptr);
 }
 
 PyInterpreterState* Backup_PyThreadState_GetInterpreter(PyThreadState* tstate)
 {
-    if (!is_known(api.tstate_offsets.interp)) {
-        fputs("Backup_PyThreadState_GetInterpreter called\n", stderr);
-        return nullptr;
-    }
-    return *static_cast<PyInterpreterState**>(XPy_GetFieldAddress(tstate, api.tstate_offsets.interp));
+    auto interp = XPy_FindThreadStateField<PyInterpreterState*>(tstate, api.tstate_offsets.interp);
+    if (interp)
+        return *interp;
+    fputs("Backup_PyThreadState_GetInterpreter called\n", stderr);
+    return nullptr;
 }
 
 // 3.8 alone wants the runtime state in front of the thread state.
@@ -216,9 +210,9 @@ static void change_tracing(PyThreadState* tstate, int change)
 {
     if (api.major_version >= 3 && api.minor_version >= 11)
         return;  // the interpreter has the real function there
-    if (!is_known(api.tstate_offsets.tracing))
+    int32_t* tracing = XPy_FindThreadStateField<int32_t>(tstate, api.tstate_offsets.tracing);
+    if (!tracing)
         return;
-    int32_t* tracing = static_cast<int32_t*>(XPy_GetFieldAddress(tstate, api.tstate_offsets.tracing));
     int32_t before = *tracing;
     *tracing = before + change;
     if (api.major_version == 3 && api.minor_version == 10 && (before == 0 || *tracing == 0))

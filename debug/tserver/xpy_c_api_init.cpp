@@ -432,6 +432,7 @@ int XPy_InitializeWithDllPtr(const char* dll)
     InitThreadStateOffsets();
     InitInterpreterStateOffsets();
     InitCFrameOffsets();
+    InitShortcutOffsets();
     InitCachedPid();
     api.initialized = 1;
     api.refcnt_is_32bit = api.major_version == 3 && api.minor_version > 11;

@@ -35,6 +35,10 @@ extern XPy_FieldWithSize py3d7_main_interpreter_config_fields[];
 extern XPy_FieldWithSize py3d8_interpreter_state_fields[];
 extern XPy_FieldWithSize py3d8_pyconfig_fields[];
 extern XPy_FieldWithSize py3_mod_def_fields[];
+extern XPy_FieldWithSize py3d12_set_fields[];
+extern XPy_FieldWithSize py3d12_type_tail_fields[];
+extern XPy_FieldWithSize py3d12_int_fields[];
+extern XPy_FieldWithSize py3d12_interpreter_frame_fields[];
 
 // Bytes of the two list links that a reference-tracing build puts in front of every object header.
 static constexpr Py_ssize_t kTraceRefsHeader = 16;
@@ -47,6 +51,7 @@ void InitTypeObjectOffsets(void);
 void InitFrameOffsets(void);
 void InitThreadStateOffsets(void);
 void InitCFrameOffsets(void);
+void InitShortcutOffsets(void);
 void InitInterpreterStateOffsets(void);
 
 // ---- Fallbacks (xpy_c_api_backups.cpp): the table's entries where the interpreter lacks the function ----

@@ -46,6 +46,11 @@ static const tLayoutRange kCFrameLayouts[] = {
     {3, 12, 12, py3d12_cframe_fields},
 };
 
+static const tLayoutRange kSetLayouts[] = {{3, 12, 15, py3d12_set_fields}};
+static const tLayoutRange kIntLayouts[] = {{3, 12, 15, py3d12_int_fields}};
+static const tLayoutRange kTypeTailLayouts[] = {{3, 12, 15, py3d12_type_tail_fields}};
+static const tLayoutRange kInterpreterFrameLayouts[] = {{3, 12, 15, py3d12_interpreter_frame_fields}};
+
 template <size_t N>
 static XPy_FieldWithSize* find_layout(const tLayoutRange (&ranges)[N])
 {
@@ -214,6 +219,28 @@ void InitCFrameOffsets(void)
 {
     const XPy_FieldWithSize* table = find_layout(kCFrameLayouts);
     api.cframe_offsets.current_frame = table ? FindFieldOffset("current_frame", table) : -1;
+}
+
+XPy_ShortcutOffsets gShortcutOffsets = {-1, -1, -1, -1, -1, -1};
+
+void InitShortcutOffsets(void)
+{
+    gShortcutOffsets = {-1, -1, -1, -1, -1, -1};
+    if (const XPy_FieldWithSize* frame = find_layout(kInterpreterFrameLayouts))
+        gShortcutOffsets.frame_code = FindFieldOffset("f_executable", frame);
+    // Without a known place of the count the build is free-threaded: what others may change is not read in place.
+    if (api.pyobject_offsets.refcnt == -1)
+        return;
+    if (const XPy_FieldWithSize* set = find_layout(kSetLayouts)) {
+        gShortcutOffsets.set_mask = FindFieldOffset("mask", set);
+        gShortcutOffsets.set_table = FindFieldOffset("table", set);
+    }
+    if (const XPy_FieldWithSize* number = find_layout(kIntLayouts)) {
+        gShortcutOffsets.int_tag = FindFieldOffset("lv_tag", number);
+        gShortcutOffsets.int_digit = FindFieldOffset("ob_digit", number);
+    }
+    if (const XPy_FieldWithSize* tail = find_layout(kTypeTailLayouts))
+        gShortcutOffsets.type_version = api.typeobject_offsets.tp_base + FindFieldOffset("tp_version_tag", tail);
 }
 
 // Gives the nested structure's row of TABLE its size; false when that cannot be computed, which is reported, or when

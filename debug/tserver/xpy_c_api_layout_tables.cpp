@@ -249,6 +249,11 @@ XPy_FieldWithSize py3d12_type_tail_fields[] = {
     {nullptr, 0},
 };
 
+XPy_FieldWithSize py3d12_interpreter_frame_fields[] = {
+    {"f_executable", 8},
+    {nullptr, 0},
+};
+
 XPy_FieldWithSize py3d12_int_fields[] = {
     {"<PyObject_HEAD>", -1}, {"lv_tag", 8}, {"ob_digit", 4},
     {nullptr, 0},

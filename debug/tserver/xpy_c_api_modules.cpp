@@ -126,9 +126,10 @@ PyObject* XPyModuleDef_Init(const XPyModuleDef* def)
 static PyInterpreterState* borrow_current_interpreter(void)
 {
     PyThreadState* tstate = api.PyThreadState_Get();
-    if (!tstate || api.tstate_offsets.interp <= 0)
+    if (!tstate)
         return nullptr;
-    return *static_cast<PyInterpreterState**>(XPy_GetFieldAddress(tstate, api.tstate_offsets.interp));
+    auto interp = XPy_FindThreadStateField<PyInterpreterState*>(tstate, api.tstate_offsets.interp);
+    return interp ? *interp : nullptr;
 }
 
 // The field in the interpreter state, or null where this version has none (3.6 to 3.8 have it).

@@ -3,7 +3,9 @@
 #include <dlfcn.h>
 #include <pthread.h>
 
+#include "dbgcommon.h"
 #include "hosted_support.h"
+#include "optmonitoring_percodeobject_internal.h"
 #include "xpy_c_api_internal.h"
 
 class LiveLayout : public HostedTest
@@ -126,6 +128,59 @@ TEST_F(LiveLayout, FrameLineIsTheTracedOne)
                    "finally: sys.settrace(None)\n",
                    scope.borrow()));
     EXPECT_EQ(gRawLine, 9) << "valid while the frame is traced";
+}
+
+// ---- What short cuts read ----
+
+// A version that these tables do not name works, but slowly: nothing else would tell.
+TEST_F(LiveLayout, EveryVersionWithTheFilterHasTheShortcutsLayouts)
+{
+    bool is_expected = is_py3(12);
+    bool has_lock = api.pyobject_offsets.refcnt != -1;
+    const XPy_ShortcutOffsets& offsets = gShortcutOffsets;
+    EXPECT_EQ(offsets.frame_code != -1, is_expected);
+    for (Py_ssize_t offset :
+         {offsets.set_mask, offsets.set_table, offsets.int_tag, offsets.int_digit, offsets.type_version})
+        EXPECT_EQ(offset != -1, is_expected && has_lock);
+}
+
+TEST_F(LiveLayout, ShortcutsReadSetsIntsAndTypes)
+{
+    const XPy_ShortcutOffsets& offsets = gShortcutOffsets;
+    if (!is_py3(12) || api.pyobject_offsets.refcnt == -1)
+        GTEST_SKIP() << "nothing of this build is read in place, tested above";
+    ASSERT_NE(offsets.set_table, -1);
+    ASSERT_NE(offsets.int_tag, -1);
+    ASSERT_NE(offsets.type_version, -1);
+    XPyOwned scope(
+        run_python("lines = {8}\nnumber = 70007\n"
+                   "class Changing: pass\n"
+                   "Changing.first = 1\nChanging.first\n"));
+    PyObject* lines = api.PyDict_GetItemString(scope.borrow(), "lines");
+    EXPECT_EQ(read<size_t>(lines, offsets.set_mask), 7u);
+    struct tEntry {
+        PyObject* key;
+        Py_ssize_t hash;
+    };
+    const tEntry* table = read<tEntry*>(lines, offsets.set_table);
+    EXPECT_EQ(table[0].hash, 8);
+    EXPECT_EQ(table[1].key, nullptr);
+    PyObject* number = api.PyDict_GetItemString(scope.borrow(), "number");
+    EXPECT_EQ(read<uint64_t>(number, offsets.int_tag) & ~4ull, 8u) << "one digit, positive";
+    EXPECT_EQ(read<uint32_t>(number, offsets.int_digit), 70007u);
+    PyObject* changing = api.PyDict_GetItemString(scope.borrow(), "Changing");
+    EXPECT_NE(read<uint32_t>(changing, offsets.type_version), 0u);
+    XPyOwned changed(run_python("Changing.first = 2\n", scope.borrow()));
+    EXPECT_EQ(read<uint32_t>(changing, offsets.type_version), 0u);
+}
+
+TEST_F(LiveLayout, RunningCodeIsFoundWithoutAFrameObject)
+{
+    XPyOwned frame(get_thread_state_frame(api.PyThreadState_Get()));
+    ASSERT_TRUE(frame);
+    XPyOwned code(get_frame_code(frame.borrow()));
+    EXPECT_EQ(is_surely_running(api.PyThreadState_Get(), code.borrow()), is_py3(12));
+    EXPECT_FALSE(is_surely_running(api.PyThreadState_Get(), frame.borrow()));
 }
 
 TEST_F(LiveLayout, ThreadStateOffsetsStayZeroWithoutALayout)

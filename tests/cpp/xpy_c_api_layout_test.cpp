@@ -441,6 +441,35 @@ TEST_F(Layout, CurrentFrameRecordExistsFrom3Dot10To3Dot12)
     }
 }
 
+// ---- What short cuts read ----
+
+TEST_F(Layout, ShortcutsAreKnownFrom3Dot12To3Dot15)
+{
+    static const struct {
+        int major, minor;
+        bool is_known;
+    } kVersions[] = {{2, 7, false}, {3, 11, false}, {3, 12, true}, {3, 13, true},
+                     {3, 14, true}, {3, 15, true},  {3, 16, false}};
+    for (const auto& version : kVersions) {
+        for (bool free_threaded : {false, true}) {
+            SCOPED_TRACE(version.minor);
+            set_version(version.major, version.minor);
+            InitPyObjectOffsets(free_threaded);
+            InitTypeObjectOffsets();
+            gShortcutOffsets = {77, 77, 77, 77, 77, 77};
+            InitShortcutOffsets();
+            const XPy_ShortcutOffsets& offsets = gShortcutOffsets;
+            EXPECT_EQ(offsets.frame_code, version.is_known ? 0 : -1);
+            bool is_read = version.is_known && !free_threaded;
+            EXPECT_EQ(offsets.set_mask, is_read ? 32 : -1);
+            EXPECT_EQ(offsets.set_table, is_read ? 40 : -1);
+            EXPECT_EQ(offsets.int_tag, is_read ? 16 : -1);
+            EXPECT_EQ(offsets.int_digit, is_read ? 24 : -1);
+            EXPECT_EQ(offsets.type_version, is_read ? 384 : -1);
+        }
+    }
+}
+
 // ---- Interpreter states ----
 
 TEST_F(Layout, EvalFrameIsKnownFrom3Dot6To3Dot8)

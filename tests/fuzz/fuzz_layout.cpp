@@ -6,6 +6,7 @@
 
 #include "fuzz_input.h"
 #include "optmonitoring_fastpath_internal.h"
+#include "optmonitoring_percodeobject_internal.h"
 #include "xpy_c_api_internal.h"
 
 namespace {
@@ -230,6 +231,7 @@ tVersion check_version(tInput* input)
     InitThreadStateOffsets();
     InitCFrameOffsets();
     InitInterpreterStateOffsets();
+    InitShortcutOffsets();
     std::string text = captured.text();
     FUZZ_SAME(model_thread_table(v) ? "" : "Cannot find tstate fields for this python version\n", text);
     check_header_offsets(v);
@@ -364,7 +366,7 @@ void check_running_code(tInput* input, const tVersion& v)
     } else if (v.is_py3(13)) {
         state.set<char*>(api.tstate_offsets.cframe, has_frame ? frame.address() : nullptr);
     }
-    FUZZ_CHECK(is_surely_running(state.thread_state(), code) == (v.is_py3(12) && has_frame && is_it));
+    FUZZ_CHECK(is_surely_running(state.thread_state(), code) == (v.is_py3(12, 15) && has_frame && is_it));
 }
 
 // A frame object that ends behind its last known field.
