@@ -2,8 +2,10 @@
 
 From 3.14 on `bdb.Bdb` switches its events on and off through two methods,
 `start_trace` and `stop_trace`.  Before that it calls `sys.settrace` in six
-methods.  `TraceBase` gives every version the two methods: the six are run as
-they are, with a stand-in for `sys` among their globals.
+methods.  `TraceBase` gives every version the two methods: four of the six are run as
+they are, with a stand-in for `sys` among their globals.  The methods of `bdb.Bdb` that
+write to the fields of frames (`f_trace` and its like), two of the six among them, have
+replacements: those fields belong to the program's own tracers.
 """
 
 from __future__ import annotations
@@ -16,6 +18,8 @@ TYPE_CHECKING = False
 if TYPE_CHECKING:
     from types import FrameType
     from typing import Any
+
+    from brixdebug.stops import StopStates
 
 
 def rebind(function: Any, **names: object) -> Any:
@@ -62,6 +66,7 @@ class _SysWithTraceMethods:
 sys_with_trace_methods = _SysWithTraceMethods()
 
 HAS_TRACE_METHODS = hasattr(bdb.Bdb, "start_trace")
+_STOPS_AT_INSTRUCTIONS = hasattr(bdb.Bdb, "set_stepinstr")
 
 
 class _NoTracer:
@@ -87,6 +92,64 @@ class TraceBase(bdb.Bdb):
         def _set_stopinfo(self, stopframe: FrameType | None, *args: Any, **kwargs: Any) -> None: ...
         def _add_to_breaks(self, filename: str, lineno: int) -> None: ...
         def _prune_breaks(self, filename: str, lineno: int) -> None: ...
+        def set_stepinstr(self) -> None: ...
+        botframe: Any
+        enterframe: Any
+        frame_returning: Any
+        trace_opcodes: Any
+        stop_states: StopStates
+
+    # -- what is traced, without a word in the frames ----------------------------------
+
+    def set_trace(self, frame: FrameType | None = None) -> None:
+        """Start debugging from `frame`, the caller's when it is None."""
+        if HAS_TRACE_METHODS and self.enterframe is not None:
+            return                            # in an event already
+        self.stop_trace()
+        entered = frame or sys._getframe().f_back
+        self.reset()
+        state = self.stop_states.own()
+        state.untrace_all()
+        frame = self.enterframe = entered
+        while frame is not None:
+            state.trace(frame)
+            self.botframe = frame
+            frame = frame.f_back
+        if _STOPS_AT_INSTRUCTIONS:
+            self.set_stepinstr()
+        else:
+            self.set_step()
+        self.enterframe = None
+        self.start_trace()
+
+    def set_continue(self) -> None:
+        """Stop at breakpoints only."""
+        self._set_stopinfo(self.botframe, None, -1)
+        if not self.breaks:
+            self.stop_trace()
+
+    def _set_caller_tracefunc(self, current_frame: FrameType) -> None:
+        caller = current_frame.f_back
+        if caller is not None and not (HAS_TRACE_METHODS and caller is self.botframe):
+            self.stop_states.reached().trace(caller)
+
+    if _STOPS_AT_INSTRUCTIONS:
+        def _set_trace_opcodes(self, trace_opcodes: bool) -> None:
+            if trace_opcodes == self.trace_opcodes:
+                return
+            self.trace_opcodes = trace_opcodes
+            state = self.stop_states.reached()
+            frame = self.enterframe if trace_opcodes else None
+            while frame is not None:
+                state.trace_by_opcodes(frame)
+                frame = frame.f_back if frame is not self.botframe else None
+    else:
+        def set_step(self) -> None:
+            if self.frame_returning is not None:
+                self._set_caller_tracefunc(self.frame_returning)
+            self._set_stopinfo(None, None)
+
+    # -- events on and off ----------------------------------------------------------------
 
     if HAS_TRACE_METHODS:
         _no_tracer = _NoTracer()
@@ -99,7 +162,7 @@ class TraceBase(bdb.Bdb):
         def monitoring_tracer(self, tracer: object) -> None:
             pass               # the standard backends are not used, whichever was asked for
     else:
-        for _name in ("set_trace", "set_continue", "set_quit", "run", "runeval", "runcall"):
+        for _name in ("set_quit", "run", "runeval", "runcall"):
             locals()[_name] = rebind(getattr(bdb.Bdb, _name), sys=sys_with_trace_methods)
         del _name
 

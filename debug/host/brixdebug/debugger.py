@@ -148,7 +148,7 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
         self.stop_states.own().run_freely()
         frame = debugged_frames().get(selected.thread_id)
         if frame is not None and not selected.is_free:
-            frame.f_trace = self.trace_dispatch
+            selected.trace(frame)
         monitor.needs_changed(self)
 
     def after_fork_in_child(self) -> None:

@@ -263,10 +263,14 @@ class Bdb(compat.TraceBase):
     def set_break(self, filename: str, lineno: int, temporary: bool = False, cond: str | None = None,
                   funcname: str | None = None) -> str | None:
         with monitor.turn.lock:
+            # With it, 3.14 goes through the frames to have them traced; no line needs that here.
+            entered, self.enterframe = self.enterframe, None
             try:
                 result: str | None = self._set_break(filename, lineno, temporary, cond, funcname)
             except MonitorError as error:
                 return str(error)
+            finally:
+                self.enterframe = entered
             monitor.decisions.forget()    # what was reached before the breakpoint was there
             if funcname is not None:      # the breakpoint that knows it was not there before
                 monitor.breaks_changed(self, self.canonic(filename))

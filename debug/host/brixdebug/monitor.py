@@ -251,6 +251,7 @@ class Monitor:
         for state in debugger.stop_states.all():
             if state not in busy:
                 state.stepped.clear()
+                state.untrace_all()
             for record, events in state.stepped.items():
                 stepped[record] = stepped.get(record, 0) | events
         return stepped
@@ -265,22 +266,22 @@ class Monitor:
         for wanted in (state.stopframe, state.returnframe):
             if wanted is None or wanted is NOWHERE:
                 continue
-            if wanted.f_trace is None:
-                wanted.f_trace = debugger.trace_dispatch
-            self._add_stepped(wanted, state)
+            state.trace(wanted)
+            self._add_stepped(debugger, wanted, state)
         while frame is not None:
-            if frame.f_trace == debugger.trace_dispatch:
-                self._add_stepped(frame, state)
+            if state.traces(frame, debugger):
+                self._add_stepped(debugger, frame, state)
             frame = frame.f_back
 
     @staticmethod
-    def _add_stepped(frame: FrameType, state: StopState) -> CPerCodeObject | None:
+    def _add_stepped(debugger: TracedDebugger | None, frame: FrameType,
+                     state: StopState) -> CPerCodeObject | None:
         """Note the code object of `frame`; None when that changes nothing, else its record."""
         record = optmonitoring.CPerCodeObject.GetPerCodeObject(frame.f_code, True, frame)
         if record is None or record.fIsInternal:
             return None
         events = state.stepped.get(record, 0) | STEP_LOCAL_EVENTS
-        if state.trace_opcodes and frame.f_trace_opcodes:
+        if state.traces_opcodes(frame, debugger):
             events |= _INSTRUCTION
         if state.stepped.get(record) == events:
             return None
@@ -290,7 +291,7 @@ class Monitor:
     def step_in(self, frame: FrameType, state: StopState) -> None:
         """The thread of `state` is being stepped, and `frame` is a frame to step."""
         with self.switches.lock:
-            record = self._add_stepped(frame, state)
+            record = self._add_stepped(self.debugger, frame, state)
             if record is not None:
                 self.switches.step_too(record, state.stepped[record])
 

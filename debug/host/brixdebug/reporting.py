@@ -48,7 +48,7 @@ class Reporter:
             _events.PY_RESUME: self._on_call,
             _events.PY_THROW: self._on_throw,
             _events.PY_RETURN: self._on_return,
-            _events.PY_YIELD: self._on_return,
+            _events.PY_YIELD: self._on_yield,
             _events.PY_UNWIND: self._on_unwind,
             _events.RAISE: self._on_raise,
             _events.STOP_ITERATION: self._on_exception,
@@ -113,7 +113,7 @@ class Reporter:
                 state.decision = decision
                 self._report(debugger, frame, "line", None)
         elif debugger.break_anywhere(frame) \
-                or frame.f_trace == debugger.trace_dispatch and not state.is_free:
+                or not state.is_free and state.traces(frame, debugger):
             self._report(debugger, frame, "line", None)
 
     def _on_call(self, code: CodeType, offset: int) -> object:
@@ -151,12 +151,18 @@ class Reporter:
 
     def _report_call(self, debugger: TracedDebugger, frame: FrameType) -> None:
         self._report(debugger, frame, "call", None)
-        if frame.f_trace == debugger.trace_dispatch and self._monitor.debugger is debugger:
+        if self._monitor.debugger is debugger:
             state = debugger.stop_states.own()
-            if not state.is_free:
+            if not state.is_free and state.traces(frame, debugger):
                 self._monitor.step_in(frame, state)
 
     def _on_return(self, code: CodeType, offset: int, value: object) -> Any:
+        try:
+            self._returns(sys._getframe(1), value)
+        except BaseException as error:
+            return self._failed(error)
+
+    def _on_yield(self, code: CodeType, offset: int, value: object) -> Any:
         try:
             self._traced(sys._getframe(1), "return", value)
         except BaseException as error:
@@ -164,7 +170,7 @@ class Reporter:
 
     def _on_unwind(self, code: CodeType, offset: int, exception: BaseException) -> None:
         try:
-            self._traced(sys._getframe(1), "return", None)
+            self._returns(sys._getframe(1), None)
         except BaseException as error:
             self._failed(error)
 
@@ -196,6 +202,15 @@ class Reporter:
             if rule is not None:
                 self._report(debugger, frame, "uncaught", (exception, rule))
 
+    def _returns(self, frame: FrameType, value: object) -> None:
+        """Report the end of a frame, for good."""
+        try:
+            self._traced(frame, "return", value)
+        finally:
+            debugger = self._monitor.debugger
+            if debugger is not None:
+                debugger.stop_states.own().untrace(frame)
+
     def _on_exception(self, code: CodeType, offset: int, exception: BaseException) -> Any:
         try:
             self._traced(sys._getframe(1), "exception",
@@ -206,7 +221,8 @@ class Reporter:
     def _on_instruction(self, code: CodeType, offset: int) -> Any:
         try:
             frame = sys._getframe(1)
-            if frame.f_trace_opcodes:
+            debugger = self._monitor.debugger
+            if debugger is not None and debugger.stop_states.own().traces_opcodes(frame, debugger):
                 self._traced(frame, "opcode", None)
         except BaseException as error:
             return self._failed(error)
@@ -214,10 +230,10 @@ class Reporter:
     def _traced(self, frame: FrameType, name: str, value: object) -> None:
         """Report an event of a frame that is being stepped."""
         debugger = self._monitor.debugger
-        if debugger is None or frame.f_trace != debugger.trace_dispatch:
+        if debugger is None:
             return
         state = debugger.stop_states.own()
-        if not (state.is_free or state.is_muted):
+        if not (state.is_free or state.is_muted) and state.traces(frame, debugger):
             self._report(debugger, frame, name, value)
 
     def _end_thread(self, frame: FrameType) -> bool:
@@ -248,8 +264,9 @@ class Reporter:
             self._raiser.raise_in_program(error)
         elif debugger.reaches_program(error):
             # As with sys.settrace: what raises is not asked again.
-            frame.f_trace = None
-            debugger.stop_states.own().run_freely()
+            state = debugger.stop_states.own()
+            state.untrace(frame)
+            state.run_freely()
             self._monitor.needs_changed(debugger)
             self._raiser.raise_in_program(error)
         else:
@@ -268,9 +285,11 @@ class Reporter:
         if debugger.interruption.is_wanted and not debugger.quitting:
             debugger.interruption.at_end_of_event(frame)
         if debugger.quitting or state.is_free and not debugger.breaks:
-            frame.f_trace = None
+            state.untrace(frame)
+        elif trace == debugger.trace_dispatch:
+            state.trace(frame)
         elif trace is not None:
-            frame.f_trace = trace
+            state.untrace(frame)
         if name == "return" and not (debugger.quitting or state.is_free):
             self._go_on_in_caller(debugger, frame.f_back, state)
 
@@ -279,8 +298,7 @@ class Reporter:
         """A stepped function ends: its caller is stepped from here on."""
         if caller is None or caller is state.botframe:
             return
-        if caller.f_trace is None:
-            caller.f_trace = debugger.trace_dispatch
+        state.trace(caller)
         self._monitor.step_in(caller, state)
 
     def _failed(self, error: BaseException) -> Any:

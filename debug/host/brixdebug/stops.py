@@ -34,6 +34,10 @@ class _Nowhere:
 NOWHERE: Any = _Nowhere()
 
 
+# Whether `bdb.Bdb` takes opcodes from any frame that wants them, and from no other.
+_ASKS_FRAMES = sys.version_info < (3, 13)
+
+
 class StopState:
     """The fields of `bdb.Bdb` that belong to one thread, with what they are at first."""
 
@@ -45,7 +49,7 @@ class StopState:
     enterframe: FrameType | None = None
     cmdframe: FrameType | None = None
     cmdlineno: int | None = None
-    trace_opcodes: bool = sys.version_info < (3, 13)     # where only the frame is asked
+    trace_opcodes: bool = _ASKS_FRAMES
 
     decision: Decision | None = None            # of the breakpoint that the event is reported for
     stopped_frame: FrameType | None = None      # the frame of the event, when it is one to stop at
@@ -56,6 +60,38 @@ class StopState:
         self.thread_id = thread_id
         # record of a code object -> local events for stepping
         self.stepped: dict[CPerCodeObject, int] = {}
+        # Of frames; not in their `f_trace`, which is the program's own tracer's, and without
+        # holding them, for that would keep their variables alive.
+        self._traced: set[tuple[int, int]] = set()
+        self._traced_by_opcodes: set[tuple[int, int]] = set()
+
+    # -- frames whose events are reported while the thread is stepped ------------------
+
+    def trace(self, frame: FrameType) -> None:
+        """Have the lines, the return and the exceptions of `frame` reported."""
+        self._traced.add(_key(frame))
+
+    def untrace(self, frame: FrameType) -> None:
+        self._traced.discard(_key(frame))
+        self._traced_by_opcodes.discard(_key(frame))
+
+    def untrace_all(self) -> None:
+        self._traced.clear()
+        self._traced_by_opcodes.clear()
+
+    def traces(self, frame: FrameType, debugger: Any) -> bool:
+        """A debugger may also have set `f_trace` itself, as with `sys.settrace`."""
+        return _key(frame) in self._traced or frame.f_trace == debugger.trace_dispatch
+
+    def trace_by_opcodes(self, frame: FrameType) -> None:
+        self._traced_by_opcodes.add(_key(frame))
+
+    def traces_opcodes(self, frame: FrameType, debugger: Any) -> bool:
+        return self.trace_opcodes and (
+            _key(frame) in self._traced_by_opcodes
+            or frame.f_trace_opcodes and (_ASKS_FRAMES or frame.f_trace == debugger.trace_dispatch))
+
+    # -- what the fields mean ------------------------------------------------------------
 
     @property
     def is_free(self) -> bool:
@@ -77,6 +113,11 @@ class StopState:
     def stops_anywhere(self) -> bool:
         """The thread stops at the next line, whatever code it is in."""
         return self.stopframe is None
+
+
+def _key(frame: FrameType) -> tuple[int, int]:
+    """Tells a frame from others that live; another at its place has other code, mostly."""
+    return id(frame), id(frame.f_code)
 
 
 class StopStates:

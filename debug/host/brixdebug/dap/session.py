@@ -245,7 +245,7 @@ class ClientDebugger(Bdb):
             self.stop_states.selected = None
         if not state.is_free:
             each: FrameType | None = frame
-            while each is not None and each.f_trace is None:
-                each.f_trace = self.trace_dispatch
+            while each is not None:
+                state.trace(each)
                 each = each.f_back
         monitor.needs_changed(self)
