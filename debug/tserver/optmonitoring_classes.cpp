@@ -146,7 +146,7 @@ static PyObject* read_past_cache(PyObject* cls, tNameCache* cache)
 
 // A class gets its version when an attribute of it is looked up, and a class that nobody has looked at since its last
 // change has none. Without a version there is nothing in the interpreter's cache that could be dying.
-static PyObject* read_attr(PyObject* cls, tNameCache* name)
+PyObject* read_class_attr(PyObject* cls, tNameCache* name)
 {
     bool is_cached = has_late_versions && version_of(as_type(cls)) != 0;
     return is_cached ? read_past_cache(cls, name) : get_cached_attr(cls, name);
@@ -155,7 +155,7 @@ static PyObject* read_attr(PyObject* cls, tNameCache* name)
 __attribute__((noinline)) static PyObject* find_class_attr(PyObject* cls, tClassAttr* attribute)
 {
     attribute->mark.cls = nullptr;
-    PyObject* value = read_attr(cls, &attribute->name);
+    PyObject* value = read_class_attr(cls, &attribute->name);
     if (value)
         remember_value(cls, attribute, value);
     return value;

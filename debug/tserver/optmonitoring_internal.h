@@ -153,6 +153,9 @@ struct tClassAttr {
 };
 
 // Reads a class attribute. [new]; null with an exception pending.
+PyObject* read_class_attr(PyObject* cls, tNameCache* name);
+
+// The same for what events read: remembers what was found for as long as nobody changes the class. [new]
 PyObject* get_class_attr(PyObject* cls, tClassAttr* attribute);
 
 // Sets one. 0, or -1 with an exception pending.

@@ -24,7 +24,7 @@ int CPerFile_ClsInit(tModuleState* m)
 
 static int clear_class_dict(PyObject* cls, tClassAttr* attribute)
 {
-    XPyOwned dict(get_class_attr(cls, attribute));
+    XPyOwned dict(read_class_attr(cls, &attribute->name));
     XPyOwned cleared(dict ? api.PyObject_CallMethod(dict.borrow(), "clear", nullptr) : nullptr);
     return cleared ? 0 : -1;
 }
@@ -55,7 +55,7 @@ int CPerFile_UpdateByChecksum_direct(tModuleState* m, PyObject* per_file, PyObje
     XPyOwned key(XPy_NewRef(checksum == api.Py_None ? body->fChecksum : checksum));
     if (!key || key.borrow() == api.Py_None)
         return 0;  // files without a checksum are not indexed
-    XPyOwned index(get_class_attr(m->CPerFile, &by_checksum));
+    XPyOwned index(read_class_attr(m->CPerFile, &by_checksum.name));
     if (!index)
         return -1;
     XPyOwned set;
@@ -164,7 +164,7 @@ static PyObject* CPerFile_GetPerFile(PyObject*, PyTypeObject* cls, PyObject* con
 
 static PyObject* get_set_for_checksum_inner(PyTypeObject* cls, PyObject* checksum)
 {
-    XPyOwned index(get_class_attr(reinterpret_cast<PyObject*>(cls), &by_checksum));
+    XPyOwned index(read_class_attr(reinterpret_cast<PyObject*>(cls), &by_checksum.name));
     if (!index)
         return nullptr;
     PyObject* set;
@@ -191,7 +191,7 @@ static PyObject* CPerFile_GetPerFileSetForChecksum(PyObject*, PyTypeObject* cls,
 
 static PyObject* get_all_inner(PyTypeObject* cls)
 {
-    XPyOwned dict(get_class_attr(reinterpret_cast<PyObject*>(cls), &per_files_dict));
+    XPyOwned dict(read_class_attr(reinterpret_cast<PyObject*>(cls), &per_files_dict.name));
     return dict ? api.PyDict_Values(dict.borrow()) : nullptr;
 }
 
