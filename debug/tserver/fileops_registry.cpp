@@ -34,7 +34,8 @@ struct tReplacedText {
     void* text;
 };
 
-// The record as it is allocated.
+// The record as it is allocated. The fields of a tFileOpsData are published, for hosts that read its tables, so what
+// counts its uses lies behind them.
 struct tCountedFileOps {
     tFileOpsData data;
     int uses;                 // operations under way that run code of the program

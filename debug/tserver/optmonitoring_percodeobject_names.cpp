@@ -142,13 +142,16 @@ PyObject* CPerCodeObject_GetPathnameToUse_direct(tModuleState* m, PyObject* code
 // objects of a file that has been seen share them.
 
 // The names found, by the code's own file name: pairs of the name to report (None: the file name itself) and the
-// canonical name. The keys are exact strs, so that looking one up runs no code of the program. One dict for the
-// process is enough: a second module in it starts over.
+// canonical name. The keys are exact strs, so that looking one up runs no code of the program. They lie beside
+// the module's state, whose fields are published; one dict for the process is enough: a second module in it starts
+// over.
 struct tKnownPathnames {
     tModuleState* owner;
-    PyObject* dict;           // [owned], null: none
-    PyObject* last_filename;  // the name found last [owned], null: none; code of one file mostly comes in a row
-    PyObject* last_pair;      // its pair [owned]
+    PyObject* dict;  // [owned], null: none
+    // The name found last [owned], null: none. Code of one file mostly comes in a row: a comparison of addresses then
+    // stands for a look-up.
+    PyObject* last_filename;
+    PyObject* last_pair;  // its pair [owned]
 };
 static tKnownPathnames known_pathnames;
 

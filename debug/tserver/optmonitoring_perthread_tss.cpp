@@ -216,7 +216,9 @@ int CPerThread_DiscardPerThread_direct(tModuleState* m, PyObject* per_thread)
     return 0;
 }
 
-// Detaches the capsule, whose later release then does nothing, and releases the reference that it held.
+// Detaches the capsule, whose later release then does nothing, and releases the reference that it held. Today's
+// callers come when the capsule has let go; the clearing of a record stays whole by itself, because a capsule left
+// behind would lead to a record that it no longer holds.
 static int detach_capsule(PyObject* per_thread, CPerThreadBody* body)
 {
     PyObject* capsule = body->capsule_ptr;
