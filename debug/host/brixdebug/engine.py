@@ -21,7 +21,7 @@ import sys
 import optmonitoring
 
 from brixbase import dlog
-from brixdebug import compat
+from brixdebug import compat, watching
 from brixdebug.breakpoints import is_pseudo_file
 from brixdebug.decisions import Breakpoint, still_stops
 from brixdebug.interrupts import Interruption
@@ -38,6 +38,7 @@ if TYPE_CHECKING:
 
     from brixdebug.decisions import Decision, Point
     from brixdebug.exceptions import ExceptionRule
+    from brixdebug.watching import Change, Watch
 
 BdbQuit = bdb.BdbQuit
 
@@ -284,7 +285,15 @@ class Bdb(compat.TraceBase):
 
     def clear_bpbynumber(self, arg: SupportsInt) -> str | None:
         with monitor.turn.lock:
-            return super().clear_bpbynumber(arg)
+            try:
+                found: Any = self.get_bpbynumber(arg)
+            except ValueError as error:
+                return str(error)
+            if not isinstance(found, watching.Watch):
+                return super().clear_bpbynumber(arg)
+            found.deleteMe()
+            self.watches_changed()
+            return None
 
     def stop_here(self, frame: FrameType) -> bool:
         result = super().stop_here(frame)
@@ -339,6 +348,10 @@ class Bdb(compat.TraceBase):
             breaks = self.breaks
             filenames = list(breaks)
             result = super().clear_all_breaks()
+            for watch in monitor.watches.active:
+                watch.deleteMe()
+                result = None
+            self.watches_changed()
             breaks.clear()
             self.breaks = breaks              # the table that other debuggers of the process have too
             for filename in filenames:
@@ -367,7 +380,40 @@ class Bdb(compat.TraceBase):
         self.stop_states.own().run_freely()           # there is nothing left to be stepped
         monitor.needs_changed(self)
 
-    _own_dispatchers = {"raised": _dispatch_raised, "uncaught": _dispatch_uncaught}
+    def _dispatch_watch(self, frame: FrameType, watches: list[Watch]) -> None:
+        changes = monitor.watches.take_changes(frame, watches)
+        if changes:
+            self.stop_states.own().stops += 1
+            self.currentbp = changes[0].watch.number
+            self._stop_in(frame)
+            self.user_watch(frame, changes)
+
+    def _dispatch_watch_end(self, frame: FrameType, watch: Watch) -> None:
+        monitor.watches.end(watch)
+        self.user_watch_end(frame, watch)
+
+    _own_dispatchers: dict[str, Any] = {
+        "raised": _dispatch_raised, "uncaught": _dispatch_uncaught,
+        "watch": _dispatch_watch, "watch_end": _dispatch_watch_end}
+
+    def add_watch(self, watch: Watch) -> None:
+        """Stop where the value changes from now on."""
+        with monitor.turn.lock:
+            monitor.watches.add(watch)
+            monitor.needs_changed(self)
+
+    def watches_changed(self) -> None:
+        """Watches have been deleted, enabled or disabled."""
+        with monitor.turn.lock:
+            monitor.watches.prune()
+            monitor.needs_changed(self)
+
+    def user_watch(self, frame: FrameType, changes: list[Change]) -> None:
+        """The line before, or that of another thread, has changed what is watched."""
+        self.user_line(frame)
+
+    def user_watch_end(self, frame: FrameType, watch: Watch) -> None:
+        """The call of `frame` ends, whose names were watched."""
 
     def is_own_code(self, code: CodeType) -> bool:
         """Whether the user wants to see what happens in `code`: not in how modules are imported."""

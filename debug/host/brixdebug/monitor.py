@@ -20,6 +20,7 @@ from brixdebug.stops import NOWHERE
 from brixdebug.suspension import Suspension
 from brixdebug.switches import STEP_LOCAL_EVENTS, MonitorError, Switches
 from brixdebug.turn import Turn
+from brixdebug.watching import Watches
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -47,6 +48,8 @@ class Monitor:
         self.suspension = Suspension(self.switches, self.turn, self.raiser,
                                      self._begin_holding, self._end_holding)
         self._needs_changed = False
+        self.watches = Watches()
+        self._watched_records: set[CPerCodeObject] = set()    # of the calls whose names are watched
         # id of a code object -> its lines that are reached when an exception ends a thread
         self.thread_ends: dict[int, set[int]] = {}
         os.register_at_fork(after_in_child=self._after_fork_in_child)
@@ -188,6 +191,7 @@ class Monitor:
         self.break_lines.forget()
         self.decisions.forget()
         self.thread_ends = {}
+        self._watched_records = set()
         self.switches.release()
 
     def _begin_holding(self) -> bool:
@@ -213,19 +217,23 @@ class Monitor:
             [state for state in debugger.stop_states.all() if not state.is_free]
         is_holding = self.suspension.is_active
         exception_stops = debugger.exception_stops
-        if not (busy or debugger.breaks or is_holding or exception_stops.is_asked_for):
+        if not (busy or debugger.breaks or is_holding or exception_stops.is_asked_for
+                or self.watches.active):
             self._watch_thread_ends(False)
+            self._watch_calls()
             self.switches.need_nothing()
             return
         self.switches.claim()         # before a record is made: the hook for new code has to see it
         self._watch_thread_ends(exception_stops.catches(UNCAUGHT))
+        self._watch_calls()
         self.switches.need(
             is_idle=not (busy or is_holding),
             stepped=self._collect_all_stepped(debugger, busy),
             anywhere={state.thread_id for state in busy if state.stops_anywhere},
             finds=bool(debugger.breaks) or is_holding,
-            unwinds=bool(busy),
+            unwinds=bool(busy or self._watched_records),
             raises=exception_stops.catches(RAISED),
+            lines=self.watches.is_everywhere,
             ends=self.suspension.is_ending_all)
 
     def _watch_thread_ends(self, is_wanted: bool) -> None:
@@ -239,6 +247,21 @@ class Monitor:
             if is_wanted:
                 ends[id(code)] = lines
         self.thread_ends = ends
+
+    def _watch_calls(self) -> None:
+        """Have all lines and returns of the calls reported whose names are watched."""
+        records = set()
+        for frame in self.watches.codes_of_calls().values():
+            record = optmonitoring.CPerCodeObject.GetPerCodeObject(frame.f_code, True, frame)
+            if record is not None:
+                records.add(record)
+        before, self._watched_records = self._watched_records, records
+        for record in before - records:
+            self.switches.want(record, watched=False)
+        for record in records - before:
+            self.switches.want(record, watched=True)
+        if records - before:
+            self.switches.rearm()
 
     def _collect_all_stepped(self, debugger: TracedDebugger,
                              busy: list[StopState]) -> dict[CPerCodeObject, int]:

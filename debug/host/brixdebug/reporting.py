@@ -40,6 +40,7 @@ class Reporter:
         self._monitor = monitor
         self._switches = monitor.switches
         self._decisions = monitor.decisions
+        self._watches = monitor.watches
         self._raiser = monitor.raiser
         self._switches.report_to({
             _events.LINE: self._on_line,
@@ -61,6 +62,8 @@ class Reporter:
 
     def _on_line(self, code: CodeType, line: int) -> object:
         try:
+            if self._watches.active and self._stops_at_change(sys._getframe(1), line):
+                return None
             lines = self._decisions.places.get(id(code))
             points = lines.get(line) if lines is not None else None
             if points:
@@ -87,7 +90,10 @@ class Reporter:
             epoch = self._switches.epoch
             if self._switches.is_jump_off(code, offset, destination):
                 return _DISABLE if epoch == self._switches.epoch else None
-            return self._line(sys._getframe(1))
+            frame = sys._getframe(1)
+            if self._watches.active and self._stops_at_change(frame, frame.f_lineno):
+                return None
+            return self._line(frame)
         except BaseException as error:
             return self._failed(error)
 
@@ -156,21 +162,56 @@ class Reporter:
             if not state.is_free and state.traces(frame, debugger):
                 self._monitor.step_in(frame, state)
 
+    def _stops_at_change(self, frame: FrameType, line: int) -> bool:
+        """Whether the line before has changed what is watched, and the user has seen it."""
+        debugger = self._monitor.debugger
+        if debugger is None or debugger.stop_states.own().is_muted:
+            return False
+        stops = debugger.stop_states.own().stops
+        for watch in self._watches.over():
+            self._report(debugger, frame, "watch_end", (watch,))
+        changed = self._watches.changed(frame)
+        if changed:
+            self._report(debugger, frame, "watch", (changed,))
+        self._watches.step(frame, line)
+        return stops != debugger.stop_states.own().stops
+
+    def _leave_call(self, frame: FrameType) -> None:
+        """A call ends, and with it what is watched of its names."""
+        debugger = self._monitor.debugger
+        if debugger is None:
+            return
+        for watch in self._watches.of_call(frame):
+            if watch.enabled and watch.is_changed():
+                self._report(debugger, frame, "watch", ([watch],))
+            if not watch.leave_call():
+                self._report(debugger, frame, "watch_end", (watch,))
+        self._monitor.needs_changed(debugger)
+
     def _on_return(self, code: CodeType, offset: int, value: object) -> Any:
         try:
-            self._returns(sys._getframe(1), value)
+            frame = sys._getframe(1)
+            self._returns(frame, value)
+            if self._watches.active:
+                self._leave_call(frame)
         except BaseException as error:
             return self._failed(error)
 
     def _on_yield(self, code: CodeType, offset: int, value: object) -> Any:
         try:
-            self._traced(sys._getframe(1), "return", value)
+            frame = sys._getframe(1)
+            if self._watches.active:
+                self._stops_at_change(frame, frame.f_lineno)
+            self._traced(frame, "return", value)
         except BaseException as error:
             return self._failed(error)
 
     def _on_unwind(self, code: CodeType, offset: int, exception: BaseException) -> None:
         try:
-            self._returns(sys._getframe(1), None)
+            frame = sys._getframe(1)
+            self._returns(frame, None)
+            if self._watches.active:
+                self._leave_call(frame)
         except BaseException as error:
             self._failed(error)
 
@@ -280,6 +321,7 @@ class Reporter:
             if state.stopped_frame is frame:
                 state.stopped_frame = None
                 compat.give_locals_back(frame)
+                self._watches.renew()
             state.decision = None
             state.enterframe = None       # 3.13 keeps it, and with it the frame's variables
         if debugger.interruption.is_wanted and not debugger.quitting:

@@ -54,6 +54,8 @@ class StopState:
     decision: Decision | None = None            # of the breakpoint that the event is reported for
     stopped_frame: FrameType | None = None      # the frame of the event, when it is one to stop at
 
+    stops = 0                 # how often the thread has stopped for a watch
+
     is_muted = False          # the thread runs the debugger's own code, outside of an event
 
     def __init__(self, thread_id: int) -> None:

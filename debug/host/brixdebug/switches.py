@@ -21,6 +21,9 @@ What is switched on under them:
     RAISE                          while exceptions are to stop where they are raised
     LINE, PY_START, JUMP           in the function of `threading` that ends a thread,
                                    while exceptions are to stop that end one
+    LINE, JUMP, PY_START, returns  in the functions of calls whose local names are watched,
+    PY_UNWIND                      and the end of such a call by an exception
+    LINE, JUMP                     while attributes or global names are watched
     LINE, JUMP, returns            in the code objects of frames that are stepped
     LINE, PY_START, JUMP           in all running code, while a thread is at the prompt
 
@@ -65,6 +68,8 @@ STEP_LOCAL_EVENTS = (_events.LINE | _events.JUMP | _events.PY_RETURN | _events.P
                      | _events.STOP_ITERATION)
 # Enough to catch a thread in the loop that it is in.
 _HOLD_LOCAL_EVENTS = _events.LINE | _events.PY_START | _events.JUMP
+_WATCH_LOCAL_EVENTS = _events.LINE | _events.JUMP | _events.PY_START | _events.PY_RETURN | _events.PY_YIELD
+_WATCH_EVENTS = _events.LINE | _events.JUMP
 # Events that cannot be switched off at one place.
 _LASTING_EVENTS = _events.PY_THROW | _events.PY_UNWIND | _events.RAISE
 
@@ -86,6 +91,7 @@ class Switches:
         # What is wanted of code objects, by their records.
         self._lines: dict[Any, set[int]] = {}         # to be reported; no entry without
         self._ends: dict[Any, set[int]] = {}          # lines where threads end by an exception
+        self._watched: set[Any] = set()               # all lines and returns are reported
         self._stepping: dict[Any, int] = {}           # local events for stepping
         self._held: set[Any] = set()                  # threads that run the code are held in it
         self._local_events: dict[Any, int] = {}       # what is on for that
@@ -94,6 +100,7 @@ class Switches:
         self._raising: set[int] = set()               # ids of threads with an exception to raise
         self._any_stops_anywhere = False
         self._is_holding = False
+        self._reports_all_lines = False
         self.wants_calls = False              # user_call is to be called in code with breakpoints
         self.is_idle = True                   # all threads run freely
         self.epoch = 0                        # counts the times when places were armed again
@@ -106,12 +113,12 @@ class Switches:
 
     def want(self, record: CPerCodeObject, *, lines: set[int] | None = None,
              ends: set[int] | None = None, stepping: int | None = None,
-             held: bool | None = None) -> None:
+             held: bool | None = None, watched: bool | None = None) -> None:
         """Switch on in one code object what it is needed for; None leaves that as it is.
 
         `lines` are reported, and so are `ends`, where threads end; none when the set is empty.
         `stepping` are its local events for frames that are stepped; `held`: threads are to be
-        caught in it.
+        caught in it.  `watched`: all its lines and returns are reported.
         """
         for table, wanted in (self._lines, lines), (self._ends, ends):
             if wanted:
@@ -122,10 +129,11 @@ class Switches:
             self._stepping[record] = stepping
         elif stepping is not None:
             self._stepping.pop(record, None)
-        if held:
-            self._held.add(record)
-        elif held is not None:
-            self._held.discard(record)
+        for members, is_wanted in (self._held, held), (self._watched, watched):
+            if is_wanted:
+                members.add(record)
+            elif is_wanted is not None:
+                members.discard(record)
         self._apply(record)
 
     def step_too(self, record: CPerCodeObject, events: int) -> None:
@@ -155,10 +163,13 @@ class Switches:
         events = self._stepping.get(record, 0)
         if record in self._held:
             events |= _HOLD_LOCAL_EVENTS
+        if record in self._watched:
+            events |= _WATCH_LOCAL_EVENTS
         count = 1 if events else 0
         lines = self._reported_lines(record)
         # None lets every line through, to be switched off by the second callback.
-        record.fEnabledBpLinenos = None if self.is_idle else lines or None
+        record.fEnabledBpLinenos = None if self.is_idle or self._reports_all_lines \
+            else lines or None
         if lines:
             events |= _BREAK_LOCAL_EVENTS
             if self.wants_calls:
@@ -183,13 +194,14 @@ class Switches:
     # -- what all code is needed for ------------------------------------------------------
 
     def need(self, *, is_idle: bool, stepped: dict[CPerCodeObject, int], anywhere: set[int],
-             finds: bool, unwinds: bool, raises: bool, ends: bool) -> None:
+             finds: bool, unwinds: bool, raises: bool, lines: bool, ends: bool) -> None:
         """Switch on what is needed of all code, and in the code objects that are stepped.
 
         `is_idle`: all threads run freely.  `stepped` replaces what was wanted for stepping.
         `anywhere`: ids of the threads that stop at the start of every function.  `finds`:
         new code has to be found.  `unwinds`: exceptions are reported, and the functions that they
-        leave; `raises`: exceptions alone.  `ends`: threads are ended where they start a function.
+        leave; `raises`: exceptions alone.  `lines`: every line of every thread is reported.  `ends`: threads
+        are ended where they start a function.
         """
         was_idle, self.is_idle = self.is_idle, is_idle
         self._set_stepping(stepped)
@@ -197,9 +209,20 @@ class Switches:
         step_events = _UNWIND_EVENTS if unwinds else _events.RAISE if raises else 0
         if anywhere or ends:
             step_events |= _FIND_EVENTS
-        self._set_events(step_events | (_FIND_EVENTS if finds else 0), step_events)
+        events = step_events | (_FIND_EVENTS if finds else 0) | (_WATCH_EVENTS if lines else 0)
+        self._set_reports_all_lines(lines)
+        self._set_events(events, step_events)
         if was_idle != is_idle:
             self._change_idle()
+
+    def _set_reports_all_lines(self, is_wanted: bool) -> None:
+        if self._reports_all_lines == is_wanted:
+            return
+        self._reports_all_lines = is_wanted
+        for record in [*self._lines, *self._ends]:
+            self._apply(record)
+        if is_wanted:
+            self.rearm()
 
     def need_nothing(self) -> None:
         """Nothing is needed at present: the tool ids are free for others."""
@@ -266,9 +289,11 @@ class Switches:
 
     def is_line_off(self, code: CodeType, line: int | None) -> bool:
         """Nobody waits for this line of `code`."""
-        if not self.is_idle:
+        if not self.is_idle or self._reports_all_lines:
             return False
         record = optmonitoring.CPerCodeObject.GetPerCodeObject(code, False)
+        if record in self._watched:
+            return False
         return line not in self._reported_lines(record)
 
     def is_jump_off(self, code: CodeType, offset: int, destination: int) -> bool:
@@ -363,6 +388,8 @@ class Switches:
         """Everything off and given back, and nothing remembered of what was wanted."""
         self._lines.clear()
         self._ends.clear()
+        self._watched = set()
+        self._reports_all_lines = False
         self._stepping = {}
         self._held = set()
         self._any_stops_anywhere = False

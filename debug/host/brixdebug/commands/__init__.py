@@ -5,7 +5,9 @@ from brixdebug.commands.exceptions import ExceptionCommands
 from brixdebug.commands.information import InformationCommands
 from brixdebug.commands.settings import SettingCommands
 from brixdebug.commands.threads import ThreadCommands
+from brixdebug.commands.watches import WatchCommands
 
 
-class Commands(BreakpointCommands, ExceptionCommands, ThreadCommands, InformationCommands, SettingCommands):
+class Commands(BreakpointCommands, ExceptionCommands, WatchCommands, ThreadCommands,
+               InformationCommands, SettingCommands):
     """All of them."""

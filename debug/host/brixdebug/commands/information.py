@@ -10,13 +10,14 @@ class InformationCommands(CommandBase):
     """Says what is known of the program."""
 
     # topic of `info` -> name of the method that shows it
-    info_topics = {"duplicates": "_show_duplicates"}
+    info_topics = {"duplicates": "_show_duplicates", "watches": "_show_watches"}
 
     def do_info(self, arg: str) -> None:
         """info duplicates
+        info watches
 
-        List the files of the program that have equal contents: a breakpoint in one
-        of them does not stop in the others.
+        duplicates: list the files of the program that have equal contents; a breakpoint
+        in one of them does not stop in the others.  watches: list what is watched.
         """
         if self._is_expression("info", arg):
             return
