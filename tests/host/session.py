@@ -91,6 +91,10 @@ class Session:
     def send(self, line):
         os.write(self._in, line.encode() + b"\n")
 
+    def end_input(self):
+        """Ctrl-D; for a child with a terminal."""
+        os.write(self._in, b"\x04")
+
     def do(self, command):
         """What the command prints up to the next prompt."""
         self.send(command)

@@ -133,6 +133,21 @@ class Bdb(compat.TraceBase):
         if not self._keeps_tracing:
             monitor.stop(self)
 
+    @property
+    def holds_others(self) -> bool:
+        """Whether the other threads stand still while one is at the prompt."""
+        return monitor.suspension.is_holding
+
+    @holds_others.setter
+    def holds_others(self, value: bool) -> None:
+        monitor.suspension.is_holding = value
+
+    def others_were_let_go(self) -> None:
+        """An expression at the prompt has taken too long to hold the other threads meanwhile.
+
+        Called in one of these.
+        """
+
     def after_fork_in_child(self) -> None:
         """The process is a child now that the program has forked."""
         if not self.follows_fork:

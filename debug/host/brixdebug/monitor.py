@@ -46,7 +46,8 @@ class Monitor:
         self.break_lines = BreakLines(self.switches, self.raiser)
         self.decisions = Decisions()
         self.suspension = Suspension(self.switches, self.turn, self.raiser,
-                                     self._begin_holding, self._end_holding)
+                                     self._begin_holding, self._end_holding,
+                                     self._others_were_let_go)
         self._needs_changed = False
         self.watches = Watches()
         self._watched_records: set[CPerCodeObject] = set()    # of the calls whose names are watched
@@ -202,6 +203,10 @@ class Monitor:
 
     def _end_holding(self) -> None:
         self.needs_changed(self.debugger)
+
+    def _others_were_let_go(self) -> None:
+        if self.debugger is not None:
+            self.debugger.others_were_let_go()
 
     def refresh(self) -> None:
         """Switch on what is needed now, and nothing else."""

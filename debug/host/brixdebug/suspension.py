@@ -14,6 +14,7 @@ import threading
 import optmonitoring
 from brixbase import dlog
 
+from brixdebug.evaluation import Evaluation
 from brixdebug.switches import thread_id_of
 
 TYPE_CHECKING = False
@@ -57,10 +58,13 @@ def suspend_lock_of(per_thread: CPerThread | None) -> SuspendLock | None:
 class SuspendLock:
     """Stands as the lock of one thread's record: a gate; tells whether the thread waits at it."""
 
-    def __init__(self, on_interruption: Callable[[BaseException], object]) -> None:
+    def __init__(self, evaluation: Evaluation,
+                 on_interruption: Callable[[BaseException], object]) -> None:
+        self._evaluation = evaluation
         self._on_interruption = on_interruption
         self._gate: threading.Lock | None = None      # one for each time that it is closed
         self.has_waiter = False
+        self.is_watching = False              # the waiter looks at the clock
 
     def close(self) -> None:
         """Hold the thread from its next event on.  Called by another thread, or by itself."""
@@ -72,8 +76,17 @@ class SuspendLock:
     def open(self) -> None:
         """Let it go on, to its next event at least."""
         gate, self._gate = self._gate, None
+        self._knock(gate)
+
+    def wake(self) -> None:
+        """Have the waiter ask how long it is to wait."""
+        self._knock(self._gate)
+
+    @staticmethod
+    def _knock(gate: threading.Lock | None) -> None:
         if gate is not None:
-            gate.release()
+            with contextlib.suppress(RuntimeError):   # a knock that has not been heard yet
+                gate.release()
 
     # The two that the filter calls, in the thread that is held.
 
@@ -86,12 +99,23 @@ class SuspendLock:
         gate = self._gate
         while gate is not None and gate is self._gate:
             try:
-                gate.acquire()
+                self._wait(gate)
             except BaseException as error:
-                interruption = error
+                if not isinstance(error, KeyboardInterrupt) or not self._evaluation.interrupt():
+                    interruption = error
         self.has_waiter = False
         if interruption is not None:
             self._on_interruption(interruption)
+
+    def _wait(self, gate: threading.Lock) -> None:
+        """Until somebody knocks, or an expression at the prompt has taken too long."""
+        seconds = self._evaluation.patience()
+        self.is_watching = seconds >= 0
+        try:
+            if not gate.acquire(timeout=seconds):
+                self._evaluation.lose_patience()
+        finally:
+            self.is_watching = False
 
     def release(self) -> None:
         """Nothing is to be given back: the gate has no owner."""
@@ -113,10 +137,12 @@ class Suspension:
     """Holds the other threads, and knows all of them by a number and a name."""
 
     def __init__(self, switches: Switches, turn: Turn, raiser: Raiser,
-                 begin: Callable[[], bool], end: Callable[[], None]) -> None:
+                 begin: Callable[[], bool], end: Callable[[], None],
+                 on_let_go: Callable[[], None]) -> None:
         """`begin` is called before threads are held: switches events on, False when nobody gets any.
 
-        `end` is called when they go on: what is switched on may be less.
+        `end` is called when they go on: what is switched on may be less.  `on_let_go` is
+        called when they go on for an expression that is evaluated at the prompt.
         """
         self._switches = switches
         self._turn = turn
@@ -126,6 +152,8 @@ class Suspension:
         self._depth = 0
         self.holder: int | None = None        # id of the thread at the prompt, which is not held
         self._held: dict[SuspendLock, CPerThread] = {}    # lock -> record, of the threads that are
+        self._is_holding = True               # threads are held at all
+        self.evaluation = Evaluation(self._wake_one, self._let_go, self._hold_again, on_let_go)
         self.is_ending_all = False            # every thread ends at its next event
         self.own_thread_ids: set[int] = set()             # threads of a debugger: never debugged
         self._own = threading.local()
@@ -174,13 +202,14 @@ class Suspension:
     def _on_new_thread(self, per_thread: CPerThread) -> None:
         try:
             self._give_lock(per_thread)
-            if self._depth and thread_id_of(per_thread) != self.holder:
+            if self._depth and self._is_holding and not self.evaluation.are_others_free \
+                    and thread_id_of(per_thread) != self.holder:
                 self._hold(per_thread)
         except Exception:
             dlog.LogException("a new thread")
 
     def _give_lock(self, per_thread: CPerThread) -> SuspendLock:
-        lock = per_thread.fSuspendLock = SuspendLock(self._raiser.raise_in_program)
+        lock = per_thread.fSuspendLock = SuspendLock(self.evaluation, self._raiser.raise_in_program)
         return lock
 
     # -- holding --------------------------------------------------------------------
@@ -188,7 +217,7 @@ class Suspension:
     @property
     def is_active(self) -> bool:
         """Events are needed in all code that runs."""
-        return self._depth > 0 or self.is_ending_all
+        return self._depth > 0 and self._is_holding or self.is_ending_all
 
     @contextlib.contextmanager
     def others_held(self) -> Iterator[None]:
@@ -202,10 +231,27 @@ class Suspension:
     def _begin(self) -> None:
         self._depth += 1
         if self._depth > 1:
+            self.evaluation.pause()
             return
         self.holder = threading.get_ident()
         self._switches.hold(self.is_active)
-        if self._begin_events():
+        if self._is_holding and self._begin_events():
+            self._hold_all()
+
+    @property
+    def is_holding(self) -> bool:
+        """Whether the other threads are held while one is at the prompt."""
+        return self._is_holding
+
+    @is_holding.setter
+    def is_holding(self, value: bool) -> None:
+        if self._is_holding == value:
+            return
+        self._is_holding = value
+        self._switches.hold(self.is_active)
+        if not value:
+            self._let_go()
+        elif self._depth and self._begin_events():
             self._hold_all()
 
     def _hold_all(self) -> None:
@@ -250,17 +296,35 @@ class Suspension:
     def _end(self) -> None:
         self._depth -= 1
         if self._depth:
+            self.evaluation.resume()
             return
+        self.evaluation.forget()
         self.holder = None
         self._switches.hold(self.is_active)
-        self._switches.look_at_suspend_locks(False)
-        held, self._held = self._held, {}
         if not self.is_ending_all:
             self._switches.let_all_go()
+        self._let_go()
+        self._end_events()
+
+    def _let_go(self) -> None:
+        """Every thread that is held goes on."""
+        self._switches.look_at_suspend_locks(False)
+        held, self._held = self._held, {}
         for lock, per_thread in held.items():
             per_thread.fCheckSuspendLock = 0
             lock.open()
-        self._end_events()
+
+    # -- while an expression is evaluated at the prompt ---------------------------------
+
+    def _wake_one(self) -> None:
+        """One thread that looks at the clock is enough; a thread that comes to its gate later does so too."""
+        waiting = [lock for lock in list(self._held) if lock.has_waiter]
+        if waiting and not any(lock.is_watching for lock in waiting):
+            waiting[0].wake()
+
+    def _hold_again(self) -> None:
+        if self._depth and self._is_holding and self._begin_events():
+            self._hold_all()
 
     def is_waiting(self, thread_id: int) -> bool:
         """True when the thread stands at its lock, or waits to report an event."""
@@ -276,6 +340,7 @@ class Suspension:
         if self.holder != threading.get_ident():
             self._depth = 0
             self.holder = None
+            self.evaluation.forget()
         self._switches.hold(self.is_active)
         self._switches.let_all_go()
         self._switches.look_at_suspend_locks(False)

@@ -134,6 +134,8 @@ class Terminal(_StandardDebugger):
         traced: Any = monitor.debugger if isinstance(monitor.debugger, Terminal) else self
         is_knock = traced.interruption.take_knock()
         if monitor.suspension.holder not in (None, threading.get_ident()):
+            if not is_knock:
+                monitor.suspension.evaluation.interrupt()
             return            # the prompt is another thread's, and this one is not to die of it
         if self.quitting or monitor.suspension.is_ending_all:
             if callable(_programs_handler):

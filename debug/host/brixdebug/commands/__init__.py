@@ -1,6 +1,7 @@
 """The commands that pdb has not, by what they are about; a debugger's class gets them by inheriting."""
 
 from brixdebug.commands.breakpoints import BreakpointCommands
+from brixdebug.commands.evaluating import EvaluatingCommands
 from brixdebug.commands.exceptions import ExceptionCommands
 from brixdebug.commands.information import InformationCommands
 from brixdebug.commands.settings import SettingCommands
@@ -9,5 +10,5 @@ from brixdebug.commands.watches import WatchCommands
 
 
 class Commands(BreakpointCommands, ExceptionCommands, WatchCommands, ThreadCommands,
-               InformationCommands, SettingCommands):
+               InformationCommands, SettingCommands, EvaluatingCommands):
     """All of them."""

@@ -9,13 +9,19 @@ class SettingCommands(CommandBase):
     """Switches what can be on or off."""
 
     # name for `set` -> the debugger's attribute that is true when it is on
-    settings = {"follow-fork": "follows_fork"}
+    settings = {"follow-fork": "follows_fork", "hold-others": "holds_others"}
 
     def do_set(self, arg: str) -> None:
         """set follow-fork on|off
+        set hold-others on|off
 
-        Whether a child that the program forks is debugged too.  Off, as it is at
-        first, the child runs free of the debugger.
+        follow-fork: whether a child that the program forks is debugged too.  Off,
+        as it is at first, the child runs free of the debugger.
+
+        hold-others: whether the other threads stand still while one is at the prompt.
+        On, as it is at first, they go on for an expression that has not ended after a
+        second, until it ends.  A breakpoint that another reaches stops it either way,
+        when the prompt is free.
         """
         words = arg.split()
         if not words or words[0] not in self.settings:

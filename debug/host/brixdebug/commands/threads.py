@@ -83,3 +83,17 @@ class ThreadCommands(CommandBase):
         self.stop_states.selected = None if state is self.stop_states.own() else state
         self.setup(frame, None)
         self.print_stack_entry(self.stack[self.curindex])
+
+    def look_again(self) -> None:
+        """The other threads have run meanwhile: the stack that is looked at may be another one."""
+        selected = self.stop_states.selected
+        if selected is None:
+            return
+        frames = debugged_frames()
+        frame = frames.get(selected.thread_id)
+        if frame is None:
+            self.message("The thread that was looked at has ended.")
+            self.stop_states.selected = None
+            frame = frames[threading.get_ident()]
+        self.setup(frame, None)
+        self.print_stack_entry(self.stack[self.curindex])

@@ -1,0 +1,81 @@
+"""Expressions and statements at the prompt: one that needs another thread gets it, after a second."""
+
+from __future__ import annotations
+
+import code
+import pdb
+import types
+
+from brixdebug import compat
+from brixdebug.commands.base import CommandBase
+from brixdebug.monitor import monitor
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from collections.abc import Callable
+    from types import CodeType, FrameType
+    from typing import Any
+
+    _StandardConsole = code.InteractiveConsole
+    _standard_default: Callable[..., None]
+else:
+    _StandardConsole = getattr(pdb, "_PdbInteractiveConsole", code.InteractiveConsole)
+
+
+def _exec(source: Any, *names: Any) -> None:
+    with monitor.suspension.evaluation:
+        exec(source, *names)
+
+
+class _Console(_StandardConsole):
+    """The console of `interact`."""
+
+    def runcode(self, source: CodeType) -> None:
+        with monitor.suspension.evaluation:
+            super().runcode(source)
+
+
+def _interact(banner: str | None = None, local: Any = None) -> None:
+    _Console(local).interact(banner)
+
+
+_standard_default = compat.rebind(pdb.Pdb.default, exec=_exec)
+
+
+class EvaluatingCommands(CommandBase):
+    """`p` and its kin, statements, and `interact`."""
+
+    def default(self, line: str) -> Any:
+        return _standard_default(self, line)
+
+    do_interact = compat.rebind(pdb.Pdb.do_interact, _PdbInteractiveConsole=_Console,
+                                code=types.SimpleNamespace(interact=_interact))
+
+    def _exec_in_closure(self, *args: Any) -> Any:
+        with monitor.suspension.evaluation:
+            return super()._exec_in_closure(*args)
+
+    def _getval(self, arg: str) -> Any:
+        with monitor.suspension.evaluation:
+            return super()._getval(arg)
+
+    def _getval_except(self, arg: str, frame: FrameType | None = None) -> Any:
+        with monitor.suspension.evaluation:
+            return super()._getval_except(arg, frame)
+
+    def _msg_val_func(self, arg: str, func: Any) -> None:
+        with monitor.suspension.evaluation:
+            super()._msg_val_func(arg, func)
+
+    def postcmd(self, stop: bool, line: str) -> bool:
+        stop = super().postcmd(stop, line)
+        evaluation = monitor.suspension.evaluation
+        if evaluation.were_others_free:
+            evaluation.were_others_free = False
+            if not stop:
+                self.look_again()
+        return stop
+
+    def others_were_let_go(self) -> None:
+        """Called in another thread, while the one at the prompt evaluates."""
+        self.message("The expression has not ended after one second: the other threads run until it ends.")

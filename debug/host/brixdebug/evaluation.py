@@ -1,0 +1,153 @@
+"""Expressions that are evaluated at the prompt, and what the held threads have to do with them.
+
+An expression may need another thread: it waits for its result, or for a lock that it
+has.  So one that has not ended after a second lets the held threads go on until it ends.
+Nobody is started to look at the clock: each held thread does, while it stands at its gate.
+"""
+
+from __future__ import annotations
+
+import _thread
+import sys
+import threading
+import time
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from collections.abc import Callable
+    from types import TracebackType
+    from typing import Any
+
+# How long an expression may take while the other threads are held.
+SECONDS = 1.0
+
+_FOREVER = -1.0
+
+
+class Evaluation:
+    """What the thread at the prompt evaluates; used as a context manager around it."""
+
+    def __init__(self, wake: Callable[[], None], let_go: Callable[[], None],
+                 hold_again: Callable[[], None], on_let_go: Callable[[], None]) -> None:
+        """`wake` has one held thread ask for its patience again; `on_let_go` is called before all run."""
+        self._wake = wake
+        self._let_go = let_go
+        self._hold_again = hold_again
+        self._on_let_go = on_let_go
+        self._ctypes: Any = None
+        self.forget()
+
+    def forget(self) -> None:
+        """Nothing is evaluated."""
+        self._lock: Any = _thread.RLock()     # a signal handler may come in between
+        self._thread_id: int | None = None    # of the thread that evaluates
+        self._depth = 0                       # its expressions inside expressions
+        self._deadline: float | None = None
+        self._is_interrupted = False
+        self._serial = 0                      # counts expressions, and their parts between prompts
+        self.are_others_free = False
+        self.were_others_free = False         # for whoever has to know it; takes it back
+
+    def __enter__(self) -> None:
+        if self._depth == 0:
+            # Now, for the thread that interrupts may be held in the middle of either.
+            import ctypes
+            self._ctypes, _ = ctypes, ctypes.pythonapi.PyThreadState_SetAsyncExc
+            self._thread_id = _thread.get_ident()
+            self._start()
+        self._depth += 1
+
+    def __exit__(self, kind: type[BaseException] | None, error: BaseException | None,
+                 traceback: TracebackType | None) -> None:
+        self._depth -= 1
+        if self._depth:
+            return
+        try:
+            self._forget_interruption()
+        finally:
+            self._stop()
+            self._thread_id = None
+
+    def _start(self) -> None:
+        self._deadline = time.monotonic() + SECONDS
+        self._wake()
+
+    def _stop(self) -> None:
+        with self._lock:
+            self._deadline = None
+            self._serial += 1
+            were_free, self.are_others_free = self.are_others_free, False
+        if were_free:
+            self._hold_again()
+
+    # -- a prompt inside an expression: what is evaluated runs a program under the debugger --
+
+    def pause(self) -> None:
+        """The others are held until `resume`."""
+        if self._depth:
+            self._stop()
+
+    def resume(self) -> None:
+        """The expression goes on."""
+        if self._depth:
+            self._start()
+
+    # -- for threads that are held ---------------------------------------------------------
+
+    def patience(self) -> float:
+        """How long a held thread waits before it asks again, in seconds; negative: until it is let go."""
+        deadline = self._deadline
+        if deadline is None:
+            return _FOREVER
+        return max(0.0, deadline - time.monotonic())
+
+    def lose_patience(self) -> None:
+        """Called by a held thread that has waited so long: all go on, if the expression has not ended."""
+        with self._lock:
+            if self._deadline is None or time.monotonic() < self._deadline:
+                return
+            self._deadline = None             # no other thread gets here for this expression
+            serial = self._serial
+        self._on_let_go()
+        with self._lock:
+            if self._serial == serial:
+                self.are_others_free = self.were_others_free = True
+                self._let_go()
+
+    # -- Ctrl-C ----------------------------------------------------------------------------
+
+    def interrupt(self) -> bool:
+        """Called in another thread: end the expression by a KeyboardInterrupt; False when there is none.
+
+        It comes when the thread runs Python code.  A wait for a condition of `threading`, as
+        in the `result` of a future, is ended for that; what else waits in C code goes on.
+        """
+        with self._lock:
+            if self._thread_id is None:
+                return False
+            self._is_interrupted = True
+            self._raise_in(self._thread_id, KeyboardInterrupt)
+            _end_wait(self._thread_id)
+            return True
+
+    def _raise_in(self, thread_id: int, kind: type[BaseException] | None) -> None:
+        """Have an exception raised in a thread; with None, take back one that has not come yet."""
+        ctypes = self._ctypes
+        ctypes.pythonapi.PyThreadState_SetAsyncExc(
+            ctypes.c_ulong(thread_id), None if kind is None else ctypes.py_object(kind))
+
+    def _forget_interruption(self) -> None:
+        """One that came too late is not raised in the debugger's own code."""
+        if self._is_interrupted:
+            with self._lock:
+                self._is_interrupted = False
+                self._raise_in(_thread.get_ident(), None)
+
+
+def _end_wait(thread_id: int) -> None:
+    """A condition knows waiters that have gone: it is done so to those that a signal interrupts."""
+    frame = sys._current_frames().get(thread_id)
+    if frame is not None and frame.f_code is threading.Condition.wait.__code__:
+        waiter = frame.f_locals.get("waiter")
+        if waiter is not None and waiter.locked():
+            waiter.release()
