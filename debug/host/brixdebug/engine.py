@@ -26,6 +26,7 @@ from brixdebug.breakpoints import is_pseudo_file
 from brixdebug.decisions import Breakpoint, still_stops
 from brixdebug.interrupts import Interruption
 from brixdebug.exceptions import ExceptionStops
+from brixdebug.libraries import is_library
 from brixdebug.monitor import monitor
 from brixdebug.reporting import Reporter
 from brixdebug.stops import PerThread, StopStates
@@ -221,14 +222,33 @@ class Bdb(compat.TraceBase):
         super()._set_stopinfo(self._visible_target(stopframe), *args, **kwargs)
         monitor.needs_changed(self)
 
+    @property
+    def just_my_code(self) -> bool:
+        """Whether steps pass by the code of libraries; one for the process."""
+        return monitor.just_my_code
+
+    @just_my_code.setter
+    def just_my_code(self, is_on: bool) -> None:
+        monitor.set_just_my_code(is_on)
+        monitor.needs_changed(self)
+
+    def _is_hidden(self, frame: FrameType) -> bool:
+        """A step does not end in `frame`."""
+        return optmonitoring.IsInternalFrame(frame) or monitor.just_my_code \
+            and is_library(frame.f_code.co_filename)
+
     def _visible_target(self, frame: FrameType | None) -> FrameType | None:
-        """A frame to stop in, for `frame`: no event of internal code is ever reported."""
-        if frame is None or frame is self.botframe or not optmonitoring.IsInternalFrame(frame):
+        """A frame to stop in, for `frame`: no event of internal code is ever reported.
+
+        Where the user is he may step, in a library too.
+        """
+        if frame is None or frame is self.botframe or not self._is_hidden(frame) \
+                or frame is self.stop_states.reached().stopped_frame:
             return frame
         if self.frame_returning is not None and self.frame_returning.f_back is frame:
             return None                   # it is reached at once: stop at what comes next
         caller = frame.f_back
-        while caller is not None and optmonitoring.IsInternalFrame(caller):
+        while caller is not None and self._is_hidden(caller):
             if caller is self.botframe:
                 return frame              # the program ends before anything else
             caller = caller.f_back
@@ -311,6 +331,9 @@ class Bdb(compat.TraceBase):
             return None
 
     def stop_here(self, frame: FrameType) -> bool:
+        if monitor.just_my_code and frame is not self.stopframe \
+                and is_library(frame.f_code.co_filename):
+            return False
         result = super().stop_here(frame)
         if result:
             self._stop_in(frame)
@@ -432,6 +455,8 @@ class Bdb(compat.TraceBase):
 
     def is_own_code(self, code: CodeType) -> bool:
         """Whether the user wants to see what happens in `code`: not in how modules are imported."""
+        if monitor.just_my_code:
+            return not is_library(code.co_filename)
         return optmonitoring.GetPathnameKind(code.co_filename) != optmonitoring.kFrozenImportLibPathname
 
     def exceptions_changed(self) -> None:

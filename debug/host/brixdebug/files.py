@@ -36,6 +36,11 @@ def checksum(pathname: str) -> str | None:
         return None
 
 
+def short_name(filename: str) -> str:
+    """The file with its folder: what says which library it is of."""
+    return os.sep.join(filename.split(os.sep)[-2:])
+
+
 def _open_without_waiting(pathname: str, flags: int) -> int:
     return os.open(pathname, flags | os.O_NONBLOCK | os.O_NOCTTY)
 

@@ -15,6 +15,7 @@ from brixdebug import files, internal
 from brixdebug.breakpoints import BreakLines
 from brixdebug.decisions import Decisions
 from brixdebug.exceptions import RAISED, UNCAUGHT, places_of_uncaught
+from brixdebug.libraries import is_library
 from brixdebug.raising import Raiser
 from brixdebug.stops import NOWHERE
 from brixdebug.suspension import Suspension
@@ -176,6 +177,7 @@ class Monitor:
         if code is not None:
             self.decisions.forget_code(code)
         self.break_lines.on_new_code(record)
+        self.switches.take_in(record)
 
     def _remove_hooks(self) -> None:
         optmonitoring.CPerCodeObject.SetNewPerCodeObjectCreatedCallback(None)
@@ -240,6 +242,14 @@ class Monitor:
             raises=exception_stops.catches(RAISED),
             lines=self.watches.is_everywhere,
             ends=self.suspension.is_ending_all)
+
+    @property
+    def just_my_code(self) -> bool:
+        """Whether steps pass by the code of libraries."""
+        return self.switches.is_hidden is not None
+
+    def set_just_my_code(self, is_on: bool) -> None:
+        self.switches.is_hidden = _is_of_library if is_on else None
 
     def _watch_thread_ends(self, is_wanted: bool) -> None:
         """Have the lines reported, or no longer, where a thread ends by an exception."""
@@ -341,6 +351,11 @@ class Monitor:
         self.debugger.stop_states.keep_only_own()
         self.debugger.interruption.end()      # its helper thread is gone
         self.debugger.after_fork_in_child()
+
+
+def _is_of_library(record: CPerCodeObject) -> bool:
+    code = record.fCodeObjectWeakRef()
+    return code is not None and is_library(code.co_filename)
 
 
 monitor = Monitor()

@@ -338,6 +338,9 @@ class Reporter:
     def _go_on_in_caller(self, debugger: TracedDebugger, caller: FrameType | None,
                          state: StopState) -> None:
         """A stepped function ends: its caller is stepped from here on."""
+        while caller is not None and caller is not state.botframe and not debugger.is_own_code(caller.f_code) \
+                and caller is not state.stopframe:
+            caller = caller.f_back            # there is no stop in it
         if caller is None or caller is state.botframe:
             return
         state.trace(caller)

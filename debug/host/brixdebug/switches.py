@@ -101,6 +101,9 @@ class Switches:
         self._any_stops_anywhere = False
         self._is_holding = False
         self._reports_all_lines = False
+        # Tells of which code objects steps pass by; None: of none.
+        self.is_hidden: Callable[[CPerCodeObject], bool] | None = None
+        self._hides = False                   # the filter is told of them now
         self.wants_calls = False              # user_call is to be called in code with breakpoints
         self.is_idle = True                   # all threads run freely
         self.epoch = 0                        # counts the times when places were armed again
@@ -165,11 +168,12 @@ class Switches:
             events |= _HOLD_LOCAL_EVENTS
         if record in self._watched:
             events |= _WATCH_LOCAL_EVENTS
-        count = 1 if events else 0
+        is_hidden = self.is_hidden(record) if self._hides and self.is_hidden is not None else None
+        count = 1 if events or is_hidden is False else 0
         lines = self._reported_lines(record)
         # None lets every line through, to be switched off by the second callback.
         record.fEnabledBpLinenos = None if self.is_idle or self._reports_all_lines \
-            else lines or None
+            else lines or (set() if is_hidden else None)
         if lines:
             events |= _BREAK_LOCAL_EVENTS
             if self.wants_calls:
@@ -228,6 +232,7 @@ class Switches:
         """Nothing is needed at present: the tool ids are free for others."""
         self._set_stepping({})
         self._any_stops_anywhere = False
+        self._hide(False)
         self._give_back()
 
     def _change_idle(self) -> None:
@@ -254,9 +259,31 @@ class Switches:
             if thread_id_of(per_thread) not in stepping_thread_ids:
                 per_thread.fSteppingEventsNeeded = False
         for thread_id in stepping_thread_ids:
-            optmonitoring.CPerThread.GetPerThread(thread_id).fSteppingEventsNeeded = True
+            per_thread = optmonitoring.CPerThread.GetPerThread(thread_id)
+            per_thread.fSteppingEventsNeeded = self.is_hidden is None
+        self._hide(self._any_stops_anywhere and self.is_hidden is not None)
         if begins:
             self.rearm()
+
+    def _hide(self, is_wanted: bool) -> None:
+        """While a step may end anywhere, have the filter answer for the code that it passes by.
+
+        The thread's own field would let the starts of all functions through: the code objects
+        that matter say so themselves then, and the others have no line that does.
+        """
+        if self._hides == is_wanted:
+            return
+        self._hides = is_wanted
+        for per_file in optmonitoring.CPerFile.GetAllPerFiles():
+            for record in list(per_file.fKnownPerCodeObjects):
+                if not record.fIsInternal:
+                    self._apply(record)
+
+    def take_in(self, record: CPerCodeObject) -> None:
+        """A code object is new."""
+        if self._hides and not record.fIsInternal:
+            with self.lock:
+                self._apply(record)
 
     def _set_events(self, events: int, raiser_events: int) -> None:
         if raiser_events != self._raiser_events:
@@ -390,6 +417,7 @@ class Switches:
         self._ends.clear()
         self._watched = set()
         self._reports_all_lines = False
+        self._hide(False)
         self._stepping = {}
         self._held = set()
         self._any_stops_anywhere = False

@@ -5,10 +5,11 @@ from brixdebug.commands.evaluating import EvaluatingCommands
 from brixdebug.commands.exceptions import ExceptionCommands
 from brixdebug.commands.information import InformationCommands
 from brixdebug.commands.settings import SettingCommands
+from brixdebug.commands.stack import StackCommands
 from brixdebug.commands.threads import ThreadCommands
 from brixdebug.commands.watches import WatchCommands
 
 
 class Commands(BreakpointCommands, ExceptionCommands, WatchCommands, ThreadCommands,
-               InformationCommands, SettingCommands, EvaluatingCommands):
+               InformationCommands, SettingCommands, EvaluatingCommands, StackCommands):
     """All of them."""

@@ -9,11 +9,12 @@ class SettingCommands(CommandBase):
     """Switches what can be on or off."""
 
     # name for `set` -> the debugger's attribute that is true when it is on
-    settings = {"follow-fork": "follows_fork", "hold-others": "holds_others"}
+    settings = {"follow-fork": "follows_fork", "hold-others": "holds_others", "just-my-code": "just_my_code"}
 
     def do_set(self, arg: str) -> None:
         """set follow-fork on|off
         set hold-others on|off
+        set just-my-code on|off
 
         follow-fork: whether a child that the program forks is debugged too.  Off,
         as it is at first, the child runs free of the debugger.
@@ -22,6 +23,10 @@ class SettingCommands(CommandBase):
         On, as it is at first, they go on for an expression that has not ended after a
         second, until it ends.  A breakpoint that another reaches stops it either way,
         when the prompt is free.
+
+        just-my-code: whether steps pass by the code of the standard library and of
+        installed packages, and where shows its frames as one line (where COUNT shows
+        them all).  Off at first.  Breakpoints hold there either way.
         """
         words = arg.split()
         if not words or words[0] not in self.settings:
