@@ -6,6 +6,7 @@ Each program runs plainly first, then debugged in several ways; what its tool ha
 import json
 import unittest
 
+import third_party
 from host_support import check_child, scratch_folder
 from session import line_of, run_session, write_program
 
@@ -111,7 +112,37 @@ TOOLS = {
         M.set_events(5, 0)
         M.free_tool_id(5)
     """,
+    "a monitoring tool that switches places off": NOTE + """
+    M = sys.monitoring
+    NAMES = ("PY_START", "PY_RESUME", "PY_RETURN", "PY_YIELD", "LINE", "CALL")
+    def begin():
+        M.use_tool_id(5, "watching")
+        for name in NAMES:
+            def callback(code, number, *rest, name=name):
+                note(code, name, number)
+                return M.DISABLE
+            M.register_callback(5, getattr(M.events, name), callback)
+        M.set_events(5, sum(getattr(M.events, name) for name in NAMES))
+    def end():
+        M.set_events(5, 0)
+        M.free_tool_id(5)
+    """,
+    "a monitoring tool that looks at some code and switches places off": NOTE + """
+    M = sys.monitoring
+    def begin():
+        M.use_tool_id(1, "watching")
+        def callback(code, number):
+            note(code, number)
+            return M.DISABLE
+        M.register_callback(1, M.events.LINE, callback)
+        for function in (leaf, loop, numbers, catches):
+            M.set_local_events(1, function.__code__, M.events.LINE)
+    def end():
+        M.free_tool_id(1)
+    """,
 }
+
+SOME_CODE = "a monitoring tool that looks at some code and switches places off"
 
 # How the program is debugged: commands for the prompt; a mark is where a breakpoint is set.
 WAYS = {
@@ -128,6 +159,9 @@ WAYS = {
                                      "tbreak yield", "continue", "continue", "clear 2", "break again", "continue", "clear",
                                      "continue"],
 }
+
+
+JOINING_WAY = "steps, returns and until"          # steps in a function that the tool had for itself before
 
 
 class OtherToolsTestCase(unittest.TestCase):
@@ -183,8 +217,55 @@ def _test_of(name):
     return test
 
 
+    def test_a_tool_that_is_joined_in_some_code(self):
+        """The interpreter makes its table of tools anew when a second one wants lines of a code object: what the first
+        had switched off there is reported once more, and no oftener."""
+        self.check_tool(SOME_CODE, *(way for way in WAYS if way != JOINING_WAY))
+        plain = self.plainly()
+        noted, printed = self.debugged(WAYS[JOINING_WAY])
+        everything = [tuple(each) for name in noted for each in noted[name]]
+        self.assertEqual(set(everything), {tuple(each) for name in plain for each in plain[name]}, printed)
+        plainly = [tuple(each) for name in plain for each in plain[name]]
+        self.assertEqual([each for each in everything if everything.count(each) > plainly.count(each) + 1], [])
+
+
 for _name in TOOLS:
+    if _name == SOME_CODE:
+        continue
     setattr(RecordingTest, "test_" + _name.replace(" ", "_"), _test_of(_name))
+
+
+class CoverageTest(OtherToolsTestCase):
+    """coverage, in all its cores: the lines that it counts are those of a run without the debugger."""
+
+    @classmethod
+    def setUpClass(cls):
+        global COVERAGE
+        COVERAGE = third_party.folder(third_party.COVERAGE)
+
+    def lines(self, core, *before, commands=()):
+        """Those that one run has executed, and what it printed; `before` stands between the interpreter and coverage."""
+        data = self.folder / "data"
+        data.unlink(missing_ok=True)
+        surroundings = {"COVERAGE_CORE": core, "PYTHONPATH": third_party.python_path(COVERAGE), "COVERAGE_FILE": str(data)}
+        child = run_session(*before, "-m", "coverage", "run", self.program, commands=commands, cwd=self.folder, **surroundings)
+        self.assertTrue(data.exists(), child.stdout + child.stderr)
+        report = self.folder / "report.json"
+        check_child(self, "-m", "coverage", "json", "-q", "--pretty-print", "-o", report, cwd=self.folder, **surroundings)
+        return json.loads(report.read_text())["files"][self.program.name]["executed_lines"], child.stdout
+
+    def test_lines(self):
+        self.program = write_program(self.folder, WORK + "\n    everything()\n")
+        for core in ("ctrace", "pytrace", "sysmon"):
+            plain, _ = self.lines(core)
+            self.assertIn(line_of(self.program, "handler"), plain)
+            for way in ("breakpoints", "steps", "next", "steps and free runs by turns"):
+                with self.subTest(core=core, way=way):
+                    commands = [each.replace("break ", "break %s:" % self.program) if each[6:].isdigit() else each
+                                for each in self.commands(WAYS[way])]
+                    noted, printed = self.lines(core, "-m", "brixdebug", commands=commands)
+                    self.assertIn("> %s(" % self.program, printed)
+                    self.assertEqual(noted, plain, printed)
 
 
 if __name__ == "__main__":

@@ -10,6 +10,7 @@ before its first event is decided.
 from __future__ import annotations
 
 import bdb
+import functools
 import os
 import sys
 import weakref
@@ -158,7 +159,8 @@ class BreakLines:
         if record.fCanonicalPathname is None:
             codes = self._pseudo_codes.setdefault(filename, {})
             key = id(code)
-            codes[key] = weakref.ref(code, lambda _: codes.pop(key, None))
+            # Not a function of ours: that would be Python code at any moment, and traced.
+            codes[key] = weakref.ref(code, functools.partial(codes.pop, key))
         elif not os.path.isabs(filename) and not is_pseudo_file(filename):
             self._absolute_names[filename] = record.fPathnameToReport
 

@@ -71,6 +71,7 @@ class Reporter:
                 return None
             epoch = self._switches.epoch
             if self._switches.is_line_off(code, line):
+                self._switches.note_off(code)
                 return _DISABLE if epoch == self._switches.epoch else None
             return self._line(sys._getframe(1))
         except BaseException as error:
@@ -89,6 +90,7 @@ class Reporter:
         try:
             epoch = self._switches.epoch
             if self._switches.is_jump_off(code, offset, destination):
+                self._switches.note_off(code)
                 return _DISABLE if epoch == self._switches.epoch else None
             frame = sys._getframe(1)
             if self._watches.active and self._stops_at_change(frame, frame.f_lineno):
@@ -134,6 +136,7 @@ class Reporter:
                 return None
             self._monitor.break_lines.await_code(code)
             if self._switches.is_call_off(code, line_at(code, offset)):
+                self._switches.note_off(code)
                 return _DISABLE if epoch == self._switches.epoch else None
             return None
         except BaseException as error:

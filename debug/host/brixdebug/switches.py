@@ -45,6 +45,8 @@ import sys
 
 import optmonitoring
 
+from brixdebug.places import SwitchedOff
+
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     from collections.abc import Callable
@@ -87,6 +89,7 @@ class Switches:
         self._second_callbacks: dict[int, Callable[..., object]] = {}     # event -> callback
         self.lock: Any = _thread.RLock()              # around changes of what is switched on
         self._filter_tool_id: Any = None              # None: no tool id is taken
+        self._switched_off = SwitchedOff()
         self._initial_callbacks: dict[int, CInitialCallback] = {}
         # What is wanted of code objects, by their records.
         self._lines: dict[Any, set[int]] = {}         # to be reported; no entry without
@@ -296,7 +299,8 @@ class Switches:
     def rearm(self) -> None:
         """Arm what was switched off place by place.  What is needed has to be written before."""
         self.epoch += 1
-        sys.monitoring.restart_events()
+        if self._filter_tool_id is not None:
+            self._switched_off.arm_again((RAISER_TOOL_ID, self._filter_tool_id))
 
     # -- what all threads are needed for ---------------------------------------------------
 
@@ -312,7 +316,12 @@ class Switches:
     # -- what nobody needs -----------------------------------------------------------------
 
     # DISABLE takes hold after the callback has ended.  Should another thread arm places
-    # meanwhile, it must not: who answers so looks at the epoch once more as the very last thing.
+    # meanwhile, it must not: who answers so looks at the epoch once more as the very last thing,
+    # after `note_off`.
+
+    def note_off(self, code: CodeType) -> None:
+        """DISABLE is going to be answered for a place of `code`."""
+        self._switched_off.note(code)
 
     def is_line_off(self, code: CodeType, line: int | None) -> bool:
         """Nobody waits for this line of `code`."""
@@ -380,16 +389,19 @@ class Switches:
     def _on_raiser_line(self, code: CodeType, line: int) -> Any:
         epoch = self.epoch
         if self.is_line_off(code, line):
+            self.note_off(code)
             return _DISABLE if epoch == self.epoch else None
 
     def _on_raiser_jump(self, code: CodeType, offset: int, destination: int) -> Any:
         epoch = self.epoch
         if self.is_jump_off(code, offset, destination):
+            self.note_off(code)
             return _DISABLE if epoch == self.epoch else None
 
     def _on_raiser_call(self, code: CodeType, offset: int) -> Any:
         epoch = self.epoch
         if self.is_call_off(code, line_at(code, offset)):
+            self.note_off(code)
             return _DISABLE if epoch == self.epoch else None
 
     # -- tool ids ----------------------------------------------------------------------------
@@ -440,11 +452,9 @@ class Switches:
             sys.monitoring.register_callback(self._filter_tool_id, event, None)
             sys.monitoring.register_callback(RAISER_TOOL_ID, event, None)
         self._remove_hooks()
-        sys.monitoring.free_tool_id(self._filter_tool_id)
-        sys.monitoring.free_tool_id(RAISER_TOOL_ID)
+        tool_ids = RAISER_TOOL_ID, self._filter_tool_id
         self._filter_tool_id = None
-        # What was switched off at single places would stay off for the next user of the id.
-        sys.monitoring.restart_events()
+        self._switched_off.give_back(tool_ids)
 
     # -- fork --------------------------------------------------------------------------------
 
