@@ -29,8 +29,8 @@ from variants import VARIANTS, with_references
 ROOT = os.path.dirname(instructions.HERE)
 FIRST_EVENT = os.path.join(instructions.HERE, "first_event.py")
 RESULTS = os.path.join(ROOT, "build", "bench")
-QUICK = ("none", "floor", "line_off", "line_skip_thread", "step_thread", "step_code", "policy_0", "internal_none",
-         "fork_child")
+QUICK = ("none", "floor", "line_off", "line_collides_5", "line_collides_10000", "line_skip_thread", "step_thread",
+         "step_code", "policy_0", "step_thread_no_hook", "internal_none", "fork_child")
 ROUNDS, QUICK_ROUNDS = 7, 3
 PASSES = 3                  # of which a run reports the fastest
 TURNS = 50000

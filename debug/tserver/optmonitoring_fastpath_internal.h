@@ -37,33 +37,27 @@ static inline size_t get_plain_lineno(PyObject* lineno)
     return *reinterpret_cast<const uint32_t*>(number + gLinenoPeek.int_digit);
 }
 
-// The table of an exact set, and the size of the table less one.
-static inline const tSetEntry* borrow_set_table(PyObject* set, size_t* mask)
-{
-    const char* fields = reinterpret_cast<const char*>(set);
-    *mask = *reinterpret_cast<const size_t*>(fields + gLinenoPeek.set_mask);
-    return *reinterpret_cast<tSetEntry* const*>(fields + gLinenoPeek.set_table);
-}
-
-// True when LINENO is surely not in LINENOS, because nothing is where its look-up begins; false leaves it open. Runs
-// no code of the program.
-static inline bool is_surely_absent(PyObject* linenos, PyObject* lineno)
-{
-    if (XPy_BorrowTypeInline(linenos) != gLinenoPeek.set_type)
-        return false;
-    size_t hash = get_plain_lineno(lineno);
-    if (hash == 0)
-        return false;
-    size_t mask;
-    const tSetEntry* table = borrow_set_table(linenos, &mask);
-    const tSetEntry* entry = table + (hash & mask);
-    return !entry->key && entry->hash == 0;
-}
-
-// The whole look: the line is no member, is one, or only the interpreter's own look-up can tell. Runs no code of the
-// program.
+// The line is no member, is one, or only the interpreter's own look-up can tell.
 enum tLinenoFound { kLinenoOpen, kLinenoAbsent, kLinenoPresent };
-tLinenoFound find_lineno(PyObject* linenos, PyObject* lineno);
+
+// The look from the first entry on, where that is taken. HASH is not 0; MASK is the size of the table less one.
+tLinenoFound find_lineno_behind(const tSetEntry* table, size_t mask, size_t hash);
+
+// Looks for LINENO in LINENOS without running code of the program. Mostly nothing is where the look-up begins.
+static inline tLinenoFound find_lineno(PyObject* linenos, PyObject* lineno)
+{
+    if (XPY_UNLIKELY(XPy_BorrowTypeInline(linenos) != gLinenoPeek.set_type))
+        return kLinenoOpen;
+    size_t hash = get_plain_lineno(lineno);
+    if (XPY_UNLIKELY(hash == 0))  // which entries that were never used have, too
+        return kLinenoOpen;
+    const char* set = reinterpret_cast<const char*>(linenos);
+    size_t mask = *reinterpret_cast<const size_t*>(set + gLinenoPeek.set_mask);
+    const tSetEntry* table = *reinterpret_cast<tSetEntry* const*>(set + gLinenoPeek.set_table);
+    if (XPY_LIKELY(!table[hash & mask].key))
+        return kLinenoAbsent;
+    return find_lineno_behind(table, mask, hash);
+}
 
 // ---- What is ready ----
 // They take what is ready and leave everything else, failures included, to the functions that find out why it is not.
@@ -141,8 +135,7 @@ static inline tSkipReason find_skip_reason(const tModuleState* m, int event_id, 
     PyObject* linenos = record->fEnabledBpLinenos;
     if (!linenos || linenos == api.Py_None)
         return kNoLineSet;
-    bool has_line = event_id == m->kPyLineEventId && lineno_obj != api.Py_None;
-    if (has_line && !is_surely_absent(linenos, lineno_obj)) {
+    if (event_id == m->kPyLineEventId && lineno_obj != api.Py_None) {
         tLinenoFound found = find_lineno(linenos, lineno_obj);
         if (found != kLinenoAbsent)
             return found == kLinenoPresent ? kLineHasBreakpoint : kLineMayHaveBreakpoint;

@@ -398,8 +398,6 @@ __attribute__((always_inline)) static inline tVerdict decide_fast(tModuleState* 
     }
     PyObject* linenos = borrow_deciding_lines(m, body, record_body, nargs);
     if (linenos) {
-        if (XPY_LIKELY(is_surely_absent(linenos, args[1])))
-            return kAnswerNone;
         tLinenoFound found = find_lineno(linenos, args[1]);
         if (XPY_LIKELY(found == kLinenoAbsent))
             return kAnswerNone;

@@ -52,30 +52,37 @@ static tLinenoFound scan(const tSetEntry* table, size_t mask, size_t hash)
     return found;
 }
 
+// Whether the interpreter's look-up would not go on behind the entry without comparing.
+static inline bool is_end(const tSetEntry* entry, size_t hash)
+{
+    return entry->hash == static_cast<Py_ssize_t>(hash) || !entry->key;
+}
+
+static tLinenoFound judge_end(const tSetEntry* entry, size_t hash)
+{
+    return entry->key ? judge_key(entry, hash) : kLinenoAbsent;
+}
+
 static tLinenoFound probe(const tSetEntry* table, size_t mask, size_t hash)
 {
     size_t perturb = hash;
     for (size_t i = hash & mask;; i = (i * 5 + 1 + perturb) & mask) {
-        const tSetEntry* last = table + (i + kLinearProbes <= mask ? i + kLinearProbes : i);
-        for (const tSetEntry* entry = table + i; entry <= last; entry++) {
-            if (entry->hash == static_cast<Py_ssize_t>(hash))
-                return judge_key(entry, hash);
-            if (!entry->key)
-                return kLinenoAbsent;
+        const tSetEntry* entry = table + i;
+        if (i + kLinearProbes <= mask) {
+#pragma GCC unroll 9
+            for (size_t k = 0; k < kLinearProbes; k++, entry++) {
+                if (is_end(entry, hash))
+                    return judge_end(entry, hash);
+            }
         }
+        if (is_end(entry, hash))
+            return judge_end(entry, hash);
         perturb >>= kPerturbShift;
     }
 }
 
-tLinenoFound find_lineno(PyObject* linenos, PyObject* lineno)
+tLinenoFound find_lineno_behind(const tSetEntry* table, size_t mask, size_t hash)
 {
-    if (XPy_BorrowTypeInline(linenos) != gLinenoPeek.set_type)
-        return kLinenoOpen;
-    size_t hash = get_plain_lineno(lineno);
-    if (hash == 0)  // where an entry that was never used has it, too
-        return kLinenoOpen;
-    size_t mask;
-    const tSetEntry* table = borrow_set_table(linenos, &mask);
     const tSetEntry* first = table + (hash & mask);
     if (first->hash == static_cast<Py_ssize_t>(hash))
         return judge_key(first, hash);
