@@ -49,6 +49,24 @@ else:
         ctypes.pythonapi.PyFrame_LocalsToFast(ctypes.py_object(frame), 1)
 
 
+def give_changes_back(frame: FrameType, variables: Any, before: dict[str, Any]) -> None:
+    """Let the variables of any frame be what was assigned to `variables`, the table of their values.
+
+    `before` is what that held before.  Only what differs is given back: the thread of the
+    frame may have gone on meanwhile.
+    """
+    changed = {name: value for name, value in variables.items()
+               if name not in before or before[name] is not value}
+    deleted = before.keys() - variables.keys()
+    if not (changed or deleted):
+        return
+    take_locals(frame)                        # the same table, with the values of now
+    variables.update(changed)
+    for name in deleted:
+        variables.pop(name, None)
+    give_locals_back(frame)
+
+
 class _SysWithTraceMethods:
     """`sys` for methods of a debugger: `settrace` goes to the debugger itself."""
 

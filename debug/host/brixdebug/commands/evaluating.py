@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import code
 import pdb
+import sys
 import types
 
 from brixdebug import compat
@@ -46,7 +47,13 @@ class EvaluatingCommands(CommandBase):
     """`p` and its kin, statements, and `interact`."""
 
     def default(self, line: str) -> Any:
-        return _standard_default(self, line)
+        if sys.version_info >= (3, 13) or self.curframe_locals is self.curframe.f_globals:
+            return _standard_default(self, line)
+        before = dict(self.curframe_locals)
+        try:
+            return _standard_default(self, line)
+        finally:
+            compat.give_changes_back(self.curframe, self.curframe_locals, before)
 
     do_interact = compat.rebind(pdb.Pdb.do_interact, _PdbInteractiveConsole=_Console,
                                 code=types.SimpleNamespace(interact=_interact))
