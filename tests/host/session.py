@@ -34,7 +34,7 @@ class Session:
         self._unread = ""
         self.seen = ""                       # all that the child printed
         command = [sys.executable, "-W", "ignore:%s:RuntimeWarning" % LOCK_WARNING, *map(str, arguments)]
-        environment = child_environment(NO_COLOR="1", TERM="dumb", PYTHON_HISTORY=os.devnull, **environment)
+        environment = child_environment(**{"NO_COLOR": "1", "TERM": "dumb", "PYTHON_HISTORY": os.devnull, **environment})
         if terminal:
             self._in, child_end = pty.openpty()
             self._out = self._in

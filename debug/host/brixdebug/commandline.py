@@ -26,6 +26,17 @@ else:
 class _CommandLineDebugger(Debugger):
     _ends_program = True
 
+    if sys.version_info < (3, 13):
+        def interaction(self, frame: Any, *args: Any, **kwargs: Any) -> None:
+            """Post-mortem `quit` ends the session, and `restart` begins it anew, as they do from 3.13 on."""
+            try:
+                super().interaction(frame, *args, **kwargs)
+            except pdb.Restart:
+                if frame is not None:
+                    raise
+            if frame is None and self._user_requested_quit:
+                sys.exit(1 if self.has_lost_input else None)
+
     def _run(self, target: Any) -> None:
         error = None
         try:
@@ -47,6 +58,64 @@ class _ScriptTarget(_StandardTarget):
     def namespace(self) -> dict[str, object]:
         return {"__doc__": None, "__package__": None, "__spec__": None, "__cached__": None,
                 **super().namespace}
+
+
+_HELP = """\
+usage: brixdebug [OPTION]... SCRIPT [ARGUMENT]...
+       brixdebug [OPTION]... -m MODULE [ARGUMENT]...
+
+Debug a Python program with pdb's commands, in every thread.
+
+  -c, --command COMMAND    run COMMAND at the first prompt, after those of .pdbrc; may be given again
+  -m MODULE                run a module or package as python -m does
+  --log FILE               write what the debugger does to the end of FILE
+  --log-domains NAME,...   of this only: %s
+  --listen [HOST:]PORT     wait for an editor, in place of the prompt; see docs/editors.md
+  --connect HOST:PORT      go to an editor that waits
+  -h, --help               show this text
+  --version                show the version
+
+Examples:
+  brixdebug -c "break work.py:20" -c continue script.py
+  brixdebug -m pytest tests"""
+
+
+def _version() -> str:
+    from importlib import metadata
+    try:
+        version = metadata.version("optmonitoring")
+    except metadata.PackageNotFoundError:
+        version = "(not installed as a package)"
+    return "brixdebug %s on Python %s" % (version, sys.version.split()[0])
+
+
+def _show_help(arguments: list[str]) -> None:
+    """What is asked for by an option before the program; does not come back then."""
+    options = iter(arguments)
+    for option in options:
+        if option in ("-h", "--help"):
+            print(_HELP % ", ".join(log.DOMAINS))
+        elif option == "--version":
+            print(_version())
+        elif option in ("-c", "--command", "--log", "--log-domains"):
+            next(options, None)
+            continue
+        elif option.startswith("-") and option not in ("-m", "--"):
+            continue
+        else:
+            return
+        sys.exit()
+
+
+def _leave_help_to_program(arguments: list[str]) -> None:
+    """From 3.13 on pdb looks for its options among the program's too."""
+    index = 0
+    while index < len(arguments) and arguments[index].startswith("-"):
+        if arguments[index] in ("-m", "--"):
+            return
+        index += 2 if arguments[index] in ("-c", "--command") else 1
+    if sys.version_info >= (3, 13) and not {"-h", "--help"}.isdisjoint(arguments[index:]):
+        arguments.insert(index, "--")
 
 
 def _take_log_options(arguments: list[str]) -> dict[str, str]:
@@ -98,7 +167,9 @@ def main() -> None:
         from brixdebug.dap import program
         program.serve(arguments)
         return
+    _show_help(arguments)
     _open_log(_take_log_options(arguments))
+    _leave_help_to_program(arguments)
     sys.argv[1:] = arguments
     threading.excepthook = _hide_quit(threading.excepthook)
     sys.unraisablehook = _hide_quit(sys.unraisablehook)       # threads that `threading` did not start
@@ -106,5 +177,7 @@ def main() -> None:
     compat.rebind(standard("main"), **{**PDB_NAMES, "Pdb": _CommandLineDebugger,
                                 "_ScriptTarget": _ScriptTarget})()
     processes.end_child()
+    if _CommandLineDebugger.has_lost_input:
+        sys.exit(1)
     if _CommandLineDebugger.has_refused:
         sys.exit(2)

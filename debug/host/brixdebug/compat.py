@@ -40,6 +40,9 @@ if sys.version_info >= (3, 13):
 else:
     import ctypes
 
+    _OPTIMIZED = 1                # a function's code: its frame's f_locals is a copy of the variables
+    _OWN_REFERENCES = 3           # the frame's, the name's and that of the call that counts
+
     def take_locals(frame: FrameType) -> None:
         """Let `frame.f_locals` be what the variables are now, before it may be written to."""
         frame.f_locals
@@ -47,6 +50,11 @@ else:
     def give_locals_back(frame: FrameType) -> None:
         """Let the variables be what `frame.f_locals` is now, as after a function of `sys.settrace`."""
         ctypes.pythonapi.PyFrame_LocalsToFast(ctypes.py_object(frame), 1)
+        code, variables = frame.f_code, frame.f_locals
+        # No copy is to keep objects alive past their last use, unless it is the program's too.
+        if code.co_flags & _OPTIMIZED and sys.getrefcount(variables) <= _OWN_REFERENCES:
+            for name in code.co_varnames + code.co_cellvars + code.co_freevars:
+                variables.pop(name, None)
 
 
 def give_changes_back(frame: FrameType, variables: Any, before: dict[str, Any]) -> None:

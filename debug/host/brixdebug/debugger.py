@@ -53,9 +53,6 @@ def _is_on_descriptor_0(file: Any) -> bool:
 class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
     """`pdb.Pdb` for every thread."""
 
-    # Whether this is the debugger of a command line, whose quit ends the program.
-    _ends_program = False
-
     has_refused = False                        # there was nothing that can be debugged
 
     _child_input: io.TextIOWrapper | None = None
@@ -160,23 +157,11 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
         """A child that is forked at the prompt does not stay there, unless it is followed."""
         return super().postcmd(stop, line) or self.is_left_alone
 
-    def set_quit(self) -> None:
-        if not self._ends_program or len(debugged_frames()) < 2:
-            super().set_quit()
-            return
-        # The other threads end too: each at its next event.
-        keeps_tracing, self._keeps_tracing = self._keeps_tracing, True
-        try:
-            super().set_quit()
-        finally:
-            self._keeps_tracing = keeps_tracing
-        monitor.end_all_threads()
-
     # -- exceptions --------------------------------------------------------------------
 
     def reaches_program(self, exception: BaseException) -> bool:
         return isinstance(exception, (BdbQuit, pdb.Restart, streams.exit_of_pytest() or ())) \
-            or not isinstance(exception, Exception)
+            or not isinstance(exception, Exception) or super().reaches_program(exception)
 
     def on_own_error(self, exception: BaseException) -> None:
         if self._is_own_error_shown and not log.is_open():

@@ -55,7 +55,7 @@ class Interruption:
         if self.is_wanted and not is_knock and self._knocker is not None:
             return                            # asked for twice in a row
         self.is_wanted = True
-        if is_at_work or _is_debuggers_code(frame):
+        if is_at_work or is_debuggers_code(frame):
             self._knock_later()
         elif self._is_armed:
             self._stop_inside(frame)
@@ -97,12 +97,16 @@ class Interruption:
         self._knocker = None
         # The program may have taken the signal for itself meanwhile.
         if signal.getsignal(signal.SIGINT) == handler:
-            self._is_knock = True
-            # A real one, for it ends what the thread waits for in the kernel.
-            signal.pthread_kill(threading.main_thread().ident or 0, signal.SIGINT)
+            self.knock()
+
+    def knock(self) -> None:
+        """Have the handler of SIGINT called in the main thread."""
+        self._is_knock = True
+        # A real signal, for it ends what the thread waits for in the kernel.
+        signal.pthread_kill(threading.main_thread().ident or 0, signal.SIGINT)
 
 
-def _is_debuggers_code(frame: FrameType | None) -> bool:
+def is_debuggers_code(frame: FrameType | None) -> bool:
     """True for the debugger's own; imports are the program's work, though never stopped in."""
     while frame is not None and frame.f_code.co_filename in _IMPORT_SYSTEM:
         frame = frame.f_back

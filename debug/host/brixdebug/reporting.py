@@ -16,7 +16,7 @@ from brixdebug import compat
 from brixdebug.decisions import FALSE, UNDECIDED
 from brixdebug.exceptions import RAISED
 from brixdebug.raising import is_of_signal_handler
-from brixdebug.suspension import is_threading_code
+from brixdebug.suspension import ends_by_itself
 from brixdebug.switches import line_at
 
 TYPE_CHECKING = False
@@ -284,7 +284,7 @@ class Reporter:
         """The user has quit: the thread ends here, if it has not been told before."""
         if not self._monitor.suspension.is_ending_all:
             return False
-        if _thread.get_ident() not in self._raiser.ended_thread_ids and not is_threading_code(frame):
+        if _thread.get_ident() not in self._raiser.ended_thread_ids and not ends_by_itself(frame):
             self._raiser.raise_in_program(bdb.BdbQuit())
         return True
 
@@ -318,6 +318,9 @@ class Reporter:
 
     def _dispatch(self, debugger: TracedDebugger, frame: FrameType, name: str, value: object) -> None:
         state = debugger.stop_states.own()
+        if state.error_to_raise is not None:
+            error, state.error_to_raise = state.error_to_raise, None
+            raise error
         try:
             trace: Any = debugger.trace_dispatch(frame, name, value)
         finally:

@@ -55,6 +55,7 @@ class StopState:
     stopped_frame: FrameType | None = None      # the frame of the event, when it is one to stop at
 
     stops = 0                 # how often the thread has stopped for a watch
+    error_to_raise: BaseException | None = None     # in the thread, at its next event
 
     is_muted = False          # the thread runs the debugger's own code, outside of an event
 
@@ -106,6 +107,11 @@ class StopState:
         self.stopframe = self.botframe = NOWHERE
         self.returnframe = None
         self.stoplineno = -1
+
+    def stop_anywhere(self) -> None:
+        """Stop at the next event."""
+        self.stopframe = self.returnframe = None
+        self.stoplineno = 0
 
     def may_stop_in(self, frame: FrameType) -> bool:
         """More than breakpoints may stop the thread in `frame`."""

@@ -49,6 +49,14 @@ def is_threading_code(frame: FrameType) -> bool:
     return frame.f_code.co_filename == threading.__file__
 
 
+def ends_by_itself(frame: FrameType) -> bool:
+    """Where a thread must not be ended: others wait for what it does next.
+
+    A worker of an executor that ends on its own way lets the next one do so.
+    """
+    return is_threading_code(frame) or frame.f_globals.get("__name__") == "concurrent.futures.thread"
+
+
 def suspend_lock_of(per_thread: CPerThread | None) -> SuspendLock | None:
     """The lock in a thread's record; None when it has none of ours, or the thread has ended."""
     lock = getattr(per_thread, "fSuspendLock", None)

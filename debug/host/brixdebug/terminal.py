@@ -7,23 +7,18 @@ import io
 import os
 import pdb
 import signal
+import sys
 import threading
 
-from brixdebug.engine import Bdb
+from brixdebug import colors
+from brixdebug.ends import Ends
 from brixdebug.monitor import monitor
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
-    from collections.abc import Iterator
+    from collections.abc import Iterator, Sequence
     from types import FrameType
     from typing import Any
-
-    class _StandardDebugger(pdb.Pdb, Bdb):
-        use_rawinput: bool
-        nosigint: bool
-        def _cmdloop(self) -> None: ...
-else:
-    _StandardDebugger = object
 
 _COMMAND_LOOP = pdb.Pdb.cmdloop.__code__
 _INTERACTION = pdb.Pdb.interaction.__code__
@@ -105,7 +100,7 @@ _prompting: list[Terminal] = []               # the debuggers that are at a prom
 _programs_handler: Any = None                 # of SIGINT, what it was before it was ours
 
 
-class Terminal(_StandardDebugger):
+class Terminal(Ends):
     """The part of `Debugger` that deals with the terminal."""
 
     _is_leaving = False                       # the command that ends the prompt has been given
@@ -116,6 +111,7 @@ class Terminal(_StandardDebugger):
     def at_prompt(self, is_post_mortem: bool) -> Iterator[None]:
         """Inside, the calling thread is at the prompt."""
         self._is_leaving = False
+        self.post_mortem_of: Any = None
         is_main = threading.get_ident() == threading.main_thread().ident
         if is_main:
             self._take_interrupts()
@@ -126,19 +122,24 @@ class Terminal(_StandardDebugger):
             yield
         finally:
             _prompting.pop()
+            if sys.version_info < (3, 13):
+                self.curframe_locals = {}     # it keeps what the variables were alive
             if is_main and is_post_mortem:
                 self.give_back_interrupts()
+            elif is_main and _is_ours(signal.getsignal(signal.SIGINT)):
+                pdb.Pdb._previous_sigint_handler = _programs_handler      # type: ignore[attr-defined]
 
     def sigint_handler(self, signum: Any, frame: Any) -> None:
         """The handler of SIGINT, in the main thread; prints nothing, for the thread may be in a `print`."""
         traced: Any = monitor.debugger if isinstance(monitor.debugger, Terminal) else self
         is_knock = traced.interruption.take_knock()
+        traced.raise_here(frame)
         if monitor.suspension.holder not in (None, threading.get_ident()):
             if not is_knock:
                 monitor.suspension.evaluation.interrupt()
             return            # the prompt is another thread's, and this one is not to die of it
         if self.quitting or monitor.suspension.is_ending_all:
-            if callable(_programs_handler):
+            if callable(_programs_handler) and not is_knock:
                 _programs_handler(signum, frame)
             return
         prompting = _prompting[-1] if _prompting else None
@@ -169,6 +170,29 @@ class Terminal(_StandardDebugger):
 
     def can_stop_inside(self) -> bool:
         return not _is_busy(self.stdout)
+
+    # -- what later versions have at their prompt --------------------------------------------
+
+    if sys.version_info < (3, 14):
+        def _print_lines(self, lines: Sequence[str], start: int, breaks: Sequence[int] = (),
+                         frame: FrameType | None = None) -> None:
+            if colors.are_wanted(self.stdout):
+                lines = [colors.highlight(line.rstrip("\r\n")) for line in lines]
+            super()._print_lines(lines, start, breaks, frame)
+
+        def format_stack_entry(self, frame_lineno: tuple[FrameType, int], lprefix: str = ": ") -> str:
+            place, prefix, line = super().format_stack_entry(frame_lineno, lprefix).rpartition(lprefix)
+            if prefix == pdb.line_prefix and colors.are_wanted(self.stdout):
+                line = colors.highlight(line)
+            return place + prefix + line
+
+    if sys.version_info < (3, 13):
+        def completenames(self, text: str, *place: Any) -> list[str]:
+            names = super().completenames(text, *place) + [each for each in self.aliases if each.startswith(text)]
+            return names or self.completedefault(text, *place)
+
+        def completedefault(self, text: str, *place: Any) -> list[str]:
+            return self._complete_expression(text, *place)
 
     # -- reading ---------------------------------------------------------------------------
 

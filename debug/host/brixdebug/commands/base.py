@@ -28,6 +28,9 @@ else:
 # What follows a name that is not meant as a command: `set = 1`, `info.x`, `set(x)`.
 _EXPRESSION_STARTS = tuple("=.([,:+-*/%@&|^<>!")
 
+# Commands that do something without an argument -> what they are called as well.
+_OTHER_NAMES = {"threads": "info threads"}
+
 
 class CommandBase(_Debugger):
     """Stands before `pdb.Pdb` among the bases of a debugger's class."""
@@ -37,8 +40,17 @@ class CommandBase(_Debugger):
         return self.curframe_locals if sys.version_info < (3, 13) else self.curframe.f_locals
 
     def _is_expression(self, name: str, arg: str) -> bool:
-        """True, after running it, when the line is a Python statement that begins like a command."""
+        """True, after running it, when the line is a Python statement that begins like a command.
+
+        So is the bare name of a variable: who has one means it.
+        """
         if arg.startswith(_EXPRESSION_STARTS):
             self.default(name + " " + arg)
             return True
-        return False
+        frame = self.curframe
+        if arg or frame is None or not (name in frame.f_locals or name in frame.f_globals):
+            return False
+        self.default("!" + name)
+        if name in _OTHER_NAMES:
+            self.message("(a variable of the program; the command is also: %s)" % _OTHER_NAMES[name])
+        return True

@@ -5,26 +5,37 @@ from __future__ import annotations
 from brixdebug import files
 from brixdebug.commands.base import CommandBase
 
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from typing import Any
+
 
 class InformationCommands(CommandBase):
     """Says what is known of the program."""
 
     # topic of `info` -> name of the method that shows it
-    info_topics = {"duplicates": "_show_duplicates", "watches": "_show_watches"}
+    info_topics = {"duplicates": "_show_duplicates", "threads": "show_threads",
+                   "watches": "_show_watches"}
 
     def do_info(self, arg: str) -> None:
         """info duplicates
+        info threads
         info watches
 
         duplicates: list the files of the program that have equal contents; a breakpoint
-        in one of them does not stop in the others.  watches: list what is watched.
+        in one of them does not stop in the others.  threads: what `threads` does, also
+        where the program has a variable of that name.  watches: list what is watched.
         """
+        arg = arg.strip()
         if self._is_expression("info", arg):
             return
         if arg not in self.info_topics:
             self.error("info %s is what there is" % ", info ".join(self.info_topics))
             return
         getattr(self, self.info_topics[arg])()
+
+    def complete_info(self, text: str, *place: Any) -> list[str]:
+        return [each for each in self.info_topics if each.startswith(text)]
 
     def _show_duplicates(self) -> None:
         groups = files.duplicates()

@@ -10,7 +10,7 @@ from brixdebug.suspension import debugged_frames
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
-    from types import FrameType
+    from types import FrameType, TracebackType
     from typing import Any
 
 
@@ -21,19 +21,25 @@ class ThreadCommands(CommandBase):
         super().__init__(*args, **kwargs)
         self._thread_numbers: dict[int, int] = {}     # thread id -> number that the user sees
         self._thread_count = 0
+        self.post_mortem_of: TracebackType | None = None      # what the prompt is for, after the end
 
     def _numbered_threads(self) -> list[tuple[int, int, FrameType]]:
         """(number, thread id, frame) of each thread, in the order of the numbers."""
         frames = debugged_frames()
         for thread_id in [each for each in self._thread_numbers if each not in frames]:
             del self._thread_numbers[thread_id]
-        main_id = threading.main_thread().ident
-        for thread_id in sorted(frames, key=lambda each: (each != main_id, each)):
+        # The interpreter lists the newest thread first.
+        for thread_id in reversed(frames):
             if thread_id not in self._thread_numbers:
                 self._thread_count += 1
                 self._thread_numbers[thread_id] = self._thread_count
         return sorted((number, thread_id, frames[thread_id])
                       for thread_id, number in self._thread_numbers.items())
+
+    def setup(self, f: FrameType | None, tb: TracebackType | None) -> Any:
+        if f is None:
+            self.post_mortem_of = tb
+        return super().setup(f, tb)
 
     def do_threads(self, arg: str) -> None:
         """threads
@@ -47,19 +53,29 @@ class ThreadCommands(CommandBase):
         if arg:
             self.error("The command takes no argument")
             return
+        self.show_threads()
+
+    def show_threads(self) -> None:
         shown = (self.stop_states.selected or self.stop_states.own()).thread_id
         self.message("  %-4s%-15s%-20s %s" % ("Num", "State", "Name", "Place"))
         for number, thread_id, frame in self._numbered_threads():
+            line: int | None = frame.f_lineno
+            if self.post_mortem_of is not None and thread_id == threading.get_ident():
+                frame, line = self.get_stack(None, self.post_mortem_of)[0][-1]
             self.message("%s %-4d%-15s%-20s %s(%s)%s()" % (
                 ">" if thread_id == shown else " ", number, self._thread_state(thread_id),
                 monitor.suspension.thread_name(thread_id),
-                self.canonic(frame.f_code.co_filename), frame.f_lineno, frame.f_code.co_name))
+                self.canonic(frame.f_code.co_filename), line, frame.f_code.co_name))
 
     @staticmethod
     def _thread_state(thread_id: int) -> str:
         if thread_id == threading.get_ident():
             return "at the prompt"
         return "held" if monitor.suspension.is_waiting(thread_id) else "running"
+
+    def complete_thread(self, text: str, *place: Any) -> list[str]:
+        numbers = [str(number) for number, _, _ in self._numbered_threads()]
+        return [each for each in numbers if each.startswith(text)]
 
     def do_thread(self, arg: str) -> None:
         """thread NUMBER
@@ -81,7 +97,10 @@ class ThreadCommands(CommandBase):
             return
         state = self.stop_states.of(thread_id)
         self.stop_states.selected = None if state is self.stop_states.own() else state
-        self.setup(frame, None)
+        if self.post_mortem_of is not None and thread_id == threading.get_ident():
+            self.setup(None, self.post_mortem_of)
+        else:
+            self.setup(frame, None)
         self.print_stack_entry(self.stack[self.curindex])
 
     def look_again(self) -> None:
