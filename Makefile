@@ -134,7 +134,8 @@ bench-host: build  ## what a program pays under the debugger, beside the standar
 	@mkdir -p $(BUILD)/bench
 	@tools/interpreters list --cmake --min 3.12 | awk -F'|' '$$3 == "release" { print $$1, $$4 }' | \
 	    while read -r name python; do \
-	        $$python bench/host_cost.py --module-dir $(BUILD) --json $(BUILD)/bench/host-$$name.json < /dev/null || exit 1; done
+	        $$python bench/host_cost.py --module-dir $(BUILD) --json $(BUILD)/bench/host-$$name.json < /dev/null || exit 1; \
+	        $$python bench/condition_cost.py --module-dir $(BUILD) --json $(BUILD)/bench/conditions-$$name.json || exit 1; done
 
 bench-growth: build  ## how that, and the memory, grows with what the filter keeps
 	@python3 bench/growth.py --full --module-dir $(BUILD) --results $(BUILD)/bench

@@ -72,6 +72,20 @@ def evaluator(text: str, code: CodeType, module_globals: dict[str, Any]) -> Eval
             return function(value)
         return evaluate_one
 
+    if len(names) == 2:
+        name, other_name = names
+
+        def evaluate_two(frame: FrameType) -> object:
+            if frame.f_globals is not module_globals:
+                return evaluate_anything(frame)
+            variables = frame.f_locals
+            try:
+                value, other_value = variables[name], variables[other_name]
+            except KeyError:
+                return evaluate_anything(frame)
+            return function(value, other_value)
+        return evaluate_two
+
     def evaluate_several(frame: FrameType) -> object:
         if frame.f_globals is not module_globals:
             return evaluate_anything(frame)

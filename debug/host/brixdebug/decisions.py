@@ -48,7 +48,7 @@ class Breakpoint(bdb.Breakpoint):
 class Point:
     """A breakpoint at one line of one code object."""
 
-    __slots__ = ("breakpoint", "condition", "evaluate")
+    __slots__ = ("breakpoint", "condition", "evaluate", "is_alone", "own")
 
     breakpoint: Any               # `bdb.Breakpoint` declares none of its fields
     condition: str | None         # that `evaluate` is for
@@ -56,7 +56,9 @@ class Point:
 
     def __init__(self, breakpoint: bdb.Breakpoint) -> None:
         self.breakpoint = breakpoint
+        self.own = breakpoint if isinstance(breakpoint, Breakpoint) else None     # what bdb has not
         self.condition = None
+        self.is_alone = False                 # on its line
 
     def compile(self, frame: FrameType) -> None:
         condition = self.breakpoint.cond
@@ -64,8 +66,9 @@ class Point:
         self.condition = condition
 
 
-# What `decide_fast` has found out of a condition.
-UNDECIDED, FALSE, TRUE, RAISED = range(4)
+# What `decide_fast` has found out: that a breakpoint does not stop, that its condition has raised,
+# or that the hit is one that counts.
+UNDECIDED, PASSED, RAISED, COUNTED = range(4)
 
 
 class Decisions:
@@ -79,7 +82,7 @@ class Decisions:
 
     def begin_anew(self) -> None:
         """Also after a fork, in the child: another thread may have held the lock."""
-        # Around the counts of true hits and of hits to be ignored; nothing is called inside.
+        # Around the counts of true hits and of hits to be ignored; nothing of the program is called inside.
         self._counting = _thread.allocate_lock()
 
     def forget(self) -> None:
@@ -106,6 +109,8 @@ class Decisions:
             elif bdb.checkfuncname(each, frame):
                 points.append(Point(each))
         result = tuple(points)
+        for point in points:
+            point.is_alone = len(points) == 1
         if is_final:
             if len(places) >= _MANY_CODES:        # code that is made over and over
                 places.clear()
@@ -113,27 +118,26 @@ class Decisions:
         return result
 
     def decide_fast(self, points: tuple[Point, ...], frame: FrameType) -> int:
-        """Whether the only breakpoint of a line has a condition that is false.
+        """Whether the only breakpoint of a line lets the thread pass.
 
-        Everything else is left to `decide`, a condition that is true too: it is not
-        evaluated again there, and the hit is counted there.
+        Everything else is left to `decide`, which goes on with what has been found out here.
         """
         point = points[0]
         each = point.breakpoint
         condition = each.cond
-        if condition is None or condition is not point.condition or not each.enabled \
-                or len(points) > 1 or log.current_mask:
+        if condition is not point.condition or not (point.is_alone and each.enabled) or log.current_mask:
             return UNDECIDED
-        try:
-            if point.evaluate(frame):
-                return TRUE
-        except BaseException as error:
-            if is_of_signal_handler(error):
-                raise
-            return RAISED
         # One addition in place: the interpreter does not change threads inside it.
         each.hits += 1
-        return FALSE
+        if condition is not None:
+            try:
+                if not point.evaluate(frame):
+                    return PASSED
+            except BaseException as error:
+                if is_of_signal_handler(error):
+                    raise
+                return RAISED
+        return COUNTED if self._count(point) else PASSED
 
     def decide(self, points: tuple[Point, ...], frame: FrameType, on_log: OnLog,
                verdict: int = UNDECIDED) -> Decision | None:
@@ -143,52 +147,58 @@ class Decisions:
         """
         for point in points:
             each = point.breakpoint
-            if not each.enabled:
-                _log_decision(each, frame, "it is disabled")
-                continue
-            each.hits += 1
-            if each.cond:
-                verdict = verdict or _evaluate(point, frame)
-                if verdict == FALSE:
-                    _log_decision(each, frame, "its condition is false")
-                    verdict = UNDECIDED
-                    continue
-                if verdict == RAISED:
-                    _log_decision(each, frame, "stop; its condition raised")
-                    return each, False
-                verdict = UNDECIDED
-            reason = self._count(each)
-            if reason is None and getattr(each, "log_text", None) is not None:
-                on_log(frame, each, each.log_text.render(frame))
-                reason = "its text is logged"
-            _log_decision(each, frame, reason or "stop")
-            if reason is None:
-                return each, True
+            if verdict == UNDECIDED:
+                verdict = self._decide_one(point, frame)
+            if verdict == RAISED:
+                return each, False
+            if verdict == COUNTED:
+                if point.own is None or point.own.log_text is None:
+                    return each, True
+                on_log(frame, each, point.own.log_text.render(frame))
+            verdict = UNDECIDED
         return None
 
-    def _count(self, each: Any) -> str | None:
-        """Count a hit with a true condition; why it does not count, None when it does."""
+    def _decide_one(self, point: Point, frame: FrameType) -> int:
+        each = point.breakpoint
+        if not each.enabled:
+            _log_decision(each, frame, "it is disabled")
+            return PASSED
+        each.hits += 1
+        if each.cond:
+            try:
+                if each.cond is not point.condition:
+                    point.compile(frame)
+                is_true = bool(point.evaluate(frame))
+            except BaseException as error:
+                if is_of_signal_handler(error):
+                    raise
+                _log_decision(each, frame, "stop; its condition raised")
+                return RAISED
+            if not is_true:
+                _log_decision(each, frame, "its condition is false")
+                return PASSED
+        if not self._count(point):
+            _log_decision(each, frame, "ignored, %d to go" % each.ignore if each.ignore or point.own is None
+                          or point.own.hit_condition is None else "hit %d is none of %s" % (
+                              point.own.true_hits, point.own.hit_condition))
+            return PASSED
+        is_log = point.own is not None and point.own.log_text is not None
+        _log_decision(each, frame, "its text is logged" if is_log else "stop")
+        return COUNTED
+
+    def _count(self, point: Point) -> bool:
+        """Count a hit with a true condition; whether it is one that counts."""
+        own = point.own
+        each = point.breakpoint
         with self._counting:
-            hit_condition = getattr(each, "hit_condition", None)
-            if hit_condition is not None or isinstance(each, Breakpoint):
-                each.true_hits += 1
-            if hit_condition is not None and not hit_condition.matches(each.true_hits):
-                return "hit %d, and it stops at hits %s" % (each.true_hits, hit_condition)
-            if each.ignore > 0:
-                each.ignore -= 1
-                return "ignored, %d to go" % each.ignore
-        return None
-
-
-def _evaluate(point: Point, frame: FrameType) -> int:
-    try:
-        if point.breakpoint.cond is not point.condition:
-            point.compile(frame)
-        return TRUE if point.evaluate(frame) else FALSE
-    except BaseException as error:
-        if is_of_signal_handler(error):
-            raise
-        return RAISED
+            if own is not None:
+                own.true_hits += 1
+                if own.hit_condition is not None and not own.hit_condition.matches(own.true_hits):
+                    return False
+            if each.ignore <= 0:
+                return True
+            each.ignore -= 1
+            return False
 
 
 def is_deciding() -> bool:

@@ -13,7 +13,7 @@ import sys
 from brixbase import dlog
 
 from brixdebug import compat
-from brixdebug.decisions import FALSE, UNDECIDED
+from brixdebug.decisions import PASSED, UNDECIDED
 from brixdebug.exceptions import RAISED
 from brixdebug.raising import is_of_signal_handler
 from brixdebug.suspension import ends_by_itself
@@ -31,6 +31,7 @@ if TYPE_CHECKING:
 
 _events = sys.monitoring.events
 _DISABLE = sys.monitoring.DISABLE
+_getframe = sys._getframe
 
 
 class Reporter:
@@ -62,12 +63,16 @@ class Reporter:
 
     def _on_line(self, code: CodeType, line: int) -> object:
         try:
-            if self._watches.active and self._stops_at_change(sys._getframe(1), line):
+            if self._watches.active and self._stops_at_change(_getframe(1), line):
                 return None
             lines = self._decisions.places.get(id(code))
             points = lines.get(line) if lines is not None else None
             if points:
-                self._reached(points, sys._getframe(1))
+                frame = _getframe(1)
+                # Else the thread may be stepped, or have to end.
+                verdict = self._decisions.decide_fast(points, frame) if self._switches.is_idle else UNDECIDED
+                if verdict != PASSED:
+                    self._line(frame, points, verdict)
                 return None
             epoch = self._switches.epoch
             if self._switches.is_line_off(code, line):
@@ -76,14 +81,6 @@ class Reporter:
             return self._line(sys._getframe(1))
         except BaseException as error:
             return self._failed(error)
-
-    def _reached(self, points: tuple[Point, ...], frame: FrameType) -> None:
-        """A line is reached whose breakpoints are known."""
-        verdict = UNDECIDED
-        if self._switches.is_idle:            # else the thread may be stepped, or have to end
-            verdict = self._decisions.decide_fast(points, frame)
-        if verdict != FALSE:
-            self._line(frame, points, verdict)
 
     def _on_jump(self, code: CodeType, offset: int, destination: int) -> object:
         """A loop on one line: each pass is a line of its own, as with `sys.settrace`."""
@@ -103,7 +100,7 @@ class Reporter:
               verdict: int = UNDECIDED) -> Any:
         """A line is reached; `points` are its breakpoints where they are known.
 
-        `verdict`: what is known of the first one's condition.
+        `verdict`: what is known of the first one.
         """
         debugger = self._monitor.debugger
         if debugger is None:

@@ -93,6 +93,7 @@ class Switches:
         self._initial_callbacks: dict[int, CInitialCallback] = {}
         # What is wanted of code objects, by their records.
         self._lines: dict[Any, set[int]] = {}         # to be reported; no entry without
+        self._lines_by_code: dict[int, set[int]] = {}     # the same, by ids of code objects, perhaps of dead ones
         self._ends: dict[Any, set[int]] = {}          # lines where threads end by an exception
         self._watched: set[Any] = set()               # all lines and returns are reported
         self._stepping: dict[Any, int] = {}           # local events for stepping
@@ -184,7 +185,17 @@ class Switches:
         if events:
             self.claim()
         record.fSteppingEventsNeededCount = count
+        self._note_lines(record, lines)
         self._set_local_events(record, events)
+
+    def _note_lines(self, record: CPerCodeObject, lines: set[int]) -> None:
+        code = record.fCodeObjectWeakRef()
+        if code is None:
+            return
+        if lines:
+            self._lines_by_code[id(code)] = lines
+        else:
+            self._lines_by_code.pop(id(code), None)
 
     def _set_local_events(self, record: CPerCodeObject, events: int) -> None:
         if self._local_events.get(record, 0) == events:
@@ -387,6 +398,8 @@ class Switches:
             sys.monitoring.register_callback(RAISER_TOOL_ID, event, callbacks.get(event))
 
     def _on_raiser_line(self, code: CodeType, line: int) -> Any:
+        if line in self._lines_by_code.get(id(code), _NO_LINES):
+            return None                       # at once: a breakpoint may be in a hot loop
         epoch = self.epoch
         if self.is_line_off(code, line):
             self.note_off(code)
@@ -427,6 +440,7 @@ class Switches:
         """Everything off and given back, and nothing remembered of what was wanted."""
         self._lines.clear()
         self._ends.clear()
+        self._lines_by_code.clear()
         self._watched = set()
         self._reports_all_lines = False
         self._hide(False)
