@@ -66,7 +66,7 @@ class ImportsTest(unittest.TestCase):
     def test_imports_of_each_kind_are_seen(self):
         imports = graph()
         self.assertIn("brixdebug.stops", imports["brixdebug.monitor"])        # from brixdebug.stops import ...
-        self.assertIn("brixdebug.files", imports["brixdebug.monitor"])        # from brixdebug import files
+        self.assertIn("brixdebug.internal", imports["brixdebug.monitor"])     # from brixdebug import internal
         self.assertIn("brixbase.dlog", imports["brixdebug.raising"])          # from brixbase import dlog
         self.assertIn("brixbase", imports["brixdebug.internal"])              # import brixbase
         self.assertIn("brixdebug.protocol", imports["brixdebug.monitor"])     # for type checkers alone

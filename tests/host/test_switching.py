@@ -182,6 +182,108 @@ class NothingTest(SwitchingTestCase):
             """, "[0, 0, 0, 0]")
 
 
+class PassedFilesTest(SwitchingTestCase):
+    """Code of files without breakpoints is switched off at once, and found when it is needed."""
+
+    def setUp(self):
+        super().setUp()
+        write_program(self.folder, """\
+            def function():
+                return 1
+            def generator():
+                yield 1
+                yield 2
+            one_line = lambda: 1
+            """, "library.py")
+
+    def check_library(self, text, *lines):
+        self.check("""\
+            import library, optmonitoring
+            def other():
+                return 1
+            debugger.set_break(__file__, first_line(other) + 1)
+            debugger.begin()
+            generator = library.generator()
+            next(generator)
+            library.function()
+            library.one_line()
+            path = library.__file__
+            """ + text + """
+            other()
+            print([name for name, _ in debugger.stops])
+            debugger.stop_trace()
+            """, *lines)
+
+    def test_its_code_gets_no_records(self):
+        """But for the one that told which file it is."""
+        self.check_library("""
+            codes = [each.__code__ for each in (library.function, library.generator, library.one_line)]
+            print(sum(optmonitoring.CPerCodeObject.GetPerCodeObject(code, False) is not None for code in codes))
+            """, "1", "['other']")
+
+    def test_breakpoint_in_a_function_that_ran(self):
+        self.check_library("""
+            debugger.set_break(path, first_line(library.function) + 1)
+            library.function()
+            """, "['function', 'other']")
+
+    def test_breakpoint_in_a_function_on_one_line_that_ran(self):
+        self.check_library("""
+            debugger.set_break(path, first_line(library.one_line))
+            library.one_line()
+            """, "['<lambda>', 'other']")
+
+    def test_breakpoint_in_a_suspended_generator(self):
+        self.check_library("""
+            debugger.set_break(path, first_line(library.generator) + 2)
+            next(generator)
+            """, "['generator', 'other']")
+
+    def test_breakpoint_in_a_function_that_did_not_run(self):
+        self.check_library("""
+            exec(compile("def late():\\n    return 1\\n", path, "exec"), globals())
+            debugger.set_break(path, 2)
+            late()
+            """, "['late', 'other']")
+
+    def test_breakpoint_in_another_threads_function(self):
+        self.check_library("""
+            go = threading.Event()
+            thread = threading.Thread(target=lambda: (go.wait(), library.function()))
+            thread.start()
+            debugger.set_break(path, first_line(library.function) + 1)
+            go.set()
+            thread.join()
+            """, "['function', 'other']")
+
+    def test_breakpoint_set_again(self):
+        self.check_library("""
+            for _ in range(3):
+                debugger.set_break(path, first_line(library.function) + 1)
+                library.function()
+                debugger.clear_break(path, first_line(library.function) + 1)
+                library.function()
+            """, "['function', 'function', 'function', 'other']")
+
+    def test_steps_go_into_its_functions(self):
+        self.check_library("""
+            debugger.command = debugger.set_step
+            other()
+            library.function()
+            debugger.command = debugger.set_continue
+            """, "['other', 'function', 'other']")
+
+    def test_end_of_the_interpreter(self):
+        """Functions that begin when the modules have been taken apart."""
+        self.check_library("""
+            class Late:
+                def __del__(self):
+                    library.function()
+            sys.late = Late()
+            debugger.stop_trace = lambda: None
+            """, "['other']")
+
+
 class OnTest(SwitchingTestCase):
 
     def test_breakpoint(self):

@@ -268,6 +268,23 @@ class HoldingTest(ThreadsTestCase):
                 self.assertEqual(session.do("p rounds").strip(), "[0]")
                 self.assertEnds(session, "done")
 
+    def test_steps_from_a_pipe_arm_nothing_again(self):
+        """A thread that is alone has nobody to hold."""
+        self.write("""\
+            from brixdebug.monitor import monitor
+            here = 1                                 # here
+            before = monitor.switches.epoch
+            one = 1
+            two = 2
+            print(monitor.switches.epoch - before)
+            """)
+        session = self.start("here")
+        session.do("continue")
+        for _ in range(4):
+            session.do("next")
+        self.assertEqual(session.do("next").partition("\n")[0], "0")
+        session.end("quit")
+
     def test_own_threads_of_a_debugger_are_not_debugged(self):
         """Not stopped, and not held."""
         self.write("""\

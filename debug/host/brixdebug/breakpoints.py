@@ -55,6 +55,9 @@ class BreakLines:
         self._absolute_names: dict[str, str] = {}     # relative file name -> absolute
         # name of no file -> {id: weak reference to code}
         self._pseudo_codes: dict[str, dict[int, weakref.ref[CodeType]]] = {}
+        # canonical pathname, or the name of no file -> names of it that are passed over
+        self._passed: dict[str, set[str]] = {}
+        switches.find_with(self._look_at)
 
     def absolute_name(self, filename: str) -> str | None:
         """`filename` made absolute as it was when its code was first seen; None for no file."""
@@ -67,20 +70,23 @@ class BreakLines:
     def share(self, debugger: TracedDebugger, filename: str) -> bool:
         """Bring the records of one file in line with its breakpoints.
 
-        True when a code object has got lines that it had not: the start of its
-        function may have been switched off when nothing was in it.
+        True when places have to be armed again: a code object has got lines that it had
+        not, or code of the file has been passed over.
         """
         self._switches.forget_dead_code()
         lines = dict.fromkeys(debugger.breaks.get(filename, ()), filename)
         if is_pseudo_file(filename):
             records = self._records_of_pseudo_file(filename)
+            name: Any = filename
         else:
-            name: Any = optmonitoring.get_canonical_pathname(filename)
+            name = optmonitoring.get_canonical_pathname(filename)
             per_file = optmonitoring.CPerFile.GetPerFile(name)
             per_file.fBpSetByLineno.clear()
             per_file.fBpSetByLineno.update(lines)
             records = list(per_file.fKnownPerCodeObjects)
-        grown = False
+        if lines:
+            self._switches.look_again(self._passed.pop(name, ()))
+        grown = bool(lines)
         for record in records:
             grown |= self._enable_lines(debugger, record)
         log(lambda: self._lines_without_code(filename, lines, records))
@@ -101,6 +107,7 @@ class BreakLines:
     def forget(self) -> None:
         """The files' records say nothing of breakpoints any longer."""
         self._taken_in.clear()
+        self._passed.clear()
         for per_file in optmonitoring.CPerFile.GetAllPerFiles():
             per_file.fBpSetByLineno.clear()
 
@@ -115,18 +122,7 @@ class BreakLines:
 
     def on_new_code(self, record: CPerCodeObject) -> None:
         """The hook for new records: no line of the code is decided before this ends."""
-        interruption = None
-        is_done = False
-        while not is_done:
-            try:
-                self._take_in(record)
-                is_done = True
-            except BaseException as error:
-                if is_of_signal_handler(error):
-                    interruption = error      # it is not to cost a breakpoint
-                else:
-                    dlog.LogException("a new code object")
-                    is_done = True
+        interruption = _to_the_end("a new code object", self._take_in, record)
         if interruption is not None:
             self._raiser.raise_in_program(interruption)
 
@@ -150,6 +146,30 @@ class BreakLines:
         record = optmonitoring.CPerCodeObject.GetPerCodeObject(code, False)
         if record is not None:
             self.on_new_code(record)
+
+    def _look_at(self, code: CodeType, frame: FrameType) -> BaseException | None:
+        """Code begins in a file that is not passed over: it is from here on when nobody waits in it."""
+        return _to_the_end("the search for code", self._look_at_file, code, frame)
+
+    def _look_at_file(self, code: CodeType, frame: FrameType) -> None:
+        record = optmonitoring.CPerCodeObject.GetPerCodeObject(code, False)
+        if record is None:
+            record = optmonitoring.CPerCodeObject.GetPerCodeObject(code, True, frame)
+        debugger = self.debugger
+        filename = code.co_filename
+        if debugger is None or record is None or type(filename) is not str \
+                or not (os.path.isabs(filename) or is_pseudo_file(filename)):
+            return                    # a relative name may be that of another file next time
+        if not self._is_waited_for(debugger, record, code):
+            with self._switches.lock:
+                if not self._is_waited_for(debugger, record, code):
+                    name: Any = record.fCanonicalPathname or filename
+                    self._passed.setdefault(name, set()).add(filename)
+                    self._switches.pass_over(filename)
+
+    def _is_waited_for(self, debugger: TracedDebugger, record: CPerCodeObject, code: CodeType) -> bool:
+        """There are breakpoints in the file."""
+        return not record.fIsInternal and bool(self._names(debugger, record, code))
 
     def _remember_name(self, record: CPerCodeObject) -> None:
         code = record.fCodeObjectWeakRef()
@@ -189,12 +209,17 @@ class BreakLines:
         self._switches.want(record, lines=lines or set())
         return lines is not None and not lines <= (before or set())
 
+    @staticmethod
+    def _names(debugger: TracedDebugger, record: CPerCodeObject, code: CodeType) -> dict[int, str]:
+        """The lines with breakpoints in the file of the code, each with the name it was set by."""
+        if record.fCanonicalPathname is None:
+            return dict.fromkeys(debugger.breaks.get(code.co_filename, ()), code.co_filename)
+        names: dict[int, str] = optmonitoring.CPerFile.GetPerFile(record.fCanonicalPathname).fBpSetByLineno
+        return names
+
     def _lines(self, debugger: TracedDebugger, record: CPerCodeObject, code: CodeType) -> set[int] | None:
         """The set of lines to report, None when there is none."""
-        if record.fCanonicalPathname is None:
-            names = dict.fromkeys(debugger.breaks.get(code.co_filename, ()), code.co_filename)
-        else:
-            names = optmonitoring.CPerFile.GetPerFile(record.fCanonicalPathname).fBpSetByLineno
+        names = self._names(debugger, record, code)
         if not names:
             return None
         code_lines = {line for _, _, line in code.co_lines() if line is not None}
@@ -203,6 +228,23 @@ class BreakLines:
         if first_line in names:
             lines |= _function_lines(names[first_line], first_line, code, code_lines)
         return lines or None
+
+
+def _to_the_end(what: str, do: Callable[..., None], *args: object) -> BaseException | None:
+    """Call it until no handler of a signal interrupts it, and return what such a handler raised.
+
+    A breakpoint is not to be missed for that.  An error of our own is logged.
+    """
+    interruption = None
+    while True:
+        try:
+            do(*args)
+            return interruption
+        except BaseException as error:
+            if not is_of_signal_handler(error):
+                dlog.LogException(what)
+                return interruption
+            interruption = error
 
 
 def _code_text(code: CodeType) -> str:

@@ -42,6 +42,8 @@ _SHARED_TABLES = ("breaks", "exception_stops", "fncache", "_first_names", "comma
 
 _main_pid = os.getpid()
 
+_NOTHING = contextlib.nullcontext()
+
 
 def _is_on_descriptor_0(file: Any) -> bool:
     try:
@@ -108,27 +110,37 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
 
     def interaction(self, *args: Any, **kwargs: Any) -> None:
         """One thread is at the prompt; the others wait for it."""
-        with monitor.turn.lock, monitor.suspension.others_held():
+        with monitor.turn.lock, monitor.suspension.others_held(at_once=self._waits_for_user()):
             streams.capture.begin_stop(self)
             try:
-                with self._standard_input(), self.at_prompt(args[0] is None):
+                reads_own = self._reads_programs_input()
+                with _NOTHING if reads_own else self._childs_input(), self.at_prompt(args[0] is None):
                     return super().interaction(*args, **kwargs)
             finally:
                 self._leave_selected_thread()
-                if self.quitting or all(state.is_free for state in self.stop_states.all()):
+                if streams.capture.is_begun and (self.quitting or all(state.is_free for state in self.stop_states.all())):
                     streams.capture.end_stop(self)
 
-    @contextlib.contextmanager
-    def _standard_input(self) -> Iterator[None]:
-        """The prompt of a followed child reads where its parent's does.
+    def _waits_for_user(self) -> bool:
+        """False for commands from a file or a pipe: they follow each other at once."""
+        try:
+            return bool(sys.stdin.isatty() if self.use_rawinput else self.stdin.isatty())
+        except (AttributeError, OSError, ValueError):
+            return False
+
+    @staticmethod
+    def _reads_programs_input() -> bool:
+        """False in a followed child whose `sys.stdin` is not what its parent reads.
 
         A process of multiprocessing has the null device as `sys.stdin`; descriptor 0 is
         what it was.
         """
         is_main = os.getpid() == _main_pid and not streams.is_worker_of_multiprocessing()
-        if is_main or _is_on_descriptor_0(sys.stdin):
-            yield
-            return
+        return is_main or _is_on_descriptor_0(sys.stdin)
+
+    @contextlib.contextmanager
+    def _childs_input(self) -> Iterator[None]:
+        """The prompt reads where that of the parent does."""
         if Debugger._child_input is None:
             Debugger._child_input = open(0, closefd=False)
         programs, sys.stdin = sys.stdin, Debugger._child_input
@@ -155,6 +167,7 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
 
     def postcmd(self, stop: bool, line: str) -> bool:
         """A child that is forked at the prompt does not stay there, unless it is followed."""
+        monitor.suspension.hold_newcomers()
         return super().postcmd(stop, line) or self.is_left_alone
 
     # -- exceptions --------------------------------------------------------------------

@@ -219,8 +219,11 @@ class Bdb(compat.TraceBase):
             self._keeps_tracing = keeps_tracing
 
     def _set_stopinfo(self, stopframe: FrameType | None, *args: Any, **kwargs: Any) -> None:
+        state = self.stop_states.reached()
+        before = state.target
         super()._set_stopinfo(self._visible_target(stopframe), *args, **kwargs)
-        monitor.needs_changed(self)
+        if state.target != before:            # `next` after `next` needs what is on already
+            monitor.needs_changed(self)
 
     @property
     def just_my_code(self) -> bool:

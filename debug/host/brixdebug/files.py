@@ -49,10 +49,20 @@ def _new_digest() -> Any:
     return hashlib.blake2b(digest_size=_DIGEST_BYTES)
 
 
+def update_checksums() -> None:
+    """Have the module read all files that it knows: it does so for none while the program runs."""
+    optmonitoring.set_checksum_callback(checksum)
+    try:
+        for per_file in optmonitoring.CPerFile.GetAllPerFiles():
+            per_file.UpdateChecksum()
+    finally:
+        optmonitoring.set_checksum_callback(None)
+
+
 def duplicates() -> list[list[str]]:
     """Groups of canonical pathnames of files with equal contents, as sorted lists.
 
-    Known are the files that had a record made since the checksum callback was set.
+    Known are the files whose checksums are: see `update_checksums`.
     """
     # By the records' own checksums: the module's index by checksum keeps a file
     # that has changed under its old one.

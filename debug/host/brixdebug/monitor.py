@@ -11,7 +11,7 @@ import sys
 
 import optmonitoring
 
-from brixdebug import files, internal
+from brixdebug import internal
 from brixdebug.breakpoints import BreakLines
 from brixdebug.decisions import Decisions
 from brixdebug.exceptions import RAISED, UNCAUGHT, places_of_uncaught
@@ -167,7 +167,6 @@ class Monitor:
 
     def _install_hooks(self) -> None:
         optmonitoring.SetInternalPathnameDict(internal.pathname_table())
-        optmonitoring.set_checksum_callback(files.checksum)
         optmonitoring.CPerCodeObject.SetNewPerCodeObjectCreatedCallback(
             self._on_new_code)
         self.suspension.install_hooks()
@@ -181,7 +180,6 @@ class Monitor:
 
     def _remove_hooks(self) -> None:
         optmonitoring.CPerCodeObject.SetNewPerCodeObjectCreatedCallback(None)
-        optmonitoring.set_checksum_callback(None)
         self.suspension.remove_hooks()
 
     # -- what is needed ------------------------------------------------------------------

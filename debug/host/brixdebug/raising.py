@@ -15,6 +15,8 @@ import sys
 import optmonitoring
 from brixbase import dlog
 
+from brixdebug.switches import program_frame
+
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     import logging
@@ -79,9 +81,9 @@ class Raiser:
         frame: FrameType | None = sys._getframe()
         while frame is not None and frame.f_code is not dlog.LogException.__code__:
             frame = frame.f_back
-        if frame is None:
+        if frame is None or frame.f_back is None:
             return True
-        self.raise_in_program(error, frame.f_back)
+        self.raise_in_program(error, program_frame(frame.f_back))
         return False
 
     def keep_only_own(self) -> None:

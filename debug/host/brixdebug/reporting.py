@@ -17,7 +17,7 @@ from brixdebug.decisions import PASSED, UNDECIDED
 from brixdebug.exceptions import RAISED
 from brixdebug.raising import is_of_signal_handler
 from brixdebug.suspension import ends_by_itself
-from brixdebug.switches import line_at
+from brixdebug.switches import line_at, program_frame
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -124,7 +124,7 @@ class Reporter:
     def _on_call(self, code: CodeType, offset: int) -> object:
         try:
             epoch = self._switches.epoch
-            frame = sys._getframe(1)
+            frame = program_frame(sys._getframe(1))
             debugger = self._monitor.debugger
             if debugger is None or self._end_thread(frame):
                 return None

@@ -97,6 +97,11 @@ class StopState:
     # -- what the fields mean ------------------------------------------------------------
 
     @property
+    def target(self) -> tuple[object, ...]:
+        """All that says which events the thread needs."""
+        return self.stopframe, self.returnframe, self.botframe, self.stoplineno == -1, self.trace_opcodes
+
+    @property
     def is_free(self) -> bool:
         """Only breakpoints stop the thread."""
         return self.stoplineno == -1 and self.stopframe is not None \

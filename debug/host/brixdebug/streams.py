@@ -70,6 +70,11 @@ class PytestCapture:
             debugger.message("")              # what pytest has printed ends in the middle of a line
         self._tell("pytest_enter_pdb", debugger, True)
 
+    @property
+    def is_begun(self) -> bool:
+        """There is something for `end_stop` to do."""
+        return self._is_off or self._is_entered
+
     def end_stop(self, debugger: Any) -> None:
         """All threads run freely from here on."""
         if self._is_off:

@@ -15,11 +15,11 @@ import optmonitoring
 from brixbase import dlog
 
 from brixdebug.evaluation import Evaluation
-from brixdebug.switches import thread_id_of
+from brixdebug.switches import program_frame, thread_id_of
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
-    from collections.abc import Callable, Iterator
+    from collections.abc import Callable
     from types import FrameType
     from typing import Any
 
@@ -100,7 +100,7 @@ class SuspendLock:
 
     def acquire(self) -> None:
         """Wait for the gate.  What the handler of a signal raises meanwhile has to wait too."""
-        if is_threading_code(sys._getframe(1)):
+        if is_threading_code(program_frame(sys._getframe(1))):
             return                            # it goes on until it is out of there
         interruption = None
         self.has_waiter = True
@@ -141,6 +141,20 @@ class _OwnThread:
         self._thread_ids.discard(self._thread_id)
 
 
+class _OthersHeld:
+    """What `Suspension.others_held` returns."""
+
+    def __init__(self, suspension: Suspension, at_once: bool) -> None:
+        self._suspension = suspension
+        self._at_once = at_once
+
+    def __enter__(self) -> None:
+        self._suspension.begin(self._at_once)
+
+    def __exit__(self, *exc_info: object) -> None:
+        self._suspension.end()
+
+
 class Suspension:
     """Holds the other threads, and knows all of them by a number and a name."""
 
@@ -158,6 +172,7 @@ class Suspension:
         self._begin_events = begin
         self._end_events = end
         self._depth = 0
+        self._is_armed = False                # events are on to catch the other threads
         self.holder: int | None = None        # id of the thread at the prompt, which is not held
         self._held: dict[SuspendLock, CPerThread] = {}    # lock -> record, of the threads that are
         self._is_holding = True               # threads are held at all
@@ -210,7 +225,7 @@ class Suspension:
     def _on_new_thread(self, per_thread: CPerThread) -> None:
         try:
             self._give_lock(per_thread)
-            if self._depth and self._is_holding and not self.evaluation.are_others_free \
+            if self._is_armed and self._is_holding and not self.evaluation.are_others_free \
                     and thread_id_of(per_thread) != self.holder:
                 self._hold(per_thread)
         except Exception:
@@ -225,23 +240,36 @@ class Suspension:
     @property
     def is_active(self) -> bool:
         """Events are needed in all code that runs."""
-        return self._depth > 0 and self._is_holding or self.is_ending_all
+        return self._is_armed and self._is_holding or self.is_ending_all
 
-    @contextlib.contextmanager
-    def others_held(self) -> Iterator[None]:
-        """Inside, no other thread gets past its next event."""
-        self._begin()
-        try:
-            yield
-        finally:
-            self._end()
+    def others_held(self, at_once: bool = True) -> _OthersHeld:
+        """Inside, no other thread gets past its next event.
 
-    def _begin(self) -> None:
+        With `at_once` false, a thread that is the only one pays nothing for those that may
+        come before it evaluates something; `hold_newcomers` looks for them.
+        """
+        return _OthersHeld(self, at_once)
+
+    def begin(self, at_once: bool) -> None:
         self._depth += 1
         if self._depth > 1:
             self.evaluation.pause()
+        else:
+            self.holder = threading.get_ident()
+        if at_once:
+            self._arm()
+        else:
+            self.hold_newcomers()
+
+    def hold_newcomers(self) -> None:
+        """Hold the threads that have come since this one stopped; nothing when there are none."""
+        if self._depth and not self._is_armed and len(sys._current_frames()) > 1:
+            self._arm()
+
+    def _arm(self) -> None:
+        if self._is_armed:
             return
-        self.holder = threading.get_ident()
+        self._is_armed = True
         self._switches.hold(self.is_active)
         if self._is_holding and self._begin_events():
             self._hold_all()
@@ -259,7 +287,9 @@ class Suspension:
         self._switches.hold(self.is_active)
         if not value:
             self._let_go()
-        elif self._depth and self._begin_events():
+        elif not self._is_armed:
+            self.hold_newcomers()
+        elif self._begin_events():
             self._hold_all()
 
     def _hold_all(self) -> None:
@@ -301,13 +331,16 @@ class Suspension:
         per_thread.fCheckSuspendLock = 1
         self._held[lock] = per_thread
 
-    def _end(self) -> None:
+    def end(self) -> None:
         self._depth -= 1
         if self._depth:
             self.evaluation.resume()
             return
         self.evaluation.forget()
         self.holder = None
+        if not self._is_armed:
+            return
+        self._is_armed = False
         self._switches.hold(self.is_active)
         if not self.is_ending_all:
             self._switches.let_all_go()
@@ -326,6 +359,8 @@ class Suspension:
 
     def _wake_one(self) -> None:
         """One thread that looks at the clock is enough; a thread that comes to its gate later does so too."""
+        if self._depth:
+            self._arm()                       # a thread that is started now is to be held
         waiting = [lock for lock in list(self._held) if lock.has_waiter]
         if waiting and not any(lock.is_watching for lock in waiting):
             waiting[0].wake()
@@ -347,6 +382,7 @@ class Suspension:
         self._held = {}
         if self.holder != threading.get_ident():
             self._depth = 0
+            self._is_armed = False
             self.holder = None
             self.evaluation.forget()
         self._switches.hold(self.is_active)

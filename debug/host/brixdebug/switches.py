@@ -32,6 +32,10 @@ is no breakpoint (DISABLE), and the program pays for nothing but the lines that 
 one.  While a thread is stepped or at the prompt everything stays armed; the filter is
 given the lines then (`fEnabledBpLinenos`) and answers for the others in native code.
 
+New code is found without the filter while no thread needs every start of a function: a
+function of Python (`_on_start`) switches a place off at once when nobody waits in the whole
+file, and the filter is asked in the other files alone.
+
 This file decides nothing: those above say what they need of a code object (`want`), of
 all code (`need`) and of all threads (`hold`).
 """
@@ -39,8 +43,10 @@ all code (`need`) and of all threads (`hold`).
 from __future__ import annotations
 
 import _thread
+import atexit
 import bisect
 import functools
+import os
 import sys
 
 import optmonitoring
@@ -49,8 +55,9 @@ from brixdebug.places import SwitchedOff
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
-    from collections.abc import Callable
-    from types import CodeType
+    from collections.abc import Callable, Iterable
+    from collections.abc import Set as AbstractSet
+    from types import CodeType, FrameType
     from typing import Any
 
     from optmonitoring import CInitialCallback, CPerCodeObject, CPerThread
@@ -72,8 +79,14 @@ STEP_LOCAL_EVENTS = (_events.LINE | _events.JUMP | _events.PY_RETURN | _events.P
 _HOLD_LOCAL_EVENTS = _events.LINE | _events.PY_START | _events.JUMP
 _WATCH_LOCAL_EVENTS = _events.LINE | _events.JUMP | _events.PY_START | _events.PY_RETURN | _events.PY_YIELD
 _WATCH_EVENTS = _events.LINE | _events.JUMP
+# Where code is found, and what is called for it; see `Switches._find`.
+_START_EVENTS = (_events.PY_START, _events.PY_RESUME)
 # Events that cannot be switched off at one place.
 _LASTING_EVENTS = _events.PY_THROW | _events.PY_UNWIND | _events.RAISE
+
+
+_NO_NAMES: frozenset[str] = frozenset()
+_PASSED_LIMIT = 100_000         # a program may name each of its texts in its own way
 
 
 class MonitorError(RuntimeError):
@@ -87,6 +100,7 @@ class Switches:
         self._install_hooks = install_hooks           # called when the tool ids are taken,
         self._remove_hooks = remove_hooks             # and before they are given back
         self._second_callbacks: dict[int, Callable[..., object]] = {}     # event -> callback
+        self._look_at: Callable[[CodeType, FrameType], BaseException | None] = lambda code, frame: None
         self.lock: Any = _thread.RLock()              # around changes of what is switched on
         self._filter_tool_id: Any = None              # None: no tool id is taken
         self._switched_off = SwitchedOff()
@@ -108,6 +122,11 @@ class Switches:
         # Tells of which code objects steps pass by; None: of none.
         self.is_hidden: Callable[[CPerCodeObject], bool] | None = None
         self._hides = False                   # the filter is told of them now
+        self._process_id = os.getpid()
+        self._passed: set[str] = set()        # `co_filename`s of files in which nobody waits
+        self._passing: AbstractSet[str] = _NO_NAMES   # these, while code is found without the filter
+        self._is_ending = False               # the interpreter takes this module apart soon
+        atexit.register(self._end)
         self.wants_calls = False              # user_call is to be called in code with breakpoints
         self.is_idle = True                   # all threads run freely
         self.epoch = 0                        # counts the times when places were armed again
@@ -115,6 +134,13 @@ class Switches:
     def report_to(self, second_callbacks: dict[int, Callable[..., object]]) -> None:
         """The filter's events go to these, by event."""
         self._second_callbacks = second_callbacks
+
+    def find_with(self, look_at: Callable[[CodeType, FrameType], BaseException | None]) -> None:
+        """`look_at` is called with code in a file that is not passed over, and its frame.
+
+        It may call `pass_over`, and returns what the handler of a signal has raised meanwhile.
+        """
+        self._look_at = look_at
 
     # -- what one code object is needed for --------------------------------------------
 
@@ -229,6 +255,7 @@ class Switches:
             step_events |= _FIND_EVENTS
         events = step_events | (_FIND_EVENTS if finds else 0) | (_WATCH_EVENTS if lines else 0)
         self._set_reports_all_lines(lines)
+        self._find_without_filter(finds and not (anywhere or ends or lines or self._is_holding))
         self._set_events(events, step_events)
         if was_idle != is_idle:
             self._change_idle()
@@ -312,6 +339,59 @@ class Switches:
         self.epoch += 1
         if self._filter_tool_id is not None:
             self._switched_off.arm_again((RAISER_TOOL_ID, self._filter_tool_id))
+
+    # -- finding code ----------------------------------------------------------------------
+
+    def pass_over(self, filename: str) -> None:
+        """Nobody waits in code with this `co_filename`.  Called with the lock."""
+        if len(self._passed) >= _PASSED_LIMIT:
+            self._passed.clear()              # they are looked at anew
+        self._passed.add(filename)
+
+    def look_again(self, filenames: Iterable[str]) -> None:
+        """Somebody may wait in code with these names.  Called with the lock, and `rearm` after it."""
+        self._passed.difference_update(filenames)
+
+    def _find_without_filter(self, is_wanted: bool) -> None:
+        is_wanted = is_wanted and not self._is_ending
+        if is_wanted is (self._passing is self._passed):
+            return
+        # Who comes late is never answered with what is no longer so.
+        self._passing = self._passed if is_wanted else _NO_NAMES
+        own = (self._on_start, self._on_resume)
+        for event, callback in zip(_START_EVENTS, own):
+            sys.monitoring.register_callback(
+                self._filter_tool_id, event,
+                callback if is_wanted else self._initial_callbacks[event].Callback)
+
+    def _end(self) -> None:
+        """Python code cannot be called for events until the very end, the filter can."""
+        with self.lock:
+            self._is_ending = True
+            self._find_without_filter(False)
+
+    # Nothing is called before DISABLE is answered, so no other thread gets between.
+
+    def _on_start(self, code: CodeType, offset: int) -> object:
+        if code.co_filename in self._passing:
+            return _DISABLE
+        return self._find(_events.PY_START, code, offset)
+
+    def _on_resume(self, code: CodeType, offset: int) -> object:
+        if code.co_filename in self._passing:
+            return _DISABLE
+        return self._find(_events.PY_RESUME, code, offset)
+
+    def _find(self, event: int, code: CodeType, offset: int) -> object:
+        """Code of a file that is not known, or in which somebody waits."""
+        if os.getpid() != self._process_id:
+            return None                       # a child whose locks are not its own yet
+        interruption = self._look_at(code, sys._getframe(2))
+        if interruption is not None:
+            raise interruption
+        if code.co_filename in self._passing:
+            return _DISABLE
+        return self._initial_callbacks[event].Callback(code, offset)
 
     # -- what all threads are needed for ---------------------------------------------------
 
@@ -434,6 +514,7 @@ class Switches:
                     event, second_callback, 0 if event & _LASTING_EVENTS else 1)
         for event, callback in self._initial_callbacks.items():
             sys.monitoring.register_callback(filter_tool_id, event, callback.Callback)
+        self._passing = _NO_NAMES
         self._register_raiser()
 
     def release(self) -> None:
@@ -446,6 +527,7 @@ class Switches:
         self._hide(False)
         self._stepping = {}
         self._held = set()
+        self._passed.clear()
         self._any_stops_anywhere = False
         self.is_idle = True
         for record in list(self._local_events):
@@ -459,6 +541,7 @@ class Switches:
         """The tool ids and all that is switched on under them."""
         if self._filter_tool_id is None:
             return
+        self._passing = _NO_NAMES
         self._set_events(0, 0)
         for record in list(self._local_events):
             self._set_local_events(record, 0)
@@ -477,11 +560,25 @@ class Switches:
         if not self.lock._is_owned():
             self.lock = _thread.RLock()
         self._raising &= {_thread.get_ident()}
+        self._process_id = os.getpid()
 
 
 def thread_id_of(per_thread: CPerThread) -> int | None:
     """The id in a thread's record; None when the thread has ended: its record is emptied then, at any moment."""
     return getattr(per_thread, "fThreadId", None)
+
+
+def program_frame(frame: FrameType) -> FrameType:
+    """The frame of an event, for the frame that called what was called for it: `_find` may be between."""
+    if frame.f_code is Switches._find.__code__:
+        return _caller(_caller(frame))
+    return frame
+
+
+def _caller(frame: FrameType) -> FrameType:
+    caller = frame.f_back
+    assert caller is not None
+    return caller
 
 
 @functools.lru_cache(maxsize=256)

@@ -38,6 +38,7 @@ class InformationCommands(CommandBase):
         return [each for each in self.info_topics if each.startswith(text)]
 
     def _show_duplicates(self) -> None:
+        files.update_checksums()
         groups = files.duplicates()
         if not groups:
             self.message("No two files have equal contents.")
