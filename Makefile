@@ -23,7 +23,7 @@ WATCHED_HOSTS ?= $(or $(PYTHONS),$(shell tools/interpreters list --cmake --min 3
                    awk -F'|' '$$3 == "release" { print $$1; exit }'),$(WATCHED_PYTHONS))
 
 .PHONY: help setup build run demo test test-all test-cpp test-python test-host test-life selfhost wheel types inject fuzz asan tsan valgrind bench bench-quick bench-host bench-growth bench-units \
-        bench-debugpy bench-docs tests-built some-interpreters interpreters fresh clean \
+        bench-debugpy bench-pandas bench-docs tests-built some-interpreters interpreters fresh clean \
         lint format hooks coverage
 
 help:  ## list the targets
@@ -134,7 +134,9 @@ bench-host: build  ## what a program pays under the debugger, beside the standar
 	@mkdir -p $(BUILD)/bench
 	@tools/interpreters list --cmake --min 3.12 | awk -F'|' '$$3 == "release" { print $$1, $$4 }' | \
 	    while read -r name python; do \
-	        $$python bench/host_cost.py --module-dir $(BUILD) --json $(BUILD)/bench/host-$$name.json < /dev/null || exit 1; \
+	        $$python bench/host_cost.py --module-dir $(BUILD) --packages $(BUILD)/pandas \
+	            --json $(BUILD)/bench/host-$$name.json < /dev/null || exit 1; \
+	        $$python bench/session_cost.py --module-dir $(BUILD) --json $(BUILD)/bench/session-$$name.json < /dev/null || exit 1; \
 	        $$python bench/condition_cost.py --module-dir $(BUILD) --json $(BUILD)/bench/conditions-$$name.json || exit 1; done
 
 bench-growth: build  ## how that, and the memory, grows with what the filter keeps
@@ -153,6 +155,11 @@ bench-debugpy:  ## get debugpy, a peer that `make bench` measures where it is fo
 	@for version in 3.12 3.13 3.14 3.15; do \
 	    python3 -m pip install --quiet --upgrade --target $(BUILD)/debugpy/$$version --python-version $$version \
 	        --only-binary=:all: debugpy || exit 1; done
+
+bench-pandas:  ## get pandas, whose import `make bench-host` measures where it is found
+	@for version in 3.12 3.13 3.14 3.15; do \
+	    python3 -m pip install --quiet --upgrade --target $(BUILD)/pandas/$$version --python-version $$version \
+	        --only-binary=:all: pandas || echo "no pandas for $$version: its row is skipped"; done
 
 bench-docs:  ## measure everything and renew the tables and plots of docs/performance.md
 	@$(MAKE) --no-print-directory bench || echo "Not all is well; the page goes on with what was measured."

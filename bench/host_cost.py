@@ -11,6 +11,7 @@ live: at its end one is reached, and the child reports the stop.
 """
 
 import argparse
+import importlib.util
 import json
 import os
 import statistics
@@ -26,13 +27,14 @@ SITUATIONS = {
     "hot": "a breakpoint in the hot function, on a line that is never reached",
     "1,000": "a thousand functions, a breakpoint in each, on a line that is never reached",
     "import": "import of a large part of the standard library, a breakpoint in another file",
+    "import pandas": "import of a large package, a breakpoint in another file",
 }
 BACKENDS = ("none", "brixdebug", "settrace", "monitoring")
 
 
-def run_child(module_dir, backend, situation):
+def run_child(module_dir, packages, backend, situation):
     """CPU seconds of one pass of the measured part; raises when the breakpoints were not live."""
-    path = os.pathsep.join([os.path.abspath(module_dir), _HOST_DIR])
+    path = os.pathsep.join([os.path.abspath(module_dir), _HOST_DIR, os.path.abspath(packages)])
     output = subprocess.run(
         [sys.executable, os.path.join(_HERE, "host_cost_child.py"), backend, situation],
         env={**os.environ, "PYTHONPATH": path}, check=True, capture_output=True, text=True).stdout
@@ -44,16 +46,24 @@ def run_child(module_dir, backend, situation):
     return result["seconds"]
 
 
-def measure(module_dir, repeats):
+def measure(module_dir, packages, repeats):
     """{situation: {backend: [ratio of each turn]}}."""
+    situations = [each for each in SITUATIONS if each != "import pandas" or _has_pandas(packages)]
     backends = [each for each in BACKENDS if each != "monitoring" or sys.version_info >= (3, 14)]
-    ratios = {situation: {backend: [] for backend in backends[1:]} for situation in SITUATIONS}
+    ratios = {situation: {backend: [] for backend in backends[1:]} for situation in situations}
     for _ in range(repeats):
-        for situation in SITUATIONS:
-            seconds = {backend: run_child(module_dir, backend, situation) for backend in backends}
+        for situation in situations:
+            seconds = {backend: run_child(module_dir, packages, backend, situation) for backend in backends}
             for backend in backends[1:]:
                 ratios[situation][backend].append(seconds[backend] / seconds["none"])
     return ratios
+
+
+def _has_pandas(packages):
+    if os.path.isdir(os.path.join(packages, "pandas")) or importlib.util.find_spec("pandas"):
+        return True
+    print("no row `import pandas`: it is neither installed nor in %s (`make bench-pandas`)" % packages)
+    return False
 
 
 def show(ratios):
@@ -74,12 +84,15 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--module-dir", default="build",
                         help="folder that holds optmonitoring.so (default: %(default)s)")
+    parser.add_argument("--packages", default=os.path.join(os.path.dirname(_HERE), "build", "pandas"),
+                        help="folder with a folder for each version, 3.14 and the like, that holds pandas")
     parser.add_argument("--repeats", type=int, default=5, help="turns (default: %(default)s)")
     parser.add_argument("--json", help="write the ratios to this file too")
     arguments = parser.parse_args()
     if sys.version_info < (3, 12):
         sys.exit("error: Python 3.12 or later is needed; this is %d.%d" % sys.version_info[:2])
-    ratios = measure(arguments.module_dir, arguments.repeats)
+    packages = os.path.join(arguments.packages, "%d.%d" % sys.version_info[:2])
+    ratios = measure(arguments.module_dir, packages, arguments.repeats)
     show(ratios)
     if arguments.json:
         with open(arguments.json, "w", encoding="utf-8") as file:

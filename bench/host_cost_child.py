@@ -106,9 +106,10 @@ def situation_parts(name, backend, folder):
         passes = MANY_PASSES.get(backend, FEW_MANY_PASSES)
         return (lambda: run_all(functions, passes), passes, lambda: functions[-1](True),
                 [(path, line) for line in lines])
-    if name == "import":
+    if name in ("import", "import pandas"):
         other, path, lines = load(folder, "other", OTHER)
-        return import_all, 1, other.other, [(path, line) for line in lines]
+        measured = import_all if name == "import" else lambda: importlib.import_module("pandas")
+        return measured, 1, other.other, [(path, line) for line in lines]
     hot, hot_path, hot_lines = load(folder, "hot", HOT)
     measured = lambda: hot.hot(passes)
     if name == "no breakpoint":
@@ -121,6 +122,7 @@ def situation_parts(name, backend, folder):
 
 def main():
     backend, situation = sys.argv[1:]
+    importlib.import_module("brixdebug.engine")   # every variant has loaded what it needs
     with tempfile.TemporaryDirectory() as folder:
         sys.path.insert(0, folder)
         measured, passes, reaching, breakpoints = situation_parts(situation, backend, folder)
