@@ -70,7 +70,16 @@ class ArgumentsTest(CommandLineTestCase):
         status, stdout, _ = self.assertSame(self.program, "a", "b", commands=["continue", "quit"])
         self.assertIn("['a', 'b'] __main__\n2\nThe program finished and will be restarted\n", stdout)
         self.assertEqual(status, 0)
-        self.assertSame(self.program, "-a", "b", commands=["continue", "quit"])      # 3.13.0 refuses it
+
+    def test_options_of_the_program(self):
+        """They are the program's, on 3.13 too, whose pdb refuses them; a module's like a script's."""
+        self.write(PROGRAM)
+        for arguments in ["-a", "b"], ["one", "--two=3", "-4"], ["-mx", "-v"], ["run", "--", "-x"]:
+            for before in [str(self.program)], ["-c", "p 1", str(self.program)], ["-m", "program"]:
+                with self.subTest(arguments=arguments, before=before):
+                    child = run_session("-m", "brixdebug", *before, *arguments, commands=["continue", "quit"], cwd=self.folder)
+                    self.assertIn("%s __main__\n2\n" % arguments, child.stdout, child.stderr)
+                    self.assertEqual(child.returncode, 0)
 
     def test_commands(self):
         self.write(PROGRAM)

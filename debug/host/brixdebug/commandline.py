@@ -107,14 +107,25 @@ def _show_help(arguments: list[str]) -> None:
         sys.exit()
 
 
-def _leave_help_to_program(arguments: list[str]) -> None:
+# 3.13's first pdb looks for its options everywhere, and refuses those that it does not know.
+_TAKES_ALL_OPTIONS = "args" in pdb.main.__code__.co_consts
+
+
+def _leave_options_to_program(arguments: list[str]) -> None:
     """From 3.13 on pdb looks for its options among the program's too."""
     index = 0
     while index < len(arguments) and arguments[index].startswith("-"):
-        if arguments[index] in ("-m", "--"):
+        if arguments[index] == "--":
             return
-        index += 2 if arguments[index] in ("-c", "--command") else 1
-    if sys.version_info >= (3, 13) and not {"-h", "--help"}.isdisjoint(arguments[index:]):
+        is_module = arguments[index].startswith("-m")
+        if is_module and not _TAKES_ALL_OPTIONS:
+            return
+        index += 2 if arguments[index] in ("-c", "--command", "-m") else 1
+        if is_module:
+            break
+    options = [each for each in arguments[index:] if each.startswith("-")]
+    is_looked_at = _TAKES_ALL_OPTIONS or sys.version_info >= (3, 13) and {"-h", "--help"}.intersection(options)
+    if options and is_looked_at:
         arguments.insert(index, "--")
 
 
@@ -169,7 +180,7 @@ def main() -> None:
         return
     _show_help(arguments)
     _open_log(_take_log_options(arguments))
-    _leave_help_to_program(arguments)
+    _leave_options_to_program(arguments)
     sys.argv[1:] = arguments
     threading.excepthook = _hide_quit(threading.excepthook)
     sys.unraisablehook = _hide_quit(sys.unraisablehook)       # threads that `threading` did not start
