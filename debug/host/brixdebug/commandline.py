@@ -63,11 +63,13 @@ class _ScriptTarget(_StandardTarget):
 _HELP = """\
 usage: brixdebug [OPTION]... SCRIPT [ARGUMENT]...
        brixdebug [OPTION]... -m MODULE [ARGUMENT]...
+       brixdebug [-c COMMAND]... -p PID
 
 Debug a Python program with pdb's commands, in every thread.
 
   -c, --command COMMAND    run COMMAND at the first prompt, after those of .pdbrc; may be given again
   -m MODULE                run a module or package as python -m does
+  -p, --pid PID            attach to a program that runs already
   --log FILE               write what the debugger does to the end of FILE
   --log-domains NAME,...   of this only: %s
   --listen [HOST:]PORT     wait for an editor, in place of the prompt; see docs/editors.md
@@ -163,6 +165,22 @@ def _open_log(options: dict[str, str]) -> None:
             raise SystemExit("brixdebug: error: %s" % error) from None
 
 
+def _attach_options(arguments: list[str]) -> tuple[int, list[str]] | None:
+    """The process of `-p PID` and the commands of `-c`; None when a program is to be started."""
+    index = 0
+    while index < len(arguments) and arguments[index].startswith(("-c", "--command")):
+        index += 1 if "=" in arguments[index] or arguments[index] not in ("-c", "--command") else 2
+    if not any(each.startswith(("-p", "--pid")) for each in arguments[index:index + 1]):
+        return None
+    import argparse
+    parser = argparse.ArgumentParser(prog="brixdebug", allow_abbrev=False,
+                                     usage="%(prog)s [-c COMMAND]... -p PID [-c COMMAND]...")
+    parser.add_argument("-p", "--pid", type=int, required=True)
+    parser.add_argument("-c", "--command", action="append", default=[])
+    options = parser.parse_args(arguments)
+    return options.pid, options.command
+
+
 def _hide_quit(show: Callable[[Any], object]) -> Callable[[Any], None]:
     """Threads that end because the user quits have nothing to report."""
     def excepthook(args: Any) -> None:
@@ -180,6 +198,10 @@ def main() -> None:
         return
     _show_help(arguments)
     _open_log(_take_log_options(arguments))
+    attached = _attach_options(arguments)
+    if attached is not None:
+        from brixdebug import attach
+        sys.exit(attach.main(*attached))
     _leave_options_to_program(arguments)
     sys.argv[1:] = arguments
     threading.excepthook = _hide_quit(threading.excepthook)

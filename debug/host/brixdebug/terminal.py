@@ -224,7 +224,7 @@ class Terminal(Ends):
 
 
 def _is_ours(handler: Any) -> bool:
-    return getattr(handler, "__func__", None) is Terminal.sigint_handler
+    return isinstance(getattr(handler, "__self__", None), Terminal)
 
 
 def _is_in_command_loop(frame: FrameType | None) -> bool:

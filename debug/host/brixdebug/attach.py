@@ -1,0 +1,240 @@
+"""`brixdebug -p PID`: a prompt at this terminal for a program that runs already.
+
+The program is made to connect to a socket in a folder that nobody else can enter; who
+else may come to it is sent away by the number of his process.  Its own terminal and
+streams stay its own.
+"""
+
+from __future__ import annotations
+
+import contextlib
+import os
+import shutil
+import signal
+import socket
+import struct
+import sys
+import tempfile
+
+import optmonitoring
+
+from brixdebug import injection
+from brixdebug.channel import Connection
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from collections.abc import Iterator
+    from typing import Any
+
+# How long a program that runs Python code needs to answer, at most.
+_ANSWER_SECONDS = 5.0
+
+# Runs in the program.  What has been given up on finds no socket, and says nothing.
+_SCRIPT = """\
+def attach():
+    import json, socket, sys
+    end = socket.socket(socket.AF_UNIX)
+    try:
+        end.connect(%(address)r)
+    except OSError:
+        return
+    folders = %(folders)r
+    sys.path[:0] = folders
+    try:
+        from brixdebug import attached
+    except BaseException as error:
+        text = "the debugger cannot be loaded there: %%s: %%s" %% (type(error).__name__, error)
+        end.sendall(json.dumps({"error": text}).encode() + b"\\n")
+        end.close()
+        return
+    finally:
+        for folder in folders:
+            sys.path.remove(folder)
+    attached.serve(end, sys._getframe(1), %(commands)r)
+attach()
+"""
+
+
+def main(pid: int, commands: list[str]) -> int:
+    """Attach to process `pid` and run `commands` there first; the exit status."""
+    try:
+        with _private_folder(pid) as folder:
+            end = _reach(pid, folder, commands)
+    except injection.InjectionError as error:
+        print("brixdebug: error: %s" % error, file=sys.stderr)
+        return 1
+    except KeyboardInterrupt:
+        print("\nGiven up.")
+        return 1
+    return Client(pid, end).run()
+
+
+@contextlib.contextmanager
+def _private_folder(pid: int) -> Iterator[str]:
+    """A new folder that only this user may enter, or the program's where root attaches; gone afterwards."""
+    folder = tempfile.mkdtemp(prefix="brixdebug-")
+    try:
+        with contextlib.suppress(OSError):
+            owner = os.stat("/proc/%d" % pid)
+            if owner.st_uid != os.geteuid():
+                os.chown(folder, owner.st_uid, owner.st_gid)
+        yield folder
+    finally:
+        shutil.rmtree(folder, ignore_errors=True)
+
+
+def _reach(pid: int, folder: str, commands: list[str]) -> socket.socket:
+    """Have the program connect, and wait until it does."""
+    address, script = os.path.join(folder, "socket"), os.path.join(folder, "attach.py")
+    here = os.path.dirname(os.path.abspath(__file__))
+    folders = list(dict.fromkeys([os.path.dirname(here), os.path.dirname(os.path.abspath(optmonitoring.__file__))]))
+    with open(script, "w") as file:
+        file.write(_SCRIPT % {"address": address, "folders": folders, "commands": commands})
+    with socket.socket(socket.AF_UNIX) as server:
+        server.bind(address)
+        for name in (address, script):        # the folder is what keeps others out
+            os.chmod(name, 0o666)
+        server.listen(1)
+        server.settimeout(_ANSWER_SECONDS)
+        injection.inject(pid, script)
+        try:
+            return _wait(pid, server)
+        except BaseException:
+            injection.take_back(pid)
+            raise
+
+
+def _wait(pid: int, server: socket.socket) -> socket.socket:
+    is_said = False
+    while True:
+        try:
+            end, _ = server.accept()
+        except TimeoutError:
+            if not _is_alive(pid):
+                raise injection.InjectionError("process %d has ended" % pid) from None
+            if not is_said:
+                print("Process %d does not answer: its main thread is inside C code, it sleeps or waits.  It is attached "
+                      "as soon as it runs Python code again; Ctrl-C gives up." % pid, flush=True)
+                is_said = True
+                server.settimeout(1.0)
+            continue
+        if _peer(end) == pid:
+            end.settimeout(None)
+            return end
+        end.close()
+
+
+def _is_alive(pid: int) -> bool:
+    try:
+        with open("/proc/%d/stat" % pid) as file:
+            return file.read().rpartition(")")[2].split()[0] not in "ZX"
+    except OSError:
+        return False
+
+
+def _peer(end: socket.socket) -> int:
+    """The id of the process at the other end."""
+    credentials = end.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, struct.calcsize("3i"))
+    pid: int = struct.unpack("3i", credentials)[0]
+    return pid
+
+
+class Client:
+    """The terminal's side: shows what comes and reads what is asked for."""
+
+    def __init__(self, pid: int, end: socket.socket) -> None:
+        self._pid = pid
+        self._connection = Connection(end)
+        self._begun_line = ""                 # shown by `input`, as its prompt
+        self._can_interrupt = False
+        self._completions: list[str] = []
+        self._status: int | None = None       # of this process, once it is to end
+
+    def run(self) -> int:
+        """Until the program is left or has ended; the exit status."""
+        self._prepare_readline()
+        while self._status is None:
+            try:
+                message = self._connection.receive()
+            except KeyboardInterrupt:
+                self._interrupt()
+                continue
+            if message is None:
+                self._end("Process %d has ended." % self._pid, 0)
+                continue
+            for kind, take in _TAKERS.items():
+                if kind in message:
+                    take(self, message)
+        return self._status
+
+    def _end(self, text: str, status: int) -> None:
+        self._show_begun_line()
+        print(text, flush=True)
+        self._status = status
+
+    # -- what comes from the program -------------------------------------------------------
+
+    def take_out(self, message: dict[str, Any]) -> None:
+        before, newline, self._begun_line = (self._begun_line + message["out"]).rpartition("\n")
+        sys.stdout.write(before + newline)
+        sys.stdout.flush()
+
+    def take_error(self, message: dict[str, Any]) -> None:
+        self._show_begun_line()
+        print("brixdebug: error: %s" % message["error"], file=sys.stderr)
+        self._status = 1
+
+    def take_state(self, message: dict[str, Any]) -> None:
+        self._show_begun_line()
+        self._can_interrupt = message.get("interrupts", False)
+        if message["state"] == "detached":
+            self._end("Detached: process %d goes on." % self._pid, 0)
+
+    def take_read(self, message: dict[str, Any]) -> None:
+        prompt, self._begun_line = self._begun_line, ""
+        # At the prompt, and in what is evaluated there, an interrupt is the debugger's.
+        self._can_interrupt = True
+        try:
+            self._connection.send(line=input(prompt))
+        except EOFError:
+            self._connection.send(eof=True)
+        except KeyboardInterrupt:
+            self._connection.send(interrupt=True)
+
+    def _show_begun_line(self) -> None:
+        sys.stdout.write(self._begun_line)
+        sys.stdout.flush()
+        self._begun_line = ""
+
+    def _interrupt(self) -> None:
+        if not self._can_interrupt:
+            print("\nThe program handles Ctrl-C itself, so it is not interrupted; it stops at a breakpoint.", flush=True)
+            return
+        with contextlib.suppress(ProcessLookupError):
+            os.kill(self._pid, signal.SIGINT)
+
+    # -- completion ------------------------------------------------------------------------
+
+    def _prepare_readline(self) -> None:
+        try:
+            import readline
+        except ImportError:
+            return
+        readline.set_completer_delims(" \t\n`@#%^&*()=+[{]}\\|;:'\",<>?")
+        readline.set_completer(self._complete)
+        readline.parse_and_bind("tab: complete")
+
+    def _complete(self, text: str, state: int) -> str | None:
+        if state == 0:
+            import readline
+            line = readline.get_line_buffer()
+            stripped = line.lstrip()
+            cut = len(line) - len(stripped)
+            self._connection.send(complete=[text, stripped, readline.get_begidx() - cut, readline.get_endidx() - cut])
+            message = self._connection.receive() or {}
+            self._completions = message.get("completions", [])
+        return self._completions[state] if state < len(self._completions) else None
+
+
+_TAKERS: dict[str, Any] = {"out": Client.take_out, "error": Client.take_error, "state": Client.take_state,
+                           "read": Client.take_read}
