@@ -80,8 +80,9 @@ def setUpModule():
 
 
 def python_files(package):
-    folder = os.path.join(ROOT, "debug", "host", package)
-    return {"%s/%s" % (package, name) for name in os.listdir(folder) if name.endswith((".py", ".typed"))}
+    host = os.path.join(ROOT, "debug", "host")
+    return {os.path.relpath(os.path.join(folder, name), host) for folder, _, names in os.walk(os.path.join(host, package))
+            for name in names if name.endswith((".py", ".typed"))}
 
 
 def wheel_text(pattern):
