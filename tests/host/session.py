@@ -89,7 +89,10 @@ class Session:
     # -- writing ---------------------------------------------------------------------------
 
     def send(self, line):
-        os.write(self._in, line.encode() + b"\n")
+        self.write(line.encode() + b"\n")
+
+    def write(self, data):
+        os.write(self._in, data)
 
     def end_input(self):
         """Ctrl-D; for a child with a terminal."""

@@ -194,7 +194,8 @@ fail()
 
 class NamesTest(TerminalTestCase):
 
-    def test_a_variable_wins_over_a_command(self):
+    def test_variables_and_commands_of_one_name(self):
+        """A bare name that is no command by itself is the variable; else a line says which it is."""
         child = self.run_commands("""\
             threads, thread, info = ["my threads"], "my thread", {"my": "info"}
             def function():
@@ -202,14 +203,14 @@ class NamesTest(TerminalTestCase):
                 return dprintf
             function()
             """, "threads", "break 4", "continue", "threads", "thread", "info", "dprintf", "info threads", "thread 1",
-            "threads[0]", "threads = 5", "threads", "quit")
+            "threads[0]", "threads = 5", "!threads", "quit")
         self.assertQuiet(child)
         answers = child.stdout.split("(Pdb) ")
-        self.assertIn("Num State", answers[1])
-        hint = "(a variable of the program; the command is also: info threads)\n"
-        self.assertEqual(answers[4:8], ["['my threads']\n" + hint, "'my thread'\n", "{'my': 'info'}\n", "'my dprintf'\n"])
-        self.assertIn("Num State", answers[8])
-        self.assertEqual(answers[10:13], ["'my threads'\n", "", "5\n" + hint])
+        self.assertTrue(answers[1].startswith("  Num State"), answers[1])
+        self.assertTrue(answers[4].startswith("(the command; the program's variable is !threads)\n  Num State"), answers[4])
+        self.assertEqual(answers[5:8], ["'my thread'\n", "{'my': 'info'}\n", "'my dprintf'\n"])
+        self.assertTrue(answers[8].startswith("  Num State"), answers[8])
+        self.assertEqual(answers[10:13], ["'my threads'\n", "", "5\n"])
 
 
 class CommandLineOptionsTest(TerminalTestCase):

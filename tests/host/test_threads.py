@@ -379,7 +379,7 @@ class CommandsTest(ThreadsTestCase):
     def test_threads_lists_number_state_name_and_place(self):
         session = self.at_prompt()
         self.wait_until_held(session, 3)
-        lines = session.do("threads").splitlines()
+        lines = session.do("info threads").splitlines()
         self.assertEqual(lines[0].split(), ["Num", "State", "Name", "Place"])
         self.assertEqual(lines[1].split(None, 5), [">", "1", "at", "the", "prompt",
                          "MainThread           %s(%d)<module>()" % (self.program, line_of(self.program, "here"))])
@@ -392,7 +392,6 @@ class CommandsTest(ThreadsTestCase):
     def test_errors(self):
         session = self.at_prompt()
         for command, answer in (
-                ("thread", "*** Thread number expected (see threads)\n"),
                 ("thread one", "*** Thread number expected (see threads)\n"),
                 ("thread 99", "*** There is no thread 99 (see threads)\n"),
                 ("threads 1", "*** The command takes no argument\n")):

@@ -6,7 +6,7 @@ import pdb
 import sys
 import threading
 
-from brixdebug import compat, log, processes
+from brixdebug import compat, ipython, log, processes
 from brixdebug.debugger import Debugger
 from brixdebug.engine import BdbQuit
 from brixdebug.entry import PDB_NAMES, standard, take_over
@@ -72,6 +72,7 @@ Debug a Python program with pdb's commands, in every thread.
   -p, --pid PID            attach to a program that runs already
   --log FILE               write what the debugger does to the end of FILE
   --log-domains NAME,...   of this only: %s
+  --ipython                the prompt of IPython, which has to be installed
   --listen [HOST:]PORT     wait for an editor, in place of the prompt; see docs/editors.md
   --connect HOST:PORT      go to an editor that waits
   -h, --help               show this text
@@ -131,8 +132,8 @@ def _leave_options_to_program(arguments: list[str]) -> None:
         arguments.insert(index, "--")
 
 
-def _take_log_options(arguments: list[str]) -> dict[str, str]:
-    """Take `--log FILE` and `--log-domains NAMES` from the options before the program."""
+def _take_own_options(arguments: list[str]) -> dict[str, str]:
+    """Take `--log FILE`, `--log-domains NAMES` and `--ipython` from the options before the program."""
     options = {}
     index = 0
     while index < len(arguments) and arguments[index].startswith("-"):
@@ -144,6 +145,8 @@ def _take_log_options(arguments: list[str]) -> dict[str, str]:
                     raise SystemExit("brixdebug: error: %s needs a value" % name)
                 value = arguments.pop(index)
             options[name] = value
+        elif arguments[index] == "--ipython":
+            options[arguments.pop(index)] = ""
         elif arguments[index] in ("-c", "--command"):
             index += 2
         elif arguments[index] in ("-m", "--"):
@@ -189,6 +192,15 @@ def _hide_quit(show: Callable[[Any], object]) -> Callable[[Any], None]:
     return excepthook
 
 
+def _debugger_class(has_ipython: bool) -> Any:
+    if not has_ipython:
+        return _CommandLineDebugger
+    try:
+        return ipython.debugger_class(_CommandLineDebugger)
+    except ImportError as error:
+        raise SystemExit("brixdebug: error: --ipython needs IPython: %s" % error) from None
+
+
 def main() -> None:
     """The command line: pdb's, and `--log FILE` and `--log-domains NAMES` among its options."""
     arguments = sys.argv[1:]
@@ -197,7 +209,8 @@ def main() -> None:
         program.serve(arguments)
         return
     _show_help(arguments)
-    _open_log(_take_log_options(arguments))
+    options = _take_own_options(arguments)
+    _open_log(options)
     attached = _attach_options(arguments)
     if attached is not None:
         from brixdebug import attach
@@ -207,7 +220,7 @@ def main() -> None:
     threading.excepthook = _hide_quit(threading.excepthook)
     sys.unraisablehook = _hide_quit(sys.unraisablehook)       # threads that `threading` did not start
     take_over()
-    compat.rebind(standard("main"), **{**PDB_NAMES, "Pdb": _CommandLineDebugger,
+    compat.rebind(standard("main"), **{**PDB_NAMES, "Pdb": _debugger_class("--ipython" in options),
                                 "_ScriptTarget": _ScriptTarget})()
     processes.end_child()
     if _CommandLineDebugger.has_lost_input:

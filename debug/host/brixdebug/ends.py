@@ -110,4 +110,6 @@ class Ends(_StandardDebugger):
         elif threading.get_ident() not in monitor.raiser.ended_thread_ids:
             if isinstance(error, BdbQuit):
                 monitor.raiser.ended_thread_ids.add(threading.get_ident())
+            state.run_freely()                # no stop at what is raised
+            monitor.needs_changed(self)
             raise error

@@ -14,7 +14,7 @@ import pdb
 import sys
 import types
 
-from brixdebug import compat, streams
+from brixdebug import compat, ipython, streams
 from brixdebug.debugger import Debugger
 from brixdebug.monitor import monitor
 
@@ -66,10 +66,11 @@ def _debugger() -> Any:
     last = getattr(Debugger, "_last_pdb_instance", None) if KEEPS_LAST_DEBUGGER else None
     if isinstance(last, Debugger):
         return last
+    kind = ipython.debugger_class(Debugger) if ipython.is_running() else Debugger
     if not KEEPS_LAST_DEBUGGER:
-        return Debugger()
+        return kind()
     # In a run of tests `quit` ends the run, and nothing that has to be asked for.
-    return Debugger(mode=None if streams.exit_of_pytest() else "inline", colorize=True)
+    return kind(mode=None if streams.exit_of_pytest() else "inline", colorize=True)
 
 
 def set_trace(*, header: str | None = None, commands: Iterable[str] | None = None) -> None:

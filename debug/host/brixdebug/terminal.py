@@ -20,7 +20,7 @@ if TYPE_CHECKING:
     from types import FrameType
     from typing import Any
 
-_COMMAND_LOOP = pdb.Pdb.cmdloop.__code__
+command_loops = {pdb.Pdb.cmdloop.__code__}        # where a command is read or run
 _INTERACTION = pdb.Pdb.interaction.__code__
 
 # What `input` raises in the middle of an `input` of the program's.
@@ -181,10 +181,11 @@ class Terminal(Ends):
             super()._print_lines(lines, start, breaks, frame)
 
         def format_stack_entry(self, frame_lineno: tuple[FrameType, int], lprefix: str = ": ") -> str:
-            place, prefix, line = super().format_stack_entry(frame_lineno, lprefix).rpartition(lprefix)
-            if prefix == pdb.line_prefix and colors.are_wanted(self.stdout):
-                line = colors.highlight(line)
-            return place + prefix + line
+            text = super().format_stack_entry(frame_lineno, lprefix)
+            place, prefix, line = text.rpartition(pdb.line_prefix)
+            if not prefix or lprefix != prefix or not colors.are_wanted(self.stdout):
+                return text
+            return place + prefix + colors.highlight(line)
 
     if sys.version_info < (3, 13):
         def completenames(self, text: str, *place: Any) -> list[str]:
@@ -230,7 +231,7 @@ def _is_ours(handler: Any) -> bool:
 def _is_in_command_loop(frame: FrameType | None) -> bool:
     """True when the innermost prompt reads a command or runs one: an exception ends up there."""
     while frame is not None:
-        if frame.f_code is _COMMAND_LOOP:
+        if frame.f_code in command_loops:
             return True
         if frame.f_code is _INTERACTION:
             return False

@@ -28,8 +28,8 @@ else:
 # What follows a name that is not meant as a command: `set = 1`, `info.x`, `set(x)`.
 _EXPRESSION_STARTS = tuple("=.([,:+-*/%@&|^<>!")
 
-# Commands that do something without an argument -> what they are called as well.
-_OTHER_NAMES = {"threads": "info threads"}
+# Commands that do something without an argument.
+_BARE_COMMANDS = {"threads", "catch", "unwatch", "processes"}
 
 
 class CommandBase(_Debugger):
@@ -42,7 +42,7 @@ class CommandBase(_Debugger):
     def _is_expression(self, name: str, arg: str) -> bool:
         """True, after running it, when the line is a Python statement that begins like a command.
 
-        So is the bare name of a variable: who has one means it.
+        So is the bare name of a variable, where the command means nothing without an argument.
         """
         if arg.startswith(_EXPRESSION_STARTS):
             self.default(name + " " + arg)
@@ -50,7 +50,8 @@ class CommandBase(_Debugger):
         frame = self.curframe
         if arg or frame is None or not (name in frame.f_locals or name in frame.f_globals):
             return False
+        if name in _BARE_COMMANDS:
+            self.message("(the command; the program's variable is !%s)" % name)
+            return False
         self.default("!" + name)
-        if name in _OTHER_NAMES:
-            self.message("(a variable of the program; the command is also: %s)" % _OTHER_NAMES[name])
         return True

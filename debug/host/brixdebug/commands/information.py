@@ -23,8 +23,8 @@ class InformationCommands(CommandBase):
         info watches
 
         duplicates: list the files of the program that have equal contents; a breakpoint
-        in one of them does not stop in the others.  threads: what `threads` does, also
-        where the program has a variable of that name.  watches: list what is watched.
+        in one of them does not stop in the others.  threads: what `threads`
+        does.  watches: list what is watched.
         """
         arg = arg.strip()
         if self._is_expression("info", arg):
