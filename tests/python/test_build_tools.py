@@ -109,7 +109,7 @@ class ChooseClangTest(StandInsTest):
 
 
 class SetupTest(StandInsTest):
-    PROGRAMS = "gcc g++ cmake ninja python3 dpkg-source valgrind readelf".split()
+    PROGRAMS = "gcc g++ cmake ninja python3 dpkg-source valgrind gdb readelf".split()
     WHATS = {
         "gcc": "  a C compiler: GCC from 11 on (Debian: gcc)\n",
         "g++": "  a C++17 compiler: G++ from 11 on (Debian: g++)\n",
@@ -165,11 +165,12 @@ class SetupTest(StandInsTest):
         self.assertFalse(os.path.exists(os.path.join(self.base, "apt-calls")))
 
     def test_what_only_a_part_needs_is_done_without(self):
-        self.lack("clang", "valgrind", "dpkg-source", "readelf")
+        self.lack("clang", "valgrind", "gdb", "dpkg-source", "readelf")
         self.assertEqual(self.setup("test"), (0, "", """\
 Not here, and done without:
   dpkg-source (Debian: dpkg-dev): interpreters that are compiled are not installed
   valgrind (Debian: valgrind libc6-dbg): instructions are not counted
+  gdb (Debian: gdb): attaching is not tested on 3.12 and 3.13
   readelf and nm (Debian: binutils): the built file is not looked into
   Clang from 14 on, with libFuzzer (Debian: clang libclang-rt-dev): the units are not fuzzed
 """))
