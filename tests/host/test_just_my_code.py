@@ -101,9 +101,25 @@ class JustMyCodeTest(unittest.TestCase):
     def test_exceptions_of_libraries_stop_where_ones_own_code_gets_them(self):
         with self.path.open("a") as file:
             file.write('\ndef broken():\n    try:\n        json.loads("{")\n    except ValueError:\n        pass\nbroken()\n')
-        lines = self.session("set just-my-code on", "catch raised ValueError", "c", "p __name__", "c", "q")
+        lines = self.session("set just-my-code on", "catch raised ValueError", "c", "p __name__", "down", "p __name__", "c", "q")
         self.assertTrue([line for line in lines if line.startswith("json.decoder.JSONDecodeError: ")], lines)
-        self.assertIn("'__main__'", lines)
+        self.assertLess(lines.index("'__main__'"), lines.index("'json'"))
+
+    def test_code_that_a_library_has_made_is_a_librarys(self):
+        self.library.write_text("""\
+import linecache
+def make():
+    text = "def made(function):\\n    return function()\\n"
+    linecache.cache["<made here>"] = len(text), None, text.splitlines(True), "<made here>"
+    namespace = {}
+    exec(compile(text, "<made here>", "exec"), namespace)
+    return namespace["made"]
+""")
+        self.path.write_text("import sys\nsys.path.insert(0, %r)\nimport library\nmade = library.make()\n"
+                             "def own():\n    return 1             # own\nmade(own)   # made\n" % str(self.library.parent))
+        lines = self.session("set just-my-code on", "tbreak 7", "c", "s", "s", "q")
+        self.assertIn("> %s(6)own()" % self.path, lines)
+        self.assertFalse([line for line in lines if "made here" in line], lines)
 
     def test_off_again(self):
         places = self.places("set just-my-code on", *self.start("dumps"), "set just-my-code off", "s", "q")

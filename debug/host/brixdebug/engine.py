@@ -401,6 +401,13 @@ class Bdb(compat.TraceBase):
 
     # -- exceptions ------------------------------------------------------------
 
+    def get_stack(self, f: FrameType | None, t: Any) -> tuple[list[tuple[FrameType, int]], int]:
+        """The stack of `f` and of a traceback from there, and the index of `f`; of the last without it."""
+        stack, index = super().get_stack(f, t)
+        if f is not None:
+            index = next(number for number, entry in enumerate(stack) if entry[0] is f)
+        return stack, index
+
     def trace_dispatch(self, frame: FrameType, event: str, arg: Any) -> Any:
         dispatch = self._own_dispatchers.get(event)
         if dispatch is None:

@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import linecache
 import os
 import site
 import sysconfig
@@ -12,19 +11,22 @@ import optmonitoring
 # Folders of installed packages, wherever they are.
 _PACKAGE_FOLDERS = ("site-packages", "dist-packages")
 
+# Names of what a user has typed.
+_TYPED = ("<stdin>", "<console>", "<doctest ", "<ipython-input-", "<python-input-")
+
 _answers: dict[str, bool] = {}        # file name -> whether it is a library's
 _library_folders: tuple[str, ...] = ()
 
 
 def is_library(filename: str) -> bool:
-    """True for the standard library, for installed packages, and for code that has no source."""
+    """True for the standard library, for installed packages, and for code that they have made."""
     answer = _answers.get(filename)
     if answer is None:
         kind = optmonitoring.GetPathnameKind(filename)
-        if kind == optmonitoring.kPseudoPathname:
-            return filename not in linecache.cache    # what was typed in a shell has its text there
-        answer = kind == optmonitoring.kFrozenImportLibPathname \
-            or kind == optmonitoring.kRegularPathname and _is_in_library(filename)
+        if kind == optmonitoring.kRegularPathname:
+            answer = _is_in_library(filename)
+        else:                         # other names are those of code that a library has made
+            answer = kind != optmonitoring.kBrixShellPathname and not filename.startswith(_TYPED)
         _answers[filename] = answer
     return answer
 
