@@ -311,16 +311,22 @@ for _function in (line_skip_thread, step_thread, policy_0):
     variant(LINE, _function.__name__ + "_no_hook")(_without_name_hook(_function))
 
 
+def _table_size(lines):
+    """How many entries the table of a copy of the set has."""
+    return (sys.getsizeof(set(lines)) - sys.getsizeof(set())) // 16 or 8    # 8 are in the set itself
+
+
 def _breakpoints(size, collide):
     """A set of lines none of which is passed in the loop; all or none of those lines share their place in its table."""
-    table = 8
-    while 3 * (table - 1) < 5 * size or table <= 4 * size:
-        table *= 2
+    table = _table_size(set(range(size)))
     lines = {END_LINE} | {line + table for line in TURN_LINES if collide}
     free = (number for number in range(1000, sys.maxsize, 3)
             if all((number - line) % table for line in TURN_LINES))
     while len(lines) < size:
         lines.add(next(free))
+    sharing = sum(any((number - line) % table == 0 for number in lines) for line in TURN_LINES)
+    check(_table_size(lines) == table and sharing == len(TURN_LINES) * collide,
+          "%d lines in a table of %d, not %d", sharing, _table_size(lines), table)
     return lines
 
 
