@@ -27,8 +27,10 @@ static bool has_plain_death_callback(PyObject* self, PyTypeObject* cls)
 
 static PyObject* make_blank(PyTypeObject* cls)
 {
-    XPyOwned no_args(api.PyTuple_New(0));
-    return no_args ? make_instance(cls, no_args.borrow(), nullptr) : nullptr;
+    static PyObject* no_args;  // kept: there is one empty tuple, which lives as long as the interpreter
+    if (XPY_UNLIKELY(!no_args))
+        no_args = api.PyTuple_New(0);
+    return no_args ? make_instance(cls, no_args, nullptr) : nullptr;
 }
 
 // Finds out whether the class constructs plainly, and marks it so.
