@@ -170,19 +170,6 @@ void* lookup_python_function(const char* name)
 
 // ---- Texts ----
 
-// Reports a text without a UTF-8 form, in the form that its repr gives it. A repr without such a form, which a
-// subclass may have, is not taken apart further.
-XPY_COLD static void log_unconvertible(PyObject* str)
-{
-    if (!gDPrintfFile || !(gDPrintfMask & kLogFilenames))
-        return;
-    XPyOwned repr(api.PyObject_Repr(str));
-    const char* text = repr ? api._PyUnicode_AsString(repr.borrow()) : nullptr;
-    if (!text)
-        api.PyErr_Clear();
-    do_dprintf(kLogFilenames, "FAILURE: Could not convert unicode to UTF-8: %s", dprint_check_str(text));
-}
-
 const char* _pystring_to_c_string(PyObject* str)
 {
     if (api.major_version < 3) {
@@ -195,7 +182,8 @@ const char* _pystring_to_c_string(PyObject* str)
     if (text)
         return text;
     api.PyErr_Clear();
-    log_unconvertible(str);
+    // A subclass may have a repr without a UTF-8 form too, which is not taken apart further.
+    do_dprintf_repr_quietly(kLogFilenames, "FAILURE: Could not convert unicode to UTF-8: %s", str);
     return nullptr;
 }
 

@@ -115,6 +115,10 @@ XPY_EXPORT void do_dprintf(int mask, const char* format, ...);
 // Logs PREFIX, the repr of OBJ and SUFFIX through the process-wide state.
 XPY_EXPORT void do_dprintf_repr(int mask, const char* prefix, PyObject* obj, const char* suffix);
 
+// Logs FORMAT, which has one %s for the repr of OBJ, through the process-wide state. "(NULL)" stands for a repr that
+// raises or has no UTF-8 form; neither is reported. Python 3 alone.
+void do_dprintf_repr_quietly(int mask, const char* format, PyObject* obj);
+
 // The repr of OBJ in the record's first or second buffer, to be used before the next call. [borrowed]
 XPY_EXPORT const char* get_dprintf_repr_str1(tDPData* data, PyObject* obj);
 XPY_EXPORT const char* get_dprintf_repr_str2(tDPData* data, PyObject* obj);

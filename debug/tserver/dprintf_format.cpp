@@ -167,6 +167,20 @@ void do_dprintf_repr(int mask, const char* prefix, PyObject* obj, const char* su
     api.PyErr_Clear();
 }
 
+void do_dprintf_repr_quietly(int mask, const char* format, PyObject* obj)
+{
+    PyThreadState* tstate = borrow_process_wide_gate(mask);
+    if (!tstate)
+        return;
+    tUntraced untraced(tstate);
+    XPyHeldError held;
+    XPyOwned repr(get_repr_guarded(&gUnsafeGlobalDPData.shared_single_dp_data, obj));
+    const char* text = repr ? api._PyUnicode_AsString(repr.borrow()) : nullptr;
+    if (!text)
+        api.PyErr_Clear();
+    do_dprintf(mask, format, dprint_check_str(text));
+}
+
 // ---- Texts in buffers ----
 
 // Copies at most kMaxReprChars characters and ends the text. A null buffer gets nothing.

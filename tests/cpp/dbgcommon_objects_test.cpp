@@ -400,6 +400,27 @@ TEST_F(DbgcommonObjects, TextWhoseReprHasNoUtf8FormEither)
     EXPECT_EQ(logged(), "FAILURE: Could not convert unicode to UTF-8: (NULL)");
 }
 
+TEST_F(DbgcommonObjects, ReprOfATextWithoutUtf8FormLogsNothingNested)
+{
+    if (api.major_version < 3)
+        GTEST_SKIP() << "Python 2 asks for the bytes of a string";
+    run("class Evil(str):\n    def __repr__(self):\n        native(self)\n        return 'shown'\n"
+        "evil = Evil(u'a\\ud800')");
+    open_log(kLogFilenames);
+    int calls = 0;
+    native_hook() = [&](PyObject* self) {
+        calls++;
+        EXPECT_EQ(get_thread_state_tracing(tstate()), fTracing + 1);
+        do_dprintf(kLogFilenames, "nested\n");
+        if (calls < 10) {
+            EXPECT_EQ(_pystring_to_c_string(self), nullptr);
+        }
+    };
+    EXPECT_EQ(_pystring_to_c_string(var("evil")), nullptr);
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(logged(), "FAILURE: Could not convert unicode to UTF-8: shown");
+}
+
 TEST_F(DbgcommonObjects, CopyOfATextIsTheCallers)
 {
     run("text = 'copied'\nnumber = 5");
