@@ -4,13 +4,55 @@
 // the next event raises: a chain without end, in which each exception keeps all earlier ones alive. That one link is
 // the module's doing and is cut; a context that code of the host or the program gave an exception stays.
 //
-// The two are told apart without remembering anything, which would keep exceptions alive as well: an exception that
-// code handles has passed, on its way to the handler, through the frame of the handler, which still runs and is in
-// its traceback. What was left here was raised in frames that have ended.
+// The two are told apart by the addresses of the exceptions that were left here; a reference would keep them alive.
+// An address may have been given to another exception since, so a second question is asked: an exception that code
+// handles has passed, on its way to the handler, through the frame of the handler, which still runs and is in its
+// traceback, unless the program has changed that. What was left here was raised in frames that have ended.
+
+#include <string.h>
 
 #include "optmonitoring_internal.h"
 
 static constexpr int kMostContexts = 1000;  // read of one exception; more: a ring, which the program can tie
+
+// ---- What was left as the handled exception ----
+
+static constexpr int kMostLeft = 1024;        // each thread, generator and coroutine in which an event failed has one
+static PyObject* left_exceptions[kMostLeft];  // addresses alone, the latest first; null: free
+
+static int find_left(PyObject* exception)  // kMostLeft: not there
+{
+    int at = 0;
+    while (at < kMostLeft && left_exceptions[at] != exception)
+        at++;
+    return at;
+}
+
+static void remember_left(PyObject* exception)
+{
+    int at = find_left(exception);
+    int moved = at < kMostLeft ? at : kMostLeft - 1;
+    memmove(left_exceptions + 1, left_exceptions, static_cast<size_t>(moved) * sizeof *left_exceptions);
+    left_exceptions[0] = exception;
+}
+
+static void forget_left(PyObject* exception)
+{
+    int at = find_left(exception);
+    if (at == kMostLeft)
+        return;
+    int behind = kMostLeft - 1 - at;
+    memmove(left_exceptions + at, left_exceptions + at + 1, static_cast<size_t>(behind) * sizeof *left_exceptions);
+    left_exceptions[kMostLeft - 1] = nullptr;
+}
+
+// Where all places are taken, any may have been forgotten.
+static bool is_perhaps_left(PyObject* exception)
+{
+    return find_left(exception) < kMostLeft || left_exceptions[kMostLeft - 1];
+}
+
+// ---- Contexts and tracebacks ----
 
 // An attribute of exceptions as their base class has it, so that no class of the program takes part. [new] or null.
 static PyObject* get_base_attr(PyObject* exception, tNameCache* name)
@@ -76,23 +118,33 @@ static int cut_link(PyObject* exception, PyObject* left)
     return 0;
 }
 
-// Parts the exception from the one that an earlier event left as the handled one.
-static int part_from_left(PyObject* exception)
+// Parts EXCEPTION from HANDLED if an earlier event left that as the handled one.
+static int part_from_left(PyObject* exception, PyObject* handled)
+{
+    if (!handled || handled == exception || !is_perhaps_left(handled))
+        return 0;
+    int by_code = is_handled_by_code(handled);
+    return by_code == 0 ? cut_link(exception, handled) : by_code < 0 ? -1 : 0;
+}
+
+// Makes EXCEPTION the handled one, which it stays.
+static void leave_as_handled(PyObject* exception)
 {
     XPyOwned handled(api.PyErr_GetHandledException());
-    if (!handled || handled.borrow() == exception)
-        return 0;
-    int by_code = is_handled_by_code(handled.borrow());
-    return by_code == 0 ? cut_link(exception, handled.borrow()) : by_code < 0 ? -1 : 0;
+    if (part_from_left(exception, handled.borrow()) < 0)
+        api.PyErr_Clear();                     // without memory it stays linked: nothing else is lost
+    api.PyErr_SetHandledException(exception);  // Kept: not put back afterwards
+    // A count of 1 is ours alone: it dies now, and its address may become another exception's.
+    if (handled && XPy_GetRefCnt(handled.borrow()) == 1)
+        forget_left(handled.borrow());
+    remember_left(exception);
 }
 
 // ---- The report ----
 
 static void call_log_exception(tModuleState* m, PyObject* exception)
 {
-    if (part_from_left(exception) < 0)
-        api.PyErr_Clear();                     // without memory it stays linked: nothing else is lost
-    api.PyErr_SetHandledException(exception);  // Kept: not put back afterwards
+    leave_as_handled(exception);
     XPyOwned log_exception(XPy_NewRef(m->_LogException));
     XPyOwned result(do_two_arg_call(log_exception.borrow(), api.Py_None, api.Py_True));
     if (!result)

@@ -621,6 +621,55 @@ class SuspendCheck(FilterTestCase):
         self.assert_failing(self.passed_lines()[:1], AttributeError, "fSuspendLock")
 
 
+FAILING = """
+import sys
+import support
+optmonitoring = support.load()
+from brixbase import dlog
+
+def fail_with(exception_class):
+    def second(*args):
+        raise exception_class
+    dlog.forget()
+    optmonitoring.CInitialCallback(sys.monitoring.events.PY_START, second, 1).Callback(fail_with.__code__, 0)
+    return dlog.exception_calls[0][1]
+"""
+
+HANDLING = FAILING + """
+def raise_one():
+    raise KeyError
+
+try:
+    raise_one()
+except KeyError as error:
+    %(change)s
+    print(fail_with(ValueError).__context__ is error)
+"""
+
+HANDLING_AT_ITS_ADDRESS = FAILING + """
+address = id(fail_with(ValueError))
+fail_with(ValueError)       # the first one dies
+others = []
+while id(others and others[-1]) != address:
+    assert len(others) < 100000
+    others.append(ValueError())
+try:
+    raise others[-1]
+except ValueError as error:
+    error.__traceback__ = None
+    print(fail_with(ValueError).__context__ is error)
+"""
+
+MANY_GENERATORS = FAILING + """
+def generator():
+    while True:
+        yield fail_with(ValueError).__context__
+
+generators = [generator() for _ in range(3000)]
+print({next(each) for _ in range(3) for each in generators})
+"""
+
+
 class SuppressedExceptions(FilterTestCase):
     """What the module may do to an exception that it reports: part it from the one that it left as the handled one."""
 
@@ -666,6 +715,26 @@ class SuppressedExceptions(FilterTestCase):
             failure = self.fail_with(self.raising(ValueError("first")))
             self.assertIs(failure.__context__, error)
             self.assertIsNone(error.__context__)
+
+    def test_a_context_of_the_programs_stays_where_its_traceback_was_changed(self):
+        """In a child, whose module has left no exception as the handled one before."""
+        for change in ("error.__traceback__ = None", "error.__traceback__ = error.__traceback__.tb_next",
+                       "error.with_traceback(None)"):
+            with self.subTest(change=change):
+                status, out, err = support.run_child(HANDLING % {"change": change})
+                self.assertEqual((status, err), (0, ""))
+                self.assertEqual(out, "True\n")
+
+    def test_the_address_of_one_that_has_died_is_forgotten(self):
+        status, out, err = support.run_child(HANDLING_AT_ITS_ADDRESS)
+        self.assertEqual((status, err), (0, ""))
+        self.assertEqual(out, "True\n")
+
+    def test_a_chain_does_not_grow_in_many_coroutines_that_fail_in_turn(self):
+        """Each keeps a handled exception of its own; there are more than the module remembers."""
+        status, out, err = support.run_child(MANY_GENERATORS)
+        self.assertEqual((status, err), (0, ""))
+        self.assertEqual(out, "{None}\n")
 
     def test_a_context_that_the_host_gave_it_stays(self):
         kept = ValueError("kept")
