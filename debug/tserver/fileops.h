@@ -81,8 +81,7 @@ XPY_EXPORT const char* register_canonical_pathname(tFileOpsData* data, const cha
 
 // ---- The same with Python strings, and checksums (fileops_pystr.cpp) ----
 
-// Results are [new]; null with an exception pending. CHECKSUM: a string; anything else
-// counts as none.
+// Results are [new]; null with an exception pending. CHECKSUM: a string; anything else counts as none.
 XPY_EXPORT PyObject* lookup_canonical_pathname_pystr(tFileOpsData* data, PyObject* pathname, PyObject* checksum);
 XPY_EXPORT PyObject* register_canonical_pathname_pystr(tFileOpsData* data, PyObject* pathname, PyObject* checksum);
 

@@ -159,6 +159,17 @@ class Names(unittest.TestCase):
                 with self.subTest(page=page, name=name):
                     self.assertTrue(os.path.exists(os.path.join(ROOT, name)))
 
+    def test_names_of_the_native_code(self):
+        """A function that architecture.md names is there; the names from "Failures" on are patterns, and the tests'."""
+        files = sorted(os.listdir(NATIVE))
+        code = "\n".join(re.sub(r"//.*", "", read(os.path.join("debug/tserver", name)))
+                         for name in files if name.endswith((".cpp", ".h", ".inc")))
+        known = set(re.findall(r"\w+", code)) | {name.partition(".")[0].partition("_")[0] for name in files}
+        page, _, _ = read("docs/architecture.md").partition("\n## Failures\n")
+        for name in re.findall(r"`([A-Za-z]\w*)(?:\(\))?`", page):
+            with self.subTest(name=name):
+                self.assertTrue(name in known)
+
     def test_presets(self):
         status, out = run(["cmake", "--list-presets"])
         self.assertEqual(status, 0, out)
