@@ -204,8 +204,8 @@ class Units(unittest.TestCase):
 
 # Calls whose texts are read by people.
 SPEAKING = {"DO_DP", "DO_DP_TWO_REPRS", "DO_FILENAMES", "LOG", "XPY_GONE", "append_frame_text", "clear_failure", "copy_limited",
-            "do_dp", "do_dp_no_py", "do_dprintf", "do_dprintf_repr_quietly", "fail_int", "fail_null", "fputs", "fprintf", "log_and_clear",
-            "log_startup", "PyErr_Format", "PyErr_SetString", "report_failure", "text_from_str",
+            "do_dp", "do_dp_no_py", "do_dprintf", "do_dprintf_repr_quietly", "fail_int", "fail_null", "fputs", "fprintf",
+            "log_and_clear", "log_startup", "PyErr_Format", "PyErr_SetString", "report_failure", "text_from_str",
             "write_str_to_native_file"}
 ONLY_PLACES = {"%s", "%s%s%s"}      # formats without a word
 TOKEN = re.compile(r"""//[^\n]* | \#include[^\n]* | '(?:\\.|[^'\\])*' | "(?:\\.|[^"\\])*" | [A-Za-z_]\w* | \s+ | \\ | .""",
