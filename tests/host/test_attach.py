@@ -259,7 +259,7 @@ class RefusalTest(unittest.TestCase):
 import os, socket, subprocess, sys
 from brixdebug import attach
 with attach._private_folder(os.getpid()) as folder:
-    print(oct(os.stat(folder).st_mode & 0o777))
+    print(oct(os.stat(folder).st_mode & 0o777), flush=True)
     with socket.socket(socket.AF_UNIX) as server:
         server.bind(folder + "/socket")
         server.listen(2)

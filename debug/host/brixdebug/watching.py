@@ -101,6 +101,7 @@ class Watch:
                        if name in variables}
         # None: to be taken as it is when it is looked at next.
         self.value: Value | None = self._evaluate(self.code, variables)
+        self.last: Value = self.value         # that was seen last
 
     def _evaluate(self, code: CodeType, variables: Mapping[str, Any]) -> Value:
         try:
@@ -124,9 +125,12 @@ class Watch:
         return self._evaluate(self.code, self._variables())
 
     def is_changed(self) -> bool:
+        """False also when its object is gone: that is no change, and ends it elsewhere."""
+        if self.is_over:
+            return False
         value = self.look()
         if self.value is None:
-            self.value = value
+            self.value = self.last = value
         return not value.is_same(self.value)
 
     def is_true(self) -> bool:
@@ -308,9 +312,9 @@ class Watches:
         for each in watches:
             old, new = each.value, each.look()
             if not each.enabled or old is None or new.is_same(old) \
-                    or not _is_there(each):
+                    or each.is_over or not _is_there(each):
                 continue
-            each.value = new
+            each.value = each.last = new
             if not each.is_true():
                 continue
             each.hits += 1

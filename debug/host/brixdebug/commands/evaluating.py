@@ -86,3 +86,4 @@ class EvaluatingCommands(CommandBase):
     def others_were_let_go(self) -> None:
         """Called in another thread, while the one at the prompt evaluates."""
         self.message("The expression has not ended after one second: the other threads run until it ends.")
+        self.stdout.flush()           # before what these threads print

@@ -126,7 +126,7 @@ class WatchCommands(ThreadCommands):
     def user_watch_end(self, frame: FrameType, watch: Watch) -> None:
         self.message("Watch %d has ended%s: %s, last %s" % (
             watch.number, " with the call of %s()" % watch.function if watch.is_of_call else ", its object is gone",
-            watch.expression, watch.value))
+            watch.expression, watch.last))
 
 
 def _split_condition(text: str) -> tuple[str, str | None]:
