@@ -114,6 +114,34 @@ def _show_help(arguments: list[str]) -> None:
 _TAKES_ALL_OPTIONS = "args" in pdb.main.__code__.co_consts
 
 
+# 3.13's later ones look everywhere for those that they know, and refuse "--".
+_MIXES_OPTIONS = "parse_known_args" in pdb.main.__code__.co_names
+
+
+def _take_program_arguments(arguments: list[str]) -> list[str]:
+    """Take what stands behind the script or the module."""
+    index, is_module = 0, False
+    while not is_module and index < len(arguments) and arguments[index].startswith("-"):
+        if arguments[index] == "--":
+            del arguments[index]
+            break
+        is_module = arguments[index].startswith("-m")
+        index += 2 if arguments[index] in ("-c", "--command", "-m") else 1
+    if not is_module:
+        index += 1
+    taken = arguments[index:]
+    del arguments[index:]
+    return taken
+
+
+def _giving_back(debugger_class: Any, arguments: list[str]) -> Callable[..., Any]:
+    """Makes the debugger, which pdb does once sys.argv is the program's."""
+    def make(*args: Any, **keywords: Any) -> Any:
+        sys.argv += arguments
+        return debugger_class(*args, **keywords)
+    return make
+
+
 def _leave_options_to_program(arguments: list[str]) -> None:
     """From 3.13 on pdb looks for its options among the program's too."""
     index = 0
@@ -215,13 +243,17 @@ def main() -> None:
     if attached is not None:
         from brixdebug import attach
         sys.exit(attach.main(*attached))
-    _leave_options_to_program(arguments)
+    program_arguments: list[str] = []
+    if _MIXES_OPTIONS:
+        program_arguments = _take_program_arguments(arguments)
+    else:
+        _leave_options_to_program(arguments)
     sys.argv[1:] = arguments
     threading.excepthook = _hide_quit(threading.excepthook)
     sys.unraisablehook = _hide_quit(sys.unraisablehook)       # threads that `threading` did not start
     take_over()
-    compat.rebind(standard("main"), **{**PDB_NAMES, "Pdb": _debugger_class("--ipython" in options),
-                                "_ScriptTarget": _ScriptTarget})()
+    compat.rebind(standard("main"), **{**PDB_NAMES, "_ScriptTarget": _ScriptTarget,
+                                "Pdb": _giving_back(_debugger_class("--ipython" in options), program_arguments)})()
     processes.end_child()
     if _CommandLineDebugger.has_lost_input:
         sys.exit(1)
