@@ -22,6 +22,7 @@ from host_support import LOCK_WARNING, child_environment, run_child
 
 PROMPT = "(Pdb) "
 SHOWN = 3000             # characters of a failed session
+MOST_LOCK_SECONDS = 0.03     # a thread that waits for the interpreter lock wakes more often than that
 SECONDS = 60             # a session that says nothing for that long fails its test
 
 
@@ -152,12 +153,16 @@ class Session:
     def _wait_until_main_thread_sleeps(self, sleeps_before=-1):
         """How often it has gone to sleep; more than SLEEPS_BEFORE."""
         deadline = time.monotonic() + SECONDS
+        seen = None
         while time.monotonic() < deadline:
             with open("/proc/%d/task/%d/status" % (self.process.pid, self.process.pid)) as file:
                 status = dict(line.split(":\t", 1) for line in file.read().splitlines() if ":\t" in line)
             sleeps = int(status["voluntary_ctxt_switches"])
-            if status["State"].startswith("S") and sleeps > sleeps_before:
+            # A thread that waits for the interpreter lock sleeps too, but for some milliseconds at a time.
+            if status["State"].startswith("S") and sleeps > sleeps_before and sleeps == seen:
                 return sleeps
+            seen = sleeps
+            select.select([], [], [], MOST_LOCK_SECONDS)
         self._test.fail("the child's main thread does not sleep; the session so far:\n" + self.seen[-SHOWN:])
 
     def interrupt(self):

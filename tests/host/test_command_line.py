@@ -510,7 +510,11 @@ class LogTest(CommandLineTestCase):
         for arguments in ([self.program, "--log", "x"], [self.program, "a", "--log=x", "--log-domains", "y"],
                           ["-m", "program", "--log", "x"], ["-c", "next", "-m", "program", "--log", "x"]):
             with self.subTest(arguments):
-                self.assertSame(*arguments, commands=["continue", "quit"])
+                # 3.13's first pdb refuses a program with options that it does not know itself.
+                status, printed, errors = self.outcome("brixdebug", "-m", "MODULE", *arguments, commands=["continue", "quit"])
+                own = arguments[arguments.index("program") + 1:] if "program" in arguments else arguments[1:]
+                self.assertIn("%s __main__\n" % own, printed)
+                self.assertEqual((status, errors), (0, ""))
                 self.assertFalse((self.folder / "x").exists())
 
     def test_errors(self):
