@@ -113,9 +113,20 @@ class LaunchTest(AdapterTestCase):
 
     def test_arguments_without_a_meaning_are_said_once(self):
         client = self.client()
-        client.launch(self.program("pass"), django=True, gevent=True, name="x", __sessionId="1")
+        client.launch(self.program("pass"), django=True, gevent=True, name="x", __sessionId="1", justMyCode=False)
         client.finish()
-        self.assertEqual(client.output["console"], "These settings have no effect here: django, gevent\n")
+        self.assertEqual(client.output["console"], "These settings have no effect here: django, gevent, justMyCode\n")
+
+    def test_attach_without_a_place(self):
+        for arguments, text in (
+                ({}, "attach needs one of 'connect' and 'listen'"),
+                ({"connect": {"port": 1}, "listen": {"port": 2}},
+                 "attach needs one of 'connect' and 'listen'; given are 'connect' and 'listen'"),
+                ({"processId": 7}, "'processId' is not supported here: `brixdebug -p 7` in a terminal attaches a prompt")):
+            with self.subTest(arguments):
+                client = self.client()
+                client.ask("initialize", adapterID="x")
+                self.assertEqual(client.refused("attach", arguments), text)
 
     def test_python_that_does_not_start_is_said(self):
         client = self.client()

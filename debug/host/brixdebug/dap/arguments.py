@@ -200,6 +200,9 @@ _ROWS: tuple[tuple[str, tuple[str, ...], Callable[[str, Any], Any], str], ...] =
 )
 _BY_NAME = {row[0]: row for row in _ROWS}
 
+# Checked, and without an effect so far: said, when they are given, with those that are not known.
+_WITHOUT_EFFECT = frozenset(("justMyCode", "redirectOutput", "subProcess", "rules", "logToFile"))
+
 # What editors put beside their users' own arguments: nothing to be said of.
 _EDITORS_OWN = frozenset((
     "name", "type", "request", "presentation", "internalConsoleOptions", "preLaunchTask", "postDebugTask",
@@ -221,6 +224,8 @@ def parse(request: str, arguments: Any) -> Settings:
         elif value is not None:
             target = extra if row[3].startswith("_") else settings.__dict__
             target[row[3]] = row[2](name, value)
+            if name in _WITHOUT_EFFECT:
+                settings.ignored.append(name)
     _finish(settings, extra)
     return settings
 
@@ -242,8 +247,11 @@ def _finish(settings: Settings, extra: dict[str, Any]) -> None:
         settings.connect = {"host": extra.get("_host", "127.0.0.1"), "port": extra["_port"]}
     given = [name for name, value in (("connect", settings.connect), ("listen", settings.listen),
                                       ("processId", settings.process_id)) if value is not None]
+    if settings.process_id is not None:
+        raise ArgumentError("'processId' is not supported here: `brixdebug -p %d` in a terminal attaches a prompt"
+                            % settings.process_id)
     if len(given) > 1:
-        raise ArgumentError("attach needs one of 'connect', 'listen' and 'processId'; given are "
+        raise ArgumentError("attach needs one of 'connect' and 'listen'; given are "
                             + " and ".join(map(repr, given)))
 
 

@@ -211,7 +211,7 @@ def connect(settings: arguments.Settings) -> Program:
             if door.needs_secret(address):
                 raise ProgramError("'listen' at %s would let anybody in; use the loopback" % door.show_address(address))
             return Program(_accept(listener, lambda: False))
-    raise ProgramError("attach needs one of 'connect', 'listen' and 'processId'")
+    raise ProgramError("attach needs one of 'connect' and 'listen'")
 
 
 def _address(end_point: dict[str, Any]) -> door.Address:
