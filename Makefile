@@ -22,6 +22,9 @@ WATCHED_THREADS ?= $(shell tools/interpreters list --cmake --min 3.12 | awk -F'|
 WATCHED_HOSTS ?= $(or $(PYTHONS),$(shell tools/interpreters list --cmake --min 3.14 | \
                    awk -F'|' '$$3 == "release" { print $$1; exit }'),$(WATCHED_PYTHONS))
 
+# Sessions of the debugger that work the module hardest; what only the prompt does is the same without a sanitizer.
+WATCHED_SESSIONS = files|fork|hooks|log|stops|switching|threads|conditions|evaluation
+
 .PHONY: help setup build run demo test test-all test-cpp test-python test-host test-life selfhost wheel types inject fuzz asan tsan valgrind bench bench-quick bench-host bench-growth bench-units \
         bench-debugpy bench-pandas bench-docs tests-built some-interpreters interpreters fresh clean \
         lint format hooks coverage
@@ -103,7 +106,7 @@ asan:  ## the C++ tests, the Python suites and the debugger's tests under ASan a
 	       "-DOPTMONITORING_PYTHONS=$(sort $(WATCHED_PYTHONS) $(WATCHED_HOSTS))" >/dev/null
 	@cmake --build $(BUILD)-asan --target plain_tests optmonitoring -j $(JOBS)
 	@watched="$$(echo $(WATCHED_PYTHONS) any | tr ' ' '|')"; hosts="$$(echo $(WATCHED_HOSTS) | tr ' ' '|')"; \
-	    tools/run_ctest $(BUILD)-asan -R "^(cpp_plain\$$|(py|life|fuzz)_($$watched)\.|host_($$hosts)\.test_)"
+	    tools/run_ctest $(BUILD)-asan -R "^(cpp_plain\$$|(py|life|fuzz)_($$watched)\.|host_($$hosts)\.test_($(WATCHED_SESSIONS))\$$)"
 
 tsan:  ## the Python suites with threads under TSan
 	@tools/setup test
