@@ -63,6 +63,7 @@ test-all:  ## the same, and insist on the whole matrix of interpreters
 
 test: tests-built  ## run all tests in every interpreter found
 	@BUILD=$(BUILD) tools/python_tools ruff clang-format || echo "What they check is skipped."
+	@BUILD=$(BUILD) tools/node_packages tests/editors || echo "What they check is skipped."
 	@tools/run_ctest $(BUILD) -LE '^long$$'
 
 test-cpp: tests-built  ## the C++ tests only
@@ -72,6 +73,7 @@ test-python: tests-built  ## the Python tests of the module only
 	@tools/run_ctest $(BUILD) -R '^py_'
 
 test-host: tests-built  ## the tests of the debugger only
+	@BUILD=$(BUILD) tools/node_packages tests/editors || echo "What they check is skipped."
 	@tools/run_ctest $(BUILD) -R '^host_'
 
 inject: tests-built  ## every allocation and every interpreter call failing in turn (some minutes an interpreter)

@@ -6,8 +6,12 @@
 
 What the adapter may not do fails the test at once: an answer to what nobody asked, a second answer, a number that
 does not grow, an event that the protocol does not know.
+
+With DAP_TRAFFIC in the environment, the name of a folder, each session is written to a file of its own there, a line for
+each message; `tests/editors/check_traffic.js` holds them against the protocol's schema.
 """
 
+import itertools
 import json
 import os
 import queue
@@ -25,6 +29,32 @@ EVENTS = {"breakpoint", "capabilities", "continued", "exited", "initialized", "i
           "module", "output", "process", "progressEnd", "progressStart", "progressUpdate", "stopped", "terminated", "thread"}
 
 
+class Traffic:
+    """What both sides say, in a file, if somebody wants to have it."""
+
+    _numbers = itertools.count()
+
+    def __init__(self, title):
+        folder = os.environ.get("DAP_TRAFFIC")
+        self._lock = threading.Lock()
+        self._file = None
+        if folder:
+            os.makedirs(folder, exist_ok=True)
+            name = "%s-%d-%d.jsonl" % (title, os.getpid(), next(self._numbers))
+            self._file = open(os.path.join(folder, name), "w", encoding="utf-8")
+
+    def add(self, side, message):
+        with self._lock:
+            if self._file is not None:
+                self._file.write(json.dumps({"from": side, "message": message}) + "\n")
+
+    def close(self):
+        with self._lock:
+            if self._file is not None:
+                self._file.close()
+                self._file = None
+
+
 class Client:
     """See the module's text.  `connection`: a socket to use in place of a process."""
 
@@ -39,6 +69,8 @@ class Client:
         else:
             self._in, self._out = connection.makefile("wb"), connection.makefile("rb")
         self._connection = connection
+        self._traffic = Traffic(test.id())
+        test.addCleanup(self._traffic.close)
         self._seq = 0
         self._last_seq = 0
         self._asked = {}                     # seq -> command
@@ -75,7 +107,9 @@ class Client:
                         length = int(value)
                 if length is None:
                     break
-                self._messages.put(json.loads(self._out.read(length)))
+                message = json.loads(self._out.read(length))
+                self._traffic.add("adapter", message)
+                self._messages.put(message)
         except (OSError, ValueError):
             pass
         self._messages.put(None)
@@ -86,6 +120,7 @@ class Client:
 
     def send_message(self, message):
         data = json.dumps(message).encode()
+        self._traffic.add("client", message)
         self.send_raw(b"Content-Length: %d\r\n\r\n%s" % (len(data), data))
 
     def send(self, command, arguments=None, **more):
@@ -126,12 +161,12 @@ class Client:
         handler = self.on_request.get(message["command"])
         response = {"seq": 0, "type": "response", "request_seq": message["seq"], "command": message["command"]}
         if handler is None:
-            response.update(success=False, message="this editor does not do that")
+            response.update(success=False, message="this editor does not do that", body={})
         else:
             try:
                 response.update(success=True, body=handler(message["arguments"]))
             except Exception as error:
-                response.update(success=False, message=str(error))
+                response.update(success=False, message=str(error), body={})
         self._seq += 1
         self.send_message({**response, "seq": self._seq})
 

@@ -194,7 +194,7 @@ class ExceptionTest(AdapterTestCase):
         self.assertTrue(client.output["stderr"].endswith("ValueError: on purpose\n"), client.output["stderr"])
 
     def test_raised_stops_once_for_each_exception(self):
-        client = self.launched(filterOptions=[{"filterId": "raised", "condition": "ValueError"}])
+        client = self.launched(filters=[], filterOptions=[{"filterId": "raised", "condition": "ValueError"}])
         for _ in range(3):
             stop = client.wait_for_stop("exception")
             self.assertEqual((stop["text"], stop["frame"]["name"]), ("ValueError", "fail"))
