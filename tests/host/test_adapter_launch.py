@@ -115,7 +115,7 @@ class LaunchTest(AdapterTestCase):
         client = self.client()
         client.launch(self.program("pass"), django=True, gevent=True, name="x", __sessionId="1", justMyCode=False)
         client.finish()
-        self.assertEqual(client.output["console"], "These settings have no effect here: django, gevent, justMyCode\n")
+        self.assertEqual(client.output["console"], "These settings have no effect here: django, gevent\n")
 
     def test_attach_without_a_place(self):
         for arguments, text in (

@@ -11,6 +11,7 @@ import threading
 
 from brixdebug.dap import arguments, door, programs
 from brixdebug.dap.capabilities import CAPABILITIES, EXCEPTION_FILTERS
+from brixdebug.dap.traffic import TrafficFile
 from brixdebug.dap.wire import Wire, WireError
 
 TYPE_CHECKING = False
@@ -123,10 +124,27 @@ class Adapter:
         except arguments.ArgumentError as error:
             self._client.refuse(message, str(error), shows=True)
             return
+        if not self._begin_traffic(message, self._settings):
+            return
         self._say_ignored(self._settings)
         self._beginning = message
         # Not in this thread: a client answers the request for a terminal while launch is under way.
         threading.Thread(target=self._begin, args=(message, self._settings), name="begin", daemon=True).start()
+
+    def _begin_traffic(self, message: dict[str, Any], settings: arguments.Settings) -> bool:
+        """Have the messages written to a file, if that was asked for; False when it cannot be."""
+        if not settings.log_to_file:
+            self._client.note_all(None)
+            return True
+        try:
+            traffic = TrafficFile(settings.log_to_file)
+        except OSError as error:
+            self._settings = None
+            self._client.refuse(message, "'logToFile' cannot be written: %s" % error, shows=True)
+            return False
+        self._client.note_all(traffic.note)
+        self._say("The messages of this session are written to %s\n" % traffic.path)
+        return True
 
     def _say_ignored(self, settings: arguments.Settings) -> None:
         if settings.ignored:
@@ -150,7 +168,9 @@ class Adapter:
             return
         threading.Thread(target=self._relay, args=(program,), name="relay", daemon=True).start()
         program.wire.pass_on(self._initialize or {})
-        self._pass_to_program(message)
+        given = dict(message["arguments"])
+        given.pop("logToFile", None)             # this process writes them
+        self._pass_to_program({**message, "arguments": given})
 
     def _emit(self, category: str, text: str) -> None:
         self._client.event("output", {"category": category, "output": text})

@@ -201,7 +201,7 @@ _ROWS: tuple[tuple[str, tuple[str, ...], Callable[[str, Any], Any], str], ...] =
 _BY_NAME = {row[0]: row for row in _ROWS}
 
 # Checked, and without an effect so far: said, when they are given, with those that are not known.
-_WITHOUT_EFFECT = frozenset(("justMyCode", "redirectOutput", "subProcess", "rules", "logToFile"))
+_WITHOUT_EFFECT = frozenset(("subProcess",))
 
 # What editors put beside their users' own arguments: nothing to be said of.
 _EDITORS_OWN = frozenset((

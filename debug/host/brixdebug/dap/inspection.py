@@ -62,9 +62,10 @@ def _stack_frame(session: Session, each: Frame, form: Arguments) -> dict[str, An
     row: dict[str, Any] = {"id": each.number, "name": name, "line": session.client_line(each.line),
                            "column": session.client_column(1)}
     source = session.source(code.co_filename)
+    is_own = session.debugger.is_own_code(code)
     if source is not None:
-        row["source"] = source
-    else:
+        row["source"] = source if is_own else {**source, "presentationHint": "deemphasize"}
+    if source is None or not is_own:
         row["presentationHint"] = "subtle"
     return row
 

@@ -83,6 +83,7 @@ def main(arguments: list[str]) -> None:
     address, kind, name, *rest = arguments
     if os.environ.pop("BRIXDEBUG_OUTPUT", None) == "pipe":
         _print_for_client()
+        server.prints_to_client = True
     program = _program(kind, name, rest, "launch")
     _connect(address, ends_program=True)
     _run(program)
@@ -172,6 +173,7 @@ def _run(program: Program, waits: bool = True) -> None:
 
 def _say_end(status: int) -> None:
     """All threads have ended."""
+    server.end_redirection()
     server.tell("exited", {"exitCode": status})
     server.tell("terminated", {})
 

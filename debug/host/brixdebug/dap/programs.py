@@ -25,6 +25,7 @@ if TYPE_CHECKING:
 
 CONNECT_SECONDS = 30.0           # from its start until a program has come to the debugger
 _END_SECONDS = 5.0               # from SIGTERM to SIGKILL
+_STANDARD_ERROR = 2
 _OUTPUT_SECONDS = 1.0            # for output that others still hold open after the program's end
 
 _START_FILE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "start.py")
@@ -142,15 +143,20 @@ def _start_here(settings: arguments.Settings, command: list[str], variables: dic
                 emit: Callable[[str, str], object], listener: socket.socket) -> Program:
     environment = {name: value for name, value in {**os.environ, **variables}.items() if value is not None}
     environment["BRIXDEBUG_OUTPUT"] = "pipe"
+    # What is not wanted at the client goes where the adapter's own words go.
+    output = _STANDARD_ERROR if settings.console == "internalConsole" and settings.redirect_output is False \
+        else subprocess.PIPE
     try:
         process = subprocess.Popen(command, cwd=settings.cwd, env=environment, stdin=subprocess.DEVNULL,
-                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, start_new_session=True)
+                                   stdout=output, stderr=output, start_new_session=True)
     except (OSError, ValueError) as error:
         raise ProgramError("cannot start %s: %s" % (command[0], error)) from None
-    assert process.stdout is not None and process.stderr is not None
-    pump = Pump(emit, {os.dup(process.stdout.fileno()): "stdout", os.dup(process.stderr.fileno()): "stderr"})
-    process.stdout.close()
-    process.stderr.close()
+    pipes = {}
+    for pipe, category in (process.stdout, "stdout"), (process.stderr, "stderr"):
+        if pipe is not None:
+            pipes[os.dup(pipe.fileno())] = category
+            pipe.close()
+    pump = Pump(emit, pipes)
     try:
         return Program(_accept(listener, lambda: process.poll() is not None), process, pump)
     except BaseException:

@@ -20,11 +20,14 @@ from brixbase import dlog
 from brixdebug.dap import arguments, door
 from brixdebug.dap.asking import Arguments, RequestError
 from brixdebug.dap.capabilities import CAPABILITIES, EXCEPTION_FILTERS
+from brixdebug.dap.redirect import Redirection
 from brixdebug.dap.rendering import Boxed
 from brixdebug.dap.session import ClientDebugger
 from brixdebug.dap.sources import Lines, PathMap
+from brixdebug.dap.traffic import TrafficFile
 from brixdebug.dap.tree import Tree
 from brixdebug.dap.wire import MAX_MESSAGE_BYTES, MAX_STRANGERS_BYTES, Wire, WireError
+from brixdebug.libraries import Rule
 from brixdebug.monitor import monitor
 from brixdebug.switches import MonitorError
 
@@ -55,6 +58,8 @@ class Server:
         self.secret: str | None = None
         self._listener: socket.socket | None = None
         self.program: tuple[str, str] = ("", "")     # its name, and how it came under the debugger
+        self.prints_to_client = False                # the adapter reads what the program prints
+        self._redirection: Redirection | None = None
 
     # -- clients ------------------------------------------------------------------------------
 
@@ -76,6 +81,9 @@ class Server:
         session, self.session = self.session, None
         if session is not None:
             session.wire.drop()
+        redirection, self._redirection = self._redirection, None
+        if redirection is not None:
+            redirection.forget()
         listener, self._listener = self._listener, None
         if listener is not None:
             listener.close()
@@ -100,10 +108,27 @@ class Server:
         self.session = session = Session(self, Wire(descriptor, descriptor, connection), is_trusted, ends_program)
         _thread.start_new_thread(session.run, ())
 
+    # -- what the program prints -----------------------------------------------------------------
+
+    def redirect_output(self) -> None:
+        """The client gets a copy from now on."""
+        def emit(category: str, text: str) -> None:
+            self.tell("output", {"category": category, "output": text})
+
+        self._redirection = Redirection(emit, monitor.suspension.adopt_thread)
+        self._redirection.begin()
+
+    def end_redirection(self) -> None:
+        redirection, self._redirection = self._redirection, None
+        if redirection is not None:
+            redirection.end()
+
     # -- stops, in the stopped threads -----------------------------------------------------------
 
     def _on_stop(self, stop: Stop) -> bool:
         session = self.session
+        if self._redirection is not None:
+            self._redirection.drain()                # what was printed before is shown before
         return session is not None and session.is_configured and session.show_stop(stop)
 
     def _on_went_on(self, stop: Stop) -> None:
@@ -306,6 +331,7 @@ class Session:
     def _leave(self) -> None:
         """The client has gone: the program goes on without it, or ends with it."""
         self.is_configured = False
+        self.server.end_redirection()
         self.wire.close()
         self.server.session = None
         if self._ends_program and not self.is_leaving:
@@ -351,11 +377,17 @@ def _begin(session: Session, request: Request) -> Any:
         session.is_leaving = False
         request.refuse("this program lets in who gives its 'secret' in the arguments of attach")
         raise WireError("a client without the secret")
+    _begin_traffic(session, settings)
     session.settings = settings
     session.has_begun = True
     session.wire.max_message_bytes = MAX_MESSAGE_BYTES
     session.paths = PathMap(settings.path_mappings)
     session.debugger.shows_return_values = settings.show_return_value
+    session.debugger.set_own_code(settings.just_my_code, [
+        Rule(each["include"], session.paths.to_program(each["path"]) if "path" in each else None, each.get("module"))
+        for each in settings.rules])
+    if settings.redirect_output and not session.server.prints_to_client:
+        session.server.redirect_output()
     session._begin_request = request
     if not settings.no_debug:
         session.debugger.in_turn(session.debugger.begin)
@@ -364,6 +396,19 @@ def _begin(session: Session, request: Request) -> Any:
     session.wire.event("process", {"name": name, "systemProcessId": os.getpid(), "isLocalProcess": True,
                                    "startMethod": start_method, "pointerSize": 64})
     return LATER                                     # answered when the client has configured everything
+
+
+def _begin_traffic(session: Session, settings: arguments.Settings) -> None:
+    if not settings.log_to_file:
+        session.wire.note_all(None)
+        return
+    try:
+        traffic = TrafficFile(settings.log_to_file)
+    except OSError as error:
+        raise RequestError("'logToFile' cannot be written: %s" % error) from None
+    session.wire.note_all(traffic.note)
+    session.wire.event("output", {"category": "console", "output":
+                                  "The messages of this session are written to %s\n" % traffic.path})
 
 
 def _configuration_done(session: Session, request: Request) -> Any:

@@ -15,6 +15,7 @@ import optmonitoring
 
 from brixdebug import entry
 from brixdebug.engine import Bdb
+from brixdebug.libraries import set_rules
 from brixdebug.monitor import monitor
 from brixdebug.suspension import debugged_frames
 
@@ -26,6 +27,7 @@ if TYPE_CHECKING:
     from typing import Any
 
     from brixdebug.exceptions import ExceptionRule
+    from brixdebug.libraries import Rule
 
 _TURN_SECONDS = 0.05          # between looks whether a thread has stopped meanwhile
 
@@ -90,8 +92,14 @@ class ClientDebugger(Bdb):
         self.stop_states.own().run_freely()
         self.start_trace()
 
+    def set_own_code(self, just_my_code: bool, rules: list[Rule]) -> None:
+        """Which code steps pass by, and which exceptions raised there are passed by."""
+        set_rules(rules, decides_by_place=just_my_code)
+        self.just_my_code = just_my_code or bool(rules)
+
     def end(self) -> None:
         """The program goes on alone: no breakpoint holds, and no thread is stepped."""
+        self.set_own_code(False, [])
         self.clear_all_breaks()
         for state in self.stop_states.all():
             state.run_freely()

@@ -24,6 +24,7 @@ MAX_MESSAGE_BYTES = 64 << 20
 MAX_STRANGERS_BYTES = 1 << 16       # of one message, from a peer that has not shown its secret
 
 _CHUNK_BYTES = 1 << 16
+_MOST_EARLY = 8
 
 
 class WireError(Exception):
@@ -48,6 +49,22 @@ class Wire:
         self._seq = 0
         self.max_message_bytes = MAX_MESSAGE_BYTES
         self.is_closed = False
+        self._note: Callable[[str, dict[str, Any]], None] | None = None
+        self._early: list[tuple[str, dict[str, Any]]] | None = []     # before it is known whether they are noted
+
+    def note_all(self, note: Callable[[str, dict[str, Any]], None] | None) -> None:
+        """`note(direction, message)` is called for every message, those before included; with None for none."""
+        early, self._early = self._early, None
+        self._note = note
+        if note is not None:
+            for each in early or ():
+                note(*each)
+
+    def _noted(self, direction: str, message: dict[str, Any]) -> None:
+        if self._note is not None:
+            self._note(direction, message)
+        elif self._early is not None and len(self._early) < _MOST_EARLY:
+            self._early.append((direction, message))
 
     # -- reading -----------------------------------------------------------------------
 
@@ -62,6 +79,7 @@ class Wire:
                 if self._unread:
                     raise WireError("the stream ends inside a message")
                 return None
+        self._noted("<-", message)
         return message
 
     def _take(self) -> dict[str, Any] | None:
@@ -112,6 +130,7 @@ class Wire:
             return self._write(message)
 
     def _write(self, message: dict[str, Any]) -> bool:
+        self._noted("->", message)
         body = json.dumps(message).encode()
         view = memoryview(b"Content-Length: %d\r\n\r\n%s" % (len(body), body))
         if self.is_closed:
