@@ -134,9 +134,9 @@ class Names(unittest.TestCase):
                 with self.subTest(page=page, target=target):
                     self.assertIn(target, targets)
 
-    def test_every_make_target_is_told(self):
-        told = set(re.findall(r"\bmake ([a-z][a-z-]*)", read("CONTRIBUTING.md")))
-        self.assertEqual(self.make_targets() - told - {"clean", "setup", "interpreters"}, set())
+    def test_every_make_target_is_documented(self):
+        documented = set(re.findall(r"\bmake ([a-z][a-z-]*)", read("CONTRIBUTING.md")))
+        self.assertEqual(self.make_targets() - documented - {"clean", "setup", "interpreters"}, set())
 
     def test_modules_to_be_run(self):
         sys.path.insert(0, HOST)
@@ -232,7 +232,7 @@ def texts(source):
     return [("".join(parts), around) for parts, around in found]
 
 
-def as_told(text):
+def as_documented(text):
     return text[:-2] if text.endswith("\\n") else text
 
 
@@ -240,36 +240,36 @@ def messages_of(name):
     """(the messages, all texts) of a native file, without the ends of their lines."""
     with open(os.path.join(NATIVE, name), encoding="utf-8") as stream:
         found = texts(stream.read())
-    spoken = {as_told(text) for text, calls in found
+    spoken = {as_documented(text) for text, calls in found
               if text and (text.endswith("\\n") or SPEAKING.intersection(calls))}
-    return spoken - ONLY_PLACES, {as_told(text) for text, _ in found}
+    return spoken - ONLY_PLACES, {as_documented(text) for text, _ in found}
 
 
-def told_messages():
+def documented_messages():
     """{native file: [message]} of the page."""
-    told, name = {}, None
+    documented, name = {}, None
     for line in read("docs/debug-log.md").splitlines():
         head = re.match(r"### ([\w.]+)$", line)
         row = re.match(r"\| `(.*?)` \|", line)
         if line.startswith("#"):
             name = head.group(1) if head else None
         elif row and name:
-            told.setdefault(name, []).append(row.group(1))
-    return told
+            documented.setdefault(name, []).append(row.group(1))
+    return documented
 
 
 class Messages(unittest.TestCase):
     maxDiff = None
 
-    def test_every_message_is_told(self):
-        told = told_messages()
+    def test_every_message_is_documented(self):
+        documented = documented_messages()
         for name in sorted(os.listdir(NATIVE)):
             if name.endswith((".cpp", ".h", ".inc")):
                 with self.subTest(file=name):
-                    self.assertEqual(sorted(messages_of(name)[0] - set(told.get(name, []))), [])
+                    self.assertEqual(sorted(messages_of(name)[0] - set(documented.get(name, []))), [])
 
-    def test_every_message_told_is_written(self):
-        for name, rows in told_messages().items():
+    def test_every_documented_message_is_written(self):
+        for name, rows in documented_messages().items():
             with self.subTest(file=name):
                 self.assertEqual(sorted(set(rows) - messages_of(name)[1]), [])
                 self.assertEqual([row for row, count in collections.Counter(rows).items() if count > 1], [])
