@@ -436,6 +436,46 @@ class SignalTest(HooksTestCase):
             debugger.stop_trace()
             """, expected="held True\nmine\n")
 
+    def test_a_thread_that_has_been_let_go_is_not_held_before_it_has_run(self):
+        """It wakes from the last time that it was held while the next has begun already."""
+        self.check("""\
+            import sys, threading, time
+            import brixdebug
+            from brixdebug.monitor import monitor
+            main_id = threading.get_ident()
+            is_waiting, others_held = monitor.suspension.is_waiting, monitor.suspension.others_held
+            class Debugger(brixdebug.Debugger):
+                def interaction(self, *args, **kwargs):
+                    with monitor.turn.lock:
+                        with others_held():
+                            while not is_waiting(main_id):
+                                pass
+                            before = rounds
+                            sys.setswitchinterval(1000)
+                        with others_held():
+                            seen = is_waiting(main_id), rounds == before
+                            sys.setswitchinterval(0.005)
+                            while not is_waiting(main_id):
+                                time.sleep(0)    # its wait for this thread is still the long one
+                        print(seen)
+                    self.set_continue()
+            def other():
+                global go
+                here = 1
+                go = False
+            debugger = Debugger()
+            debugger.set_break(__file__, other.__code__.co_firstlineno + 2)
+            debugger.stop_states.own().run_freely()
+            debugger.start_trace()
+            go, rounds = True, 0
+            thread = threading.Thread(target=other)
+            thread.start()
+            while go:
+                rounds += 1
+            thread.join()
+            debugger.stop_trace()
+            """, expected="(False, True)\n")
+
 
 class RecordsTest(HooksTestCase):
 

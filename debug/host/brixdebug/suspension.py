@@ -71,8 +71,14 @@ class SuspendLock:
         self._evaluation = evaluation
         self._on_interruption = on_interruption
         self._gate: threading.Lock | None = None      # one for each time that it is closed
-        self.has_waiter = False
+        self._waited_at: threading.Lock | None = None
         self.is_watching = False              # the waiter looks at the clock
+
+    @property
+    def has_waiter(self) -> bool:
+        """False as well for a thread that has been let go and has not woken yet: it runs first."""
+        gate = self._gate
+        return gate is not None and gate is self._waited_at
 
     def close(self) -> None:
         """Hold the thread from its next event on.  Called by another thread, or by itself."""
@@ -103,15 +109,14 @@ class SuspendLock:
         if is_threading_code(program_frame(sys._getframe(1))):
             return                            # it goes on until it is out of there
         interruption = None
-        self.has_waiter = True
-        gate = self._gate
+        gate = self._waited_at = self._gate
         while gate is not None and gate is self._gate:
             try:
                 self._wait(gate)
             except BaseException as error:
                 if not isinstance(error, KeyboardInterrupt) or not self._evaluation.interrupt():
                     interruption = error
-        self.has_waiter = False
+        self._waited_at = None
         if interruption is not None:
             self._on_interruption(interruption)
 
