@@ -127,6 +127,24 @@ static int part_from_left(PyObject* exception, PyObject* handled)
     return by_code == 0 ? cut_link(exception, handled) : by_code < 0 ? -1 : 0;
 }
 
+// The reference count of EXCEPTION, asked of the interpreter where this build keeps none at one place (it is
+// free-threaded). -1: unknown. No exception is pending, before or after.
+static Py_ssize_t get_refcnt(PyObject* exception)
+{
+    Py_ssize_t count = XPy_GetRefCnt(exception);
+    if (count != -1)
+        return count;
+    PyObject* borrowed = api.PySys_GetObject("getrefcount");
+    XPyOwned getrefcount(borrowed ? XPy_NewRef(borrowed) : nullptr);
+    // Its argument is borrowed here: it counts one less than a call in Python would.
+    XPyOwned answer(getrefcount ? api.PyObject_CallFunctionObjArgs(getrefcount.borrow(), exception, nullptr)
+                                : nullptr);
+    count = answer ? api.PyLong_AsSsize_t(answer.borrow()) : -1;
+    if (count == -1)
+        api.PyErr_Clear();
+    return count;
+}
+
 // Makes EXCEPTION the handled one, which it stays.
 static void leave_as_handled(PyObject* exception)
 {
@@ -135,7 +153,7 @@ static void leave_as_handled(PyObject* exception)
         api.PyErr_Clear();                     // without memory it stays linked: nothing else is lost
     api.PyErr_SetHandledException(exception);  // Kept: not put back afterwards
     // A count of 1 is ours alone: it dies now, and its address may become another exception's.
-    if (handled && XPy_GetRefCnt(handled.borrow()) == 1)
+    if (handled && get_refcnt(handled.borrow()) == 1)
         forget_left(handled.borrow());
     remember_left(exception);
 }
