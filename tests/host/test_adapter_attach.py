@@ -22,6 +22,8 @@ class AttachTest(AdapterTestCase):
             time.sleep(0.005)
     """
 
+    INITIALIZE = b'{"seq": 1, "type": "request", "command": "initialize", "arguments": {"adapterID": "x"}}'
+
     def start(self, *options, text=LOOP):
         path = self.program(text, "served.py")
         command = [sys.executable, "-W", "ignore:%s:RuntimeWarning" % LOCK_WARNING, "-m", "brixdebug", *options, str(path)]
@@ -77,7 +79,9 @@ class AttachTest(AdapterTestCase):
     def test_strangers_are_dropped_and_the_program_goes_on(self):
         path = self.start("--listen", "0")
         port = self.port()
-        for garbage in (b"GET / HTTP/1.1\r\nHost: x\r\n\r\n", b"x" * 100000, b"Content-Length: 999999999999\r\n\r\n",
+        for garbage in (b"GET / HTTP/1.1\r\nHost: x\r\n\r\n", b"POST / HTTP/1.1\r\nContent-Length: %d\r\n\r\n%s" % (
+                            len(self.INITIALIZE), self.INITIALIZE),
+                        b"x" * 100000, b"Content-Length: 999999999999\r\n\r\n",
                         b"Content-Length: 5\r\n\r\n[1,2]", b"Content-Length: 3\r\n\r\n{}}", b"Content-Length: 50\r\n\r\n{"):
             with self.subTest(garbage[:40]):
                 connection = socket.create_connection(("127.0.0.1", port))
@@ -85,11 +89,39 @@ class AttachTest(AdapterTestCase):
                 try:
                     connection.sendall(garbage)
                     connection.shutdown(socket.SHUT_WR)
-                    while connection.recv(4096):
-                        pass
+                    answer = b""
+                    while (data := connection.recv(4096)):
+                        answer += data
+                    self.assertEqual(answer.count(b"Content-Length"), 1)
+                    self.assertIn(b'"output": "brixdebug: ', answer)
                 except OSError as error:
                     self.assertIn(error.errno, (errno.EPIPE, errno.ECONNRESET, errno.ENOTCONN))     # dropped at once
         self.attach(self.client(), path, port)
+
+    def test_strangers_that_stay_keep_no_client_out(self):
+        path = self.start("--listen", "0")
+        port = self.port()
+        strangers = [socket.create_connection(("127.0.0.1", port)) for _ in range(3)]
+        for stranger in strangers:
+            self.addCleanup(stranger.close)
+        asking = Client(self, connection=strangers.pop())
+        self.attach(self.client(), path, port)
+        # Whoever says nothing, or not who he is, is sent away after a while.
+        self.assertEqual(asking.refused("threads"), "the first request has to be initialize, not threads")
+        asking.ask("initialize", adapterID="x")
+        self.assertEqual(asking.refused("threads"), "launch or attach comes before threads")
+        asking.wait_for_end()
+        for stranger in strangers:
+            self.assertIn(b"no whole message in time", stranger.makefile("rb").read())
+
+    def test_second_client_that_attaches_at_the_same_time_is_refused(self):
+        path = self.start("--listen", "0")
+        port = self.port()
+        second = Client(self, connection=socket.create_connection(("127.0.0.1", port)))
+        second.ask("initialize", adapterID="x")
+        self.attach(self.client(), path, port)
+        self.assertEqual(second.refused("attach", {}), "Another client is connected to this program.")
+        second.wait_for_end()
 
     def test_secret(self):
         secret = self.folder / "secret"
@@ -104,6 +136,36 @@ class AttachTest(AdapterTestCase):
             self.assertEqual(text, "this program lets in who gives its 'secret' in the arguments of attach")
             client.close()
         self.attach(self.client(), path, port, secret="open sesame")
+
+    def test_secret_of_an_adapter(self):
+        secret = self.folder / "secret"
+        secret.write_text("open sesame")
+        secret.chmod(0o600)
+        path = self.program("x = 1\n")
+        for host in ("127.0.0.1", "0.0.0.0"):
+            command = [sys.executable, "-W", "ignore:%s:RuntimeWarning" % LOCK_WARNING, "-m", "brixdebug.dap",
+                       "--port", host + ":0", "--secret-file", str(secret)]
+            adapter = subprocess.Popen(command, env=child_environment(), stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                       text=True)
+            for end in (adapter.stdout.close, adapter.stderr.close, adapter.wait, adapter.kill):
+                self.addCleanup(end)
+            port = int(adapter.stdout.readline().rpartition(":")[2])
+            stranger = Client(self, connection=socket.create_connection(("127.0.0.1", port)))
+            stranger.ask("initialize", adapterID="x")
+            for given in ({}, {"secret": "wrong"}):
+                self.assertEqual(stranger.refused("launch", {"program": str(path), **given}),
+                                 "this adapter serves who gives its 'secret' in the arguments of launch")
+            stranger.close()
+            client = Client(self, connection=socket.create_connection(("127.0.0.1", port)))
+            client.launch(path, secret="open sesame")
+            self.assertEqual(client.finish(), 0)
+            self.assertEqual(adapter.wait(60), 0)
+
+    def test_secret_that_is_printed(self):
+        self.start("--listen", "0.0.0.0:0")
+        line = self.served.stderr.readline()
+        self.assertRegex(line, "^brixdebug: editors have to give this secret: [-_A-Za-z0-9]{32}\n$")
+        self.assertRegex(self.served.stderr.readline(), r"^brixdebug: listening at 0\.0\.0\.0:\d+\n$")
 
     def test_secret_that_others_may_read_is_refused(self):
         secret = self.folder / "secret"

@@ -10,28 +10,43 @@ from brixdebug.dap import door
 from brixdebug.dap.adapter import Adapter
 from brixdebug.dap.wire import Wire
 
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    import socket
+
+_STRANGER_SECONDS = 10.0      # to begin a session
+
 
 def main() -> None:
     parser = argparse.ArgumentParser(
         prog="python -m brixdebug.dap",
         description="A debug adapter for editors, over standard input and output unless a port is given.")
-    parser.add_argument("--port", metavar="[HOST:]PORT", help="wait for one client there instead")
+    parser.add_argument("--port", metavar="[HOST:]PORT", help="wait for one client there instead; also unix:PATH")
+    parser.add_argument("--secret-file", metavar="FILE", help="what a client has to know; needed beyond the loopback")
     options = parser.parse_args()
     if options.port is None:
         Adapter(_standard_streams()).run()
         return
     try:
         address = door.parse_address(options.port)
-        if door.needs_secret(address):
-            raise door.DoorError("%s can be reached from other machines, where anybody could run programs here; "
-                                 "use the loopback" % options.port)
+        secret = door.secret_for(address, options.secret_file)
         listener, address = door.listen_at(address)
     except door.DoorError as error:
         parser.error(str(error))
     print("brixdebug.dap: listening at %s" % door.show_address(address), flush=True)
-    with listener:
+    _serve_one(listener, secret)
+
+
+def _serve_one(listener: socket.socket, secret: str | None) -> None:
+    """Strangers are sent away; the first who launches or attaches is the client, and nobody else gets in then."""
+    is_served = False
+    while not is_served:
         connection, _ = listener.accept()
-    Adapter(Wire(connection.fileno(), connection.fileno(), connection)).run()
+        with connection:
+            adapter = Adapter(Wire(connection.fileno(), connection.fileno(), connection), secret,
+                              on_begin=listener.close, stranger_seconds=_STRANGER_SECONDS)
+            adapter.run()
+        is_served = listener.fileno() < 0
 
 
 def _standard_streams() -> Wire:

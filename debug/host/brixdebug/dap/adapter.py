@@ -8,11 +8,12 @@ from __future__ import annotations
 
 import sys
 import threading
+import time
 
 from brixdebug.dap import arguments, door, programs
 from brixdebug.dap.capabilities import CAPABILITIES, EXCEPTION_FILTERS
 from brixdebug.dap.traffic import TrafficFile
-from brixdebug.dap.wire import Wire, WireError
+from brixdebug.dap.wire import MAX_MESSAGE_BYTES, MAX_STRANGERS_BYTES, Wire, WireError
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -25,8 +26,13 @@ if TYPE_CHECKING:
 class Adapter:
     """One session with one client."""
 
-    def __init__(self, client: Wire) -> None:
+    def __init__(self, client: Wire, secret: str | None = None, on_begin: Callable[[], None] | None = None,
+                 stranger_seconds: float | None = None) -> None:
+        """`on_begin` is called when the client has shown its `secret`, for which it has `stranger_seconds`."""
         self._client = client
+        self._secret = secret
+        self._on_begin_session = on_begin
+        self._deadline = None if stranger_seconds is None else time.monotonic() + stranger_seconds
         self._initialize: dict[str, Any] | None = None
         self._settings: arguments.Settings | None = None
         self._program: Program | None = None
@@ -40,8 +46,10 @@ class Adapter:
 
     def run(self) -> None:
         """Until the client has gone; nothing that was started for it is left then."""
+        if self._deadline is not None:
+            self._client.max_message_bytes = MAX_STRANGERS_BYTES
         try:
-            while (message := self._client.read()) is not None:
+            while (message := self._client.read(self._seconds_left())) is not None:
                 if not self._on_client(message):
                     break
         except WireError as error:
@@ -50,6 +58,10 @@ class Adapter:
             self._client.close()
             if self._program is not None:
                 self._program.leave(kills=self._is_launch())
+
+    def _seconds_left(self) -> float | None:
+        """For a peer that is not known yet; None: it may take its time."""
+        return None if self._deadline is None else max(0.0, self._deadline - time.monotonic())
 
     def _is_launch(self) -> bool:
         return self._settings is not None and self._settings.request == "launch"
@@ -124,6 +136,14 @@ class Adapter:
         except arguments.ArgumentError as error:
             self._client.refuse(message, str(error), shows=True)
             return
+        if self._secret is not None and not door.is_secret(self._settings.secret, self._secret):
+            self._settings = None
+            self._client.refuse(message, "this adapter serves who gives its 'secret' in the arguments of %s"
+                                % message["command"], shows=True)
+            return
+        self._client.max_message_bytes, self._deadline = MAX_MESSAGE_BYTES, None
+        if self._on_begin_session is not None:
+            self._on_begin_session()
         if not self._begin_traffic(message, self._settings):
             return
         self._say_ignored(self._settings)

@@ -196,7 +196,7 @@ _ROWS: tuple[tuple[str, tuple[str, ...], Callable[[str, Any], Any], str], ...] =
     ("host", _ATTACH, _text, "_host"),
     ("port", _ATTACH, lambda name, value: _end_point(name, {"port": value})["port"], "_port"),
     ("processId", _ATTACH, _process_id, "process_id"),
-    ("secret", _ATTACH, _text, "secret"),
+    ("secret", _BOTH, _text, "secret"),
 )
 _BY_NAME = {row[0]: row for row in _ROWS}
 

@@ -13,6 +13,7 @@ import os
 import secrets
 import socket
 import stat
+import sys
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -159,6 +160,17 @@ def read_secret(path: str) -> str:
         return data.decode("utf-8")
     except UnicodeDecodeError:
         raise DoorError("%s holds no text" % path) from None
+
+
+def secret_for(address: Address, path: str | None) -> str | None:
+    """What is to be known at `address`: what the file `path` says, else a new one, which is printed, where one is needed."""
+    if path is not None:
+        return read_secret(path)
+    if not needs_secret(address):
+        return None
+    secret = new_secret()
+    print("brixdebug: editors have to give this secret: %s" % secret, file=sys.stderr, flush=True)
+    return secret
 
 
 def is_secret(given: Any, expected: str) -> bool:

@@ -133,16 +133,12 @@ def _connect(address: str, ends_program: bool) -> None:
         connection = door.connect_to(door.parse_address(address))
     except door.DoorError as error:
         raise SystemExit("brixdebug: %s" % error) from None
-    server.serve(connection, is_trusted=True, ends_program=ends_program)
+    server.serve(connection, ends_program=ends_program)
 
 
 def _listen(text: str, secret_file: str | None) -> None:
     address = door.parse_address(text)
-    secret = door.read_secret(secret_file) if secret_file is not None else None
-    if secret is None and door.needs_secret(address):
-        secret = door.new_secret()
-        print("brixdebug: editors have to give this secret: %s" % secret, file=sys.stderr)
-    address = server.listen(address, secret)
+    address = server.listen(address, door.secret_for(address, secret_file))
     print("brixdebug: listening at %s" % door.show_address(address), file=sys.stderr, flush=True)
 
 

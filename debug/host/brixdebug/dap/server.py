@@ -13,6 +13,7 @@ import signal
 import socket
 import sys
 import threading
+import time
 import urllib.parse
 
 from brixbase import dlog
@@ -41,7 +42,10 @@ if TYPE_CHECKING:
 
     Handler = Callable[["Session", "Request"], Any]
 
-_STRANGER_SECONDS = 10.0      # to say who one is
+_STRANGER_SECONDS = 10.0      # to say who one is, from the first moment to the last
+_MAX_STRANGERS = 8            # at the same time
+_LEAVING_SECONDS = 5.0        # for a client that has gone, before the next one is let in
+_RETRY_SECONDS = 0.1          # when no connection can be taken: there may be too many open files
 _END_SECONDS = 5.0            # from SIGTERM to the end
 
 
@@ -57,6 +61,8 @@ class Server:
         self.configured = threading.Event()          # a client has said all it has to say before the program goes on
         self.secret: str | None = None
         self._listener: socket.socket | None = None
+        self._strangers: set[Session] = set()        # connected, and not yet known to be a client
+        self._door = threading.Condition()           # who is the client
         self.program: tuple[str, str] = ("", "")     # its name, and how it came under the debugger
         self.prints_to_client = False                # the adapter reads what the program prints
         self._redirection: Redirection | None = None
@@ -90,23 +96,49 @@ class Server:
 
     def _accept_all(self, listener: socket.socket) -> None:
         monitor.suspension.adopt_thread()
-        while True:
+        pause = threading.Event()
+        while self._listener is listener:
             try:
                 connection, _ = listener.accept()
-            except OSError:                  # closed
-                return
-            if self.session is not None:
+            except OSError:                  # closed, or there are too many open files
+                pause.wait(_RETRY_SECONDS)
+                continue
+            session = self.session
+            if session is not None and not session.has_gone or len(self._strangers) >= _MAX_STRANGERS:
                 Wire(connection.fileno(), connection.fileno()).event(
-                    "output", {"category": "stderr", "output": "Another client is connected to this program.\n"})
+                    "output", {"category": "stderr", "output": "%s\n" % _OCCUPIED})
                 connection.close()
             else:
-                self.serve(connection, is_trusted=self.secret is None)
+                self._start(Session(self, connection, is_trusted=self.secret is None))
 
-    def serve(self, connection: socket.socket, is_trusted: bool, ends_program: bool = False) -> None:
-        """Have a client served, in a thread.  `ends_program`: the program is nothing without that client."""
-        descriptor = connection.fileno()
-        self.session = session = Session(self, Wire(descriptor, descriptor, connection), is_trusted, ends_program)
+    def serve(self, connection: socket.socket, ends_program: bool = False) -> None:
+        """Have a client served that this program has gone to.  `ends_program`: it is nothing without that client."""
+        self.session = session = Session(self, connection, is_trusted=True, ends_program=ends_program)
+        self._start(session)
+
+    def _start(self, session: Session) -> None:
+        self._strangers.add(session)
         _thread.start_new_thread(session.run, ())
+
+    def admit(self, session: Session) -> bool:
+        """The peer of `session` is the client from now on; False when there is another."""
+        with self._door:
+            before = self.session
+            if before is not None and before is not session and before.has_gone:
+                self._door.wait_for(lambda: self.session is None, _LEAVING_SECONDS)
+            if self.session not in (None, session):
+                return False
+            self.session = session
+            self._strangers.discard(session)
+            return True
+
+    def dismiss(self, session: Session) -> None:
+        """The peer of `session` has gone."""
+        with self._door:
+            self._strangers.discard(session)
+            if self.session is session:
+                self.session = None
+                self._door.notify_all()
 
     # -- what the program prints -----------------------------------------------------------------
 
@@ -153,6 +185,9 @@ class Server:
             session.wire.event(name, body)
 
 
+_OCCUPIED = "Another client is connected to this program."
+
+
 class Request:
     """One request, which is answered exactly once, by any thread."""
 
@@ -187,9 +222,10 @@ class Request:
             dlog.LogException("request %s" % self.command)
             self.refuse("%s failed: %s: %s" % (self.command, type(error).__name__, error))
 
-    def later(self, handler: Handler, do: Callable[[Callable[[], None]], None]) -> Any:
-        """Have `handler` called by what `do` gives tasks to."""
-        do(lambda: self.run(handler))
+    def later(self, handler: Handler, do: Callable[[Callable[[], None]], object]) -> Any:
+        """Have `handler` called by what `do` gives tasks to, a stop's `do` for one."""
+        if do(lambda: self.run(handler)) is False:
+            raise RequestError("the program is running", "notStopped")
         return LATER
 
 
@@ -199,10 +235,10 @@ LATER: Any = object()
 class Session:
     """One client, from its first byte to its last."""
 
-    def __init__(self, server: Server, wire: Wire, is_trusted: bool, ends_program: bool) -> None:
+    def __init__(self, server: Server, connection: socket.socket, is_trusted: bool, ends_program: bool = False) -> None:
         self.server = server
         self.debugger = server.debugger
-        self.wire = wire
+        self.wire = Wire(connection.fileno(), connection.fileno(), connection)
         self.is_configured = False
         self.has_begun = False                       # launch or attach has been answered or is being
         self._is_trusted = is_trusted
@@ -216,15 +252,23 @@ class Session:
         self.sources: dict[int, str] = {}            # texts that are in no file
         self.file_breakpoints: dict[str, list[int]] = {}
 
+    @property
+    def has_gone(self) -> bool:
+        """The client has left, or its connection has ended."""
+        return self.is_leaving or self.wire.is_closed
+
     # -- reading --------------------------------------------------------------------------------
 
     def run(self) -> None:
         """In a thread of the debugger's own, until the client has gone."""
         monitor.suspension.adopt_thread()
-        self.wire.max_message_bytes = MAX_MESSAGE_BYTES if self._is_trusted else MAX_STRANGERS_BYTES
+        is_expected = self.server.session is self
+        self.wire.max_message_bytes = MAX_MESSAGE_BYTES if is_expected else MAX_STRANGERS_BYTES
+        deadline = time.monotonic() + _STRANGER_SECONDS
         try:
             while not self.is_leaving:
-                message = self.wire.read(None if self.has_begun or self._ends_program else _STRANGER_SECONDS)
+                message = self.wire.read(
+                    None if self.has_begun or is_expected else max(0.0, deadline - time.monotonic()))
                 if message is None:
                     break
                 if message["type"] == "request":
@@ -331,12 +375,15 @@ class Session:
     def _leave(self) -> None:
         """The client has gone: the program goes on without it, or ends with it."""
         self.is_configured = False
-        self.server.end_redirection()
         self.wire.close()
-        self.server.session = None
+        if self.server.session is not self:
+            self.server.dismiss(self)
+            return
+        self.server.end_redirection()
         if self._ends_program and not self.is_leaving:
             _end_process()                           # started for a client that died
         self.debugger.in_turn(self._let_go)
+        self.server.dismiss(self)
         if not self.is_leaving or self._ends_program:
             self.server.configured.set()
 
@@ -377,6 +424,9 @@ def _begin(session: Session, request: Request) -> Any:
         session.is_leaving = False
         request.refuse("this program lets in who gives its 'secret' in the arguments of attach")
         raise WireError("a client without the secret")
+    if not session.server.admit(session):
+        request.refuse(_OCCUPIED)
+        raise WireError("another client came first")
     _begin_traffic(session, settings)
     session.settings = settings
     session.has_begun = True

@@ -200,14 +200,20 @@ def _is_readable(descriptor: int, seconds: float) -> bool:
 
 
 def _content_length(header: bytes) -> int:
+    """Raises WireError for a header of another protocol: a browser may be made to send JSON to a port."""
+    length = None
     for line in header.split(b"\r\n"):
         name, has_value, value = line.partition(b":")
-        if has_value and name.strip().lower() == b"content-length":
-            text = value.strip()
-            if text.isdigit() and len(text) < 16:
-                return int(text)
-            raise WireError("a Content-Length that is no number: %r" % text[:40])
-    raise WireError("a header without Content-Length: %r" % header[:80])
+        name, text = name.strip().lower(), value.strip()
+        if not has_value or name not in (b"content-length", b"content-type"):
+            raise WireError("a header that is not the protocol's: %r" % line[:80])
+        if name == b"content-length":
+            if length is not None or not text.isdigit() or len(text) > 15:
+                raise WireError("a Content-Length that is no number: %r" % text[:40])
+            length = int(text)
+    if length is None:
+        raise WireError("a header without Content-Length: %r" % header[:80])
+    return length
 
 
 def _parse(body: bytes) -> dict[str, Any]:
