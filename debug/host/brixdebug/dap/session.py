@@ -47,18 +47,31 @@ class Stop:
         self.exception = exception
         self.is_uncaught = is_uncaught       # the stack is that of the exception, which has been left
         self._tasks: queue.SimpleQueue[Callable[[], None] | None] = queue.SimpleQueue()
-        self._has_ended = False
+        self._lock = threading.Lock()
+        self._ends = False                   # `go_on` has been called
+        self._has_ended = False              # and nothing is left to do
 
     def run(self) -> None:
-        """Do what comes, until `go_on`."""
-        while (task := self._tasks.get()) is not None:
-            task()
+        """Do what comes, until `go_on`; what came too late for it is done too."""
+        while self._goes_on():
+            task = self._tasks.get()
+            if task is None:
+                self._ends = True
+            else:
+                task()
             del task
-        self._has_ended = True
 
-    def do(self, task: Callable[[], None]) -> None:
-        """Have `task` called, which raises nothing."""
-        self._tasks.put(task)
+    def _goes_on(self) -> bool:
+        with self._lock:
+            self._has_ended = self._ends and self._tasks.empty()
+            return not self._has_ended
+
+    def do(self, task: Callable[[], None]) -> bool:
+        """Have `task` called, which raises nothing; False when all threads go on already."""
+        with self._lock:
+            if not self._has_ended:
+                self._tasks.put(task)
+            return not self._has_ended
 
     def go_on(self) -> None:
         """Let all threads go on, after the tasks that have been given."""
@@ -226,8 +239,7 @@ class ClientDebugger(Bdb):
         """Have `task` called where breakpoints may be changed: in the stopped thread, or here and now."""
         while True:
             stop = self.stop
-            if stop is not None:
-                stop.do(task)
+            if stop is not None and stop.do(task):
                 return
             if monitor.turn.lock.acquire(timeout=_TURN_SECONDS):
                 try:
