@@ -66,6 +66,19 @@ class IPythonTest(unittest.TestCase):
         started.write(b"quit\r")
         self.assertEqual(started.end()[1], 0)
 
+    def test_completion(self):
+        """It runs in a thread that the prompt starts, which is not held with the program's."""
+        started = self.start("-m", "brixdebug", "--ipython", self.program)
+        self.do(started, "break %d" % line_of(self.program, "here"))
+        self.do(started, "continue")
+        for before in "p 1", "set hold-others off", "set hold-others on":
+            self.do(started, before)
+            started.write(b"fu\t")
+            started.wait_for("n")
+            self.assertIn("<function function at ", self.do(started, ""))
+        started.write(b"quit\r")
+        self.assertEqual(started.end()[1], 0)
+
     def test_program_under_ipython(self):
         program = write_program(self.folder, """\
             import brixdebug
@@ -76,6 +89,7 @@ class IPythonTest(unittest.TestCase):
             """, "calls.py")
         started = self.start("-m", "IPython", "--colors=nocolor", "--no-banner", program)
         self.assertIn("41", self.do(started, "p number"))
+        self.assertNotIn("History", self.do(started, "threads"))
         self.assertIn("IPythonDebugger", self.do(started, "p __import__('brixdebug.monitor').monitor.monitor.debugger"))
         started.write(b"continue\r")
         started.wait_for("got 41")

@@ -290,6 +290,7 @@ class HoldingTest(ThreadsTestCase):
         self.write("""\
             import threading, _thread
             from brixdebug.monitor import monitor
+            from brixdebug.suspension import own_thread_ids
             rounds, go = [0], True
             def own():
                 monitor.suspension.adopt_thread()
@@ -305,7 +306,7 @@ class HoldingTest(ThreadsTestCase):
                 thread = threading.Thread(target=print, args=("other",))
                 thread.start()
                 thread.join()
-            print(monitor.suspension.own_thread_ids, "done")
+            print(own_thread_ids, "done")
             """)
         session = self.start("here", "own")
         self.assertStopped(session.do("continue"), "here")

@@ -32,7 +32,7 @@ class _Result:
 
     def _run(self) -> None:
         try:
-            monitor.suspension.adopt_thread()
+            monitor.suspension.adopt_thread(takes_started=True)
             self._value = self._function()
         except BaseException as error:
             self._error = error
@@ -54,11 +54,21 @@ class _OwnThreads:
         return _Result(function)
 
 
+def _running_shell() -> Any:
+    package = sys.modules.get("IPython")
+    return package.get_ipython() if package is not None and hasattr(package, "get_ipython") else None
+
+
 def is_running() -> bool:
     """True inside of a program that IPython runs in a terminal."""
-    package = sys.modules.get("IPython")
-    shell = package.get_ipython() if package is not None and hasattr(package, "get_ipython") else None
-    return shell is not None and any(each.__name__ == "TerminalInteractiveShell" for each in type(shell).__mro__)
+    return any(each.__name__ == "TerminalInteractiveShell" for each in type(_running_shell()).__mro__)
+
+
+def _adopt_history_thread() -> None:
+    """It writes down what is typed, and is no part of the program that IPython runs."""
+    thread = getattr(getattr(_running_shell(), "history_manager", None), "save_thread", None)
+    if thread is not None and thread.ident is not None:
+        monitor.suspension.adopt_lasting_thread(thread.ident)
 
 
 def _make_shell() -> None:
@@ -86,5 +96,6 @@ def debugger_class(base: type[Debugger]) -> Any:
         def __init__(self, *args: Any, **kwargs: Any) -> None:
             super().__init__(*args, **kwargs)
             self.thread_executor = _OwnThreads()
+            _adopt_history_thread()
 
     return IPythonDebugger

@@ -31,17 +31,30 @@ if TYPE_CHECKING:
 
 _threading: Any = threading            # its table of running threads has no public name
 
+own_thread_ids: set[int] = set()       # of the debugger's own threads: never debugged
+
 
 def debugged_frames() -> dict[int, FrameType]:
     """The topmost frame of each thread that is not the debugger's own, by thread id."""
     frames = {}
     frame: FrameType | None
     for thread_id, frame in sys._current_frames().items():
+        if thread_id in own_thread_ids:
+            continue
         while frame is not None and optmonitoring.IsInternalFrame(frame):
             frame = frame.f_back
         if frame is not None:
             frames[thread_id] = frame
     return frames
+
+
+def _thread_object(frame: FrameType | None, method: str) -> object:
+    """The `threading.Thread` whose `method` the stack of `frame` is in; None when it is in none."""
+    while frame is not None:
+        if frame.f_code.co_name == method and is_threading_code(frame):
+            return frame.f_locals.get("self")
+        frame = frame.f_back
+    return None
 
 
 def is_threading_code(frame: FrameType) -> bool:
@@ -183,7 +196,7 @@ class Suspension:
         self._is_holding = True               # threads are held at all
         self.evaluation = Evaluation(self._wake_one, self._let_go, self._hold_again, on_let_go)
         self.is_ending_all = False            # every thread ends at its next event
-        self.own_thread_ids: set[int] = set()             # threads of a debugger: never debugged
+        self._starter_ids: set[int] = set()   # own threads that start further ones
         self._own = threading.local()
 
     # -- hooks of the per-thread records ------------------------------------------
@@ -201,18 +214,30 @@ class Suspension:
         per_thread.SetGetThreadNameCallback(None)
 
     def _debug_policy(self, thread_id: int) -> int:
-        if thread_id not in self.own_thread_ids:
+        if thread_id not in own_thread_ids:
             return 1
         optmonitoring.dprintf(
             optmonitoring.kLogBreakpoints,
             lambda: "thread %d is the debugger's own: no breakpoint holds there\n" % thread_id)
         return 0
 
-    def adopt_thread(self) -> None:
-        """The calling thread is the debugger's own from now on: it is not stopped, and not held."""
+    def adopt_thread(self, takes_started: bool = False) -> None:
+        """The calling thread is the debugger's own from now on: it is not stopped, and not held.
+
+        With `takes_started`, so are the threads that it starts.
+        """
+        self._adopt(optmonitoring.CPerThread.GetPerThread(threading.get_ident()), takes_started)
+
+    @staticmethod
+    def adopt_lasting_thread(thread_id: int) -> None:
+        """Another thread, which lives as long as the process, is the debugger's own."""
+        own_thread_ids.add(thread_id)
+
+    def _adopt(self, own_record: CPerThread, takes_started: bool) -> None:
         thread_id = threading.get_ident()
-        self._own.thread = _OwnThread(self.own_thread_ids, thread_id)
-        optmonitoring.CPerThread.GetPerThread(thread_id).fDebugPolicy = self._debug_policy(thread_id)
+        self._own.entries = [_OwnThread(thread_ids, thread_id)
+                             for thread_ids in ([own_thread_ids, self._starter_ids] if takes_started else [own_thread_ids])]
+        own_record.fDebugPolicy = self._debug_policy(thread_id)
 
     def _name_of_record(self, per_thread: CPerThread) -> str | None:
         """None, to be asked again, for a thread that is only being entered in the list of threads."""
@@ -230,11 +255,22 @@ class Suspension:
     def _on_new_thread(self, per_thread: CPerThread) -> None:
         try:
             self._give_lock(per_thread)
-            if self._is_armed and self._is_holding and not self.evaluation.are_others_free \
+            if self._is_started_by_own_thread():
+                self._adopt(per_thread, True)
+            elif self._is_armed and self._is_holding and not self.evaluation.are_others_free \
                     and thread_id_of(per_thread) != self.holder:
                 self._hold(per_thread)
         except Exception:
             dlog.LogException("a new thread")
+
+    def _is_started_by_own_thread(self) -> bool:
+        """True when the calling thread begins, and one that hands its ownership on waits in `start` for that."""
+        if not self._starter_ids:
+            return False
+        frames = sys._current_frames()
+        begun = _thread_object(frames.get(threading.get_ident()), "_bootstrap")
+        return begun is not None and any(
+            _thread_object(frames.get(thread_id), "start") is begun for thread_id in list(self._starter_ids))
 
     def _give_lock(self, per_thread: CPerThread) -> SuspendLock:
         lock = per_thread.fSuspendLock = SuspendLock(self.evaluation, self._raiser.raise_in_program)
@@ -299,7 +335,7 @@ class Suspension:
 
     def _hold_all(self) -> None:
         for thread_id in sys._current_frames():
-            if thread_id != self.holder and thread_id not in self.own_thread_ids:
+            if thread_id != self.holder and thread_id not in own_thread_ids:
                 self._hold(optmonitoring.CPerThread.GetPerThread(thread_id))
         self._switches.look_at_suspend_locks(True)
         self._watch_running_code()
@@ -385,6 +421,7 @@ class Suspension:
     def forget_other_threads(self) -> None:
         """After a fork, in the child: nobody is left to be held, or to let go."""
         self._held = {}
+        own_thread_ids.intersection_update({threading.get_ident()})
         if self.holder != threading.get_ident():
             self._depth = 0
             self._is_armed = False

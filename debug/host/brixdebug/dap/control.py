@@ -8,7 +8,7 @@ import sys
 
 from brixdebug.dap.asking import RequestError
 from brixdebug.dap.server import LATER
-from brixdebug.dap.tree import programs_frames
+from brixdebug.suspension import debugged_frames
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -22,7 +22,7 @@ if TYPE_CHECKING:
 def _thread_id(session: Session, request: Request) -> int:
     number = request.arguments.needed_integer("threadId")
     thread_id = session.tree.numbers.thing(number)
-    if thread_id is None or thread_id not in programs_frames():
+    if thread_id is None or thread_id not in debugged_frames():
         raise RequestError("there is no thread %d" % number)
     return thread_id
 
@@ -75,8 +75,8 @@ def on_step_out(session: Session, request: Request) -> Any:
 def on_pause(session: Session, request: Request) -> Any:
     number = request.arguments.integer("threadId", 0)
     thread_id = session.tree.numbers.thing(number)
-    if thread_id is None or thread_id not in programs_frames():
-        thread_id = next(iter(sorted(programs_frames(), key=session.thread_number)), None)
+    if thread_id is None or thread_id not in debugged_frames():
+        thread_id = next(iter(sorted(debugged_frames(), key=session.thread_number)), None)
     if thread_id is None:
         raise RequestError("the program has no thread that could be paused")
     request.answer()

@@ -39,12 +39,6 @@ class Numbers:
         return self._things.get(number)
 
 
-def programs_frames() -> dict[int, FrameType]:
-    """The topmost frame of each thread of the program, by thread id."""
-    own = monitor.suspension.own_thread_ids
-    return {thread_id: frame for thread_id, frame in debugged_frames().items() if thread_id not in own}
-
-
 def _places(frame: FrameType | None) -> Iterator[tuple[FrameType, int]]:
     while frame is not None:
         yield frame, frame.f_lineno or frame.f_code.co_firstlineno
@@ -98,7 +92,7 @@ class Tree:
 
     def threads(self) -> list[tuple[int, str]]:
         """Number and name of each thread of the program, in the order of their numbers."""
-        return sorted((self.numbers.of(each), monitor.suspension.thread_name(each)) for each in programs_frames())
+        return sorted((self.numbers.of(each), monitor.suspension.thread_name(each)) for each in debugged_frames())
 
     def stack(self, thread_id: int) -> list[Frame]:
         """The frames of a thread that the user sees, the innermost first."""
@@ -106,7 +100,7 @@ class Tree:
         if is_stopped and self.stop is not None and self.stop.is_uncaught and self.stop.exception is not None:
             places = [(each.tb_frame, each.tb_lineno) for each in _tracebacks(self.stop.exception.__traceback__)]
         else:
-            frame = self.stop.frame if is_stopped and self.stop is not None else programs_frames().get(thread_id)
+            frame = self.stop.frame if is_stopped and self.stop is not None else debugged_frames().get(thread_id)
             places = list(_places(frame))
         return [self._numbered(thread_id, frame, line) for frame, line in places
                 if not optmonitoring.IsInternalFrame(frame)]
