@@ -6,9 +6,10 @@ from host_support import scratch_folder
 from session import Session, line_of, write_program
 
 LET_GO = "The expression has not ended after one second: the other threads run until it ends.\n"
+WAITS = "Thread %s (%s) waits at %s(%d)double() for its turn at the prompt. If the expression needs it: Ctrl-C, then continue.\n"
 
 PROGRAM = """\
-    import logging, threading, time
+    import functools, logging, threading, time
     from concurrent.futures import ThreadPoolExecutor
     def double(n):
         return n + n                         # double
@@ -64,7 +65,7 @@ class EvaluationTest(unittest.TestCase):
 
     def names_of_threads(self, session):
         return session.do("p sorted(thread.name.partition('-')[0] for thread in threading.enumerate()), "
-                          "len(__import__('sys')._current_frames())")
+                          "len(__import__('brixdebug.suspension').suspension.debugged_frames())")
 
     def test_result_of_a_future(self):
         session = self.begin()
@@ -125,7 +126,10 @@ class EvaluationTest(unittest.TestCase):
         session = self.begin("prompt(); executor.submit(double, 7).result(); prompt()")
         session.do("break %d" % line_of(self.program, "double"))
         session.do("f = [executor.submit(double, n) for n in (1, 2)]")
-        self.assertEqual(session.do("time.sleep(1.5)"), LET_GO)
+        session.send("time.sleep(1.5)")
+        self.assertEqual(session.wait_for(LET_GO), "")
+        printed = session.prompt()
+        self.assertEqual({self.waiting(session, number) for number in ("2", "3")}, set(printed.splitlines(True)))
         stops = []
         for _ in range(4):
             place = session.do("continue")
@@ -133,6 +137,42 @@ class EvaluationTest(unittest.TestCase):
         prompt = "program.py(%d)prompt()\n-> here = 1                             # here\n" % line_of(self.program, "here")
         self.assertEqual(sorted(stops), ["1\n", "2\n", "7\n", prompt])
         self.finish(session)
+
+    def waiting(self, session, number):
+        name = next(line.split()[2] for line in session.do("threads").splitlines() if line[2:].startswith(number))
+        return WAITS % (number, name, self.program, line_of(self.program, "double"))
+
+    def test_expression_that_needs_a_thread_at_a_breakpoint_of_its_own(self):
+        session = self.begin(terminal=True)
+        session.do("break %d" % line_of(self.program, "double"))
+        session.do("f = executor.submit(double, 3)")
+        for _ in range(2):                    # it comes to its breakpoint meanwhile, and it is there already
+            session.send("f.result()")
+            session.wait_for(LET_GO)
+            session.wait_for("for its turn at the prompt. If the expression needs it: Ctrl-C, then continue.\n")
+            session.interrupt_at_prompt()
+            self.assertIn("*** KeyboardInterrupt", session.prompt())
+        self.assertIn("double()", session.do("continue"))
+        self.assertEqual(session.do("p n"), "3\n")
+        session.end("quit")
+
+    def test_expression_that_needs_a_thread_at_its_own_call_of_the_debugger(self):
+        session = self.begin(terminal=True)
+        session.do("globals().update(call=lambda n: (breakpoint(), n + 1)[1])")
+        session.send("executor.submit(call, 3).result()")
+        session.wait_for(LET_GO)
+        session.wait_for("for its turn at the prompt. If the expression needs it: Ctrl-C, then continue.\n")
+        session.interrupt_at_prompt()
+        self.assertIn("*** KeyboardInterrupt", session.prompt())
+        self.assertIn("<lambda>()", session.do("continue"))
+        session.end("quit")
+
+    def test_others_that_are_all_inside_c_code(self):
+        session = self.begin("start(functools.partial(time.sleep, 1000)); prompt()")
+        self.assertEqual(session.do("time.sleep(1.2)"), LET_GO)
+        self.assertEqual(session.do("set hold-others off"), "")
+        self.assertEqual(session.do("time.sleep(1.2)"), "")
+        session.end("quit")
 
     def test_interrupt_ends_it(self):
         session = self.begin(terminal=True)

@@ -103,8 +103,13 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
             frame = sys._getframe().f_back
         if commands is not None:
             self.rcLines.extend(commands)
-        with monitor.turn.lock:               # another thread may be at the prompt
+        interruption = monitor.turn.take()    # another thread may be at the prompt
+        try:
             super().set_trace(frame)
+        finally:
+            monitor.turn.lock.release()
+        if interruption is not None:
+            raise interruption
 
     # -- stops -----------------------------------------------------------------------
 

@@ -149,6 +149,12 @@ class Bdb(compat.TraceBase):
         Called in one of these.
         """
 
+    def other_waits(self, thread_id: int) -> None:
+        """Meanwhile a thread has stopped, or had before, and waits for its turn: `others_were_let_go` has been called.
+
+        Called in any thread.
+        """
+
     def after_fork_in_child(self) -> None:
         """The process is a child now that the program has forked."""
         if not self.follows_fork:

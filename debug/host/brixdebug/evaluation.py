@@ -2,19 +2,21 @@
 
 An expression may need another thread: it waits for its result, or for a lock that it
 has.  So one that has not ended after a second lets the held threads go on until it ends.
-Nobody is started to look at the clock: each held thread does, while it stands at its gate.
+Each held thread looks at the clock while it stands at its gate.  Where the others are all
+inside C code, or wait for their turn at the prompt, a thread of the debugger's own does.
 """
 
 from __future__ import annotations
 
 import _thread
+import contextlib
 import sys
 import threading
 import time
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
-    from collections.abc import Callable
+    from collections.abc import Callable, Iterable
     from types import TracebackType
     from typing import Any
 
@@ -28,12 +30,19 @@ class Evaluation:
     """What the thread at the prompt evaluates; used as a context manager around it."""
 
     def __init__(self, wake: Callable[[], None], let_go: Callable[[], None],
-                 hold_again: Callable[[], None], on_let_go: Callable[[], None]) -> None:
-        """`wake` has one held thread ask for its patience again; `on_let_go` is called before all run."""
+                 hold_again: Callable[[], None], on_let_go: Callable[[], None],
+                 waiting: Callable[[], Iterable[int]], on_waiting: Callable[[int], None]) -> None:
+        """`wake` has one held thread ask for its patience again; `on_let_go` is called before all run.
+
+        `waiting` gives the ids of the threads that wait for their turn at the prompt;
+        `on_waiting` is called for each of them, once the others run.
+        """
         self._wake = wake
         self._let_go = let_go
         self._hold_again = hold_again
         self._on_let_go = on_let_go
+        self._waiting = waiting
+        self._on_waiting = on_waiting
         self._ctypes: Any = None
         self.forget()
 
@@ -45,6 +54,8 @@ class Evaluation:
         self._deadline: float | None = None
         self._is_interrupted = False
         self._serial = 0                      # counts expressions, and their parts between prompts
+        self._clock: _Clock | None = None
+        self._reported_ids: set[int] = set()  # of the threads that `on_waiting` was called for
         self.are_others_free = False
         self.were_others_free = False         # for whoever has to know it; takes it back
 
@@ -76,7 +87,11 @@ class Evaluation:
         with self._lock:
             self._deadline = None
             self._serial += 1
+            self._reported_ids = set()
+            clock, self._clock = self._clock, None
             were_free, self.are_others_free = self.are_others_free, False
+        if clock is not None:
+            clock.stop()
         if were_free:
             self._hold_again()
 
@@ -113,6 +128,24 @@ class Evaluation:
             if self._serial == serial:
                 self.are_others_free = self.were_others_free = True
                 self._let_go()
+        for thread_id in list(self._waiting()):
+            self.waits_for_turn(thread_id)
+
+    def watch_clock(self, adopt_thread: Callable[[], None]) -> None:
+        """Have a thread of the debugger's own look at the clock: no other one does."""
+        if self._clock is None:
+            with contextlib.suppress(RuntimeError):       # no thread can be started
+                self._clock = _Clock(self.lose_patience, adopt_thread)
+
+    # -- for threads that wait for their turn ------------------------------------------------
+
+    def waits_for_turn(self, thread_id: int) -> None:
+        """A thread waits until the one at the prompt goes on: for ever, if the expression waits for it."""
+        with self._lock:
+            if not self.are_others_free or thread_id in self._reported_ids:
+                return
+            self._reported_ids.add(thread_id)
+        self._on_waiting(thread_id)
 
     # -- Ctrl-C ----------------------------------------------------------------------------
 
@@ -142,6 +175,28 @@ class Evaluation:
             with self._lock:
                 self._is_interrupted = False
                 self._raise_in(_thread.get_ident(), None)
+
+
+class _Clock:
+    """A thread that calls a function after `SECONDS`, unless it is stopped before.
+
+    It is no `threading.Thread`: the program's own list of threads stays its own.
+    """
+
+    def __init__(self, on_time: Callable[[], None], adopt_thread: Callable[[], None]) -> None:
+        self._on_time = on_time
+        self._adopt_thread = adopt_thread
+        self._is_stopped = _thread.allocate_lock()
+        self._is_stopped.acquire()
+        _thread.start_new_thread(self._run, ())
+
+    def _run(self) -> None:
+        self._adopt_thread()
+        if not self._is_stopped.acquire(timeout=SECONDS):
+            self._on_time()
+
+    def stop(self) -> None:
+        self._is_stopped.release()
 
 
 def _end_wait(thread_id: int) -> None:

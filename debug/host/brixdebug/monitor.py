@@ -10,6 +10,7 @@ import os
 import sys
 
 import optmonitoring
+from brixbase import dlog
 
 from brixdebug import internal
 from brixdebug.breakpoints import BreakLines
@@ -42,13 +43,13 @@ class Monitor:
     def __init__(self) -> None:
         self.debugger: TracedDebugger | None = None
         self.switches = Switches(self._install_hooks, self._remove_hooks)
-        self.turn = Turn()
+        self.turn = Turn(self._waits_for_turn)
         self.raiser = Raiser(self.switches, self._raised)
         self.break_lines = BreakLines(self.switches, self.raiser)
         self.decisions = Decisions()
         self.suspension = Suspension(self.switches, self.turn, self.raiser,
                                      self._begin_holding, self._end_holding,
-                                     self._others_were_let_go)
+                                     self._others_were_let_go, self._other_waits)
         self._needs_changed = False
         self.watches = Watches()
         self._watched_records: set[CPerCodeObject] = set()    # of the calls whose names are watched
@@ -205,8 +206,18 @@ class Monitor:
         self.needs_changed(self.debugger)
 
     def _others_were_let_go(self) -> None:
-        if self.debugger is not None:
+        if self.debugger is not None and self.suspension.is_holding:
             self.debugger.others_were_let_go()
+
+    def _waits_for_turn(self, thread_id: int) -> None:
+        self.suspension.evaluation.waits_for_turn(thread_id)
+
+    def _other_waits(self, thread_id: int) -> None:
+        try:
+            if self.debugger is not None:
+                self.debugger.other_waits(thread_id)
+        except Exception:
+            dlog.LogException("a thread that waits")
 
     def refresh(self) -> None:
         """Switch on what is needed now, and nothing else."""

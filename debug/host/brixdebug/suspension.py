@@ -178,11 +178,12 @@ class Suspension:
 
     def __init__(self, switches: Switches, turn: Turn, raiser: Raiser,
                  begin: Callable[[], bool], end: Callable[[], None],
-                 on_let_go: Callable[[], None]) -> None:
+                 on_let_go: Callable[[], None], on_waiting: Callable[[int], None]) -> None:
         """`begin` is called before threads are held: switches events on, False when nobody gets any.
 
         `end` is called when they go on: what is switched on may be less.  `on_let_go` is
-        called when they go on for an expression that is evaluated at the prompt.
+        called when they go on for an expression that is evaluated at the prompt, `on_waiting`
+        with the id of each that waits for its turn meanwhile.
         """
         self._switches = switches
         self._turn = turn
@@ -194,7 +195,8 @@ class Suspension:
         self.holder: int | None = None        # id of the thread at the prompt, which is not held
         self._held: dict[SuspendLock, CPerThread] = {}    # lock -> record, of the threads that are
         self._is_holding = True               # threads are held at all
-        self.evaluation = Evaluation(self._wake_one, self._let_go, self._hold_again, on_let_go)
+        self.evaluation = Evaluation(self._wake_one, self._let_go, self._hold_again, on_let_go,
+                                     lambda: turn.waiting_thread_ids, on_waiting)
         self.is_ending_all = False            # every thread ends at its next event
         self._starter_ids: set[int] = set()   # own threads that start further ones
         self._own = threading.local()
@@ -403,7 +405,9 @@ class Suspension:
         if self._depth:
             self._arm()                       # a thread that is started now is to be held
         waiting = [lock for lock in list(self._held) if lock.has_waiter]
-        if waiting and not any(lock.is_watching for lock in waiting):
+        if not waiting and self._depth and len(debugged_frames()) > 1:
+            self.evaluation.watch_clock(self.adopt_thread)
+        elif waiting and not any(lock.is_watching for lock in waiting):
             waiting[0].wake()
 
     def _hold_again(self) -> None:

@@ -6,13 +6,16 @@ import _thread
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
+    from collections.abc import Callable
     from typing import Any
 
 
 class Turn:
     """Belongs to the one thread that reports an event, or changes breakpoints."""
 
-    def __init__(self) -> None:
+    def __init__(self, on_wait: Callable[[int], None]) -> None:
+        """`on_wait` is called by a thread that begins to wait, with its id."""
+        self._on_wait = on_wait
         self._begin_anew()
 
     def _begin_anew(self) -> None:
@@ -29,7 +32,9 @@ class Turn:
         self.waiting_thread_ids.add(_thread.get_ident())
         while not self.lock._is_owned():
             try:
-                self.lock.acquire()
+                if not self.lock.acquire(blocking=False):
+                    self._on_wait(_thread.get_ident())
+                    self.lock.acquire()
             except BaseException as error:
                 interruption = error
         self.waiting_thread_ids.discard(_thread.get_ident())

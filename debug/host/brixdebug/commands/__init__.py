@@ -10,6 +10,6 @@ from brixdebug.commands.threads import ThreadCommands
 from brixdebug.commands.watches import WatchCommands
 
 
-class Commands(BreakpointCommands, ExceptionCommands, WatchCommands, ThreadCommands,
-               InformationCommands, SettingCommands, EvaluatingCommands, StackCommands):
+class Commands(BreakpointCommands, ExceptionCommands, WatchCommands, EvaluatingCommands,
+               ThreadCommands, InformationCommands, SettingCommands, StackCommands):
     """All of them."""

@@ -8,7 +8,7 @@ import sys
 import types
 
 from brixdebug import compat
-from brixdebug.commands.base import CommandBase
+from brixdebug.commands.threads import ThreadCommands
 from brixdebug.monitor import monitor
 
 TYPE_CHECKING = False
@@ -43,7 +43,7 @@ def _interact(banner: str | None = None, local: Any = None) -> None:
 _standard_default = compat.rebind(pdb.Pdb.default, exec=_exec)
 
 
-class EvaluatingCommands(CommandBase):
+class EvaluatingCommands(ThreadCommands):
     """`p` and its kin, statements, and `interact`."""
 
     def default(self, line: str) -> Any:
@@ -87,3 +87,14 @@ class EvaluatingCommands(CommandBase):
         """Called in another thread, while the one at the prompt evaluates."""
         self.message("The expression has not ended after one second: the other threads run until it ends.")
         self.stdout.flush()           # before what these threads print
+
+    def other_waits(self, thread_id: int) -> None:
+        entry = next((each for each in self._numbered_threads() if each[1] == thread_id), None)
+        if entry is None:
+            return
+        number, _, frame = entry
+        self.message("Thread %d (%s) waits at %s(%s)%s() for its turn at the prompt. "
+                     "If the expression needs it: Ctrl-C, then continue." % (
+            number, monitor.suspension.thread_name(thread_id),
+            self.canonic(frame.f_code.co_filename), frame.f_lineno, frame.f_code.co_name))
+        self.stdout.flush()

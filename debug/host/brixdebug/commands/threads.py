@@ -27,7 +27,7 @@ class ThreadCommands(CommandBase):
         """(number, thread id, frame) of each thread, in the order of the numbers."""
         frames = debugged_frames()
         for thread_id in [each for each in self._thread_numbers if each not in frames]:
-            del self._thread_numbers[thread_id]
+            self._thread_numbers.pop(thread_id, None)     # several threads may be here
         # The interpreter lists the newest thread first.
         for thread_id in reversed(frames):
             if thread_id not in self._thread_numbers:
