@@ -4,8 +4,9 @@
 
 // ---- The current thread state ----
 
-// Functions outside the binding table that tell, on any thread and without an exception or an abort, whether it has a
-// thread state and holds the interpreter lock. Looked up once; the interpreter stays for the life of the process.
+// Functions outside the binding table that say of the calling thread, without an exception or an abort, whether it
+// has a thread state and holds the interpreter lock. Looked up once; the interpreter stays for the life of the
+// process.
 struct tThreadStateProbe {
     bool looked_up;
     PyThreadState* (*this_thread_state)(void);  // PyGILState_GetThisThreadState

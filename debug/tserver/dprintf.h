@@ -162,7 +162,7 @@ XPY_EXPORT void do_dlogexception(void);
 XPY_EXPORT void do_dp_logexception(tSingleDPData* channel);
 
 // Writes TEXT and the pending exception to the failures channel of DATA (null: nowhere); the exception stays pending.
-// The one way in which the module reports a failure.
+// All failures of the module are reported through it.
 void report_failure(tDPData* data, const char* text);
 
 // The same, and returns what a failing function returns.

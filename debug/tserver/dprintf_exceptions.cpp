@@ -1,4 +1,4 @@
-// Reports of the pending exception, and the one way in which the module reports a failure.
+// Reports of the pending exception, and the one function through which the module reports a failure.
 
 #include "dbgcommon.h"
 #include "dprintf.h"
@@ -12,7 +12,7 @@ struct tFetchedException {
     PyObject* traceback = nullptr;
 };
 
-// The program must not be left with the log for a sys.stderr: what failed for want of memory is tried again.
+// The program must not be left with the log as its sys.stderr: where memory ran out, this is tried once more.
 static void put_stderr_back(PyObject* program_stderr)
 {
     for (int tries = 0; tries < 2 && api.PySys_SetObject("stderr", program_stderr) < 0; tries++)
@@ -29,7 +29,7 @@ static bool display_on_channel(tSingleDPData* channel, const tFetchedException& 
     // A channel without a Python file has nowhere to show it; None keeps the exception off the native stream, where
     // Python 2 then only notes that there is no sys.stderr.
     XPyOwned file(XPy_NewRef(channel->file_obj ? channel->file_obj : api.Py_None));
-    // Where it cannot display an exception, the interpreter writes of it to the native stream, which is the
+    // Where it cannot display an exception, the interpreter writes about it to the native stream, which is the
     // program's.
     if (refuses_texts(file.borrow()))
         return true;

@@ -79,7 +79,7 @@ void free_when_unused(tFileOpsData* data, void* text)
     }
     tReplacedText* replaced = static_cast<tReplacedText*>(malloc(sizeof(tReplacedText)));
     if (!replaced)
-        return;  // kept for good, for want of memory: somebody may be reading it
+        return;  // out of memory: never freed, as somebody may be reading it
     *replaced = {counted(data)->replaced, text};
     counted(data)->replaced = replaced;
 }

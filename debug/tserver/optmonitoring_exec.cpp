@@ -87,7 +87,7 @@ static const tClassStep kClassSteps[] = {
      "Exception in CPerThread_ClsInit\n"},
 };
 
-// An attribute, not a slot: it is there for people alone, and tells the interpreter nothing of the class.
+// An attribute, not a slot: only people read it, the interpreter does not.
 static int set_doc(PyObject* cls, const char* doc)
 {
     XPyOwned text(api.PyUnicode_FromString(doc));

@@ -37,13 +37,14 @@ static inline size_t get_plain_lineno(PyObject* lineno)
     return *reinterpret_cast<const uint32_t*>(number + gLinenoPeek.int_digit);
 }
 
-// The line is no member, is one, or only the interpreter's own look-up can tell.
+// The line is no member, is one, or only the interpreter's own look-up can find out.
 enum tLinenoFound { kLinenoOpen, kLinenoAbsent, kLinenoPresent };
 
-// The look from the first entry on, where that is taken. HASH is not 0; MASK is the size of the table less one.
+// Goes on from the first entry, where that is taken. HASH is not 0; MASK is the size of the table less one.
 tLinenoFound find_lineno_behind(const tSetEntry* table, size_t mask, size_t hash);
 
-// Looks for LINENO in LINENOS without running code of the program. Mostly nothing is where the look-up begins.
+// Looks for LINENO in LINENOS without running code of the program. Mostly the entry where the look-up begins is
+// empty.
 static inline tLinenoFound find_lineno(PyObject* linenos, PyObject* lineno)
 {
     if (XPY_UNLIKELY(XPy_BorrowTypeInline(linenos) != gLinenoPeek.set_type))
@@ -60,7 +61,7 @@ static inline tLinenoFound find_lineno(PyObject* linenos, PyObject* lineno)
 }
 
 // ---- What is ready ----
-// They take what is ready and leave everything else, failures included, to the functions that find out why it is not.
+// These take what is ready and leave everything else, failures included, to the functions that find out the reason.
 
 // The record in the code object's extra slot [borrowed] if it needs no refinement, else null.
 static inline PyObject* borrow_ready_record(tModuleState* m, PyObject* code)
@@ -104,7 +105,7 @@ enum tSkipReason {
     kCodeIsStepping,
     kNoLineSet,
     kLineHasBreakpoint,
-    kLineMayHaveBreakpoint,  // only the interpreter's look-up can tell
+    kLineMayHaveBreakpoint,  // only the interpreter's own look-up can find out
     kReturnIsNeeded,
     kNothingNeedsIt,
 };

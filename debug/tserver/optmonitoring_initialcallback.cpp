@@ -1,9 +1,9 @@
 // CInitialCallback: receives every monitoring event and decides, cheapest test first, whether it matters.
 //
-// There are two ways through: the fast path, a verdict without effects, and the full path, which takes the steps one
-// by one. Whatever the fast path leaves undecided starts over in the full path, so a step may be changed where it
-// stands; a fast test of the same question is changed with it, or says kUndecided. tests/python/test_both_paths.py
-// compares the two over random states.
+// There are two paths: the fast path, a verdict without effects, and the full path, which takes the steps one by one.
+// Whatever the fast path leaves undecided starts over in the full path, so a step may be changed where it stands; a
+// fast test of the same question is changed with it, or says kUndecided. tests/python/test_both_paths.py compares the
+// two over random states.
 //
 // Exceptions never leave Callback: a failed event is logged, handed to the host's LogException, and answered None.
 
@@ -61,7 +61,7 @@ static inline PyObject* call_second(CInitialCallbackBody* body, PyObject* const*
     return api.PyObject_VectorcallDict(body->fSecondCallback, args, static_cast<size_t>(nargs), nullptr);
 }
 
-// The breakpoint lines that alone decide a LINE event [borrowed], because nothing else could want it; else null.
+// The breakpoint lines that alone decide a LINE event [borrowed], because nothing else could need it; else null.
 static inline PyObject* borrow_deciding_lines(tModuleState* m, const CInitialCallbackBody* body,
                                               const CPerCodeObjectBody* record, Py_ssize_t nargs)
 {
@@ -254,8 +254,8 @@ static int thread_id_for_log(CPerThreadBody* body)
 // Passes the thread through its suspend lock: it blocks for as long as somebody else holds the lock.
 //
 // A lock that stayed taken would hold the thread for ever at its next event, and one released twice might be somebody
-// else's by then. So `release` is called exactly once, and everything that could run out of memory on the way to it,
-// its name and the method bound to the lock, is made before `acquire`.
+// else's by then. So `release` is called exactly once, and what its call has to allocate, its name and the method
+// bound to the lock, is made before `acquire`.
 XPY_COLD static int pass_suspend_lock(tModuleState* m, CPerThreadBody* body)
 {
     static tNameCache acquire_name = {"acquire", nullptr};

@@ -254,7 +254,7 @@ PyObject* CPerCodeObject_GetExistingPerCodeObject_direct(tModuleState* m, PyObje
 PyObject* get_running_frame(void);
 
 // Makes the record of a code object that is seen for the first time, as a call of the class with the running frame
-// would. False when it is not plain to see that there is no record yet and that a call would do the same: nothing has
+// would. False when it cannot be sure that there is no record yet and that a call would do the same: nothing has
 // happened then, and nothing is pending. *RECORD is [new], or null with an exception pending.
 bool CPerCodeObject_CreateShortly(tModuleState* m, PyObject* code, PyObject** record);
 

@@ -3,7 +3,7 @@
 // A line number's hash is the number itself, and the look-up of a set begins at the entry that the hash's low bits
 // name: when that entry has never been used, the line is no member. Where another line is there, the look goes on:
 // over the whole of a small table, for the hash alone; in a larger one along the entries that the interpreter would
-// visit. No code of the program can run on the way, so nothing needs to be held. A key of another type with the hash
+// visit. No code of the program can run meanwhile, so nothing needs to be held. A key of another type with the hash
 // of the line is left to the interpreter's own look-up, which compares.
 
 #include "optmonitoring_fastpath_internal.h"

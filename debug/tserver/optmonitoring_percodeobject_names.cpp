@@ -96,8 +96,8 @@ static PyObject* find_canonical_inner(tModuleState* m, PyObject* name)
     XPyOwned registered(register_canonical_pathname_pystr(file_ops, name, checksum.borrow()));
     if (registered.borrow() != api.Py_None)
         return registered.detach();
-    // A record without a canonical name would miss its file's breakpoints for good. The absolute name was to be had,
-    // so what was missing is memory.
+    // A record without a canonical name would never get its file's breakpoints. The absolute name could be found, so
+    // memory ran out.
     api.PyErr_NoMemory();
     return nullptr;
 }
@@ -148,8 +148,8 @@ PyObject* CPerCodeObject_GetPathnameToUse_direct(tModuleState* m, PyObject* code
 struct tKnownPathnames {
     tModuleState* owner;
     PyObject* dict;  // [owned], null: none
-    // The name found last [owned], null: none. Code of one file mostly comes in a row: a comparison of addresses then
-    // stands for a look-up.
+    // The name found last [owned], null: none. Code of one file mostly comes in a row: comparing addresses then
+    // replaces a look-up.
     PyObject* last_filename;
     PyObject* last_pair;  // its pair [owned]
 };
@@ -224,7 +224,7 @@ static void keep_pathnames(tModuleState* m, PyObject* known, PyObject* filename,
                    XPy_BorrowTypeInline(names.canonical.borrow()) == api.PyUnicode_Type_ptr &&
                    GetPathnameKind_direct(m->dp, filename) == kRegularPathname;
     if (!is_kept) {
-        api.PyErr_Clear();  // of a kind that could not be told
+        api.PyErr_Clear();  // the kind may not have been found
         return;
     }
     PyObject* to_report = names.to_report.borrow();

@@ -86,7 +86,7 @@ static int CPerThread_DetachPyTssData_direct(tModuleState* m, CPerThreadBody* bo
     if (!m)
         return 0;  // a record without a state was entered by hand: its thread's slot may still lead to the pair
     if (!m->_gPyTssKey) {
-        free(pair);  // the key is gone, and with it the last way to the pair
+        free(pair);  // the key is gone, and nothing else leads to the pair
         return 0;
     }
     if (current_pair(m) != pair)
@@ -131,7 +131,7 @@ static void CPerThread_CapsuleDestructor(PyObject* capsule)
     if (per_thread) {
         CPerThreadBody* body = per_thread_body(per_thread, borrow_defining_class(per_thread));
         tModuleState* m = body->mod_state;
-        // Set until the registry has let go, so that code which that runs cannot register the record anew.
+        // capsule_ptr stays until the registry has let go: code that runs there cannot register the record again.
         if (m && CPerThread_DiscardPerThread_direct(m, per_thread) < 0)
             report_failure(m->dp, "Exception in CPerThread_CapsuleDestructor()\n");
         api.PyErr_Clear();
@@ -216,9 +216,9 @@ int CPerThread_DiscardPerThread_direct(tModuleState* m, PyObject* per_thread)
     return 0;
 }
 
-// Detaches the capsule, whose later release then does nothing, and releases the reference that it held. Today's
-// callers come when the capsule has let go; the clearing of a record stays whole by itself, because a capsule left
-// behind would lead to a record that it no longer holds.
+// Detaches the capsule, whose later release then does nothing, and releases the reference that it held. All callers
+// come after the capsule has let go. Clearing a record does not rely on that: a capsule left behind would lead to a
+// record that it no longer holds.
 static int detach_capsule(PyObject* per_thread, CPerThreadBody* body)
 {
     PyObject* capsule = body->capsule_ptr;

@@ -3,7 +3,7 @@
 #include "optmonitoring_fastpath_internal.h"
 
 // The working set of one decision. The call's context and the interpreter hold what it borrows for longer than the
-// decision lasts; only a thread's record that the decision had to fetch itself is its own.
+// decision lasts; it owns only a thread's record that it had to fetch itself.
 struct CInitialCallback_SkipSecondCallback_locals {
     CInitialCallbackBody* body;
     PyObject* code;             // [borrowed]
@@ -23,7 +23,7 @@ static void CInitialCallback_SkipSecondCallback_clear_frame(CInitialCallback_Ski
 
 #define LOG(...) DO_DP(m->dp->initial_monitoring_callbacks, __VA_ARGS__)
 
-// Fetches the thread's record when the context brought none; -1 when there is none to be had.
+// Fetches the thread's record when the context brought none; -1 when that fails.
 static int find_per_thread(tModuleState* m, CInitialCallback_SkipSecondCallback_locals* locals)
 {
     if (!locals->per_thread) {

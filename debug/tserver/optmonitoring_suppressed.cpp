@@ -1,23 +1,23 @@
-// The failure path of an event: what was raised is reported to the host and goes no further.
+// The failure path of an event: the exception is reported to the host and goes no further.
 //
 // The reported exception stays the thread's handled one (Kept), so the interpreter makes it the context of whatever
 // the next event raises: a chain without end, in which each exception keeps all earlier ones alive. That one link is
 // the module's doing and is cut; a context that code of the host or the program gave an exception stays.
 //
-// The two are told apart by the addresses of the exceptions that were left here; a reference would keep them alive.
-// An address may have been given to another exception since, so a second question is asked: an exception that code
-// handles has passed, on its way to the handler, through the frame of the handler, which still runs and is in its
-// traceback, unless the program has changed that. What was left here was raised in frames that have ended.
+// The two are distinguished by the addresses of the exceptions that were left here; a reference would keep them
+// alive. Another exception may have got such an address since, so its traceback is looked at too. An exception that
+// code is handling has the frame of its handler there, which still runs, unless the program has changed the
+// traceback. What was left here was raised in frames that have ended.
 
 #include <string.h>
 
 #include "optmonitoring_internal.h"
 
-static constexpr int kMostContexts = 1000;  // read of one exception; more: a ring, which the program can tie
+static constexpr int kMostContexts = 1000;  // read of one exception; the program can make a chain that is a ring
 
 // ---- What was left as the handled exception ----
 
-static constexpr int kMostLeft = 1024;        // each thread, generator and coroutine in which an event failed has one
+static constexpr int kMostLeft = 1024;        // one for each thread, generator and coroutine in which an event failed
 static PyObject* left_exceptions[kMostLeft];  // addresses alone, the latest first; null: free
 
 static int find_left(PyObject* exception)  // kMostLeft: not there
@@ -118,7 +118,7 @@ static int cut_link(PyObject* exception, PyObject* left)
     return 0;
 }
 
-// Parts EXCEPTION from HANDLED if an earlier event left that as the handled one.
+// Cuts the link from EXCEPTION to HANDLED if an earlier event left HANDLED as the handled one.
 static int part_from_left(PyObject* exception, PyObject* handled)
 {
     if (!handled || handled == exception || !is_perhaps_left(handled))
@@ -150,7 +150,7 @@ static void leave_as_handled(PyObject* exception)
 {
     XPyOwned handled(api.PyErr_GetHandledException());
     if (part_from_left(exception, handled.borrow()) < 0)
-        api.PyErr_Clear();                     // without memory it stays linked: nothing else is lost
+        api.PyErr_Clear();                     // out of memory: it stays linked, nothing else is lost
     api.PyErr_SetHandledException(exception);  // Kept: not put back afterwards
     // A count of 1 is ours alone: it dies now, and its address may become another exception's.
     if (handled && get_refcnt(handled.borrow()) == 1)

@@ -187,7 +187,7 @@ static constexpr XPy_C_API_Data& api = global_XPy_C_API_Data;
 XPY_EXPORT int XPy_Initialize(void);
 
 // Fills the table by look-ups in the image named DLL (null: the process). 0 on success, at once when already done;
-// non-zero on failure, which a later call may mend unless failed_to_initialize is set.
+// non-zero on failure; a later call may succeed unless failed_to_initialize is set.
 XPY_EXPORT int XPy_InitializeWithDllPtr(const char* dll);
 
 // Address of a symbol in the table's image, null when absent. Silent.

@@ -277,7 +277,7 @@ static bool IsFreeThreadingBuild(const char* dll)
     return c_func_ptr != nullptr;
 }
 
-// Which module-creation entry point tells which interpreter, in probing order.
+// Which module-creation entry point identifies which interpreter, in probing order.
 struct tInitFunction {
     const char* name;
     int major_version;
