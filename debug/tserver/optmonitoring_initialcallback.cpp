@@ -142,7 +142,7 @@ static PyObject* get_record_inner(tModuleState* m, PyObject* code)
     if (ready)
         return XPy_NewRef(ready);
     PyObject* made;
-    if (CPerCodeObject_CreateShortly(m, code, &made))
+    if (CPerCodeObject_TryCreate(m, code, &made))
         return made;
     XPyOwned record(CPerCodeObject_GetExistingPerCodeObject_direct(m, code));
     if (!record)

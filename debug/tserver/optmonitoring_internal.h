@@ -256,7 +256,7 @@ PyObject* get_running_frame(void);
 // Makes the record of a code object that is seen for the first time, as a call of the class with the running frame
 // would. False when it cannot be sure that there is no record yet and that a call would do the same: nothing has
 // happened then, and nothing is pending. *RECORD is [new], or null with an exception pending.
-bool CPerCodeObject_CreateShortly(tModuleState* m, PyObject* code, PyObject** record);
+bool CPerCodeObject_TryCreate(tModuleState* m, PyObject* code, PyObject** record);
 
 // Drops what was found out about files and about the class; whenever the module starts, and whenever its file tables
 // go.

@@ -108,7 +108,7 @@ bool is_surely_running(PyThreadState* tstate, PyObject* code)
     return (word & ~kMarks) == reinterpret_cast<uintptr_t>(code);
 }
 
-bool CPerCodeObject_CreateShortly(tModuleState* m, PyObject* code, PyObject** record)
+bool CPerCodeObject_TryCreate(tModuleState* m, PyObject* code, PyObject** record)
 {
     void* extra = nullptr;
     bool is_first = api._PyCode_GetExtra(code, m->code_object_extra_index, &extra) == 0 && !extra;

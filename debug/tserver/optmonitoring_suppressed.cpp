@@ -119,7 +119,7 @@ static int cut_link(PyObject* exception, PyObject* left)
 }
 
 // Cuts the link from EXCEPTION to HANDLED if an earlier event left HANDLED as the handled one.
-static int part_from_left(PyObject* exception, PyObject* handled)
+static int cut_link_if_left(PyObject* exception, PyObject* handled)
 {
     if (!handled || handled == exception || !is_perhaps_left(handled))
         return 0;
@@ -149,7 +149,7 @@ static Py_ssize_t get_refcnt(PyObject* exception)
 static void leave_as_handled(PyObject* exception)
 {
     XPyOwned handled(api.PyErr_GetHandledException());
-    if (part_from_left(exception, handled.borrow()) < 0)
+    if (cut_link_if_left(exception, handled.borrow()) < 0)
         api.PyErr_Clear();                     // out of memory: it stays linked, nothing else is lost
     api.PyErr_SetHandledException(exception);  // Kept: not put back afterwards
     // A count of 1 is ours alone: it dies now, and its address may become another exception's.
