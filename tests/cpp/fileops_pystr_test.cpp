@@ -117,6 +117,16 @@ TEST_F(RegisterPystr, NameInAngleBracketsIsReturnedUnregistered)
     EXPECT_EQ("", take_log());
 }
 
+TEST_F(RegisterPystr, NameInAngleBracketsIsANewPlainString)
+{
+    XPyOwned name(eval_python("type('Name', (str,), {})('<string>')"));
+    XPyOwned result(register_canonical_pathname_pystr(data, name.borrow(), nullptr));
+    ASSERT_TRUE(result);
+    EXPECT_EQ(api.major_version < 3 ? api.PyString_Type_ptr : api.PyUnicode_Type_ptr,
+              XPy_BorrowTypeInline(result.borrow()));
+    EXPECT_EQ("<string>", text_of(result.borrow()));
+}
+
 TEST_F(RegisterPystr, NoneAndNullAreNoChecksum)
 {
     XPyOwned pathname(str("/no/such.py"));

@@ -434,6 +434,35 @@ class Threads(LiveTestCase):
         self.assertNotEqual(deaths[0], threading.get_ident())
 
 
+# the event holds the last reference to its thread's record, which runs code when it dies
+DYING_WITH_THE_EVENT = """
+import sys
+import support
+from filter_support import errno_variable, new_function
+optmonitoring = support.load()
+variable = errno_variable()
+died = []
+
+class Mortal(object):
+    def __del__(self):
+        died.append(variable.value)
+        variable.value = 99
+
+def policy(thread_id):
+    per_thread = optmonitoring.CPerThread.GetPerThread()
+    optmonitoring.reset()
+    per_thread.fStopFrame = Mortal()
+    return 0
+
+optmonitoring.CPerThread.SetDebugPolicyCallback(policy)
+callback = optmonitoring.CInitialCallback(sys.monitoring.events.PY_START, print, 1).Callback
+code = new_function().__code__
+variable.value = 5
+callback(code, 0)
+print(died, variable.value)
+"""
+
+
 class Errno(LiveTestCase):
     def after(self, start, function, *args):
         errno = errno_variable()
@@ -460,6 +489,10 @@ class Errno(LiveTestCase):
         function = self.recorded_function()[0]
         self.assertEqual(self.after(5, self.callback("LINE", second).Callback, function.__code__, 2), 5)
         self.assert_reported(ValueError)
+
+    def test_survives_what_dies_with_the_event(self):
+        """In a child, because the log keeps no buffers for reprs after a reset."""
+        self.assertEqual(support.run_child(DYING_WITH_THE_EVENT), (0, "[5] 5\n", ""))
 
     def test_survives_the_suspend_lock(self):
         per_thread = self.this_thread()

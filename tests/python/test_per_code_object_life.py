@@ -170,6 +170,14 @@ class DeathTest(_PerCodeObjectTestCase):
         self.death_fails(lambda: setattr(self.cls, "_fPerCodeObjectDict", RaisingMapping()), [],
                          "ValueError: delete refused")
 
+    def test_failing_removal_from_the_file_leaves_the_registry_alone(self):
+        code = make_code("/x/a.py")
+        record = self.cls.GetPerCodeObject(code)
+        self.files._fPerFilesDict["/x/a.py"] = "no record"
+        del code
+        support.bury_code()
+        self.assertEqual(list(self.cls._fPerCodeObjectDict.values()), [record])
+
     def test_failing_death_steps_raise_nothing(self):
         code = make_code("/x/a.py")
         self.cls.GetPerCodeObject(code)

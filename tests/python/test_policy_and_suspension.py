@@ -2,8 +2,9 @@
 
 import unittest
 
-from filter_support import (INITIAL, SKIPPING, SUPPRESSED, THREADING, DECISION, FilterTestCase, Recorder, called_line,
-                            event_id)
+import support
+from filter_support import (DECISION, INITIAL, INVOKING, SKIPPING, SUPPRESSED, THREADING, FilterTestCase, Recorder,
+                            called_line, event_id)
 
 
 class DebugPolicy(FilterTestCase):
@@ -176,6 +177,35 @@ class SuspendCheck(FilterTestCase):
     def test_a_deleted_lock_fails_the_event(self):
         del self.per_thread.fSuspendLock
         self.assert_failing(self.passed_lines()[:1], AttributeError, "fSuspendLock")
+
+
+WITHOUT_RECORD = """
+import sys
+import support
+from filter_support import ALL_MASKS, Recorder, messages, new_function
+optmonitoring = support.load()
+
+optmonitoring.CPerThread.__new__ = lambda cls, *args: None
+code = new_function().__code__
+optmonitoring.CPerCodeObject.GetPerCodeObject(code, True, sys._getframe()).fEnabledBpLinenos = {2}
+callback = optmonitoring.CInitialCallback(sys.monitoring.events.LINE, Recorder("called"), 1)
+callback.fAnySuspendThread = 1
+for line in (2, 3):
+    with support.logging_to(ALL_MASKS) as log:
+        print(callback.Callback(code, line))
+    print("".join(messages(log)[1:]), end="")
+"""
+
+
+@support.needs_monitoring
+class ThreadWithoutARecord(unittest.TestCase):
+    """The class has been made to give None, in a child, because a class does not get its own `__new__` back."""
+
+    def test_is_neither_asked_nor_held_nor_stepped(self):
+        head = ("CInitialCallback_Callback_CheckDebugPolicy(): per_thread is None\n"
+                "  CInitialCallback.SkipSecondCallback(): event id %d; " % event_id("LINE"))
+        self.assertEqual(support.run_child(WITHOUT_RECORD),
+                         (0, "called\n" + head + INVOKING + "None\n" + head + "returning True\n" + SKIPPING, ""))
 
 
 if __name__ == "__main__":

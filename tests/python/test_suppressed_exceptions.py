@@ -6,7 +6,8 @@ import unittest
 import weakref
 
 import support
-from filter_support import FilterTestCase, forget_handled_exception
+from filter_support import FAILURES, SUPPRESSED, FilterTestCase, forget_handled_exception, messages
+from state import state_of
 
 
 FAILING = """
@@ -195,6 +196,24 @@ class SuppressedExceptions(FilterTestCase):
         forget_handled_exception()
         self.fail_with(self.raising(ring))
         self.assertEqual((ring.__context__, other.__context__), (other, ring))
+
+    def test_without_the_hosts_function_it_is_dropped(self):
+        """So it is for an event while the host's log module is being imported."""
+        state = state_of(self.om)
+        log_exception, state._LogException = state._LogException, None
+        try:
+            failure = ValueError("dropped")
+            counted = support.references([failure])
+            with support.logging_to(FAILURES) as log:
+                answer = self.callback("PY_START", self.raising(failure)).Callback(self.code, 0)
+            failure.__traceback__ = None
+            self.assertIsNone(answer)
+            self.assertEqual(messages(log), [SUPPRESSED, "! ValueError: dropped"])
+            self.assertIsNone(sys.exception())
+            self.assertEqual(support.references([failure]), counted)
+        finally:
+            state._LogException = log_exception
+        self.assert_nothing_reported()
 
     def test_earlier_ones_are_given_up(self):
         class Failure(Exception):
