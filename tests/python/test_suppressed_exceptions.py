@@ -49,6 +49,18 @@ except ValueError as error:
     print(fail_with(ValueError).__context__ is error)
 """
 
+COUNTING_FAILS = FAILING + """
+def getrefcount(exception):
+    raise KeyError(exception)
+
+sys.getrefcount = getrefcount
+for _ in range(2):
+    failure = fail_with(ValueError)
+    print(repr(failure), failure.__context__)
+del sys.getrefcount
+print(repr(fail_with(KeyError)))
+"""
+
 MANY_GENERATORS = FAILING + """
 def generator():
     while True:
@@ -118,6 +130,12 @@ class SuppressedExceptions(FilterTestCase):
         status, out, err = support.run_child(HANDLING_AT_ITS_ADDRESS)
         self.assertEqual((status, err), (0, ""))
         self.assertEqual(out, "True\n")
+
+    def test_references_that_cannot_be_counted(self):
+        """On a free-threaded build a function of the interpreter is asked, which the program may replace."""
+        status, out, err = support.run_child(COUNTING_FAILS)
+        self.assertEqual((status, err), (0, ""))
+        self.assertEqual(out, "ValueError() None\nValueError() None\nKeyError()\n")
 
     def test_a_chain_does_not_grow_in_many_coroutines_that_fail_in_turn(self):
         """Each keeps a handled exception of its own; there are more than the module remembers."""
