@@ -259,6 +259,55 @@ class LineTest(TerminalTestCase):
         self.assertIn("Num", self.complete(session, "info thr"))
         session.end("quit")
 
+    def test_completion_inside_expressions(self):
+        session = self.start(self.PROGRAM, "break 3", "continue", terminal=True, TERM="xterm", PYTHON_BASIC_REPL="1")
+        session.do("table = {'key': [total_of_it, 2]}")
+        for typed, shown in {
+                "p 1 + total_o": "43\n", "p -1-total_o": "-43\n", "!total_o": "42\n", "total_o": "42\n",
+                "whatis total_o": "<class 'int'>\n", "p [each for each in tabl": "['key']",
+                "p table['key'].inde": "<built-in method index of list object",
+                "p table['key'][0].bit_l": "<built-in method bit_length of int object",
+                "p function(1).bit_l": "AttributeError: 'int' object has no attribute 'bit_l'"}.items():
+            with self.subTest(typed):
+                closing = "]" if " for " in typed else ""
+                os.write(session._in, typed.encode() + b"\t" + closing.encode() + b"\n")
+                self.assertIn(shown, session.prompt())
+        session.end("quit")
+
+    def test_completion_of_arguments(self):
+        session = self.start(self.PROGRAM, "break 3", "continue", terminal=True, TERM="xterm", PYTHON_BASIC_REPL="1")
+        session.do("class ProgramError(Exception): pass")
+        for typed, command, shown in [
+                ("set follow-fork o\tn", "set follow-fork", "it is on"),
+                ("set hold\t of\t", "set hold-others", "it is off"),
+                ("set just-\t on", "set just-my-code", "it is on"),
+                ("catch off", "catch", "catch off"),
+                ("catch unc\t", "catch", "catch uncaught\n"),
+                ("catch rai\t ZeroDiv\t i\t numb\t", "catch", "catch raised ZeroDivisionError if number"),
+                ("catch ProgramE\t", "catch", "catch raised ProgramError"),
+                ("condition 1 total_o\t", "break", "stop only if total_of_it"),
+                ("hits 1 =\t 3", "break", "stop only at hits == 3"),
+                ("watch total_o\t if numb\t", "info wat\t", "total_of_it\n\tstop only if number"),
+                ("unwatch 2\t", "info watches", "No watches."),
+                ("thread 1\t", "threads", "> 1"),
+                ("dprintf functi\t, a text", "break", "at "),
+                ]:
+            with self.subTest(typed):
+                session.do(typed)
+                self.assertIn(shown, session.do(command))
+        session.end("quit")
+
+    def test_settings_that_are_not(self):
+        session = self.start(self.PROGRAM)
+        known = "*** set follow-fork, set hold-others, set just-my-code is what there is\n"
+        for command, shown in {
+                "set fol on": known, "set follow": known,
+                "set": "set follow-fork off\nset hold-others on\nset just-my-code off\n",
+                "set([1])": "{1}\n", "set is not None": "True\n", "set if 1 else 2": "<class 'set'>\n"}.items():
+            with self.subTest(command):
+                self.assertEqual(session.do(command), shown)
+        session.end("quit")
+
     def test_colors(self):
         session = self.start(self.PROGRAM, terminal=True, NO_COLOR="", TERM="xterm", PYTHON_BASIC_REPL="1")
         self.assertIn("\x1b[", session.do("next"))

@@ -121,7 +121,7 @@ def _as_function(text: str, names: list[str], module_globals: dict[str, Any]) ->
 # ---- Hit conditions ----
 
 _HIT_CONDITION = re.compile(r"(==|>=|<=|>|<|%)\s*([0-9]+)$")
-_COMPARISONS: dict[str, Callable[[int, int], bool]] = {
+HIT_OPERATORS: dict[str, Callable[[int, int], bool]] = {
     "==": operator.eq, ">=": operator.ge, "<=": operator.le, ">": operator.gt, "<": operator.lt,
     "%": lambda hits, number: hits % number == 0,
 }
@@ -148,7 +148,7 @@ class HitCondition:
         return "%s %d" % (self.operator, self.number)
 
     def matches(self, hits: int) -> bool:
-        return _COMPARISONS[self.operator](hits, self.number)
+        return HIT_OPERATORS[self.operator](hits, self.number)
 
 
 # ---- Texts to be logged ----

@@ -192,9 +192,6 @@ class Terminal(Ends):
             names = super().completenames(text, *place) + [each for each in self.aliases if each.startswith(text)]
             return names or self.completedefault(text, *place)
 
-        def completedefault(self, text: str, *place: Any) -> list[str]:
-            return self._complete_expression(text, *place)
-
     # -- reading ---------------------------------------------------------------------------
 
     def postcmd(self, stop: bool, line: str) -> bool:

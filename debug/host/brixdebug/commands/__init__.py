@@ -1,6 +1,7 @@
 """The commands that pdb has not, by what they are about; a debugger's class gets them by inheriting."""
 
 from brixdebug.commands.breakpoints import BreakpointCommands
+from brixdebug.commands.completion import CompletionCommands
 from brixdebug.commands.evaluating import EvaluatingCommands
 from brixdebug.commands.exceptions import ExceptionCommands
 from brixdebug.commands.information import InformationCommands
@@ -10,6 +11,7 @@ from brixdebug.commands.threads import ThreadCommands
 from brixdebug.commands.watches import WatchCommands
 
 
-class Commands(BreakpointCommands, ExceptionCommands, WatchCommands, EvaluatingCommands,
-               ThreadCommands, InformationCommands, SettingCommands, StackCommands):
+class Commands(CompletionCommands, BreakpointCommands, ExceptionCommands, WatchCommands,
+               EvaluatingCommands, ThreadCommands, InformationCommands, SettingCommands,
+               StackCommands):
     """All of them."""

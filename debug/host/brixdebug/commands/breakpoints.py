@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import bdb
-import pdb
 
 from brixdebug.commands.base import CommandBase
 from brixdebug.conditions import HitCondition, LogText
@@ -45,9 +44,6 @@ class BreakpointCommands(CommandBase):
             for each in new:
                 each.log_text = log_text
 
-    if hasattr(pdb.Pdb, "_complete_location"):
-        complete_dprintf = pdb.Pdb._complete_location
-
     def do_hits(self, arg: str) -> None:
         """hits NUMBER == N | >= N | <= N | > N | < N | % N
 
@@ -72,9 +68,6 @@ class BreakpointCommands(CommandBase):
             self.message("Breakpoint %d will stop at each hit." % breakpoint.number)
         else:
             self.message("Breakpoint %d will stop only at hits %s." % (breakpoint.number, hit_condition))
-
-    if hasattr(pdb.Pdb, "_complete_bpnumber"):
-        complete_hits = pdb.Pdb._complete_bpnumber
 
     def _breakpoint(self, number: Any) -> Any:
         """ValueError for what is no breakpoint's number."""

@@ -5,10 +5,6 @@ from __future__ import annotations
 from brixdebug import files
 from brixdebug.commands.base import CommandBase
 
-TYPE_CHECKING = False
-if TYPE_CHECKING:
-    from typing import Any
-
 
 class InformationCommands(CommandBase):
     """Says what is known of the program."""
@@ -33,9 +29,6 @@ class InformationCommands(CommandBase):
             self.error("info %s is what there is" % ", info ".join(self.info_topics))
             return
         getattr(self, self.info_topics[arg])()
-
-    def complete_info(self, text: str, *place: Any) -> list[str]:
-        return [each for each in self.info_topics if each.startswith(text)]
 
     def _show_duplicates(self) -> None:
         files.update_checksums()

@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+import keyword
+
 from brixdebug.commands.base import CommandBase
 
 
@@ -12,9 +14,12 @@ class SettingCommands(CommandBase):
     settings = {"follow-fork": "follows_fork", "hold-others": "holds_others", "just-my-code": "just_my_code"}
 
     def do_set(self, arg: str) -> None:
-        """set follow-fork on|off
+        """set
+        set follow-fork on|off
         set hold-others on|off
         set just-my-code on|off
+
+        Without argument, show how all are set.
 
         follow-fork: whether a child that the program forks is debugged too.  Off,
         as it is at first, the child runs free of the debugger.
@@ -28,9 +33,18 @@ class SettingCommands(CommandBase):
         installed packages, and where shows its frames as one line (where COUNT shows
         them all).  Off at first.  Breakpoints hold there either way.
         """
+        if self._is_expression("set", arg):
+            return
         words = arg.split()
-        if not words or words[0] not in self.settings:
+        if words and keyword.iskeyword(words[0]):
             self.default("set " + arg)        # the built-in type, or a name of the program
+            return
+        if not words:
+            for name, attribute in self.settings.items():
+                self.message("set %s %s" % (name, "on" if getattr(self, attribute) else "off"))
+            return
+        if words[0] not in self.settings:
+            self.error("set %s is what there is" % ", set ".join(self.settings))
             return
         attribute = self.settings[words[0]]
         if words[1:] not in (["on"], ["off"]):

@@ -73,10 +73,6 @@ class ThreadCommands(CommandBase):
             return "at the prompt"
         return "held" if monitor.suspension.is_waiting(thread_id) else "running"
 
-    def complete_thread(self, text: str, *place: Any) -> list[str]:
-        numbers = [str(number) for number, _, _ in self._numbered_threads()]
-        return [each for each in numbers if each.startswith(text)]
-
     def do_thread(self, arg: str) -> None:
         """thread NUMBER
 
