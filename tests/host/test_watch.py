@@ -96,6 +96,28 @@ class WatchTest(unittest.TestCase):
         self.assertIn("Watch 2 has ended with the call of inner(): total, last 102", lines)
         self.assertIn("end 9", lines)
 
+    def test_a_global_name_after_a_restart(self):
+        """It is looked at again once it is there, which is no change."""
+        commands = ["tbreak main", "c", "watch COUNT", "watch account.balance", "c", "restart", "c", "c", "c", "q"]
+        lines = run_session("-m", "brixdebug", self.path, commands=commands).stdout.splitlines()
+        values = [line.partition(" value: ")[2] for line in lines if " value: " in line]
+        self.assertEqual(values, ["0", "5"] + ["0", "5", "1", "8", "8", "9"])
+
+    def test_quit_and_restart_leave_the_line_that_is_reached_undone(self):
+        program = write_program(self.path.parent, """\
+            COUNT = 0
+            def main():
+                global COUNT
+                COUNT += 1
+                print("not reached")
+            main()
+            """, "counts.py")
+        for command in "quit", "restart":
+            with self.subTest(command):
+                child = run_session("-m", "brixdebug", program, commands=["tbreak main", "c", "watch COUNT", "c", command, "q"])
+                self.assertIn("New value: 1", child.stdout)
+                self.assertNotIn("(Pdb) not reached", child.stdout)
+
     def test_a_name_that_is_not_bound_yet(self):
         self.assertEqual(self.changes("tbreak inner", "c", "watch total", "c", "c", "q")[0],
                          ("<NameError: name 'total' is not defined>", "2",

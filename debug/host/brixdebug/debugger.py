@@ -229,6 +229,7 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
             type(self).has_refused = self._user_requested_quit = True
             return
         decisions.count_anew()
+        monitor.watches.begin_anew()
         try:
             super()._run(target)
         except MonitorError as error:

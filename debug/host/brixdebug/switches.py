@@ -253,7 +253,9 @@ class Switches:
         step_events = _UNWIND_EVENTS if unwinds else _events.RAISE if raises else 0
         if anywhere or ends:
             step_events |= _FIND_EVENTS
-        events = step_events | (_FIND_EVENTS if finds else 0) | (_WATCH_EVENTS if lines else 0)
+        if lines:
+            step_events |= _WATCH_EVENTS
+        events = step_events | (_FIND_EVENTS if finds else 0)
         self._set_reports_all_lines(lines)
         self._find_without_filter(finds and not (anywhere or ends or lines or self._is_holding))
         self._set_events(events, step_events)
@@ -264,6 +266,7 @@ class Switches:
         if self._reports_all_lines == is_wanted:
             return
         self._reports_all_lines = is_wanted
+        self._register_raiser()
         for record in [*self._lines, *self._ends]:
             self._apply(record)
         if is_wanted:
@@ -468,12 +471,11 @@ class Switches:
         """The raiser's callbacks while it has nothing to raise: none, or what switches places off."""
         if self._raising:
             return
-        callbacks: dict[int, Callable[..., object]] = {} if not self.is_idle else {
-            _events.LINE: self._on_raiser_line,
-            _events.JUMP: self._on_raiser_jump,
-            _events.PY_START: self._on_raiser_call,
-            _events.PY_RESUME: self._on_raiser_call,
-        }
+        callbacks: dict[int, Callable[..., object]] = {}
+        if self.is_idle:
+            callbacks = dict.fromkeys((_events.PY_START, _events.PY_RESUME), self._on_raiser_call)
+            if not self._reports_all_lines:
+                callbacks.update({_events.LINE: self._on_raiser_line, _events.JUMP: self._on_raiser_jump})
         for event in self._second_callbacks:
             sys.monitoring.register_callback(RAISER_TOOL_ID, event, callbacks.get(event))
 

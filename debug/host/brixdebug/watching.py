@@ -102,6 +102,7 @@ class Watch:
         # None: to be taken as it is when it is looked at next.
         self.value: Value | None = self._evaluate(self.code, variables)
         self.last: Value = self.value         # that was seen last
+        self._awaits_value = False            # the names are not there yet, after a restart
 
     def _evaluate(self, code: CodeType, variables: Mapping[str, Any]) -> Value:
         try:
@@ -129,6 +130,11 @@ class Watch:
         if self.is_over:
             return False
         value = self.look()
+        if self._awaits_value:
+            if value.error is not None:
+                return False
+            self._awaits_value = False
+            self.value = None
         if self.value is None:
             self.value = self.last = value
         return not value.is_same(self.value)
@@ -151,6 +157,10 @@ class Watch:
     def is_over(self) -> bool:
         """Nothing is left that could change."""
         return self.frame is None and any(root() is None for root in self._roots.values())
+
+    def begin_anew(self) -> None:
+        """The program begins again: its names are not there, and are no change when they come."""
+        self._awaits_value = True
 
     # -- what breakpoints have ---------------------------------------------------------
 
@@ -276,6 +286,12 @@ class Watches:
     def codes_of_calls(self) -> dict[int, FrameType]:
         """Frames of the calls that watches are bound to, by id of their code."""
         return {id(each.frame.f_code): each.frame for each in self.active if each.frame is not None}
+
+    def begin_anew(self) -> None:
+        """The program begins again."""
+        self._steps = {}
+        for each in self.active:
+            each.begin_anew()
 
     def renew(self) -> None:
         """What the user has changed at the prompt is no change of the program's."""
