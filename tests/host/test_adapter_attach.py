@@ -1,6 +1,7 @@
 """Programs that let editors in: who may come, who may not, and that the program goes on."""
 
 import errno
+import random
 import socket
 import subprocess
 import sys
@@ -9,6 +10,8 @@ import unittest
 from dap_client import AdapterTestCase, Client
 from host_support import LOCK_WARNING, child_environment
 from session import line_of
+
+DROPPED = errno.EPIPE, errno.ECONNRESET, errno.ENOTCONN      # at once
 
 
 class AttachTest(AdapterTestCase):
@@ -95,7 +98,27 @@ class AttachTest(AdapterTestCase):
                     self.assertEqual(answer.count(b"Content-Length"), 1)
                     self.assertIn(b'"output": "brixdebug: ', answer)
                 except OSError as error:
-                    self.assertIn(error.errno, (errno.EPIPE, errno.ECONNRESET, errno.ENOTCONN))     # dropped at once
+                    self.assertIn(error.errno, DROPPED)
+        self.attach(self.client(), path, port)
+
+    def test_mutated_first_messages(self):
+        path = self.start("--listen", "0")
+        port = self.port()
+        chance = random.Random(20261122)
+        for _ in range(300):
+            data = bytearray(b"Content-Length: %d\r\n\r\n%s" % (len(self.INITIALIZE), self.INITIALIZE))
+            for _ in range(chance.randrange(1, 6)):
+                at = chance.randrange(len(data))
+                data[at:at + chance.choice((0, 1, 1, 9))] = chance.randbytes(chance.choice((0, 1, 1, 9)))
+            with socket.create_connection(("127.0.0.1", port)) as connection:
+                connection.settimeout(60)
+                try:
+                    connection.sendall(data)
+                    connection.shutdown(socket.SHUT_WR)
+                    while connection.recv(4096):
+                        pass
+                except OSError as error:
+                    self.assertIn(error.errno, DROPPED)
         self.attach(self.client(), path, port)
 
     def test_strangers_that_stay_keep_no_client_out(self):
