@@ -41,6 +41,28 @@ class BreakpointTest(AdapterTestCase):
         client.go_on()
         self.assertEqual(client.finish(), 0)
 
+    def test_threads_are_numbered_in_the_order_of_their_start(self):
+        path = self.program("""\
+            import threading
+            begun, go = threading.Barrier(4), threading.Event()
+            def work():
+                begun.wait()
+                go.wait()
+            threads = [threading.Thread(target=work, name="worker %d" % n) for n in range(3)]
+            for each in threads:
+                each.start()
+            begun.wait()
+            x = 1                       # here
+            go.set()
+        """, "several.py")
+        client = self.client()
+        client.launch(path, {path: [line_of(path, "here")]})
+        client.wait_for_stop("breakpoint")
+        self.assertEqual(client.ask("threads")["threads"], [
+            {"id": 1, "name": "MainThread"}, *({"id": n + 2, "name": "worker %d" % n} for n in range(3))])
+        client.go_on()
+        self.assertEqual(client.finish(), 0)
+
     def test_line_without_a_statement_moves_on_to_the_next(self):
         path = self.program("def f():\n    # a comment\n\n    x = 1\n    return x\nf()\n# the end\n")
         client = self.client()

@@ -322,8 +322,7 @@ class Session:
         return self.wire.event("stopped", body)
 
     def thread_number(self, thread_id: int) -> int:
-        """The number of a thread for clients: those of the system do not fit in theirs."""
-        return self.tree.numbers.of(thread_id)
+        return self.tree.thread_number(thread_id)
 
     def stop(self) -> Stop:
         """The stop that there is; RequestError without one."""

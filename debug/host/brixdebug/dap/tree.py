@@ -28,6 +28,9 @@ class Numbers:
         self._numbers: dict[int, int] = {}
         self._things: dict[int, int] = {}
 
+    def has(self, thing: int) -> bool:
+        return thing in self._numbers
+
     def of(self, thing: int) -> int:
         if thing not in self._numbers:
             number = len(self._numbers) + 1
@@ -92,7 +95,14 @@ class Tree:
 
     def threads(self) -> list[tuple[int, str]]:
         """Number and name of each thread of the program, in the order of their numbers."""
-        return sorted((self.numbers.of(each), monitor.suspension.thread_name(each)) for each in debugged_frames())
+        return sorted((self.thread_number(each), monitor.suspension.thread_name(each)) for each in debugged_frames())
+
+    def thread_number(self, thread_id: int) -> int:
+        """The number of a thread for clients: those of the system do not fit in theirs."""
+        if not self.numbers.has(thread_id):
+            for each in reversed(debugged_frames()):         # the interpreter lists the newest thread first
+                self.numbers.of(each)
+        return self.numbers.of(thread_id)
 
     def stack(self, thread_id: int) -> list[Frame]:
         """The frames of a thread that the user sees, the innermost first."""
