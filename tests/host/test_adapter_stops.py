@@ -366,6 +366,35 @@ class ValuesTest(AdapterTestCase):
         self.assertEqual(rows["huge"]["value"], "<int of about 3010301 digits>")
         self.assertEqual(rows["after"]["value"], "'shown all the same'")
 
+    def test_values_that_lie_hide_nothing(self):
+        client = self.at_end_of("""\
+            class Liar:
+                def __getattribute__(self, name):
+                    raise KeyError(name)
+            class Long(dict):
+                def __len__(self):
+                    return 10 ** 12
+            class Short(list):
+                def __len__(self):
+                    return 0
+                def __getitem__(self, index):
+                    raise KeyError(index)
+            liar, long, short = Liar(), Long(a=1), Short([1, 2])
+            after = "shown all the same"
+        """.replace("            ", ""))
+        rows = client.locals(self.frame_id)
+        self.assertRegex(rows["liar"]["value"], "Liar object at")
+        self.assertEqual(rows["after"]["value"], "'shown all the same'")
+        self.assertEqual([rows[name]["indexedVariables"] for name in ("long", "short")], [1, 2])
+        page = client.variables(rows["short"]["variablesReference"], filter="indexed", start=1, count=5)
+        self.assertEqual([(name, row["value"]) for name, row in page.items()], [("1", "2")])
+
+    def test_fields_of_a_named_tuple_are_shown_by_their_names(self):
+        client = self.at_end_of("import collections\npair = collections.namedtuple('Pair', 'left right')(1, 'two')")
+        rows = client.variables(client.locals(self.frame_id)["pair"]["variablesReference"])
+        self.assertEqual([(rows[name]["value"], rows[name]["evaluateName"]) for name in ("left", "right")],
+                         [("1", "pair.left"), ("'two'", "pair.right")])
+
     def test_properties_are_calls_that_the_user_asks_for(self):
         client = self.at_end_of("""\
             class Thing:

@@ -139,7 +139,7 @@ class Tree:
 
     def rows(self, children: list[Child], is_hex: bool = False) -> list[dict[str, Any]]:
         """The protocol's form of variables: their reprs, and numbers for what can be opened."""
-        shown = [child for child in children if child.get is None and not isinstance(child.value, variables.Node)]
+        shown = [child for child in children if child.get is None and not variables.is_a(child.value, variables.Node)]
         texts = iter(list(rendering.page(self.boxed, [child.value for child in shown], is_hex=is_hex)))
         return [self._row(child, texts) for child in children]
 
@@ -150,7 +150,7 @@ class Tree:
             hint["kind"] = child.role
         if child.evaluate_name is not None:
             row["evaluateName"] = child.evaluate_name
-        if isinstance(child.value, variables.Node):
+        if variables.is_a(child.value, variables.Node):
             row["value"] = ""
             row["variablesReference"] = self.add(child.value)
         elif child.get is not None:
@@ -160,13 +160,13 @@ class Tree:
         else:
             row["value"] = next(texts)
             row.update(self.describe(child.value, child.evaluate_name))
-            if isinstance(child.value, str):
+            if variables.is_a(child.value, str):
                 hint["attributes"] = ["rawString"]
         if hint:
             row["presentationHint"] = hint
         return row
 
-    def describe(self, value: object, path: str | None) -> dict[str, Any]:
+    def describe(self, value: Any, path: str | None) -> dict[str, Any]:
         """Type, and what can be opened, of a value."""
         about: dict[str, Any] = {"type": rendering.type_name(type(value)), "variablesReference": 0}
         node = variables.node_for(value, path, rendering.render)
@@ -174,6 +174,6 @@ class Tree:
             about["variablesReference"] = self.add(node)
             if node.indexed_count():
                 about["indexedVariables"] = node.indexed_count()
-        if isinstance(value, (bytes, bytearray, memoryview)):
+        if variables.is_a(value, (bytes, bytearray, memoryview)):
             about["memoryReference"] = str(self.add(variables.BytesNode(value)))
         return about

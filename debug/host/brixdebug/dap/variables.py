@@ -20,7 +20,13 @@ _NO_CHILDREN = (type(None), bool, int, float, complex, str, bytes, type(NotImple
                 types.CodeType, types.BuiltinFunctionType, range)
 _SEQUENCES = (list, tuple, collections.deque)
 _SETS = (set, frozenset)
+_TUPLE_FIELD = type(collections.namedtuple("_Sample", "field").__dict__["field"])
 _MAPPINGS = (dict, types.MappingProxyType, collections.OrderedDict, collections.defaultdict, collections.Counter)
+
+
+def is_a(value: object, kinds: type | tuple[type, ...]) -> bool:
+    """What `isinstance` says, without asking the object, whose own `__class__` may do anything."""
+    return issubclass(type(value), kinds)
 
 
 class Child:
@@ -105,14 +111,15 @@ class SequenceNode(Node):
 
     def named(self) -> list[Child]:
         extra = _attribute_children(self._value, self._path) if type(self._value) not in _SEQUENCES else []
-        return [*extra, Child("len()", len(self._value), self._path and "len(%s)" % self._path, "virtual")]
+        return [*extra, _length_child(self._value, self._path)]
 
     def indexed_count(self) -> int:
-        return len(self._value)
+        return _length(self._value)
 
     def indexed(self, start: int, count: int) -> list[Child]:
-        values = itertools.islice(self._value, start, start + count) if isinstance(self._value, collections.deque) \
-            else self._value[start:start + count]
+        plain = _PLAIN_KINDS[type(self._value).__iter__]
+        values = itertools.islice(self._value, start, start + count) if plain is collections.deque \
+            else plain.__getitem__(self._value, slice(start, start + count))
         return [Child(str(index), value, self._path and "%s[%d]" % (self._path, index))
                 for index, value in enumerate(values, start)]
 
@@ -126,10 +133,10 @@ class SetNode(Node):
         self._path = path
 
     def named(self) -> list[Child]:
-        return [Child("len()", len(self._value), self._path and "len(%s)" % self._path, "virtual")]
+        return [_length_child(self._value, self._path)]
 
     def indexed_count(self) -> int:
-        return len(self._value)
+        return _length(self._value)
 
     def indexed(self, start: int, count: int) -> list[Child]:
         values = _tried(lambda: list(itertools.islice(self._value, start, start + count)))
@@ -146,10 +153,10 @@ class MappingNode(Node):
 
     def named(self) -> list[Child]:
         extra = _attribute_children(self._value, self._path) if type(self._value) not in _MAPPINGS else []
-        return [*extra, Child("len()", len(self._value), self._path and "len(%s)" % self._path, "virtual")]
+        return [*extra, _length_child(self._value, self._path)]
 
     def indexed_count(self) -> int:
-        return len(self._value)
+        return _length(self._value)
 
     def indexed(self, start: int, count: int) -> list[Child]:
         items = _tried(lambda: list(itertools.islice(_items_view(self._value), start, start + count)))
@@ -190,19 +197,27 @@ def node_for(value: Any, path: str | None, show_key: Callable[[Any], str]) -> No
     if path is not None and not path.isidentifier() and not path.endswith(("]", ")")) \
             and not path.replace(".", "").isidentifier():
         path = "(%s)" % path
-    if isinstance(value, _MAPPINGS) and kind.__iter__ in _PLAIN_ITERATORS:
+    if is_a(value, _MAPPINGS) and kind.__iter__ in _PLAIN_KINDS:
         return MappingNode(value, path, show_key)
-    if isinstance(value, _SEQUENCES) and kind.__iter__ in _PLAIN_ITERATORS:
+    if is_a(value, _SEQUENCES) and kind.__iter__ in _PLAIN_KINDS:
         return SequenceNode(value, path)
-    if isinstance(value, _SETS) and kind.__iter__ in _PLAIN_ITERATORS:
+    if is_a(value, _SETS) and kind.__iter__ in _PLAIN_KINDS:
         return SetNode(value, path)
     return ObjectNode(value, path)
 
 
-_MAPPING_BY_ITERATOR = {kind.__iter__: kind for kind in _MAPPINGS}
-
 # A subclass that iterates in its own way is not taken for what it derives from.
-_PLAIN_ITERATORS = {kind.__iter__ for kind in (*_SEQUENCES, *_SETS, *_MAPPINGS)}
+_PLAIN_KINDS: dict[Any, Any] = {kind.__iter__: kind for kind in (*_SEQUENCES, *_SETS, *_MAPPINGS)}
+
+
+def _length(value: Any) -> int:
+    """As the standard class has it, whatever a subclass says."""
+    length: int = _PLAIN_KINDS[type(value).__iter__].__len__(value)
+    return length
+
+
+def _length_child(value: Any, path: str | None) -> Child:
+    return Child("len()", _length(value), path and "len(%s)" % path, "virtual")
 
 
 # -- attributes ------------------------------------------------------------------------------------
@@ -223,7 +238,7 @@ def _attribute_children(value: Any, path: str | None) -> list[Child]:
         child = _class_child(value, path, owner, name, each)
         group = "special variables" if _is_special(name) else \
             "function variables" if child.role == "method" else "class variables"
-        if child.get is not None and not _is_special(name):
+        if child.role == "property" and not _is_special(name):
             children.append(child)
         elif child.get is None:
             groups[group].append(child)
@@ -243,13 +258,13 @@ def _attribute_path(path: str | None, name: str) -> str | None:
 def _own_attributes(value: Any) -> Iterator[tuple[str, Any]]:
     """What the object's own dict has; no code of its class is run."""
     try:
-        names = type.__dict__["__dict__"].__get__(value) if isinstance(value, type) \
+        names = type.__dict__["__dict__"].__get__(value) if is_a(value, type) \
             else object.__getattribute__(value, "__dict__")
     except Exception:
         return
-    if isinstance(names, (dict, types.MappingProxyType)):
+    if is_a(names, (dict, types.MappingProxyType)):
         for name, each in _items(names):
-            if isinstance(name, str):
+            if is_a(name, str):
                 yield name, each
 
 
@@ -261,7 +276,7 @@ def _mro(kind: type) -> tuple[type, ...]:
 def _slot_values(value: Any) -> Iterator[tuple[str, Any]]:
     for owner in _mro(type(value)):
         for name, each in _items(type.__dict__["__dict__"].__get__(owner)):
-            if isinstance(each, types.MemberDescriptorType) and not _is_special(name):
+            if is_a(each, types.MemberDescriptorType) and not _is_special(name):
                 try:
                     yield name, each.__get__(value)
                 except Exception:            # not set
@@ -269,20 +284,22 @@ def _slot_values(value: Any) -> Iterator[tuple[str, Any]]:
 
 
 def _class_attributes(value: Any) -> Iterator[tuple[type, str, Any]]:
-    if isinstance(value, (type, types.ModuleType)):
+    if is_a(value, (type, types.ModuleType)):
         return
     for owner in _mro(type(value)):
         if owner is not object:
             for name, each in _items(type.__dict__["__dict__"].__get__(owner)):
-                if isinstance(name, str) and not isinstance(each, types.MemberDescriptorType):
+                if is_a(name, str) and not is_a(each, types.MemberDescriptorType):
                     yield owner, name, each
 
 
 def _class_child(value: Any, path: str | None, owner: type, name: str, each: Any) -> Child:
     path = _attribute_path(path, name)
-    if isinstance(each, (property, types.GetSetDescriptorType)) or type(each).__name__ == "cached_property":
+    if is_a(each, _TUPLE_FIELD):
+        return Child(name, each.__get__(value), path, "property")
+    if is_a(each, (property, types.GetSetDescriptorType)) or type(each).__name__ == "cached_property":
         return Child(name, None, path, "property", get=lambda: getattr(value, name))
-    if isinstance(each, (types.FunctionType, classmethod, staticmethod, types.MethodDescriptorType,
+    if is_a(each, (types.FunctionType, classmethod, staticmethod, types.MethodDescriptorType,
                          types.WrapperDescriptorType, types.ClassMethodDescriptorType, types.BuiltinFunctionType)):
         return Child(name, each, path, "method")
     return Child(name, each, path, "class")
@@ -290,7 +307,7 @@ def _class_child(value: Any, path: str | None, owner: type, name: str, each: Any
 
 def _items_view(names: Any) -> Any:
     """The pairs as the standard class has them, whatever a subclass makes of `items`."""
-    kind: Any = _MAPPING_BY_ITERATOR.get(type(names).__iter__)
+    kind: Any = _PLAIN_KINDS.get(type(names).__iter__)
     return names.items() if kind is None else kind.items(names)
 
 
