@@ -125,13 +125,13 @@ valgrind:  ## the C++ tests and a short Python session under memcheck
 	@cmake --build $(BUILD) --target plain_tests optmonitoring -j $(JOBS)
 	@tests/sanitizers/run_valgrind $(BUILD) $$(tools/choose_python)
 
-bench: build  ## what an event costs on every road, instructions and times (some minutes an interpreter)
+bench: build  ## what an event costs on every path, instructions and times (some minutes an interpreter)
 	@tools/setup test
 	@python3 bench/run_bench.py --module-dir $(BUILD) --results $(BUILD)/bench \
 	    --debugpy "$(or $(BENCH_DEBUGPY),$(BUILD)/debugpy/{version})"
 	@$(MAKE) --no-print-directory bench-host
 
-bench-quick: build  ## the roads with a budget alone, in release builds
+bench-quick: build  ## the paths with a budget alone, in release builds
 	@tools/setup test
 	@python3 bench/run_bench.py --quick --module-dir $(BUILD) --results $(BUILD)/bench/quick
 

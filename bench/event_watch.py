@@ -1,6 +1,6 @@
 """The loops whose events are measured, and how they are watched: by a bare callback, or by the filter around records.
 
-Runs in the measured interpreter; event_roads.py says why little is imported.
+Runs in the measured interpreter; event_paths.py says why little is imported.
 """
 
 import _thread
@@ -104,7 +104,7 @@ RESUME = Kind(EVENTS.PY_RESUME, generator_loop, generate, 1)
 def watch(kind, callback, code=None):
     """Report the events of one code object; every location is armed again."""
     if sys.monitoring.get_tool(TOOL) is None:
-        sys.monitoring.use_tool_id(TOOL, "event roads")
+        sys.monitoring.use_tool_id(TOOL, "event paths")
     sys.monitoring.register_callback(TOOL, kind.event, callback)
     sys.monitoring.set_local_events(TOOL, code or kind.code, kind.event)
     sys.monitoring.restart_events()

@@ -15,7 +15,7 @@ import statistics
 import sys
 import time
 
-from event_roads import exit_with
+from event_paths import exit_with
 from event_watch import EVENTS, LINE, START, TOOL, TURN_LINES, Filter, call_loop, callee, check, line_loop, watch
 
 EVENTS_OF_A_PASS = 20000    # at least

@@ -1,4 +1,4 @@
-"""Instructions per event: of the loop of a variant of event_roads.py, counted by callgrind.
+"""Instructions per event: of the loop of a variant of event_paths.py, counted by callgrind.
 
 A number that does not depend on how busy the machine is and comes out the same every time.  Counted is what runs below
 LOOP on the thread that calls it, after a warm-up; for the events of new threads it is the difference between two counts
@@ -19,12 +19,12 @@ import subprocess
 from variants import VARIANTS
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-CHILD = os.path.join(HERE, "event_roads.py")
+CHILD = os.path.join(HERE, "event_paths.py")
 SKIPPED = 77                # the child's exit status when the interpreter cannot run a variant
 PARALLEL = 2                # valgrind processes at a time
 TIMEOUT = 600               # seconds for one run
 SECOND_CALL = "PyObject_Vectorcall"
-LOOP = "PyNumber_MatrixMultiply"        # by which event_roads.py calls the loop, and nothing else calls anything
+LOOP = "PyNumber_MatrixMultiply"        # by which event_paths.py calls the loop, and nothing else calls anything
 
 Run = collections.namedtuple("Run", "instructions events")
 Cost = collections.namedtuple("Cost", "per_event second_call")      # second_call: None where nothing is forwarded
@@ -63,7 +63,7 @@ def environment(module_dir):
 
 
 def run_child(command, module_dir, **more_environment):
-    """A run of event_roads.py: what it printed as {name: number}, with `pid` that of the process that was measured.
+    """A run of event_paths.py: what it printed as {name: number}, with `pid` that of the process that was measured.
 
     What is printed on standard error comes second.
     """
@@ -90,7 +90,7 @@ def turns_of(variant):
 
 
 def count_instructions(executable, variant, numbers, module_dir, toggle=None):
-    """Of one run of event_roads.py with these numbers; below the function `toggle` alone, if given."""
+    """Of one run of event_paths.py with these numbers; below the function `toggle` alone, if given."""
     command = ["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null"]
     if toggle:
         command.append("--toggle-collect=" + toggle)

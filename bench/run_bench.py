@@ -1,16 +1,16 @@
 #!/usr/bin/env python3
-"""What an event costs on every road, in every interpreter: instructions, and times against an untraced run.
+"""What an event costs on every path, in every interpreter: instructions, and times against an untraced run.
 
     python3 bench/run_bench.py [--pythons NAME...] [--release] [--quick] [--module-dir DIR] [--results DIR]
                                [--variants NAME...] [--debugpy DIR]
 
-Prints one table for each interpreter and writes one JSON file, roads-NAME.json, into the results' folder; for release
+Prints one table for each interpreter and writes one JSON file, paths-NAME.json, into the results' folder; for release
 builds, also what a first event costs against an object made in Python (first_event.py), first-NAME.json.
 
 Instructions per event are exact and repeatable (see instructions.py); times are measured in one run with all variants
 taking turns, as a ratio to the untraced loop of the same round, and shown as the median with the quartiles.  Budgets
 are in budgets.json: instructions of an event above a C callback that does nothing, without the call of the second
-callback.  A road over its budget is marked; that, or a variant that did not do its work, makes the exit status 1.
+callback.  A path over its budget is marked; that, or a variant that did not do its work, makes the exit status 1.
 """
 
 import argparse
@@ -64,7 +64,7 @@ def check_variants(executable):
                             text=True).stdout.split()
     differences = set(listed) ^ set(VARIANTS)
     if differences:
-        raise BenchError("only in one of variants.py and event_roads.py: %s" % ", ".join(sorted(differences)))
+        raise BenchError("only in one of variants.py and event_paths.py: %s" % ", ".join(sorted(differences)))
 
 
 def tell(text):
@@ -227,7 +227,7 @@ def main():
         rows = result["variants"].values()
         over += sum(row["instructions"]["over_budget"] for row in rows if row["instructions"])
         failed += sum(bool(row["failed"]) for row in rows)
-        print("results in %s\n" % save(options.results, "roads-" + interpreter.name, result), flush=True)
+        print("results in %s\n" % save(options.results, "paths-" + interpreter.name, result), flush=True)
         if interpreter.flavour == "release" and instructions.has_valgrind() and not options.quick:
             over += compare_first_event(interpreter, options)
     print("\n%d over budget, %d failed" % (over, failed))

@@ -1,4 +1,4 @@
-"""The table of the variants of event_roads.py: what each is called, and what it is compared with.
+"""The table of the variants of event_paths.py: what each is called, and what it is compared with.
 
 A variant's `untraced` is the same loop that nobody watches; its `floor` the same loop with a C callback that does
 nothing.  `forwards`: every event goes on to a second callback, whose call is counted apart.  `once`: every event is
@@ -72,7 +72,7 @@ VARIANTS = {row.name: row for row in _ROWS}
 
 FLOORS = tuple(row.name for row in _ROWS if row.untraced and not row.floor)
 RIVALS = ("py_noop", "py_filter", "settrace", "bdb", "bdb_monitoring", "debugpy")
-ROADS = tuple(row.name for row in _ROWS if row.floor and row.name not in RIVALS)
+PATHS = tuple(row.name for row in _ROWS if row.floor and row.name not in RIVALS)
 
 
 def with_references(names):

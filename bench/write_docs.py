@@ -19,7 +19,7 @@ import growth
 import run_bench
 import svg_plot
 from run_bench import number
-from variants import FLOORS, RIVALS, ROADS, VARIANTS
+from variants import FLOORS, PATHS, RIVALS, VARIANTS
 
 TABLE = re.compile(r"(<!-- table: (\w+) -->\n).*?(<!-- end of table -->)", re.DOTALL)
 NONE = "–"
@@ -30,7 +30,7 @@ class Results:
     """What was measured: lists of one record for each interpreter, the oldest version first."""
 
     def __init__(self, folder):
-        self.roads = self._of_releases(folder, "roads-")
+        self.paths = self._of_releases(folder, "paths-")
         self.growth = self._of_releases(folder, "growth-")
         self.first = self._of_releases(folder, "first-")
         self.units = [benchmark for path in sorted(glob.glob(os.path.join(folder, "units-*.json")))
@@ -63,7 +63,7 @@ def grouped(value, form="%.0f"):
     return "{:,}".format(int(whole)) + point + rest
 
 
-def road_cell(result, variant, kind, form):
+def path_cell(result, variant, kind, form):
     row = result["variants"].get(variant)
     if not row or row["failed"] or not row[kind]:
         return NONE
@@ -89,32 +89,32 @@ def time_text(times):
 
 def measured(results):
     """Not a table: when, and with what."""
-    dates = sorted({result["date"] for result in results.roads})
-    compilers = sorted({result["compiler"] for result in results.roads})
+    dates = sorted({result["date"] for result in results.paths})
+    compilers = sorted({result["compiler"] for result in results.paths})
     return "Measured on %s with CPython %s; the module built by %s.\n" % (
-        " to ".join(sorted({dates[0], dates[-1]})), ", ".join(result["python"] for result in results.roads),
+        " to ".join(sorted({dates[0], dates[-1]})), ", ".join(result["python"] for result in results.paths),
         "; ".join(compilers))
 
 
-def _road_table(results, variants, kind, form, with_budget=False):
-    head = ["road"] + ["budget"] * with_budget + [result["python"] for result in results.roads]
-    rows = [[VARIANTS[variant].title] + [budget_text(results.roads, variant)] * with_budget
-            + [road_cell(result, variant, kind, form) for result in results.roads] for variant in variants]
+def _path_table(results, variants, kind, form, with_budget=False):
+    head = ["path"] + ["budget"] * with_budget + [result["python"] for result in results.paths]
+    rows = [[VARIANTS[variant].title] + [budget_text(results.paths, variant)] * with_budget
+            + [path_cell(result, variant, kind, form) for result in results.paths] for variant in variants]
     return markdown_table(head, rows)
 
 
-def roads(results):
-    return _road_table(results, ROADS, "instructions", over_floor_text, with_budget=True)
+def paths(results):
+    return _path_table(results, PATHS, "instructions", over_floor_text, with_budget=True)
 
 
 def events(results):
     def form(counts):
         return grouped(counts["over_untraced"])
-    return _road_table(results, FLOORS + RIVALS + ROADS, "instructions", form)
+    return _path_table(results, FLOORS + RIVALS + PATHS, "instructions", form)
 
 
 def times(results):
-    return _road_table(results, FLOORS + RIVALS + ROADS, "time", time_text)
+    return _path_table(results, FLOORS + RIVALS + PATHS, "time", time_text)
 
 
 def first(results):
@@ -233,10 +233,10 @@ def units(results):
 
 
 TABLES = {
-    "measured": (measured, "roads"),
-    "roads": (roads, "roads"),
-    "events": (events, "roads"),
-    "times": (times, "roads"),
+    "measured": (measured, "paths"),
+    "paths": (paths, "paths"),
+    "events": (events, "paths"),
+    "times": (times, "paths"),
     "first": (first, "first"),
     "event_by_code_objects": (event_by_code_objects, "growth"),
     "event_by_files": (event_by_files, "growth"),

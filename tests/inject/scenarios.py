@@ -1,4 +1,4 @@
-"""The operations that are walked: module functions, the classes' constructors and methods, and the callback's roads.
+"""The operations that are walked: module functions, the classes' constructors and methods, and the callback's paths.
 
 Every run starts from a reset module in which nothing is known, so that walks can be repeated without growth.
 """
@@ -337,7 +337,7 @@ class Scenarios(object):
         for name, value in fields.items():
             setattr(record, name, value)
 
-    # ---- The callback's roads ----
+    # ---- The callback's paths ----
 
     def events(self):
         """Each scenario's act answers with what the callback answered and whether the second callback was called."""

@@ -131,7 +131,7 @@ def _exercise_events(module):
 
 
 def exercise(module):
-    """Down every road of the module, in this thread, a new one, and one that is not Python's. Errors are fine."""
+    """Along every path of the module, in this thread, a new one, and one that is not Python's. Errors are fine."""
     def work():
         _exercise_methods(module, new_program()[0])
         attempt(_exercise_events, module)

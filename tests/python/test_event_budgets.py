@@ -19,7 +19,7 @@ sys.path.insert(0, os.path.join(support.HERE, "..", "..", "bench"))
 import instructions
 
 FLOOR = "floor"
-ROADS = ("line_off", "line_collides_5", "line_collides_10000", "line_on", "line_skip_thread", "step_thread", "policy_0",
+PATHS = ("line_off", "line_collides_5", "line_collides_10000", "line_on", "line_skip_thread", "step_thread", "policy_0",
          "line_skip_thread_no_hook", "step_thread_no_hook", "policy_0_no_hook", "internal_none", "fork_child")
 STORED = os.path.join(instructions.HERE, "stored_counts.json")
 SLACK = 5
@@ -31,12 +31,12 @@ def setting():
 
 
 def measure():
-    """{road: instructions over the floor}, and those of the floor itself."""
-    costs = instructions.measure(sys.executable, (FLOOR,) + ROADS, support.module_dir())
+    """{path: instructions over the floor}, and those of the floor itself."""
+    costs = instructions.measure(sys.executable, (FLOOR,) + PATHS, support.module_dir())
     for failure in costs.values():
         if isinstance(failure, Exception):
             raise failure
-    return {road: instructions.over_floor(costs, road) for road in ROADS}, costs[FLOOR].per_event
+    return {path: instructions.over_floor(costs, path) for path in PATHS}, costs[FLOOR].per_event
 
 
 def read_stored():
@@ -49,7 +49,7 @@ def read_stored():
 
 def store():
     stored = read_stored()
-    stored[setting()] = {road: round(count, 2) for road, count in measure()[0].items()}
+    stored[setting()] = {path: round(count, 2) for path, count in measure()[0].items()}
     with open(STORED, "w") as stream:
         json.dump(stored, stream, indent=2, sort_keys=True)
         stream.write("\n")
@@ -69,20 +69,20 @@ class EventBudgets(unittest.TestCase):
             raise unittest.SkipTest("no counts are stored for Python %s" % setting())
         cls.counts, cls.floor = measure()
         print("\ninstructions of an event, Python %s: floor %.1f" % (setting(), cls.floor))
-        for road in ROADS:
-            print("  %-18s %7.1f over the floor, stored %.1f" % (road, cls.counts[road], cls.stored[road]))
+        for path in PATHS:
+            print("  %-18s %7.1f over the floor, stored %.1f" % (path, cls.counts[path], cls.stored[path]))
 
     def test_a_count_is_stored_for_every_road(self):
-        self.assertEqual(sorted(self.stored), sorted(ROADS))
+        self.assertEqual(sorted(self.stored), sorted(PATHS))
 
     def test_every_road_costs_something(self):
-        for road in ROADS:
-            self.assertGreater(self.counts[road], 0, road)
+        for path in PATHS:
+            self.assertGreater(self.counts[path], 0, path)
 
     def test_no_road_costs_more_than_stored(self):
-        over = {road: (self.counts[road], self.stored[road]) for road in ROADS
-                if self.counts[road] > self.stored[road] + SLACK}
-        self.assertEqual(over, {}, "roads over their stored count (measured, stored)")
+        over = {path: (self.counts[path], self.stored[path]) for path in PATHS
+                if self.counts[path] > self.stored[path] + SLACK}
+        self.assertEqual(over, {}, "paths over their stored count (measured, stored)")
 
 
 if __name__ == "__main__":

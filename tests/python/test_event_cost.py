@@ -1,4 +1,4 @@
-"""What an event costs on the common road: a LINE event on a line without a breakpoint.
+"""What an event costs on the common path: a LINE event on a line without a breakpoint.
 
 The figures are instruction counts, which do not depend on how busy the machine is.
 """
@@ -18,7 +18,7 @@ FEW, MANY = 500, 5500           # turns of the child's loop
 EVENTS = 2 * (MANY - FEW)
 LIMIT = 3                       # times the cost of a callback that does nothing
 
-# what the common road has no need of
+# what the common path has no need of
 SLOW = re.compile(r"malloc|calloc|realloc|^_?free|PyObject_(Malloc|Calloc|Realloc|Free)|PyMem_|GetAttr|^_?PyDict|"
                   r"^_?PyUnicode|PyImport|PyWeakref|PyThread_tss|PyErr_(Set|Restore|Fetch|Format)|PyArg_|PyTuple_New")
 

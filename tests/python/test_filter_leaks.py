@@ -1,4 +1,4 @@
-"""10,000 events on each road of the filter leave nothing behind: no memory block, no reference."""
+"""10,000 events on each path of the filter leave nothing behind: no memory block, no reference."""
 
 import gc
 import itertools
@@ -27,7 +27,7 @@ class Quiet(object):
         pass
 
 
-class Roads(FilterTestCase):
+class Paths(FilterTestCase):
     def setUp(self):
         super().setUp()
         self.per_thread = self.this_thread()

@@ -1,7 +1,7 @@
-"""Runs one road of a monitoring event many times, and proves at the end that it was this road.
+"""Runs one path of a monitoring event many times, and proves at the end that it was this path.
 
-    OPTMONITORING_DIR=BUILD PYTHON event_roads.py VARIANT COUNT [PASSES [WARM_UP]]
-    PYTHON event_roads.py --list
+    OPTMONITORING_DIR=BUILD PYTHON event_paths.py VARIANT COUNT [PASSES [WARM_UP]]
+    PYTHON event_paths.py --list
 
 A variant is a way to watch a hot loop of COUNT turns: not at all, with rivals written in Python, or with the filter,
 one variant for each way an event can be answered.  The measured passes run below a function of the interpreter's that
@@ -198,7 +198,7 @@ def debugpy():
 
 @variant(LINE)
 def line_off():
-    """The common road: a line without a breakpoint, answered before the thread's record is looked for."""
+    """The common path: a line without a breakpoint, answered before the thread's record is looked for."""
     f = Filter(LINE)
     f.watch()
     f.prove((yield), [END_LINE])
@@ -219,7 +219,7 @@ def line_skip_thread():
     f.callback.fSteppingEventsNeededEveryThread = 1
     f.watch()
     f.prove((yield), [END_LINE])
-    f.thread.fSteppingEventsNeeded = True         # the road goes by this record
+    f.thread.fSteppingEventsNeeded = True         # the path goes by this record
     f.prove_reports(2, lines_of(2))
 
 
@@ -596,7 +596,7 @@ def exit_with(function):
         print("skipped: %s" % reason)
         status = SKIPPED
     except Failed as reason:
-        print("event_roads.py %s: %s" % (" ".join(sys.argv[1:]), reason), file=sys.stderr)
+        print("event_paths.py %s: %s" % (" ".join(sys.argv[1:]), reason), file=sys.stderr)
         status = 1
     except BaseException:
         sys.excepthook(*sys.exc_info())
@@ -612,7 +612,7 @@ def main(arguments):
         return
     numbers = arguments[1:]
     if len(numbers) not in (1, 2, 3) or arguments[0] not in VARIANTS or not all(n.isdecimal() for n in numbers):
-        sys.exit("usage: event_roads.py VARIANT COUNT [PASSES [WARM_UP]] | --list")
+        sys.exit("usage: event_paths.py VARIANT COUNT [PASSES [WARM_UP]] | --list")
     exit_with(lambda: run(arguments[0], *map(int, numbers)))
 
 
