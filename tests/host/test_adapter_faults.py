@@ -137,7 +137,7 @@ class NonsenseTest(AdapterTestCase):
         client.launch(path, {path: [line_of(path, "stop")]})
         stop = client.wait_for_stop("breakpoint")
         client.record_nothing()
-        for first in range(0, self.COUNT, 100):
+        for _ in range(0, self.COUNT, 100):
             asked = [client.send_any(*self.nonsense()) for _ in range(100)]
             for seq in asked:
                 answer = client.wait_for_answer(seq)
