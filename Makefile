@@ -177,10 +177,10 @@ lint:  ## layout, likely bugs and limits of all files: clang-format, clang-tidy,
 	@cmake -S . -B $(BUILD) -G Ninja >/dev/null
 	@BUILD=$(BUILD) tools/lint
 
-format:  ## let clang-format and ruff mend what they can
+format:  ## let clang-format and ruff fix what they can
 	@tools/setup lint
 	@BUILD=$(BUILD) tools/python_tools ruff clang-format
-	@BUILD=$(BUILD) tools/lint --mend
+	@BUILD=$(BUILD) tools/lint --fix
 
 hooks:  ## check the files of each commit from now on
 	@tools/setup lint

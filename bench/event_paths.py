@@ -132,7 +132,7 @@ def settrace():
         return result
     yield loop
     loop(2, recording)
-    check(lines == lines_of(2), "the trace function was told of %r", lines)
+    check(lines == lines_of(2), "the trace function saw %r", lines)
 
 
 def _bdb(**options):

@@ -241,7 +241,7 @@ class Filter:
         self.seen.clear()
 
     def prove_places_alive(self, alive):
-        """Whether the interpreter still raises events in the loop, or was told to stop."""
+        """Whether the interpreter still raises events in the loop, or was asked to stop."""
         counter = Recorder()
         replace_callback(self.kind, self.callback.Callback, counter)
         self.kind.loop(2)

@@ -6,7 +6,7 @@
 //
 // which routes the calls made by the objects of that link through the watch and on to the real functions. Nothing is
 // replaced, so the same options serve plain builds, sanitizer builds of both compilers, and valgrind; without them
-// the link fails for want of __real_malloc. Calls made inside shared libraries (vasprintf, say) are not seen.
+// the link fails without __real_malloc. Calls made inside shared libraries (vasprintf, say) are not seen.
 
 #ifndef OPTMONITORING_TESTS_FAILING_MALLOC_H
 #define OPTMONITORING_TESTS_FAILING_MALLOC_H

@@ -1,5 +1,5 @@
 // A stand-in for the interpreter, as far as the fuzzed units use it: objects that are counted, one pending exception,
-// one thread state, and a list of what the log did. Whatever may fail does so when it is told to.
+// one thread state, and a list of what the log did. Whatever may fail does so when it is asked to.
 
 #ifndef OPTMONITORING_TESTS_FAKE_PYTHON_H
 #define OPTMONITORING_TESTS_FAKE_PYTHON_H
@@ -52,7 +52,7 @@ struct tFakePython {
     int constructions_that_raise = 0;    // of str from a C string: so many of the next ones
     tFake* pending = nullptr;            // [owned]
     tFake* sys_stderr = nullptr;         // [owned] null: missing
-    std::vector<std::string> events;     // what the log's files were told
+    std::vector<std::string> events;     // what was written to the log's files
     void (*during_write)() = nullptr;    // run within a write
     void (*during_look_up)() = nullptr;  // run within a dict's look-up
 };

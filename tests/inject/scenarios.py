@@ -50,7 +50,7 @@ IN_DPRINT_COUNT = 40        # bytes from a log record to the count of messages i
 
 
 def _rearm_log(om):
-    """A log that could not report an exception for want of a sys.stderr stays silent; make it speak again."""
+    """A log that could not report an exception because there was no sys.stderr stays silent; make it speak again."""
     library = inject_support.lib
     for record in (state.state_of(om).dp, ctypes.addressof(ctypes.c_int.in_dll(library, "gUnsafeGlobalDPData"))):
         ctypes.c_int.from_address(record + IN_DPRINT_COUNT).value = 0

@@ -242,12 +242,12 @@ def registries_of_other_types(module):
     for value in odd_objects(module):
         for cls, name in REGISTRIES:
             setattr(getattr(module, cls), name, value)
-        exercise_shortly(module)
+        exercise_briefly(module)
     exercise(module)
     attempt(module.reset)
 
 
-def exercise_shortly(module):
+def exercise_briefly(module):
     _exercise_methods(module, new_program()[0])
     thread = threading.Thread(target=attempt, args=(module.CPerThread.GetPerThread,))
     thread.start()
@@ -278,7 +278,7 @@ def registries_with_odd_values(module):
     for value in odd_objects(module):
         for cls, name in REGISTRIES:
             setattr(getattr(module, cls), name, Anything(value))
-        exercise_shortly(module)
+        exercise_briefly(module)
     exercise(module)
 
 
@@ -323,7 +323,7 @@ def registries_that_hold_the_last_of_a_code_object(module):
             code = new_program()[0].__code__
             module.CPerCodeObject.GetPerCodeObject(code, True, sys._getframe())
             setattr(owner, name, {})
-            exercise_shortly(module)            # the module has seen it
+            exercise_briefly(module)            # the module has seen it
             getattr(owner, name)["code"] = code
             del code
             gc.collect()
@@ -348,7 +348,7 @@ def registries_that_call_the_module(module):
 
     for cls, name in REGISTRIES:
         setattr(getattr(module, cls), name, Sabotage(action))
-    exercise_shortly(module)
+    exercise_briefly(module)
     attempt(module.reset)
 
 
@@ -482,7 +482,7 @@ def new_that_returns_something_else(module):
     for value in odd_objects(module):
         for name in METHODS:
             getattr(module, name).__new__ = lambda cls, *args: value
-        exercise_shortly(module)
+        exercise_briefly(module)
         attempt(_exercise_events_without_callbacks, module)
     exercise(module)
 
@@ -521,7 +521,7 @@ def new_of_thread_records_that_returns_something_else(module):
     for value in odd_objects(module):
         module.CPerThread.__new__ = lambda cls, *args: value
         _exercise_events_without_callbacks(module)
-        exercise_shortly(module)
+        exercise_briefly(module)
     exercise(module)
 
 
@@ -531,7 +531,7 @@ def new_of_file_records_that_returns_something_else(module):
     for value in odd_objects(module):
         module.CPerFile.__new__ = lambda cls, *args: value
         _exercise_events_without_callbacks(module)
-        exercise_shortly(module)
+        exercise_briefly(module)
     exercise(module)
 
 
@@ -545,7 +545,7 @@ def metaclass_that_returns_something_else(module):
         for name in ("CPerThread", "CPerFile", "CPerCodeObject"):
             attempt(setattr, getattr(module, name), "__class__", Meta)
         _exercise_events_without_callbacks(module)
-        exercise_shortly(module)
+        exercise_briefly(module)
         for name in ("CPerThread", "CPerFile", "CPerCodeObject"):
             attempt(setattr, getattr(module, name), "__class__", type)
     exercise(module)
@@ -564,7 +564,7 @@ def metaclass_that_refuses(module):
         attempt(setattr, getattr(module, name), "__class__", Meta)
     _exercise_events_without_callbacks(module)
     attempt(module.reset)
-    exercise_shortly(module)
+    exercise_briefly(module)
     exercise(module)
 
 
@@ -622,7 +622,7 @@ def mro_that_lies(module):
             for method in METHODS[name]:
                 attempt(getattr(cls, method), fake())
             module.CPerThread._fPerThreadDict = Anything(fake())
-            exercise_shortly(module)
+            exercise_briefly(module)
 
 
 @case
@@ -686,7 +686,7 @@ def _lose_thread_records(module, cls):
                 fill = [cls.__new__(cls) for _ in range(100)]
                 del fill
                 _exercise_events_without_callbacks(module)
-                exercise_shortly(module)
+                exercise_briefly(module)
         for record in (cls.__new__(cls),):
             module.CPerThread._fPerThreadDict = {threading.get_ident(): record}
             attempt(module.CPerThread.GetPerThread)
@@ -741,7 +741,7 @@ def methods_deleted(module):
 # ---- Arguments ----
 
 def _calls(module):
-    """Every callable of the module, but for one that counts as far as it is told to."""
+    """Every callable of the module, but for one that counts as far as its argument says."""
     for name in FUNCTIONS:
         yield getattr(module, name)
     for name, methods in METHODS.items():
@@ -854,7 +854,7 @@ def module_taken_apart(module):
 def internal_table_of_any_type(module):
     for value in odd_objects(module):
         module.SetInternalPathnameDict(value)
-        exercise_shortly(module)
+        exercise_briefly(module)
         attempt(module.reset)
 
 
@@ -870,9 +870,9 @@ def thread_state_dict_found_by_the_collector(module):
             capsule = thread_dict[key]
             for value in odd_objects(module):
                 thread_dict[key] = value
-                exercise_shortly(module)
+                exercise_briefly(module)
                 attempt(module.reset)
-                exercise_shortly(module)
+                exercise_briefly(module)
             thread_dict[key] = capsule
             exercise(module)
     del record

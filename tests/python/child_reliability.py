@@ -355,7 +355,7 @@ def log_files_that_reset(module):
 
 @case
 def log_files_that_reset_while_a_repr_is_kept(module):
-    """A repr without UTF-8 is told to the log, whose write drops the buffer that waits for the text."""
+    """A repr without UTF-8 is reported to the log, whose write drops the buffer that waits for the text."""
     class Odd(object):
         def __repr__(self):
             return "\ud800"

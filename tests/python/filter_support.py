@@ -176,7 +176,7 @@ class FilterTestCase(unittest.TestCase):
         return answer, messages(log)
 
     def assert_reported(self, exception_class, text=None):
-        """The host was told of exactly one exception, which it could see as the handled one."""
+        """Exactly one exception was reported to the host, which could see it as the handled one."""
         self.assertEqual(len(self.dlog.exception_calls), 1, self.dlog.exception_calls)
         args, handled = self.dlog.exception_calls[0]
         self.assertEqual(args, (None, True))

@@ -234,7 +234,7 @@ class StateTest(unittest.TestCase):
 
 
 class Event(int):
-    """An event id that can be told from every other int."""
+    """An event id that can be distinguished from every other int."""
 
 
 class FakeMonitoring(object):
