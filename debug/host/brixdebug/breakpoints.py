@@ -19,6 +19,7 @@ import optmonitoring
 from brixbase import dlog
 
 from brixdebug.raising import is_of_signal_handler
+from brixdebug.statements import offset_in
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -30,6 +31,7 @@ if TYPE_CHECKING:
 
     from brixdebug.protocol import TracedDebugger
     from brixdebug.raising import Raiser
+    from brixdebug.turn import Turn
     from brixdebug.switches import Switches
 
 
@@ -46,8 +48,12 @@ def is_pseudo_file(filename: str) -> bool:
 class BreakLines:
     """Keeps the records in line with the breakpoints of the debugger that traces."""
 
-    def __init__(self, switches: Switches, raiser: Raiser) -> None:
+    def __init__(self, switches: Switches, raiser: Raiser, turn: Turn,
+                 is_own_thread: Callable[[], bool]) -> None:
+        """`is_own_thread` tells whether the calling thread is one of the debugger's own."""
         self._switches = switches
+        self._turn = turn
+        self._is_own_thread = is_own_thread
         self._raiser = raiser
         self.debugger: TracedDebugger | None = None   # whose breakpoints new code is searched for
         # ids of the code objects whose lines are switched on, if they have any to stop at
@@ -129,12 +135,36 @@ class BreakLines:
     def _take_in(self, record: CPerCodeObject) -> None:
         self._remember_name(record)
         debugger = self.debugger
+        if debugger is not None and debugger.awaits_code:
+            self._show(debugger, record)
         if debugger is not None and debugger.breaks:
             with self._switches.lock:
                 self._enable_lines(debugger, record)
         code = record.fCodeObjectWeakRef()
         if code is not None:
             self._taken_in.add(id(code))
+
+    def _show(self, debugger: TracedDebugger, record: CPerCodeObject) -> None:
+        """Let the debugger set breakpoints in code that is new to it.
+
+        Not where a record is made with the lock of what is switched on, which goes after the
+        turn: that code runs already.
+        """
+        code = record.fCodeObjectWeakRef()
+        if code is None or record.fIsInternal or self._switches.lock._is_owned() and not self._turn.lock._is_owned():
+            return
+        interruption = None
+        if not self._turn.lock.acquire(blocking=False):
+            if self._is_own_thread():
+                return                # it serves the stop that has the turn
+            interruption = self._turn.take()
+        try:
+            if self.debugger is debugger:
+                debugger.code_is_new(code)
+        finally:
+            self._turn.lock.release()
+        if interruption is not None:
+            self._raiser.raise_in_program(interruption)
 
     def await_code(self, code: CodeType) -> None:
         """No line of `code` is passed by before its breakpoints are switched on.
@@ -201,13 +231,23 @@ class BreakLines:
             log(lambda: "%s is the debugger's own code: no breakpoint holds there\n"
                 % _code_text(code))
             lines = None
-        before = self._switches.lines_of(record)
-        if lines == before:
+        offsets = self._offsets(debugger, record, code, lines or set())
+        before, offsets_before = self._switches.lines_of(record), self._switches.offsets_of(record)
+        if lines == before and offsets == offsets_before:
             return False
         log(lambda: "lines to stop at in %s: %s\n" % (
             _code_text(code), ", ".join(map(str, sorted(lines or ()))) or "none"))
-        self._switches.want(record, lines=lines or set())
-        return lines is not None and not lines <= (before or set())
+        self._switches.want(record, lines=lines or set(), offsets=offsets)
+        return lines is not None and not lines <= (before or set()) or not offsets <= offsets_before
+
+    def _offsets(self, debugger: TracedDebugger, record: CPerCodeObject, code: CodeType,
+                 lines: set[int]) -> set[int]:
+        """The instructions at which statements with a breakpoint of their own begin."""
+        names = self._names(debugger, record, code) if lines else {}
+        spans = [getattr(each, "span", None) for line in lines if line in names
+                 for each in bdb.Breakpoint.bplist.get((names[line], line), ())]
+        found = {offset_in(code, span) for span in spans if span is not None}
+        return {offset for offset in found if offset is not None}
 
     @staticmethod
     def _names(debugger: TracedDebugger, record: CPerCodeObject, code: CodeType) -> dict[int, str]:

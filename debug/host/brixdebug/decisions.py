@@ -15,12 +15,15 @@ import optmonitoring
 
 from brixdebug import conditions, log
 from brixdebug.raising import is_of_signal_handler
+from brixdebug.statements import offset_in
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     from collections.abc import Callable
     from types import CodeType, FrameType
     from typing import Any
+
+    from brixdebug.statements import Span
 
     # a breakpoint, and whether it is to be deleted when it is a temporary one
     Decision = tuple[bdb.Breakpoint, bool]
@@ -30,11 +33,19 @@ _MANY_CODES = 1000
 
 
 class Breakpoint(bdb.Breakpoint):
-    """A breakpoint that may count its hits, and log a text in place of stopping."""
+    """A breakpoint that may count its hits, log a text in place of stopping, or be of one statement of its line."""
 
     hit_condition: conditions.HitCondition | None = None
     log_text: conditions.LogText | None = None
+    span: Span | None = None      # of its statement; None: of the whole line
     true_hits = 0                 # how often it was reached with its condition true
+
+    # Of the next one that is made: nobody is to reach it before it is whole.
+    fields_of_next: dict[str, Any] = {}
+
+    def __init__(self, *args: Any) -> None:
+        self.__dict__.update(self.fields_of_next)
+        super().__init__(*args)
 
     def bpformat(self) -> str:
         text = super().bpformat()
@@ -75,7 +86,7 @@ class Decisions:
     """Decides, and remembers the breakpoints of each line that was reached."""
 
     def __init__(self) -> None:
-        # id of a code object -> line -> its breakpoints.  Who forgets puts a new table in the
+        # id of a code object -> line, or ~offset of an instruction -> its breakpoints.  Who forgets puts a new table in the
         # place of this: an entry made meanwhile from the old breakpoints goes with the old table.
         self.places: dict[int, dict[int, tuple[Point, ...]]] = {}
         self.begin_anew()
@@ -94,15 +105,19 @@ class Decisions:
         self.places.pop(id(code), None)
 
     def points(self, filename: str, line: int, frame: FrameType,
-               is_early: bool = False) -> tuple[Point, ...]:
+               is_early: bool = False, offset: int | None = None) -> tuple[Point, ...]:
         """The breakpoints of `filename` and `line` that are meant at the line of `frame`.
 
+        With `offset`, those of the statement that begins at this instruction.
         `is_early`: they are remembered, to be decided before the debugger is asked.
         """
         places = self.places
         points = []
         is_final = is_early
         for each in list(bdb.Breakpoint.bplist.get((filename, line), ())):
+            span = getattr(each, "span", None)
+            if offset != (None if span is None else offset_in(frame.f_code, span)):
+                continue
             if each.funcname is not None and each.func_first_executable_line is None \
                     and not each.enabled:
                 is_final = False      # its line is the first that is executed while it is enabled
@@ -114,7 +129,8 @@ class Decisions:
         if is_final:
             if len(places) >= _MANY_CODES:        # code that is made over and over
                 places.clear()
-            places.setdefault(id(frame.f_code), {})[frame.f_lineno] = result
+            places.setdefault(id(frame.f_code), {})[
+                frame.f_lineno if offset is None else ~offset] = result
         return result
 
     def decide_fast(self, points: tuple[Point, ...], frame: FrameType) -> int:

@@ -306,8 +306,10 @@ class Bdb(compat.TraceBase):
         monitor.breaks_changed(self, filename)
 
     def set_break(self, filename: str, lineno: int, temporary: bool = False, cond: str | None = None,
-                  funcname: str | None = None) -> str | None:
+                  funcname: str | None = None, **fields: Any) -> str | None:
+        """`fields`: of the new `Breakpoint`, beside those of the standard one."""
         with monitor.turn.lock:
+            Breakpoint.fields_of_next = fields
             # With it, 3.14 goes through the frames to have them traced; no line needs that here.
             entered, self.enterframe = self.enterframe, None
             try:
@@ -316,8 +318,9 @@ class Bdb(compat.TraceBase):
                 return str(error)
             finally:
                 self.enterframe = entered
+                Breakpoint.fields_of_next = {}
             monitor.decisions.forget()    # what was reached before the breakpoint was there
-            if funcname is not None:      # the breakpoint that knows it was not there before
+            if funcname is not None or "span" in fields:      # the breakpoint that knows it was not there before
                 monitor.breaks_changed(self, self.canonic(filename))
             return result
 
@@ -379,6 +382,17 @@ class Bdb(compat.TraceBase):
         if first_line in lines:
             monitor.break_lines.narrow(self, frame.f_code)
         return points
+
+    def points_of_statement(self, frame: FrameType, offset: int) -> tuple[Point, ...]:
+        """The breakpoints to be decided at the statement of `frame` that begins at an instruction."""
+        return monitor.decisions.points(self.canonic(frame.f_code.co_filename), frame.f_lineno, frame,
+                                        is_early=True, offset=offset)
+
+    # Whether `code_is_new` is to be called.
+    awaits_code = False
+
+    def code_is_new(self, code: CodeType) -> None:
+        """`code` runs for the first time, in a thread that has the turn; breakpoints in it still hold."""
 
     def user_log(self, frame: FrameType, breakpoint: bdb.Breakpoint, text: str) -> None:
         """The text of a breakpoint that logs in place of stopping."""

@@ -45,7 +45,7 @@ class Monitor:
         self.switches = Switches(self._install_hooks, self._remove_hooks)
         self.turn = Turn(self._waits_for_turn)
         self.raiser = Raiser(self.switches, self._raised)
-        self.break_lines = BreakLines(self.switches, self.raiser)
+        self.break_lines = BreakLines(self.switches, self.raiser, self.turn, lambda: self.suspension.is_own_thread())
         self.decisions = Decisions()
         self.suspension = Suspension(self.switches, self.turn, self.raiser,
                                      self._begin_holding, self._end_holding,
@@ -233,7 +233,7 @@ class Monitor:
             [state for state in debugger.stop_states.all() if not state.is_free]
         is_holding = self.suspension.is_active
         exception_stops = debugger.exception_stops
-        if not (busy or debugger.breaks or is_holding or exception_stops.is_asked_for
+        if not (busy or debugger.breaks or debugger.awaits_code or is_holding or exception_stops.is_asked_for
                 or self.watches.active):
             self._watch_thread_ends(False)
             self._watch_calls()
@@ -246,7 +246,7 @@ class Monitor:
             is_idle=not (busy or is_holding),
             stepped=self._collect_all_stepped(debugger, busy),
             anywhere={state.thread_id for state in busy if state.stops_anywhere},
-            finds=bool(debugger.breaks) or is_holding,
+            finds=bool(debugger.breaks) or debugger.awaits_code or is_holding,
             unwinds=bool(busy or self._watched_records),
             raises=exception_stops.catches(RAISED),
             lines=self.watches.is_everywhere,

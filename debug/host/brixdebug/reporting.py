@@ -121,6 +121,19 @@ class Reporter:
                 or not state.is_free and state.traces(frame, debugger):
             self._report(debugger, frame, "line", None)
 
+    def _statement(self, debugger: TracedDebugger, frame: FrameType, offset: int) -> None:
+        """A statement is reached that has breakpoints of its own."""
+        state = debugger.stop_states.own()
+        if state.is_muted:
+            return
+        points = self._decisions.places.get(id(frame.f_code), {}).get(~offset)
+        if points is None:
+            points = debugger.points_of_statement(frame, offset)
+        decision = self._decisions.decide(points, frame, debugger.user_log)
+        if decision is not None:
+            state.decision = decision
+            self._report(debugger, frame, "line", None)
+
     def _on_call(self, code: CodeType, offset: int) -> object:
         try:
             epoch = self._switches.epoch
@@ -262,8 +275,16 @@ class Reporter:
     def _on_instruction(self, code: CodeType, offset: int) -> Any:
         try:
             frame = sys._getframe(1)
+            epoch = self._switches.epoch
             debugger = self._monitor.debugger
-            if debugger is not None and debugger.stop_states.own().traces_opcodes(frame, debugger):
+            if debugger is None:
+                return None
+            if self._switches.is_offset_wanted(code, offset):
+                self._statement(debugger, frame, offset)
+            elif self._switches.is_idle:
+                self._switches.note_off(code)
+                return _DISABLE if epoch == self._switches.epoch else None
+            if debugger.stop_states.own().traces_opcodes(frame, debugger):
                 self._traced(frame, "opcode", None)
         except BaseException as error:
             return self._failed(error)

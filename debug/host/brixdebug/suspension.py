@@ -241,6 +241,10 @@ class Suspension:
                              for thread_ids in ([own_thread_ids, self._starter_ids] if takes_started else [own_thread_ids])]
         own_record.fDebugPolicy = self._debug_policy(thread_id)
 
+    def is_own_thread(self) -> bool:
+        """The calling thread is one of the debugger's own."""
+        return threading.get_ident() in self.own_thread_ids
+
     def _name_of_record(self, per_thread: CPerThread) -> str | None:
         """None, to be asked again, for a thread that is only being entered in the list of threads."""
         frame = optmonitoring.GetNonInternalFrame()

@@ -17,6 +17,8 @@ What is switched on under them:
     PY_START, PY_RESUME, PY_THROW  while there are breakpoints, to find code that
                                    holds one; off again at each place without
     LINE, PY_START, JUMP           in code objects that hold a breakpoint
+    INSTRUCTION                    in those that hold one at a statement inside a line; off
+                                   again at each other instruction
     RAISE, PY_UNWIND               while a thread is stepped
     RAISE                          while exceptions are to stop where they are raised
     LINE, PY_START, JUMP           in the function of `threading` that ends a thread,
@@ -69,6 +71,7 @@ FILTER_TOOL_IDS = (4, 3)        # the first that is free; above the raiser's
 _events = sys.monitoring.events
 _DISABLE = sys.monitoring.DISABLE
 _NO_LINES: set[int] = set()
+_NO_OFFSETS: set[int] = set()
 
 _FIND_EVENTS = _events.PY_START | _events.PY_RESUME | _events.PY_THROW
 _UNWIND_EVENTS = _events.RAISE | _events.PY_UNWIND
@@ -108,6 +111,8 @@ class Switches:
         # What is wanted of code objects, by their records.
         self._lines: dict[Any, set[int]] = {}         # to be reported; no entry without
         self._lines_by_code: dict[int, set[int]] = {}     # the same, by ids of code objects, perhaps of dead ones
+        self._offsets: dict[Any, set[int]] = {}       # of instructions to be reported
+        self._offsets_by_code: dict[int, set[int]] = {}
         self._ends: dict[Any, set[int]] = {}          # lines where threads end by an exception
         self._watched: set[Any] = set()               # all lines and returns are reported
         self._stepping: dict[Any, int] = {}           # local events for stepping
@@ -144,16 +149,17 @@ class Switches:
 
     # -- what one code object is needed for --------------------------------------------
 
-    def want(self, record: CPerCodeObject, *, lines: set[int] | None = None,
+    def want(self, record: CPerCodeObject, *, lines: set[int] | None = None, offsets: set[int] | None = None,
              ends: set[int] | None = None, stepping: int | None = None,
              held: bool | None = None, watched: bool | None = None) -> None:
         """Switch on in one code object what it is needed for; None leaves that as it is.
 
         `lines` are reported, and so are `ends`, where threads end; none when the set is empty.
         `stepping` are its local events for frames that are stepped; `held`: threads are to be
-        caught in it.  `watched`: all its lines and returns are reported.
+        caught in it.  `watched`: all its lines and returns are reported.  `offsets`: its
+        instructions that are.
         """
-        for table, wanted in (self._lines, lines), (self._ends, ends):
+        for table, wanted in (self._lines, lines), (self._offsets, offsets), (self._ends, ends):
             if wanted:
                 table[record] = wanted
             elif wanted is not None:
@@ -177,14 +183,23 @@ class Switches:
         """The lines to be reported; None without."""
         return self._lines.get(record)
 
+    def offsets_of(self, record: CPerCodeObject) -> set[int]:
+        """The instructions to be reported."""
+        return self._offsets.get(record, _NO_OFFSETS)
+
+    def is_offset_wanted(self, code: CodeType, offset: int) -> bool:
+        """A statement with a breakpoint of its own begins at this instruction."""
+        return offset in self._offsets_by_code.get(id(code), _NO_OFFSETS)
+
     def _reported_lines(self, record: Any) -> set[int]:
         lines = self._lines.get(record, _NO_LINES)
         return lines | self._ends[record] if record in self._ends else lines
 
     def forget_dead_code(self) -> None:
         """Drop the lines of code objects that exist no longer."""
-        for record in [each for each in self._lines if each.fCodeObjectWeakRef() is None]:
-            del self._lines[record]
+        for table in self._lines, self._offsets:
+            for record in [each for each in table if each.fCodeObjectWeakRef() is None]:
+                del table[record]
 
     def let_all_go(self) -> None:
         """No code object is needed to hold threads any longer."""
@@ -208,6 +223,8 @@ class Switches:
             events |= _BREAK_LOCAL_EVENTS
             if self.wants_calls:
                 count = 1
+        if record in self._offsets:
+            events |= _events.INSTRUCTION
         if events:
             self.claim()
         record.fSteppingEventsNeededCount = count
@@ -218,10 +235,11 @@ class Switches:
         code = record.fCodeObjectWeakRef()
         if code is None:
             return
-        if lines:
-            self._lines_by_code[id(code)] = lines
-        else:
-            self._lines_by_code.pop(id(code), None)
+        for table, wanted in (self._lines_by_code, lines), (self._offsets_by_code, self.offsets_of(record)):
+            if wanted:
+                table[id(code)] = wanted
+            else:
+                table.pop(id(code), None)
 
     def _set_local_events(self, record: CPerCodeObject, events: int) -> None:
         if self._local_events.get(record, 0) == events:
@@ -232,8 +250,12 @@ class Switches:
             del self._local_events[record]
         code = record.fCodeObjectWeakRef()
         if code is not None:
-            sys.monitoring.set_local_events(RAISER_TOOL_ID, code, events)
+            sys.monitoring.set_local_events(RAISER_TOOL_ID, code, self._raisers(record, events))
             sys.monitoring.set_local_events(self._filter_tool_id, code, events)
+
+    def _raisers(self, record: CPerCodeObject, events: int) -> int:
+        """The raiser's local events: not each instruction for the sake of one, which it would never switch off."""
+        return events & ~_events.INSTRUCTION if record in self._offsets else events
 
     # -- what all code is needed for ------------------------------------------------------
 
@@ -465,7 +487,7 @@ class Switches:
             record: Any = optmonitoring.CPerCodeObject.GetPerCodeObject(code, False)
             sys.monitoring.set_events(RAISER_TOOL_ID, self._raiser_events)
             sys.monitoring.set_local_events(RAISER_TOOL_ID, code,
-                                            self._local_events.get(record, 0))
+                                            self._raisers(record, self._local_events.get(record, 0)))
 
     def _register_raiser(self) -> None:
         """The raiser's callbacks while it has nothing to raise: none, or what switches places off."""
@@ -521,9 +543,10 @@ class Switches:
 
     def release(self) -> None:
         """Everything off and given back, and nothing remembered of what was wanted."""
-        self._lines.clear()
-        self._ends.clear()
+        for table in self._lines, self._offsets, self._ends:
+            table.clear()
         self._lines_by_code.clear()
+        self._offsets_by_code.clear()
         self._watched = set()
         self._reports_all_lines = False
         self._hide(False)

@@ -3,10 +3,12 @@
 from __future__ import annotations
 
 import builtins
+import linecache
 import os
 import sys
 
 from brixdebug.conditions import HitCondition, LogText, compile_expression
+from brixdebug.dap.sources import column_in_text
 from brixdebug.exceptions import KINDS, parse_rule
 
 TYPE_CHECKING = False
@@ -16,6 +18,7 @@ if TYPE_CHECKING:
     from brixdebug.dap.asking import Arguments
     from brixdebug.dap.server import Handler, Request, Session
     from brixdebug.exceptions import ExceptionStops
+    from brixdebug.statements import Span
 
 
 def on_set_breakpoints(session: Session, request: Request) -> Any:
@@ -31,18 +34,10 @@ def on_set_breakpoints(session: Session, request: Request) -> Any:
 
 def _replace(session: Session, path: str, source: Arguments, wanted: list[Arguments]) -> list[dict[str, Any]]:
     """The file has these breakpoints from now on, and no others."""
-    debugger = session.debugger
-    for number in session.file_breakpoints.pop(path, ()):
-        debugger.clear_bpbynumber(number)
-    rows, numbers = [], []
-    for each in wanted:
-        row = _set_one(session, path, each)
-        row["source"] = source.values
-        if "id" in row:
-            numbers.append(row["id"])
-        rows.append(row)
-    session.file_breakpoints[path] = numbers
-    return rows
+    for number in session.breakpoint_ids.of_file.pop(path, ()):
+        session.debugger.clear_bpbynumber(number)
+        session.breakpoint_ids.drop(number)
+    return [{**_set_one(session, path, each), "source": source.values} for each in wanted]
 
 
 def _set_one(session: Session, path: str, wanted: Arguments) -> dict[str, Any]:
@@ -52,30 +47,57 @@ def _set_one(session: Session, path: str, wanted: Arguments) -> dict[str, Any]:
     line = session.server.lines.next_from(path, asked)
     if line is None:
         return _unverified(session, asked, "no statement begins on this line or after it")
-    return _add(session, path, line, wanted)
-
-
-def _add(session: Session, path: str, line: int, wanted: Arguments) -> dict[str, Any]:
-    debugger = session.debugger
-    condition = wanted.text("condition") or None
     try:
-        if condition is not None:
-            condition = condition.strip()
-            compile_expression(condition)
-        hit_condition = _hit_condition(wanted.text("hitCondition"))
-        log_text = _log_text(wanted.text("logMessage"))
+        fields = breakpoint_fields(wanted)
     except ValueError as error:
         return _unverified(session, line, str(error))
-    error_text = debugger.set_break(path, line, cond=condition)
+    row = {"verified": True, "line": session.client_line(line)}
+    column = wanted.integer("column")
+    if column is not None and line == asked:
+        statement = _statement_at(session, path, line, column)
+        if statement is not None:
+            fields["span"], row["column"] = statement
+    return _add(session, path, line, fields, row)
+
+
+def _add(session: Session, path: str, line: int, fields: dict[str, Any], row: dict[str, Any]) -> dict[str, Any]:
+    debugger: Any = session.debugger
+    error_text = debugger.set_break(path, line, **fields)
     if error_text is not None:
         return _unverified(session, line, error_text)
-    # Nobody stops at it before it is whole: this thread has the turn.
-    breakpoint: Any = debugger.get_breaks(path, line)[-1]
-    breakpoint.hit_condition, breakpoint.log_text = hit_condition, log_text
-    return {"id": breakpoint.number, "verified": True, "line": session.client_line(line)}
+    number = debugger.get_breaks(path, line)[-1].number
+    row["id"] = session.breakpoint_ids.new()
+    session.breakpoint_ids.enter(number, row["id"])
+    session.breakpoint_ids.of_file.setdefault(path, []).append(number)
+    return row
 
 
-def _hit_condition(text: str | None) -> HitCondition | None:
+def breakpoint_fields(wanted: Arguments) -> dict[str, Any]:
+    """Condition, hit condition and text to be logged, as `set_break` takes them; ValueError for what is none."""
+    condition = (wanted.text("condition") or "").strip() or None
+    if condition is not None:
+        compile_expression(condition)
+    return {"cond": condition, "hit_condition": hit_condition(wanted.text("hitCondition")),
+            "log_text": _log_text(wanted.text("logMessage"))}
+
+
+def _statement_at(session: Session, path: str, line: int, column: int) -> tuple[Span, int] | None:
+    """The statement of a line that a column is in, and its column; None for the first, which is the line itself."""
+    found = None
+    for span, start in _columns(session, path, line)[1:]:
+        if start <= column:
+            found = span, start
+    return found
+
+
+def _columns(session: Session, path: str, line: int) -> list[tuple[Span, int]]:
+    """The statements of a line that has several, and the columns of the client where they begin."""
+    text = linecache.getline(path, line)
+    return [(span, session.client_column(column_in_text(text, span[1]) + 1))
+            for span in session.server.lines.statements(path).get(line, ())]
+
+
+def hit_condition(text: str | None) -> HitCondition | None:
     """As editors' users write it: a number alone is the hit to stop at."""
     text = (text or "").strip()
     if not text:
@@ -95,8 +117,13 @@ def on_breakpoint_locations(session: Session, request: Request) -> Any:
     path = session.program_path(request.arguments.object("source"))
     first = session.program_line(request.arguments.needed_integer("line"))
     last = session.program_line(request.arguments.integer("endLine", request.arguments.values["line"]))
-    return {"breakpoints": [{"line": session.client_line(line)} for line in session.server.lines.of(path)
-                            if first <= line <= last]}
+    rows = []
+    for line in session.server.lines.of(path):
+        if first <= line <= last:
+            rows.append({"line": session.client_line(line)})
+            rows += [{"line": session.client_line(line), "column": column}
+                     for _, column in _columns(session, path, line)[1:]]
+    return {"breakpoints": rows}
 
 
 def on_set_exception_breakpoints(session: Session, request: Request) -> Any:

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 CAPABILITIES: dict[str, object] = {
     "supportsConfigurationDoneRequest": True,
+    "supportsFunctionBreakpoints": True,
     "supportsConditionalBreakpoints": True,
     "supportsHitConditionalBreakpoints": True,
     "supportsLogPoints": True,

@@ -13,6 +13,7 @@ import traceback
 from brixdebug import compat
 from brixdebug.dap import rendering, variables
 from brixdebug.dap.asking import RequestError
+from brixdebug.dap.sources import column_in_text
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -60,7 +61,7 @@ def _stack_frame(session: Session, each: Frame, form: Arguments) -> dict[str, An
     if form.flag("line"):
         name += " : %d" % each.line
     row: dict[str, Any] = {"id": each.number, "name": name, "line": session.client_line(each.line),
-                           "column": session.client_column(1)}
+                           "column": session.client_column(_column(session, each) + 1)}
     source = session.source(code.co_filename)
     is_own = session.debugger.is_own_code(code)
     if source is not None:
@@ -68,6 +69,14 @@ def _stack_frame(session: Session, each: Frame, form: Arguments) -> dict[str, An
     if source is None or not is_own:
         row["presentationHint"] = "subtle"
     return row
+
+
+def _column(session: Session, each: Frame) -> int:
+    """Where in its line the frame stands, from 0: known where it has stopped inside it."""
+    stop = session.debugger.stop
+    if stop is None or stop.column is None or stop.frame is not each.frame:
+        return 0
+    return column_in_text(linecache.getline(each.frame.f_code.co_filename, each.line), stop.column)
 
 
 # -- variables ------------------------------------------------------------------------------------------

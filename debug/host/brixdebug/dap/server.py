@@ -20,6 +20,7 @@ from brixbase import dlog
 
 from brixdebug.dap import arguments, door
 from brixdebug.dap.asking import Arguments, RequestError
+from brixdebug.dap.breakpoint_ids import BreakpointIds
 from brixdebug.dap.capabilities import CAPABILITIES, EXCEPTION_FILTERS
 from brixdebug.dap.redirect import Redirection
 from brixdebug.dap.rendering import Boxed
@@ -35,7 +36,7 @@ from brixdebug.switches import MonitorError
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     from collections.abc import Callable
-    from types import FrameType
+    from types import CodeType, FrameType
     from typing import Any
 
     from brixdebug.dap.session import Stop
@@ -54,7 +55,7 @@ class Server:
 
     def __init__(self, handlers: dict[str, Handler]) -> None:
         self._handlers = handlers
-        self.debugger = ClientDebugger(self._on_stop, self._on_went_on, self._on_log)
+        self.debugger = ClientDebugger(self._on_stop, self._on_went_on, self._on_log, self._on_new_code)
         self.boxed = Boxed(monitor.suspension.adopt_thread)
         self.lines = Lines()
         self.session: Session | None = None
@@ -178,11 +179,16 @@ class Server:
                 body["source"] = source
             session.wire.event("output", body)
 
+    def _on_new_code(self, code: CodeType) -> None:
+        session = self.session
+        if session is not None:
+            session.on_new_code(code)
+
     def tell(self, name: str, body: dict[str, Any]) -> None:
         """An event for the client, if there is one."""
         session = self.session
         if session is not None:
-            session.wire.event(name, body)
+            self.debugger.muted(lambda: session.wire.event(name, body))
 
 
 _OCCUPIED = "Another client is connected to this program."
@@ -250,7 +256,9 @@ class Session:
         self.tree = Tree(server.boxed)
         self.is_leaving = False
         self.sources: dict[int, str] = {}            # texts that are in no file
-        self.file_breakpoints: dict[str, list[int]] = {}
+        self.breakpoint_ids = BreakpointIds()
+        self.kept: dict[str, Any] = {}               # what the handlers of requests keep for this client
+        self.on_new_code: Callable[[CodeType], None] = lambda code: None      # see `ClientDebugger.await_code`
 
     @property
     def has_gone(self) -> bool:
@@ -318,7 +326,9 @@ class Session:
         if stop.exception is not None:
             body["description"] = "Uncaught exception" if stop.is_uncaught else "Exception"
         if stop.breakpoint_number is not None:
-            body["hitBreakpointIds"] = [stop.breakpoint_number]
+            breakpoint_id = self.breakpoint_ids.of(stop.breakpoint_number)
+            if breakpoint_id is not None:
+                body["hitBreakpointIds"] = [breakpoint_id]
         return self.wire.event("stopped", body)
 
     def thread_number(self, thread_id: int) -> int:

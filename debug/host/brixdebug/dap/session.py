@@ -23,7 +23,7 @@ TYPE_CHECKING = False
 if TYPE_CHECKING:
     from collections.abc import Callable
     import bdb
-    from types import FrameType
+    from types import CodeType, FrameType
     from typing import Any
 
     from brixdebug.exceptions import ExceptionRule
@@ -37,12 +37,13 @@ class Stop:
 
     def __init__(self, thread_id: int, frame: FrameType | None, reason: str, text: str = "",
                  breakpoint_number: int | None = None, returned: tuple[str, Any] | None = None,
-                 exception: BaseException | None = None, is_uncaught: bool = False) -> None:
+                 exception: BaseException | None = None, is_uncaught: bool = False, column: int | None = None) -> None:
         self.thread_id = thread_id
         self.frame = frame                   # the innermost one of that thread that the user sees
         self.reason = reason                 # as in the protocol's `stopped` event
         self.text = text
         self.breakpoint_number = breakpoint_number
+        self.column = column                 # of the statement in `frame` that is next, in bytes; None: the line's first
         self.returned = returned             # name of the function that has just returned, and its value
         self.exception = exception
         self.is_uncaught = is_uncaught       # the stack is that of the exception, which has been left
@@ -82,15 +83,17 @@ class ClientDebugger(Bdb):
     """`bdb.Bdb` whose stops wait for a client."""
 
     def __init__(self, on_stop: Callable[[Stop], bool], on_went_on: Callable[[Stop], None],
-                 on_log: Callable[[FrameType, str], None]) -> None:
+                 on_log: Callable[[FrameType, str], None], on_new_code: Callable[[CodeType], None]) -> None:
         """`on_stop` is called with all threads held; the stop waits if it returns True.
 
-        `on_log` is called by the thread that has reached a breakpoint that logs.
+        `on_log` is called by the thread that has reached a breakpoint that logs, and `on_new_code`,
+        after `await_code`, by one that runs code for the first time.
         """
         super().__init__()
         self._on_stop = on_stop
         self._on_went_on = on_went_on
         self._on_log = on_log
+        self._on_new_code = on_new_code
         self._own = threading.local()
         self._entry_thread_id: int | None = None
         self.stop: Stop | None = None         # the one that there is now
@@ -110,8 +113,17 @@ class ClientDebugger(Bdb):
         set_rules(rules, decides_by_place=just_my_code)
         self.just_my_code = just_my_code or bool(rules)
 
+    def await_code(self, is_wanted: bool) -> None:
+        """Tell of new code from now on, or no longer."""
+        self.awaits_code = is_wanted
+        monitor.needs_changed(self)
+
+    def code_is_new(self, code: CodeType) -> None:
+        self._on_new_code(code)
+
     def end(self) -> None:
         """The program goes on alone: no breakpoint holds, and no thread is stepped."""
+        self.awaits_code = False
         self.set_own_code(False, [])
         self.clear_all_breaks()
         for state in self.stop_states.all():
@@ -142,7 +154,9 @@ class ClientDebugger(Bdb):
     def user_line(self, frame: FrameType) -> None:
         thread_id = threading.get_ident()
         if not self.stop_here(frame):         # so a breakpoint it was
-            self._wait(Stop(thread_id, frame, "breakpoint", breakpoint_number=self.__dict__["currentbp"]))
+            number = self.__dict__["currentbp"]
+            span = getattr(self.get_bpbynumber(number), "span", None)
+            self._wait(Stop(thread_id, frame, "breakpoint", breakpoint_number=number, column=span and span[1]))
         elif getattr(self._own, "was_asked", False):
             self._own.was_asked = False
             self._wait(Stop(thread_id, frame, "breakpoint"))
@@ -190,8 +204,20 @@ class ClientDebugger(Bdb):
 
     # -- stops ----------------------------------------------------------------------------------
 
+    def muted(self, call: Callable[[], object]) -> None:
+        """Call it in a thread of the program, whose breakpoints may be in what it uses of the standard library."""
+        state = self.stop_states.own()
+        muted, state.is_muted = state.is_muted, True
+        try:
+            call()
+        finally:
+            state.is_muted = muted
+
     def _wait(self, stop: Stop) -> None:
         """In the thread of an event: hold all others, and do what the client asks for."""
+        self.muted(lambda: self._wait_muted(stop))
+
+    def _wait_muted(self, stop: Stop) -> None:
         with monitor.turn.lock, monitor.suspension.others_held():
             self.stop = stop
             try:

@@ -2,15 +2,24 @@
 
 from __future__ import annotations
 
+import ast
 import bisect
+import inspect
 import linecache
 import os
+
+from brixdebug import statements
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     from collections.abc import Iterator
     from types import CodeType
     from typing import Any
+
+    from brixdebug.statements import Span
+
+    # qualified name -> first line and plain name of each function that has it
+    Functions = dict[str, list[tuple[int, str]]]
 
 
 class PathMap:
@@ -55,15 +64,18 @@ class Lines:
     """The lines of files on which a statement begins, read again when a file has changed."""
 
     def __init__(self) -> None:
-        self._known: dict[str, tuple[Any, list[int], dict[str, int]]] = {}
+        self._known: dict[str, _File] = {}
 
     def of(self, path: str) -> list[int]:
         """Sorted; empty when the file cannot be read or compiled."""
-        return self._entry(path)[1]
+        return self._entry(path).lines
 
-    def functions(self, path: str) -> dict[str, int]:
-        """Qualified name of each function -> its first line."""
-        return self._entry(path)[2]
+    def functions(self, path: str) -> Functions:
+        return self._entry(path).functions
+
+    def statements(self, path: str) -> dict[int, list[Span]]:
+        """Those of lines that have more than one."""
+        return self._entry(path).statements
 
     def next_from(self, path: str, line: int) -> int | None:
         """The first line from `line` on that can stop."""
@@ -71,31 +83,51 @@ class Lines:
         index = bisect.bisect_left(lines, line)
         return lines[index] if index < len(lines) else None
 
-    def _entry(self, path: str) -> tuple[Any, list[int], dict[str, int]]:
+    def _entry(self, path: str) -> _File:
         try:
             status = os.stat(path)
             mark: Any = status.st_mtime_ns, status.st_size
         except OSError:
             mark = None
         known = self._known.get(path)
-        if known is None or known[0] != mark:
-            known = self._known[path] = (mark, *_read(path))
+        if known is None or known.mark != mark:
+            known = self._known[path] = _File(path, mark)
         return known
 
 
-def _read(path: str) -> tuple[list[int], dict[str, int]]:
-    linecache.checkcache(path)
-    text = "".join(linecache.getlines(path))
-    try:
-        code = compile(text, path, "exec", dont_inherit=True)
-    except (SyntaxError, ValueError, RecursionError, MemoryError):
-        return [], {}
-    lines: set[int] = set()
-    functions: dict[str, int] = {}
+class _File:
+    """What is in a file; nothing when it cannot be read or compiled."""
+
+    def __init__(self, path: str, mark: Any) -> None:
+        self.mark = mark                     # tells whether the file is still what has been read
+        self.lines: list[int] = []
+        self.functions: Functions = {}
+        self.statements: dict[int, list[Span]] = {}
+        linecache.checkcache(path)
+        try:
+            tree = ast.parse("".join(linecache.getlines(path)), path)
+            code = compile(tree, path, "exec", dont_inherit=True)
+            self.statements = statements.spans(tree)
+        except (SyntaxError, ValueError, RecursionError, MemoryError):
+            return
+        self.lines = sorted({line for each in walk_code(code) for line in stop_lines(each)})
+        self.functions = functions_in(code)
+
+
+def functions_in(code: CodeType) -> Functions:
+    """The functions of `code`, and it itself if it is one."""
+    functions: Functions = {}
     for each in walk_code(code):
-        lines.update(stop_lines(each))
-        functions.setdefault(each.co_qualname.replace("<locals>.", ""), each.co_firstlineno)
-    return sorted(lines), functions
+        if each.co_flags & inspect.CO_OPTIMIZED and not each.co_name.startswith("<"):
+            functions.setdefault(each.co_qualname.replace("<locals>.", ""), []).append(
+                (each.co_firstlineno, each.co_name))
+    return functions
+
+
+def column_in_text(line: str, column: int) -> int:
+    """The column in units of UTF-16, as clients count, of one in bytes, as the compiler does."""
+    before = line.encode()[:column].decode(errors="replace")
+    return len(before.encode("utf-16-le")) // 2
 
 
 def walk_code(code: CodeType) -> Iterator[CodeType]:

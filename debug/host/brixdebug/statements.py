@@ -1,0 +1,37 @@
+"""Statements that share a line: where each begins in the source, and at which instruction in the code."""
+
+from __future__ import annotations
+
+import ast
+import functools
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from types import CodeType
+
+    # first line and column, last line and column; columns are bytes, from 0, as the compiler counts them
+    Span = tuple[int, int, int, int]
+
+_INSTRUCTION_BYTES = 2
+
+
+def spans(tree: ast.AST) -> dict[int, list[Span]]:
+    """The statements of the lines on which more than one begins, in their order."""
+    found: dict[int, list[Span]] = {}
+    for node in ast.walk(tree):
+        if isinstance(node, ast.stmt):
+            found.setdefault(node.lineno, []).append(
+                (node.lineno, node.col_offset, node.end_lineno or node.lineno, node.end_col_offset or node.col_offset))
+    return {line: sorted(each) for line, each in found.items() if len(each) > 1}
+
+
+@functools.lru_cache(maxsize=256)
+def offset_in(code: CodeType, span: Span) -> int | None:
+    """The first instruction of a statement; None when `code` has none of it, or no columns."""
+    first, last = span[:2], span[2:]
+    for index, (line, end_line, column, end_column) in enumerate(code.co_positions()):
+        if line is None or end_line is None or column is None or end_column is None:
+            continue
+        if line == span[0] and first <= (line, column) and (end_line, end_column) <= last:
+            return index * _INSTRUCTION_BYTES
+    return None
