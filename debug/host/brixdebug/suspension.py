@@ -243,7 +243,7 @@ class Suspension:
 
     def is_own_thread(self) -> bool:
         """The calling thread is one of the debugger's own."""
-        return threading.get_ident() in self.own_thread_ids
+        return threading.get_ident() in own_thread_ids
 
     def _name_of_record(self, per_thread: CPerThread) -> str | None:
         """None, to be asked again, for a thread that is only being entered in the list of threads."""
