@@ -1,5 +1,7 @@
 """What the tests of the record classes share."""
 
+import contextlib
+import ctypes
 import sys
 import threading
 import unittest
@@ -15,6 +17,19 @@ CLASS_ATTRIBUTES = {
     "CPerCodeObject": ("_fPerCodeObjectDict", "_fNewPerCodeObjectCreatedCallback"),
     "CPerFile": ("_fPerFilesDict", "_fByChecksum", "_fNewPerFileCreatedCallback"),
 }
+
+
+@contextlib.contextmanager
+def immutable(cls):
+    """Attributes of the class cannot be set, as those of the interpreter's own classes."""
+    flag = 1 << 8       # Py_TPFLAGS_IMMUTABLETYPE
+    flags = ctypes.c_ulong.from_address(id(cls) + object.__basicsize__ + 152)       # tp_flags
+    assert flags.value == cls.__flags__ & (1 << 64) - 1
+    flags.value |= flag
+    try:
+        yield
+    finally:
+        flags.value &= ~flag
 
 
 class Raising(object):

@@ -7,7 +7,7 @@ import tempfile
 import unittest
 
 import support
-from record_support import BadTruth, FAILURES, Raising, RecordTestCase
+from record_support import BadTruth, FAILURES, Raising, RecordTestCase, immutable
 
 OBJECT_MEMBERS = ("fCodeObjectWeakRef", "fCanonicalPathname", "fPathnameToReport", "fIsInternal", "fEnabledBpLinenos")
 INIT = "Exception in CPerCodeObject.__init__\n"
@@ -567,6 +567,14 @@ class NewRecordHookTest(PerCodeObjectTestCase):
         del self.cls._fNewPerCodeObjectCreatedCallback
         self.fails(AttributeError, "type object 'optmonitoring.CPerCodeObject' has no attribute "
                    "'_fNewPerCodeObjectCreatedCallback'", [HOOK, INIT], self.cls, make_code(), None)
+
+    def test_keeps_the_other_class_in_the_texts_of_a_setter_that_fails(self):
+        with immutable(self.cls):
+            self.fails(TypeError, "cannot set '_fNewPerCodeObjectCreatedCallback' attribute of immutable type "
+                       "'optmonitoring.CPerCodeObject'",
+                       ["Exception in CPerThread_SetNewPerCodeObjectCreatedCallback_direct()\n",
+                        "Exception in CPerThread_SetNewPerCodeObjectCreatedCallback()\n"],
+                       self.cls.SetNewPerCodeObjectCreatedCallback, None)
 
     def test_code_of_the_hook_is_not_monitored(self):
         seen = []

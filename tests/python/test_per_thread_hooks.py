@@ -3,7 +3,7 @@
 import unittest
 
 import support
-from record_support import FAILURES, INITIAL, Raising
+from record_support import FAILURES, INITIAL, Raising, immutable
 from test_per_thread import PerThreadTestCase as _PerThreadTestCase
 
 
@@ -236,6 +236,10 @@ class ThreadNameTest(_PerThreadTestCase):
 
 
 class SetterTest(_PerThreadTestCase):
+    ATTRIBUTES = (("SetNewPerThreadCreatedCallback", "_fNewPerThreadCreatedCallback"),
+                  ("SetGetThreadNameCallback", "_fGetThreadNameCallback"),
+                  ("SetDebugPolicyCallback", "_fDebugPolicyCallback"))
+
     def test_failure_texts_of_the_class_methods(self):
         for name, args in (("SetDebugPolicyCallback", ()), ("SetNewPerThreadCreatedCallback", ()),
                            ("SetGetThreadNameCallback", ())):
@@ -244,6 +248,13 @@ class SetterTest(_PerThreadTestCase):
             self.fails(TypeError, "Excess positional arguments passed to function",
                        ["Exception in CPerThread_%s()\n" % name], getattr(self.cls, name), None, None)
 
+    def test_class_that_takes_no_attributes(self):
+        for name, attribute in self.ATTRIBUTES:
+            with immutable(self.cls):
+                self.fails(TypeError, "cannot set %r attribute of immutable type 'optmonitoring.CPerThread'" % attribute,
+                           ["Exception in CPerThread_%s_direct()\n" % name, "Exception in CPerThread_%s()\n" % name],
+                           getattr(self.cls, name), None)
+
     def test_policy_setter_stumbles_over_a_wrong_registry_entry(self):
         self.cls._fPerThreadDict[5] = "no record"
         self.fails(TypeError, "the object is not a CPerThread",
@@ -251,9 +262,7 @@ class SetterTest(_PerThreadTestCase):
                     "Exception in CPerThread_SetDebugPolicyCallback()\n"], self.cls.SetDebugPolicyCallback, None)
 
     def test_setters_take_any_object(self):
-        for name, attribute in (("SetNewPerThreadCreatedCallback", "_fNewPerThreadCreatedCallback"),
-                                ("SetGetThreadNameCallback", "_fGetThreadNameCallback"),
-                                ("SetDebugPolicyCallback", "_fDebugPolicyCallback")):
+        for name, attribute in self.ATTRIBUTES:
             for value in (3, None):
                 self.assertIsNone(getattr(self.cls, name)(callback=value))
                 self.assertEqual(getattr(self.cls, attribute), value)
