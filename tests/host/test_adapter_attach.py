@@ -160,6 +160,18 @@ class AttachTest(AdapterTestCase):
             client.close()
         self.attach(self.client(), path, port, secret="open sesame")
 
+    def test_stranger_does_not_end_the_program(self):
+        secret = self.folder / "secret"
+        secret.write_text("open sesame")
+        secret.chmod(0o600)
+        path = self.start("--listen", "0", "--secret-file", str(secret))
+        port = self.port()
+        stranger = Client(self, connection=socket.create_connection(("127.0.0.1", port)))
+        stranger.ask("initialize", adapterID="x")
+        stranger.ask("disconnect", terminateDebuggee=True)
+        stranger.wait_for_end()
+        self.attach(self.client(), path, port, secret="open sesame")
+
     def test_secret_of_an_adapter(self):
         secret = self.folder / "secret"
         secret.write_text("open sesame")

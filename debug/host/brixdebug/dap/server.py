@@ -482,7 +482,8 @@ def _configuration_done(session: Session, request: Request) -> Any:
 
 def _disconnect(session: Session, request: Request) -> Any:
     session.is_leaving = True
-    kills = request.arguments.flag("terminateDebuggee")
+    # Only who was let in by launch or attach may end the program.
+    kills = session.has_begun and request.arguments.flag("terminateDebuggee")
     request.answer()
     if kills:
         sys.stdout.flush()
