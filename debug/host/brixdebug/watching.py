@@ -61,6 +61,9 @@ class Value:
         except Exception:
             return True
 
+    def shown_by(self, show: Callable[[object], str]) -> str:
+        return "<%s>" % self.error if self.error is not None else show(self._value)
+
     def __str__(self) -> str:
         if self.error is not None:
             return "<%s>" % self.error

@@ -5,6 +5,7 @@ from __future__ import annotations
 CAPABILITIES: dict[str, object] = {
     "supportsConfigurationDoneRequest": True,
     "supportsFunctionBreakpoints": True,
+    "supportsDataBreakpoints": True,
     "supportsConditionalBreakpoints": True,
     "supportsHitConditionalBreakpoints": True,
     "supportsLogPoints": True,

@@ -13,6 +13,7 @@ import traceback
 from brixdebug import compat
 from brixdebug.dap import rendering, variables
 from brixdebug.dap.asking import RequestError
+from brixdebug.dap.data_breakpoints import module_scope
 from brixdebug.dap.sources import column_in_text
 
 TYPE_CHECKING = False
@@ -85,11 +86,12 @@ def on_scopes(session: Session, request: Request) -> Any:
     frame = _frame(session, request).frame
     local_names = variables.NamesNode(lambda: _locals(frame), lambda name, value: _assign(session, frame, name, value))
     scopes = [{"name": "Locals", "presentationHint": "locals", "expensive": False,
-               "variablesReference": session.tree.add(_with_returned(session, frame, local_names))}]
+               "variablesReference": session.tree.add(_with_returned(session, frame, local_names), frame)}]
     if frame.f_locals is not frame.f_globals:
         global_names = variables.NamesNode(lambda: frame.f_globals, frame.f_globals.__setitem__)
         scopes.append({"name": "Globals", "expensive": False,
-                       "variablesReference": session.tree.add(global_names)})
+                       "variablesReference": session.tree.add(
+                           global_names, module_scope(frame.f_globals, frame.f_code))})
     return {"scopes": scopes}
 
 
@@ -144,7 +146,7 @@ def on_variables(session: Session, request: Request) -> Any:
         [collect], lambda index: RequestError("these variables cannot be had: their object's own code does not end"))[0]
     if isinstance(result, BaseException):
         raise result if isinstance(result, RequestError) else RequestError(rendering.error_text(result))
-    return {"variables": session.tree.rows(result, is_hex)}
+    return {"variables": session.tree.rows(result, is_hex, session.tree.frame_of_node(number))}
 
 
 def on_set_variable(session: Session, request: Request) -> Any:
@@ -258,12 +260,13 @@ def on_evaluate(session: Session, request: Request) -> Any:
         if is_statement:
             session.wire.event("invalidated", {"areas": ["variables"]})
             return {"result": "", "variablesReference": 0}
-        return _evaluated(session, request, value, text, context)
+        return _evaluated(session, request, value, text, context, frame)
 
     return request.later(evaluate, stop.do)
 
 
-def _evaluated(session: Session, request: Request, value: Any, text: str, context: str) -> dict[str, Any]:
+def _evaluated(session: Session, request: Request, value: Any, text: str, context: str,
+               frame: FrameType | None) -> dict[str, Any]:
     limit = rendering.MAX_WHOLE_CHARACTERS if context in ("clipboard", "repl") else rendering.MAX_CHARACTERS
     if context == "clipboard" and isinstance(value, str):
         return {"result": value[:limit], "variablesReference": 0}
@@ -271,7 +274,7 @@ def _evaluated(session: Session, request: Request, value: Any, text: str, contex
         return {"result": "", "variablesReference": 0}
     is_hex = request.arguments.object("format").flag("hex")
     shown = next(rendering.page(session.server.boxed, [value], limit, is_hex))
-    return {"result": shown, **session.tree.describe(value, text)}
+    return {"result": shown, **session.tree.describe(value, text, frame)}
 
 
 class _NoExpression(RequestError):

@@ -9,7 +9,7 @@ import os
 import signal
 import sys
 
-from brixdebug.dap import breakpoints, control, door, function_breakpoints, inspection
+from brixdebug.dap import breakpoints, control, data_breakpoints, door, function_breakpoints, inspection
 from brixdebug.dap.running import Program
 from brixdebug.dap.server import Server
 
@@ -18,7 +18,8 @@ if TYPE_CHECKING:
     from types import FrameType
     from typing import Any
 
-HANDLERS = {**control.HANDLERS, **inspection.HANDLERS, **breakpoints.HANDLERS, **function_breakpoints.HANDLERS}
+HANDLERS = {**control.HANDLERS, **inspection.HANDLERS, **breakpoints.HANDLERS, **function_breakpoints.HANDLERS,
+            **data_breakpoints.HANDLERS}
 
 server = Server(HANDLERS)
 

@@ -40,6 +40,7 @@ if TYPE_CHECKING:
     from typing import Any
 
     from brixdebug.dap.session import Stop
+    from brixdebug.watching import Change, Watch
 
     Handler = Callable[["Session", "Request"], Any]
 
@@ -55,7 +56,7 @@ class Server:
 
     def __init__(self, handlers: dict[str, Handler]) -> None:
         self._handlers = handlers
-        self.debugger = ClientDebugger(self._on_stop, self._on_went_on, self._on_log, self._on_new_code)
+        self.debugger = ClientDebugger(self)
         self.boxed = Boxed(monitor.suspension.adopt_thread)
         self.lines = Lines()
         self.session: Session | None = None
@@ -158,18 +159,18 @@ class Server:
 
     # -- stops, in the stopped threads -----------------------------------------------------------
 
-    def _on_stop(self, stop: Stop) -> bool:
+    def on_stop(self, stop: Stop) -> bool:
         session = self.session
         if self._redirection is not None:
             self._redirection.drain()                # what was printed before is shown before
         return session is not None and session.is_configured and session.show_stop(stop)
 
-    def _on_went_on(self, stop: Stop) -> None:
+    def on_went_on(self, stop: Stop) -> None:
         session = self.session
         if session is not None:
             session.tree.forget()
 
-    def _on_log(self, frame: FrameType, text: str) -> None:
+    def on_log(self, frame: FrameType, text: str) -> None:
         session = self.session
         if session is not None:
             body: dict[str, Any] = {"category": "console", "output": text + "\n",
@@ -179,10 +180,15 @@ class Server:
                 body["source"] = source
             session.wire.event("output", body)
 
-    def _on_new_code(self, code: CodeType) -> None:
+    def on_new_code(self, code: CodeType) -> None:
         session = self.session
         if session is not None:
             session.on_new_code(code)
+
+    def on_watch_end(self, watch: Watch) -> None:
+        session = self.session
+        if session is not None:
+            session.on_watch_end(watch)
 
     def tell(self, name: str, body: dict[str, Any]) -> None:
         """An event for the client, if there is one."""
@@ -258,6 +264,8 @@ class Session:
         self.sources: dict[int, str] = {}            # texts that are in no file
         self.breakpoint_ids = BreakpointIds()
         self.kept: dict[str, Any] = {}               # what the handlers of requests keep for this client
+        self.on_watch_end: Callable[[Watch], None] = lambda watch: None
+        self.show_change: Callable[[Change], str] = lambda change: ""
         self.on_new_code: Callable[[CodeType], None] = lambda code: None      # see `ClientDebugger.await_code`
 
     @property
@@ -325,10 +333,12 @@ class Session:
             body["text"] = stop.text
         if stop.exception is not None:
             body["description"] = "Uncaught exception" if stop.is_uncaught else "Exception"
-        if stop.breakpoint_number is not None:
-            breakpoint_id = self.breakpoint_ids.of(stop.breakpoint_number)
-            if breakpoint_id is not None:
-                body["hitBreakpointIds"] = [breakpoint_id]
+        if stop.changes:
+            body["text"] = "\n".join(self.show_change(each) for each in stop.changes)
+        numbers = [each.watch.number for each in stop.changes] or [stop.breakpoint_number or 0]
+        ids = [each for each in map(self.breakpoint_ids.of, numbers) if each is not None]
+        if ids:
+            body["hitBreakpointIds"] = ids
         return self.wire.event("stopped", body)
 
     def thread_number(self, thread_id: int) -> int:

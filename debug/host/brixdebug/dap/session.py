@@ -21,13 +21,31 @@ from brixdebug.suspension import debugged_frames
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
-    from collections.abc import Callable
+    from collections.abc import Callable, Sequence
     import bdb
     from types import CodeType, FrameType
-    from typing import Any
+    from typing import Any, Protocol
 
     from brixdebug.exceptions import ExceptionRule
     from brixdebug.libraries import Rule
+    from brixdebug.watching import Change, Watch
+
+    class Front(Protocol):
+        """What the debugger tells of; each is called by the thread that it is about."""
+
+        def on_stop(self, stop: Stop) -> bool:
+            """All threads are held; True when the stop is to wait."""
+
+        def on_went_on(self, stop: Stop) -> None: ...
+
+        def on_log(self, frame: FrameType, text: str) -> None:
+            """A breakpoint that logs has been reached."""
+
+        def on_new_code(self, code: CodeType) -> None:
+            """Code runs for the first time; told of after `await_code`."""
+
+        def on_watch_end(self, watch: Watch) -> None:
+            """The watch has nothing left to look at."""
 
 _TURN_SECONDS = 0.05          # between looks whether a thread has stopped meanwhile
 
@@ -37,12 +55,14 @@ class Stop:
 
     def __init__(self, thread_id: int, frame: FrameType | None, reason: str, text: str = "",
                  breakpoint_number: int | None = None, returned: tuple[str, Any] | None = None,
-                 exception: BaseException | None = None, is_uncaught: bool = False, column: int | None = None) -> None:
+                 exception: BaseException | None = None, is_uncaught: bool = False, column: int | None = None,
+                 changes: Sequence[Change] = ()) -> None:
         self.thread_id = thread_id
         self.frame = frame                   # the innermost one of that thread that the user sees
         self.reason = reason                 # as in the protocol's `stopped` event
         self.text = text
         self.breakpoint_number = breakpoint_number
+        self.changes = changes               # of watched values
         self.column = column                 # of the statement in `frame` that is next, in bytes; None: the line's first
         self.returned = returned             # name of the function that has just returned, and its value
         self.exception = exception
@@ -82,18 +102,9 @@ class Stop:
 class ClientDebugger(Bdb):
     """`bdb.Bdb` whose stops wait for a client."""
 
-    def __init__(self, on_stop: Callable[[Stop], bool], on_went_on: Callable[[Stop], None],
-                 on_log: Callable[[FrameType, str], None], on_new_code: Callable[[CodeType], None]) -> None:
-        """`on_stop` is called with all threads held; the stop waits if it returns True.
-
-        `on_log` is called by the thread that has reached a breakpoint that logs, and `on_new_code`,
-        after `await_code`, by one that runs code for the first time.
-        """
+    def __init__(self, front: Front) -> None:
         super().__init__()
-        self._on_stop = on_stop
-        self._on_went_on = on_went_on
-        self._on_log = on_log
-        self._on_new_code = on_new_code
+        self._front = front
         self._own = threading.local()
         self._entry_thread_id: int | None = None
         self.stop: Stop | None = None         # the one that there is now
@@ -119,7 +130,7 @@ class ClientDebugger(Bdb):
         monitor.needs_changed(self)
 
     def code_is_new(self, code: CodeType) -> None:
-        self._on_new_code(code)
+        self._front.on_new_code(code)
 
     def end(self) -> None:
         """The program goes on alone: no breakpoint holds, and no thread is stepped."""
@@ -178,7 +189,14 @@ class ClientDebugger(Bdb):
         self._wait(Stop(threading.get_ident(), caller, "step", returned=returned))
 
     def user_log(self, frame: FrameType, breakpoint: bdb.Breakpoint, text: str) -> None:
-        self._on_log(frame, text)
+        self._front.on_log(frame, text)
+
+    def user_watch(self, frame: FrameType, changes: list[Change]) -> None:
+        self._wait(Stop(threading.get_ident(), frame, "data breakpoint", changes=changes,
+                        breakpoint_number=changes[0].watch.number))
+
+    def user_watch_end(self, frame: FrameType, watch: Watch) -> None:
+        self._front.on_watch_end(watch)
 
     def user_exception(self, frame: FrameType, exc_info: Any) -> None:
         """Nothing: the step goes on to where the exception is handled."""
@@ -221,13 +239,13 @@ class ClientDebugger(Bdb):
         with monitor.turn.lock, monitor.suspension.others_held():
             self.stop = stop
             try:
-                if self._on_stop(stop):
+                if self._front.on_stop(stop):
                     stop.run()
                 else:
                     self.set_continue()
             finally:
                 self.stop = None
-            self._on_went_on(stop)
+            self._front.on_went_on(stop)
 
     def pause(self, thread_id: int) -> None:
         """Hold all threads now, those in C code when they come back; where `thread_id` is, is what the user sees."""

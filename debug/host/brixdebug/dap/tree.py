@@ -78,6 +78,8 @@ class Tree:
         self._frames: dict[int, Frame] = {}
         self._by_frame: dict[int, Frame] = {}
         self._nodes: dict[int, Node] = {}
+        self._frames_of_nodes: dict[int, Any] = {}       # where the expressions of a node's rows are evaluated
+        self._places: dict[str, tuple[str, Any]] = {}    # data id -> expression and frame
         self._last_number = 0                # never given again: a late request must not reach something else
 
     def begin(self, stop: Stop) -> None:
@@ -90,6 +92,8 @@ class Tree:
         self._frames.clear()
         self._by_frame.clear()
         self._nodes.clear()
+        self._frames_of_nodes.clear()
+        self._places.clear()
 
     # -- threads and frames ------------------------------------------------------------------------
 
@@ -128,22 +132,39 @@ class Tree:
 
     # -- variables ---------------------------------------------------------------------------------
 
-    def add(self, node: Node) -> int:
-        """A number under which the client may ask for what `node` has."""
+    def add(self, node: Node, frame: Any = None) -> int:
+        """A number under which the client may ask for what `node` has.
+
+        The expressions of its rows mean what they say in `frame`.
+        """
         self._last_number += 1
         self._nodes[self._last_number] = node
+        if frame is not None:
+            self._frames_of_nodes[self._last_number] = frame
         return self._last_number
+
+    def frame_of_node(self, number: int) -> Any:
+        return self._frames_of_nodes.get(number)
+
+    def add_place(self, expression: str, frame: Any) -> str:
+        """A data id for the value of an expression, until the program goes on."""
+        self._last_number += 1
+        self._places[str(self._last_number)] = expression, frame
+        return str(self._last_number)
+
+    def place(self, data_id: str) -> tuple[str, Any] | None:
+        return self._places.get(data_id)
 
     def node(self, number: int) -> Node | None:
         return self._nodes.get(number)
 
-    def rows(self, children: list[Child], is_hex: bool = False) -> list[dict[str, Any]]:
+    def rows(self, children: list[Child], is_hex: bool = False, frame: Any = None) -> list[dict[str, Any]]:
         """The protocol's form of variables: their reprs, and numbers for what can be opened."""
         shown = [child for child in children if child.get is None and not variables.is_a(child.value, variables.Node)]
         texts = iter(list(rendering.page(self.boxed, [child.value for child in shown], is_hex=is_hex)))
-        return [self._row(child, texts) for child in children]
+        return [self._row(child, texts, frame) for child in children]
 
-    def _row(self, child: Child, texts: Any) -> dict[str, Any]:
+    def _row(self, child: Child, texts: Any, frame: Any) -> dict[str, Any]:
         row: dict[str, Any] = {"name": child.name, "variablesReference": 0}
         hint: dict[str, Any] = {}
         if child.role:
@@ -152,26 +173,26 @@ class Tree:
             row["evaluateName"] = child.evaluate_name
         if variables.is_a(child.value, variables.Node):
             row["value"] = ""
-            row["variablesReference"] = self.add(child.value)
+            row["variablesReference"] = self.add(child.value, frame)
         elif child.get is not None:
             row["value"] = ""
             hint["lazy"] = True
-            row["variablesReference"] = self.add(variables.LazyNode(child.get, child.evaluate_name))
+            row["variablesReference"] = self.add(variables.LazyNode(child.get, child.evaluate_name), frame)
         else:
             row["value"] = next(texts)
-            row.update(self.describe(child.value, child.evaluate_name))
+            row.update(self.describe(child.value, child.evaluate_name, frame))
             if variables.is_a(child.value, str):
                 hint["attributes"] = ["rawString"]
         if hint:
             row["presentationHint"] = hint
         return row
 
-    def describe(self, value: Any, path: str | None) -> dict[str, Any]:
+    def describe(self, value: Any, path: str | None, frame: Any = None) -> dict[str, Any]:
         """Type, and what can be opened, of a value."""
         about: dict[str, Any] = {"type": rendering.type_name(type(value)), "variablesReference": 0}
         node = variables.node_for(value, path, rendering.render)
         if node is not None:
-            about["variablesReference"] = self.add(node)
+            about["variablesReference"] = self.add(node, frame)
             if node.indexed_count():
                 about["indexedVariables"] = node.indexed_count()
         if variables.is_a(value, (bytes, bytearray, memoryview)):
