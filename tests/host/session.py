@@ -34,6 +34,7 @@ class Session:
         self._terminal = terminal
         self._unread = ""
         self.seen = ""                       # all that the child printed
+        self.prompting_pid = None            # the process that the last prompt names; None: the parent's
         command = [sys.executable, "-W", "ignore:%s:RuntimeWarning" % LOCK_WARNING, *map(str, arguments)]
         environment = child_environment(**{"NO_COLOR": "1", "TERM": "dumb", "PYTHON_HISTORY": os.devnull, **environment})
         if terminal:
@@ -63,12 +64,17 @@ class Session:
 
     def wait_for(self, text):
         """What is printed before `text`, which is read too."""
+        return self._wait_for(re.compile(re.escape(text)))[0]
+
+    def _wait_for(self, pattern):
         deadline = time.monotonic() + SECONDS
-        while text not in self._unread:
+        found = pattern.search(self._unread)
+        while found is None:
             if not self._read_some(deadline):
-                self._test.fail("%r did not come; the session so far:\n%s" % (text, self.seen[-SHOWN:]))
-        before, _, self._unread = self._unread.partition(text)
-        return before
+                self._test.fail("%r did not come; the session so far:\n%s" % (pattern.pattern, self.seen[-SHOWN:]))
+            found = pattern.search(self._unread)
+        before, self._unread = self._unread[:found.start()], self._unread[found.end():]
+        return before, found
 
     def _read_some(self, deadline):
         readable, _, _ = select.select([self._out], [], [], max(0, deadline - time.monotonic()))
@@ -85,7 +91,10 @@ class Session:
 
     def prompt(self):
         """What is printed up to the next prompt."""
-        return self.wait_for(PROMPT)
+        name, end = re.fullmatch(r"(.*\w)(\W+)", PROMPT).groups()
+        before, found = self._wait_for(re.compile(r"%s(?: (\d+))?%s" % (re.escape(name), re.escape(end))))
+        self.prompting_pid = found[1] and int(found[1])
+        return before
 
     # -- writing ---------------------------------------------------------------------------
 
@@ -131,7 +140,7 @@ class Session:
     def interrupt_at_prompt(self):
         """Ctrl-C once the child waits for input: between its prompt's last letter and that wait an interpreter takes note
         of a signal, and looks at its note only when the wait ends."""
-        self._wait_until_main_thread_sleeps()
+        self._wait_until_main_thread_sleeps(pid=self.prompting_pid)
         self.interrupt()
 
     def wait_until_asleep(self):
@@ -150,12 +159,13 @@ class Session:
         self.process.send_signal(signal.SIGINT)
         self._wait_until_main_thread_sleeps(sleeps)
 
-    def _wait_until_main_thread_sleeps(self, sleeps_before=-1):
-        """How often it has gone to sleep; more than SLEEPS_BEFORE."""
+    def _wait_until_main_thread_sleeps(self, sleeps_before=-1, pid=None):
+        """How often it has gone to sleep; more than SLEEPS_BEFORE.  PID: of a child's own child."""
+        pid = pid or self.process.pid
         deadline = time.monotonic() + SECONDS
         seen = None
         while time.monotonic() < deadline:
-            with open("/proc/%d/task/%d/status" % (self.process.pid, self.process.pid)) as file:
+            with open("/proc/%d/task/%d/status" % (pid, pid)) as file:
                 status = dict(line.split(":\t", 1) for line in file.read().splitlines() if ":\t" in line)
             sleeps = int(status["voluntary_ctxt_switches"])
             # A thread that waits for the interpreter lock sleeps too, but for some milliseconds at a time.

@@ -491,8 +491,9 @@ class RecordsTest(HooksTestCase):
         session.do("continue")
         self.assertEqual(session.do("info duplicates"),
                          "Equal contents:\n    %s\n    %s\n" % (self.folder / "one.py", self.folder / "two.py"))
-        self.assertEqual(session.do("info"), "*** info duplicates, info threads, info watches is what there is\n")
-        self.assertEqual(session.do("info breakpoints"), "*** info duplicates, info threads, info watches is what there is\n")
+        topics = "*** info duplicates, info processes, info threads, info watches is what there is\n"
+        self.assertEqual(session.do("info"), topics)
+        self.assertEqual(session.do("info breakpoints"), topics)
         self.assertIn("equal contents", session.do("help info"))
         session.do("info = [3]")
         self.assertEqual(session.do("info[0]"), "3\n")

@@ -301,10 +301,17 @@ class RespectTest(EntryTestCase):
 
     def test_the_hook_is_the_interpreters(self):
         child = self.outcome("""\
-            import os, sys
-            print(sys.breakpointhook is sys.__breakpointhook__, "PYTHONBREAKPOINT" in os.environ)
+            import sys
+            print(sys.breakpointhook is sys.__breakpointhook__)
             """)
-        self.assertIn("(Pdb) True False\n", child.stdout)
+        self.assertIn("(Pdb) True\n", child.stdout)
+
+    def test_the_environment(self):
+        """One variable more, for children: it says what `breakpoint()` does in them."""
+        program = "import os\nprint(sorted(os.environ.items() - {('PYTHONBREAKPOINT', 'brixdebug.children.pass_by')}))\n"
+        debugged = self.outcome(program + "print('PYTHONBREAKPOINT' in os.environ)\n")
+        plain = run_child("-c", program, NO_COLOR="1", TERM="dumb")
+        self.assertIn("(Pdb) %sTrue\n" % plain.stdout, debugged.stdout)
 
     def test_a_function_of_another_in_pdb(self):
         """Who has put a function of its own into `pdb` keeps it."""

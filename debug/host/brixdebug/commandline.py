@@ -10,6 +10,7 @@ from brixdebug import compat, ipython, log, processes
 from brixdebug.debugger import Debugger
 from brixdebug.engine import BdbQuit
 from brixdebug.entry import PDB_NAMES, standard, take_over
+from brixdebug.sharing import sharing
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -252,6 +253,9 @@ def main() -> None:
     threading.excepthook = _hide_quit(threading.excepthook)
     sys.unraisablehook = _hide_quit(sys.unraisablehook)       # threads that `threading` did not start
     take_over()
+    processes.begin_session()
+    if processes.is_prompt_everywhere():
+        sharing.join()
     compat.rebind(standard("main"), **{**PDB_NAMES, "_ScriptTarget": _ScriptTarget,
                                 "Pdb": _giving_back(_debugger_class("--ipython" in options), program_arguments)})()
     processes.end_child()

@@ -16,21 +16,21 @@ import threading
 import optmonitoring
 from brixbase import dlog
 
-from brixdebug import compat, decisions, internal, log, streams
+from brixdebug import compat, decisions, internal, log, processes, streams
 from brixdebug.commands import Commands
 from brixdebug.engine import Bdb, BdbQuit
 from brixdebug.exceptions import UNCAUGHT, ExceptionRule
 from brixdebug.monitor import monitor
+from brixdebug.sharing import sharing
 from brixdebug.suspension import debugged_frames
 from brixdebug.switches import MonitorError
 from brixdebug.terminal import Terminal
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
-    import io
     from collections.abc import Callable, Iterable, Iterator
     from types import FrameType
-    from typing import Any
+    from typing import Any, TextIO
 
     class _StandardDebugger(pdb.Pdb):
         def _run(self, target: Any) -> None: ...
@@ -57,7 +57,7 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
 
     has_refused = False                        # there was nothing that can be debugged
 
-    _child_input: io.TextIOWrapper | None = None
+    _child_input: TextIO | None = None
 
     # Called when a debugger begins to get events.
     on_start: Callable[[], None] = staticmethod(lambda: None)
@@ -97,8 +97,14 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
         """
         if monitor.turn.lock._is_owned() or decisions.is_deciding():
             return
+        if processes.is_free():
+            processes.pass_by()
+            return
+        self.is_left_alone = False            # this process wants it, whatever its parent is
         if self.use_rawinput:
             streams.check_terminal()
+            if not processes.is_of_session():
+                sharing.join()                # other processes of the program may do so too
         if frame is None:
             frame = sys._getframe().f_back
         if commands is not None:
@@ -115,7 +121,11 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
 
     def interaction(self, *args: Any, **kwargs: Any) -> None:
         """One thread is at the prompt; the others wait for it."""
+        if processes.is_free():
+            processes.pass_by()
+            return
         with monitor.turn.lock, monitor.suspension.others_held(at_once=self._waits_for_user()):
+            self.begin_turn(*args[:2])
             streams.capture.begin_stop(self)
             try:
                 reads_own = self._reads_programs_input()
@@ -125,6 +135,7 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
                 self._leave_selected_thread()
                 if streams.capture.is_begun and (self.quitting or all(state.is_free for state in self.stop_states.all())):
                     streams.capture.end_stop(self)
+                self.end_turn(args[0])
 
     def _waits_for_user(self) -> bool:
         """False for commands from a file or a pipe: they follow each other at once."""
@@ -135,19 +146,20 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
 
     @staticmethod
     def _reads_programs_input() -> bool:
-        """False in a followed child whose `sys.stdin` is not what its parent reads.
+        """False in a child whose `sys.stdin` is not what its parent reads.
 
-        A process of multiprocessing has the null device as `sys.stdin`; descriptor 0 is
-        what it was.
+        A process of multiprocessing has the null device as `sys.stdin`; descriptor 0, or the
+        terminal that the process belongs to, is what it was.
         """
-        is_main = os.getpid() == _main_pid and not streams.is_worker_of_multiprocessing()
-        return is_main or _is_on_descriptor_0(sys.stdin)
+        if os.getpid() == _main_pid and not streams.is_worker_of_multiprocessing() and not processes.is_followed():
+            return not streams.is_put_out_of_use(sys.stdin)
+        return _is_on_descriptor_0(sys.stdin) and not streams.is_null(0)
 
     @contextlib.contextmanager
     def _childs_input(self) -> Iterator[None]:
         """The prompt reads where that of the parent does."""
         if Debugger._child_input is None:
-            Debugger._child_input = open(0, closefd=False)
+            Debugger._child_input = streams.open_input()
         programs, sys.stdin = sys.stdin, Debugger._child_input
         try:
             yield
@@ -164,11 +176,6 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
         if frame is not None and not selected.is_free:
             selected.trace(frame)
         monitor.needs_changed(self)
-
-    def after_fork_in_child(self) -> None:
-        super().after_fork_in_child()
-        if self.is_left_alone:
-            self.give_back_interrupts()
 
     def postcmd(self, stop: bool, line: str) -> bool:
         """A child that is forked at the prompt does not stay there, unless it is followed."""

@@ -46,7 +46,7 @@ BdbQuit = bdb.BdbQuit
 Reporter(monitor)             # events go through it to the debugger that traces
 
 # Classes whose user_call does something only where the debugger stops anyway.
-_QUIET_CALL_MODULES = ("bdb", "pdb", __name__)
+_QUIET_CALL_MODULES = ("bdb", "pdb", __name__, "brixdebug.terminal")
 
 # What stands between a line and a stop at its breakpoint.
 _DECIDING_METHODS = ("trace_dispatch", "dispatch_line", "stop_here", "break_here")

@@ -26,6 +26,10 @@ SECONDS = 1.0
 _FOREVER = -1.0
 
 
+def _nothing() -> None:
+    pass
+
+
 class Evaluation:
     """What the thread at the prompt evaluates; used as a context manager around it."""
 
@@ -44,6 +48,9 @@ class Evaluation:
         self._waiting = waiting
         self._on_waiting = on_waiting
         self._ctypes: Any = None
+        # For whoever shares the terminal: an expression begins, and the prompt comes next.
+        self.on_begin: Callable[[], object] = _nothing
+        self.on_end: Callable[[], object] = _nothing
         self.forget()
 
     def forget(self) -> None:
@@ -80,6 +87,7 @@ class Evaluation:
             self._thread_id = None
 
     def _start(self) -> None:
+        self.on_begin()
         self._deadline = time.monotonic() + SECONDS
         self._wake()
 
@@ -94,6 +102,7 @@ class Evaluation:
             clock.stop()
         if were_free:
             self._hold_again()
+        self.on_end()
 
     # -- a prompt inside an expression: what is evaluated runs a program under the debugger --
 

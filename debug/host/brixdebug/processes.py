@@ -8,6 +8,7 @@ debugger's command line, and has to end there as it would without a debugger.
 from __future__ import annotations
 
 import bdb
+import contextlib
 import os
 import sys
 
@@ -20,6 +21,75 @@ _first_pid = os.getpid()
 
 # What ended the program in this child; None: it came to its last line.
 ending: BaseException | None = None
+
+
+# The one of the command line; None in a program that calls the debugger itself.
+_session_pid: int | None = None
+
+# The one that is a child and is debugged too.
+_followed_pid: int | None = None
+
+are_children_followed = False
+
+_has_passed_by = False
+
+_VARIABLE = "PYTHONBREAKPOINT"
+_STOP, _PASS_BY = "brixdebug.children.stop", "brixdebug.children.pass_by"
+
+_NOTE = """\
+brixdebug: process %d is not followed: it runs on where it calls the debugger.  To have it stop there, give the command \
+"set follow-fork on" before it is started.
+"""
+
+
+def begin_session() -> None:
+    """This is the process of the command line."""
+    global _session_pid
+    _session_pid = os.getpid()
+    follow_children(False)
+
+
+def follow_children(are_followed: bool) -> None:
+    """Children that are started from now on are debugged too, or run free."""
+    global are_children_followed
+    are_children_followed = are_followed
+    if is_of_session() and os.environ.get(_VARIABLE, _STOP) in (_STOP, _PASS_BY):
+        os.environ[_VARIABLE] = _STOP if are_followed else _PASS_BY
+
+
+def is_prompt_everywhere() -> bool:
+    """The user has asked for our prompt in every process that calls `breakpoint()`."""
+    return os.environ.get(_VARIABLE) == "brixdebug.set_trace"
+
+
+def is_of_session() -> bool:
+    """True in the process of the command line and in what was forked from it."""
+    return _session_pid is not None
+
+
+def follow() -> None:
+    """This process is a child that is debugged too."""
+    global _followed_pid
+    _followed_pid = os.getpid()
+
+
+def is_followed() -> bool:
+    return _followed_pid == os.getpid()
+
+
+def is_free() -> bool:
+    """True in a child of the command line's process that runs without the debugger."""
+    return _session_pid is not None and os.getpid() != _session_pid and not is_followed()
+
+
+def pass_by() -> None:
+    """The program calls the debugger in a child that runs free: said once."""
+    global _has_passed_by
+    if not _has_passed_by:
+        _has_passed_by = True
+        with contextlib.suppress(Exception):
+            sys.stderr.write(_NOTE % os.getpid())
+            sys.stderr.flush()
 
 
 def is_child() -> bool:

@@ -11,9 +11,11 @@ import os
 import stat
 import sys
 
+from brixdebug import processes
+
 TYPE_CHECKING = False
 if TYPE_CHECKING:
-    from typing import Any
+    from typing import Any, TextIO
 
 
 class NoTerminal(RuntimeError):
@@ -108,7 +110,8 @@ def is_worker_of_multiprocessing() -> bool:
     return parent_process is not None and parent_process() is not None
 
 
-def _is_null(descriptor: int) -> bool:
+def is_null(descriptor: int) -> bool:
+    """True for a descriptor that nothing can be read from: the null device, or none."""
     try:
         status = os.fstat(descriptor)
     except OSError:                           # closed
@@ -116,12 +119,53 @@ def _is_null(descriptor: int) -> bool:
     return stat.S_ISCHR(status.st_mode) and status.st_rdev == os.stat(os.devnull).st_rdev
 
 
+def _controlling_terminal() -> int | None:
+    """A descriptor of it; None where there is none, or where this process is in the background of it."""
+    try:
+        descriptor = os.open("/dev/tty", os.O_RDWR | os.O_CLOEXEC | os.O_NOCTTY)
+    except OSError:
+        return None
+    try:
+        if os.tcgetpgrp(descriptor) == os.getpgrp():
+            return descriptor
+    except OSError:
+        pass
+    os.close(descriptor)
+    return None
+
+
+def has_terminal() -> bool:
+    """There is something to read commands from."""
+    if not is_null(0):
+        return True
+    descriptor = _controlling_terminal()
+    if descriptor is None:
+        return False
+    os.close(descriptor)
+    return True
+
+
+def open_input() -> TextIO:
+    """What a child's prompt reads from, as its parent's does."""
+    descriptor = _controlling_terminal() if is_null(0) else None
+    return open(0 if descriptor is None else descriptor, closefd=descriptor is not None)
+
+
+def is_put_out_of_use(file: Any) -> bool:
+    """Somebody has made the null device the process's `sys.stdin`, and descriptor 0 is what it was."""
+    try:
+        return file.fileno() != 0 and is_null(file.fileno()) and not is_null(0)
+    except (AttributeError, OSError, ValueError):
+        return False
+
+
 def check_terminal() -> None:
-    """NoTerminal in a worker process that has nothing to read commands from."""
-    if not _is_null(0):
+    """NoTerminal in a child process that has nothing to read commands from."""
+    if not is_null(0):
         return
     if "PYTEST_XDIST_WORKER" in os.environ:
         raise NoTerminal("this is a worker of pytest-xdist, without a terminal: run pytest with -n 0")
-    if is_worker_of_multiprocessing():
-        raise NoTerminal("this process of multiprocessing has no terminal: its standard input, like that of "
-                         "the process that started it, is the null device")
+    is_worker = is_worker_of_multiprocessing()
+    if (is_worker or processes.is_followed()) and not has_terminal():
+        raise NoTerminal("this process%s has no terminal: its standard input, like that of the process that "
+                         "started it, is the null device" % (" of multiprocessing" if is_worker else ""))

@@ -10,15 +10,22 @@ import signal
 import sys
 import threading
 
-from brixdebug import colors
+from brixdebug import colors, processes
 from brixdebug.ends import Ends
 from brixdebug.monitor import monitor
+from brixdebug.sharing import sharing
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
-    from collections.abc import Iterator, Sequence
+    from collections.abc import Callable, Iterator, Sequence
     from types import FrameType
     from typing import Any
+
+    from brixdebug.exceptions import ExceptionRule
+    from brixdebug.watching import Change
+
+# What says in a prompt whose it is.
+_NAMED_PROMPTS = {"(Pdb) ": "(Pdb %d) ", "ipdb> ": "ipdb %d> "}
 
 command_loops = {pdb.Pdb.cmdloop.__code__}        # where a command is read or run
 _INTERACTION = pdb.Pdb.interaction.__code__
@@ -104,6 +111,80 @@ class Terminal(Ends):
     """The part of `Debugger` that deals with the terminal."""
 
     _is_leaving = False                       # the command that ends the prompt has been given
+    _named_prompt: str | None = None          # what we have put in the place of pdb's
+
+    # -- a terminal for several processes -------------------------------------------------
+
+    @property
+    def follows_fork(self) -> bool:
+        """Whether children of the program are debugged too; one for the process."""
+        return processes.are_children_followed
+
+    @follows_fork.setter
+    def follows_fork(self, is_on: bool) -> None:
+        processes.follow_children(is_on)
+        if is_on:
+            sharing.join()
+
+    def begin_turn(self, frame: FrameType | None, traceback: Any = None) -> None:
+        """Wait for the terminal: the program stopped in `frame`, or was ended where `traceback` says."""
+        if sharing.is_on and threading.get_ident() == threading.main_thread().ident:
+            self._take_interrupts()
+        sharing.begin_prompt(self._place_of(frame, traceback) if sharing.is_on else "")
+        if sharing.is_on:
+            self._name_prompt()
+
+    def end_turn(self, frame: FrameType | None) -> None:
+        """What `begin_turn` was for is done."""
+        is_step = sharing.is_on and frame is not None and not self.quitting \
+            and not all(state.is_free for state in self.stop_states.all())
+        sharing.end_prompt(is_step)
+
+    def _place_of(self, frame: FrameType | None, traceback: Any) -> str:
+        traceback = getattr(traceback, "__traceback__", traceback)
+        if frame is None and traceback is not None:
+            frame, line = self.get_stack(None, traceback)[0][-1]
+        elif frame is not None:
+            line = frame.f_lineno
+        else:
+            return ""
+        return "%s(%s)%s()" % (self.canonic(frame.f_code.co_filename), line, frame.f_code.co_name)
+
+    def _name_prompt(self) -> None:
+        """The prompt of a child says whose it is, and so does each where nobody is the parent."""
+        plain = next((each for each in _NAMED_PROMPTS if self.prompt in (each, self._named_prompt)), None)
+        if plain is None:
+            return                            # of a debugger inside of this one, or the program's own
+        is_named = processes.is_followed() or sharing.has_others and not processes.is_of_session()
+        self.prompt = self._named_prompt = _NAMED_PROMPTS[plain] % os.getpid() if is_named else plain
+
+    # What pdb prints of a stop before it asks for `interaction`, and what breakpoints have been told to do.
+
+    def user_line(self, frame: FrameType) -> None:
+        self._report_stop(super().user_line, frame)
+
+    def user_call(self, frame: FrameType, argument_list: Any) -> None:
+        if not sharing.is_on or self.stop_here(frame):
+            self._report_stop(super().user_call, frame, argument_list)
+
+    def user_return(self, frame: FrameType, return_value: Any) -> None:
+        self._report_stop(super().user_return, frame, return_value)
+
+    def user_exception(self, frame: FrameType, exc_info: Any) -> None:
+        self._report_stop(super().user_exception, frame, exc_info)
+
+    def user_uncaught(self, frame: FrameType, exception: BaseException, rule: ExceptionRule) -> None:
+        self._report_stop(super().user_uncaught, frame, exception, rule)
+
+    def user_watch(self, frame: FrameType, changes: list[Change]) -> None:
+        self._report_stop(super().user_watch, frame, changes)
+
+    def _report_stop(self, report: Callable[..., object], frame: FrameType, *what: object) -> None:
+        self.begin_turn(frame)
+        try:
+            report(frame, *what)
+        finally:
+            self.end_turn(frame)
 
     # -- Ctrl-C --------------------------------------------------------------------------
 
@@ -133,6 +214,8 @@ class Terminal(Ends):
         """The handler of SIGINT, in the main thread; prints nothing, for the thread may be in a `print`."""
         traced: Any = monitor.debugger if isinstance(monitor.debugger, Terminal) else self
         is_knock = traced.interruption.take_knock()
+        if not is_knock and sharing.is_anothers:
+            return            # typed at the prompt of another process
         traced.raise_here(frame)
         if monitor.suspension.holder not in (None, threading.get_ident()):
             if not is_knock:
@@ -162,6 +245,14 @@ class Terminal(Ends):
         """Ctrl-C is for the program again; it may have a handler of its own by now."""
         if _is_ours(signal.getsignal(signal.SIGINT)) and _programs_handler is not None:
             signal.signal(signal.SIGINT, _programs_handler)
+
+    def after_fork_in_child(self) -> None:
+        super().after_fork_in_child()
+        if self.is_left_alone:
+            self.give_back_interrupts()
+            return
+        sharing.follow_parent()
+        processes.follow()
 
     def stop_trace(self) -> None:
         super().stop_trace()

@@ -9,6 +9,7 @@ import pdb
 import re
 
 from brixdebug.commands.information import InformationCommands
+from brixdebug.commands.processes import ProcessCommands
 from brixdebug.commands.settings import SettingCommands
 from brixdebug.commands.threads import ThreadCommands
 from brixdebug.conditions import HIT_OPERATORS
@@ -26,7 +27,7 @@ _BRACKETS = {")": "(", "]": "[", "}": "{"}
 _INDEXED = (dict, list, tuple, str)
 
 
-class CompletionCommands(ThreadCommands, InformationCommands, SettingCommands):
+class CompletionCommands(ThreadCommands, ProcessCommands, InformationCommands, SettingCommands):
     """Stands before the other classes of commands: their arguments are completed here."""
 
     def _complete_word(self, kinds: tuple[str, ...], text: str, line: str, begidx: int, endidx: int) -> list[str]:
@@ -56,6 +57,9 @@ class CompletionCommands(ThreadCommands, InformationCommands, SettingCommands):
 
     def _words_of_thread(self) -> Iterable[str]:
         return [str(number) for number, _, _ in self._numbered_threads()]
+
+    def _words_of_process(self) -> Iterable[str]:
+        return [str(pid) for pid in self.other_processes()]
 
     def _words_of_breakpoint(self) -> Iterable[str]:
         return [str(number) for number, each in enumerate(bdb.Breakpoint.bpbynumber) if each is not None]
@@ -126,6 +130,7 @@ _ARGUMENTS: dict[str, tuple[str, ...]] = {
     "set": ("setting", "switch"),
     "info": ("topic",),
     "thread": ("thread",),
+    "process": ("process",),
     "catch": ("rule", "class", "condition", "expression"),
     "hits": ("breakpoint", "comparison"),
     "condition": ("breakpoint", "expression"),

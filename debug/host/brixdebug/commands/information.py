@@ -10,16 +10,18 @@ class InformationCommands(CommandBase):
     """Says what is known of the program."""
 
     # topic of `info` -> name of the method that shows it
-    info_topics = {"duplicates": "_show_duplicates", "threads": "show_threads",
-                   "watches": "_show_watches"}
+    info_topics = {"duplicates": "_show_duplicates", "processes": "show_processes",
+                   "threads": "show_threads", "watches": "_show_watches"}
 
     def do_info(self, arg: str) -> None:
         """info duplicates
+        info processes
         info threads
         info watches
 
         duplicates: list the files of the program that have equal contents; a breakpoint
-        in one of them does not stop in the others.  threads: what `threads`
+        in one of them does not stop in the others.  processes: list the processes that
+        are debugged at this terminal (see process).  threads: what `threads`
         does.  watches: list what is watched.
         """
         arg = arg.strip()

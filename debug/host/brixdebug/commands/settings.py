@@ -21,8 +21,8 @@ class SettingCommands(CommandBase):
 
         Without argument, show how all are set.
 
-        follow-fork: whether a child that the program forks is debugged too.  Off,
-        as it is at first, the child runs free of the debugger.
+        follow-fork: whether the children that the program starts are debugged too.
+        Off, as it is at first, they run free of the debugger.
 
         hold-others: whether the other threads stand still while one is at the prompt.
         On, as it is at first, they go on for an expression that has not ended after a

@@ -1,0 +1,222 @@
+"""The processes that are debugged at one terminal: a row for each in a file that all of them find.
+
+The file is found by the terminal and the process group, so a child finds it whichever way it was
+started, and what runs in the background of the same terminal has another one.  It lies in a
+folder that nobody else can enter, and is changed under a lock.  The lock is never held longer
+than a change takes: a process may die at any time, and leaves a row that says when it began.
+"""
+
+from __future__ import annotations
+
+import contextlib
+import fcntl
+import os
+import stat
+import struct
+import threading
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from collections.abc import Callable
+    from typing import TypeVar
+
+    T = TypeVar("T")
+
+_FOLDERS = "/dev/shm", "/tmp"
+_TIOCGDEV = 0x80045432        # the number of the terminal that a descriptor is, also of /dev/tty
+_SIZE = 1 << 20               # of a file, at most
+
+
+class Row:
+    """What the others know of a process."""
+
+    __slots__ = ("pid", "began", "parent", "state", "ticket", "since", "name", "place")
+
+    def __init__(self, pid: int, began: int, parent: int, state: str, ticket: float = 0.0, since: float = 0.0,
+                 name: str = "", place: str = "") -> None:
+        self.pid = pid
+        self.began = began                    # in the kernel's count: process ids are used again
+        self.parent = parent
+        self.state = state
+        self.ticket = ticket                  # the lowest goes first
+        self.since = since                    # when the program went on, seconds; 0: it stands
+        self.name = name
+        self.place = place                    # where it stopped last
+
+    def format(self) -> str:
+        values = (self.pid, self.began, self.parent, self.state, self.ticket, self.since, self.name, self.place)
+        return "\t".join(_one_field(str(value)) for value in values) + "\n"
+
+    @classmethod
+    def parse(cls, line: str) -> Row | None:
+        """None for what a process has left that was killed while it wrote."""
+        try:
+            pid, began, parent, state, ticket, since, name, place = line.split("\t")
+            return cls(int(pid), int(began), int(parent), state, float(ticket), float(since), name, place)
+        except ValueError:
+            return None
+
+    def is_alive(self) -> bool:
+        return begin_of(self.pid) == self.began
+
+
+def _one_field(text: str) -> str:
+    return " ".join(text.split())
+
+
+def begin_of(pid: int) -> int | None:
+    """When process `pid` began; None when it has ended, though nobody may have asked how."""
+    try:
+        descriptor = os.open("/proc/%d/stat" % pid, os.O_RDONLY)
+        try:
+            fields = os.read(descriptor, 4096).rpartition(b")")[2].split()
+        finally:
+            os.close(descriptor)
+        return None if fields[0] in b"ZX" else int(fields[19])
+    except (OSError, ValueError, IndexError):
+        return None
+
+
+def _terminal_name() -> str | None:
+    """Of what descriptor 0 is; of the controlling terminal where it is the null device."""
+    for path in None, "/dev/tty":
+        try:
+            descriptor = os.dup(0) if path is None else os.open(path, os.O_RDONLY)
+        except OSError:
+            continue
+        try:
+            status = os.fstat(descriptor)
+            if os.isatty(descriptor):
+                number = struct.unpack("I", fcntl.ioctl(descriptor, _TIOCGDEV, bytes(4)))[0]
+                return "terminal-%d" % number
+            if not stat.S_ISCHR(status.st_mode):
+                return "file-%d-%d" % (status.st_dev, status.st_ino)
+        except OSError:
+            continue
+        finally:
+            os.close(descriptor)
+    return None
+
+
+def _own_folder(above: str) -> str | None:
+    """A folder in `above` that nobody else can enter, made where there is none."""
+    path = os.path.join(above, "brixdebug-%d" % os.geteuid())
+    try:
+        with contextlib.suppress(FileExistsError):
+            os.mkdir(path, 0o700)
+        status = os.lstat(path)
+    except OSError:
+        return None
+    is_safe = stat.S_ISDIR(status.st_mode) and status.st_uid == os.geteuid() and not stat.S_IMODE(status.st_mode) & 0o077
+    return path if is_safe else None
+
+
+class Roster:
+    """The file; its name may come to stand for another file, which is noticed."""
+
+    def __init__(self, path: str) -> None:
+        self._path = path
+        self._lock = threading.RLock()        # of the threads of this process
+        self._descriptor: int | None = None   # while the file is locked
+
+    @classmethod
+    def find(cls) -> Roster | None:
+        """The one for this process's terminal; None where there is no terminal or no place for a file."""
+        name = _terminal_name()
+        folder = next(filter(None, map(_own_folder, _FOLDERS)), None)
+        if name is None or folder is None:
+            return None
+        roster = cls(os.path.join(folder, "%d-%s" % (os.getpgrp(), name)))
+        try:
+            if not os.path.exists(roster._path):
+                roster._remove_forgotten(folder)
+            roster.change(lambda rows: None)
+        except OSError:
+            return None
+        return roster
+
+    def _remove_forgotten(self, folder: str) -> None:
+        """What was left by processes that were killed."""
+        for name in os.listdir(folder):
+            Roster(os.path.join(folder, name)).remove_if_empty()
+
+    # -- reading and writing -----------------------------------------------------------
+
+    def peek(self) -> dict[int, Row]:
+        """The rows as they are, for a signal handler: it may have interrupted a change."""
+        try:
+            descriptor = os.open(self._path, os.O_RDONLY | os.O_CLOEXEC)
+        except OSError:
+            return {}
+        try:
+            return _read(descriptor)
+        finally:
+            os.close(descriptor)
+
+    def change(self, edit: Callable[[dict[int, Row]], T]) -> T:
+        """What `edit` returns, which looks at the rows and changes them; nobody else does so meanwhile."""
+        with self._lock:
+            self._descriptor = self._open_locked()
+            try:
+                rows = _read(self._descriptor)
+                before = "".join(row.format() for row in rows.values())
+                result = edit(rows)
+                after = "".join(row.format() for row in rows.values())
+                if after != before:
+                    data = after.encode("utf-8", "replace")
+                    os.pwrite(self._descriptor, data, 0)
+                    os.ftruncate(self._descriptor, len(data))
+                return result
+            finally:
+                self._close()
+
+    def _open_locked(self) -> int:
+        while True:
+            try:
+                descriptor = os.open(self._path, os.O_RDWR | os.O_CREAT | os.O_CLOEXEC | os.O_NOFOLLOW, 0o600)
+            except FileNotFoundError:         # the last one to leave has removed the folder
+                with contextlib.suppress(FileExistsError):
+                    os.mkdir(os.path.dirname(self._path), 0o700)
+                continue
+            try:
+                fcntl.flock(descriptor, fcntl.LOCK_EX)
+                if os.fstat(descriptor).st_nlink:
+                    return descriptor
+            except BaseException:
+                os.close(descriptor)
+                raise
+            os.close(descriptor)              # somebody has removed it meanwhile
+
+    def _close(self) -> None:
+        descriptor, self._descriptor = self._descriptor, None
+        if descriptor is not None:
+            fcntl.flock(descriptor, fcntl.LOCK_UN)        # also for the copy that a child has
+            os.close(descriptor)
+
+    def after_fork_in_child(self) -> None:
+        """Another thread of the parent may have been in the middle of a change."""
+        self._lock = threading.RLock()
+        descriptor, self._descriptor = self._descriptor, None
+        if descriptor is not None:
+            os.close(descriptor)
+
+    def remove_if_empty(self) -> None:
+        """Remove the file when no process of it lives, and the folder after the last file."""
+        def edit(rows: dict[int, Row]) -> None:
+            drop_dead(rows)
+            if not rows:
+                os.unlink(self._path)
+        with contextlib.suppress(OSError):
+            self.change(edit)
+            os.rmdir(os.path.dirname(self._path))
+
+
+def drop_dead(rows: dict[int, Row]) -> None:
+    for pid in [row.pid for row in rows.values() if not row.is_alive()]:
+        del rows[pid]
+
+
+def _read(descriptor: int) -> dict[int, Row]:
+    text = os.pread(descriptor, _SIZE, 0).decode("utf-8", "replace")
+    rows = filter(None, map(Row.parse, text.splitlines()))
+    return {row.pid: row for row in rows}

@@ -1,0 +1,237 @@
+"""One terminal, several processes: one of them has its prompt there, in the order of their stops, and the others wait.
+
+A process has the terminal as long as it stands at its prompt.  While it evaluates an
+expression, or makes a step, it keeps the terminal for a second; then whoever waits takes it,
+and it gets it back when it stands again.  There is nobody who gives the terminal to the next
+one: those who wait look at the roster, so that a process may end at any moment.
+"""
+
+from __future__ import annotations
+
+import atexit
+import os
+import sys
+import time
+
+from brixdebug.evaluation import SECONDS
+from brixdebug.monitor import monitor
+from brixdebug.roster import Roster, Row, begin_of, drop_dead
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from typing import Any
+
+RUNNING, WAITING, PROMPTING, STEPPING, EVALUATING = "running", "waiting", "at the prompt", "stepping", "evaluating"
+
+# One in these states has the terminal; the others say what it does when somebody else has taken that.
+_HAVING = {PROMPTING: EVALUATING, STEPPING: RUNNING}
+
+# How often one that waits looks, for each process that goes before it; and how seldom at most.
+_LOOK_SECONDS = 0.03
+_MOST_LOOK_SECONDS = 0.5
+
+# The program may replace what it finds in the module.
+_sleep, _now = time.sleep, time.monotonic
+
+
+def _own_name() -> str:
+    """What the user calls this process."""
+    name = os.path.basename(sys.argv[0]) if getattr(sys, "argv", None) else ""
+    current: Any = getattr(sys.modules.get("multiprocessing.process"), "_current_process", None)
+    if current is not None and getattr(current, "_parent_pid", None) is not None:
+        name += " (%s)" % current.name
+    return name
+
+
+class Sharing:
+    """This process's part."""
+
+    def __init__(self) -> None:
+        self._roster: Roster | None = None
+        self._pid = 0                         # of the process that has joined
+        self._depth = 0                       # prompts inside of prompts
+        self.is_waiting = False
+
+    @property
+    def is_on(self) -> bool:
+        """Other processes may want the terminal."""
+        return self._roster is not None
+
+    def join(self) -> None:
+        """From now on other processes may want the terminal."""
+        if self._roster is not None:
+            return
+        self._roster, self._pid = Roster.find(), os.getpid()
+        if self._roster is not None:
+            self._enter_row(PROMPTING if self._depth else RUNNING)
+            atexit.register(self._leave_for_good, os.getpid())
+
+    def forget_parents(self) -> None:
+        """In a child: what is its parent's.  It may be debugged some day, by a debugger of its own."""
+        self.is_waiting = False
+        if not monitor.turn.lock._is_owned():
+            self._depth = 0                   # the prompt was another thread's
+        if self._roster is not None and self._pid != os.getpid():
+            self._roster.after_fork_in_child()
+            self._roster = None
+
+    def follow_parent(self) -> None:
+        """In a child that is debugged as its parent is; where that has a prompt the child has one."""
+        roster = self._roster
+        self.forget_parents()
+        if roster is not None:
+            self._roster, self._pid = roster, os.getpid()
+            self._enter_row(EVALUATING if self._depth else RUNNING)
+
+    def _enter_row(self, state: str) -> None:
+        def edit(rows: dict[int, Row]) -> None:
+            drop_dead(rows)
+            own = _own_row(rows, os.getpid())
+            own.state, own.ticket = state, _now()
+        self._change(edit)
+
+    def _change(self, edit: Any) -> Any:
+        """What `edit` returns; None, and no more sharing, where the roster cannot be used."""
+        if self._roster is None:
+            return None
+        try:
+            return self._roster.change(edit)
+        except OSError:
+            self._roster = None
+            return None
+
+    def _leave_for_good(self, pid: int) -> None:
+        if self._roster is not None and pid == os.getpid():
+            self._change(lambda rows: rows.pop(pid, None))
+            roster, self._roster = self._roster, None
+            if roster is not None:
+                roster.remove_if_empty()
+
+    # -- the turns ---------------------------------------------------------------------
+
+    def begin_prompt(self, place: str) -> None:
+        self.take(place)
+        self._depth += 1
+
+    def end_prompt(self, is_step: bool) -> None:
+        """The program goes on; with `is_step` it is to stop again soon."""
+        self._depth -= 1
+        if self._depth == 0 and self.is_on:
+            self._go_on(STEPPING if is_step else RUNNING)
+
+    def take(self, place: str | None = None) -> None:
+        """Wait until the terminal is this process's."""
+        if self._roster is None:
+            return
+        pid, ticket = os.getpid(), _now()
+        self.is_waiting = True
+        try:
+            while True:
+                waits_for = self._change(lambda rows: self._try(rows, pid, ticket, place))
+                if not waits_for:
+                    return
+                _sleep(min(_LOOK_SECONDS * waits_for, _MOST_LOOK_SECONDS))
+        finally:
+            self.is_waiting = False
+
+    def _try(self, rows: dict[int, Row], pid: int, ticket: float, place: str | None) -> int:
+        """How many go before process `pid`; 0: the terminal is its own."""
+        own = _own_row(rows, pid)
+        if place is not None:
+            own.place, own.name = place, _own_name()
+        if own.state == RUNNING:
+            own.ticket = ticket
+        if own.state not in _HAVING:
+            own.state = WAITING
+            before = [row for row in rows.values() if row is not own and _goes_before(row, own)]
+            while before and not before[0].is_alive():
+                del rows[before.pop(0).pid]
+            if before:
+                return len(before)
+            for row in rows.values():
+                row.state = _HAVING.get(row.state, row.state)
+        own.state, own.since = PROMPTING, 0.0
+        return 0
+
+    def _go_on(self, state: str) -> None:
+        pid = os.getpid()
+
+        def edit(rows: dict[int, Row]) -> None:
+            own = _own_row(rows, pid)
+            own.state, own.since = state, _now()
+        self._change(edit)
+
+    def begin_evaluation(self) -> None:
+        if self._depth and self.is_on:
+            self._go_on(PROMPTING)
+
+    def end_evaluation(self) -> None:
+        """The prompt comes next: wait for the terminal, if it has gone to another process."""
+        if self._depth:
+            self.take()
+
+    def hand_to(self, pid: int) -> str | None:
+        """Let process `pid` have the terminal, and wait until it is free again; a text says why not."""
+        def edit(rows: dict[int, Row]) -> str | None:
+            drop_dead(rows)
+            other, own = rows.get(pid), _own_row(rows, os.getpid())
+            if other is None:
+                return "There is no process %d here (see info processes)" % pid
+            if other is own:
+                return "Process %d is the one at the prompt" % pid
+            if other.state != WAITING:
+                return "Process %d is %s: it gets the prompt when it stops" % (pid, other.state)
+            other.ticket = min(row.ticket for row in rows.values()) - 1.0
+            own.state = RUNNING
+            return None
+        refusal: str | None = self._change(edit)
+        if refusal is None:
+            self.take()
+        return refusal
+
+    # -- who is there ------------------------------------------------------------------
+
+    def rows(self) -> list[Row]:
+        """Of the living, in the order of their beginnings."""
+        def edit(rows: dict[int, Row]) -> list[Row]:
+            drop_dead(rows)
+            return sorted(rows.values(), key=lambda row: (row.began, row.pid))
+        return self._change(edit) or []
+
+    @property
+    def is_anothers(self) -> bool:
+        """Another process has the terminal; may be asked in a signal handler."""
+        if self._roster is None:
+            return False
+        own = os.getpid()
+        return self.is_waiting or any(row.state in _HAVING and row.pid != own and row.is_alive()
+                                      for row in self._roster.peek().values())
+
+    @property
+    def has_others(self) -> bool:
+        """Other processes have their prompts at this terminal too."""
+        return self._roster is not None and len(self._roster.peek()) > 1
+
+
+def _own_row(rows: dict[int, Row], pid: int) -> Row:
+    own = rows.get(pid)
+    if own is None:
+        own = rows[pid] = Row(pid, begin_of(pid) or 0, os.getppid(), RUNNING, name=_own_name())
+    return own
+
+
+def shown_state(row: Row) -> str:
+    """What the process does, as the user sees it."""
+    return _HAVING.get(row.state, row.state) if row.since else row.state
+
+
+def _goes_before(row: Row, own: Row) -> bool:
+    if row.state in _HAVING:
+        return not row.since or _now() - row.since < SECONDS
+    return row.state == WAITING and row.ticket < own.ticket
+
+
+sharing = Sharing()
+os.register_at_fork(after_in_child=sharing.forget_parents)
+monitor.suspension.evaluation.on_begin = sharing.begin_evaluation
+monitor.suspension.evaluation.on_end = sharing.end_evaluation

@@ -1,0 +1,350 @@
+"""Processes that are debugged at one terminal: one prompt at a time, in the order of their stops."""
+
+import glob
+import os
+import re
+import signal
+import unittest
+
+from host_support import scratch_folder
+from session import Session, line_of, write_program
+
+# Each child waits for a letter in its pipe before it comes to the breakpoint, and ends with the status N + 4.
+CHILDREN = """\
+    import os, select
+    from brixdebug import sharing
+    sharing.SECONDS = PATIENCE
+    def hit(n):
+        here = n
+        there = here + 4                     # line
+        return there
+    pipes = [os.pipe() for _ in range(3)]
+    answers = os.pipe()
+    def go(n):
+        os.write(pipes[n][1], b"x")
+    pids = []
+    for n in range(3):
+        pid = os.fork()
+        if pid == 0:
+            os.read(pipes[n][0], 1)
+            os._exit(hit(n))
+        pids.append(pid)
+    print("pids", *pids, flush=True)
+    go(0)
+    for pid in pids:
+        print("status", os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]), flush=True)
+    """
+FOREVER, A_SECOND = 10000.0, 1.0
+
+
+class SharedTerminalTest(unittest.TestCase):
+
+    def start(self, text=CHILDREN, patience=FOREVER, terminal=False):
+        """A session whose first child is at the prompt; the others have not come to the breakpoint."""
+        self.program = write_program(scratch_folder(self), text.replace("PATIENCE", repr(patience)))
+        session = Session(self, "-W", "ignore::DeprecationWarning", "-m", "brixdebug", self.program, terminal=terminal)
+        session.prompt()
+        session.do("break %d" % line_of(self.program, "line"))
+        session.do("set follow-fork on")
+        printed = session.do("continue")
+        self.pids = list(map(int, re.search("pids (.*)", printed)[1].split()))
+        self.place = "%s(%d)hit()" % (self.program, line_of(self.program, "line"))
+        self.assertIn("> " + self.place, printed)
+        self.assertEqual(session.prompting_pid, self.pids[0])
+        return session
+
+    def rows(self, session):
+        """{pid: (parent, state, program, place)} and the marked one."""
+        lines = session.do("info processes").splitlines()
+        self.assertEqual(lines[0].split(), ["Pid", "Parent", "State", "Program", "Place"])
+        rows = {}
+        for line in lines[1:]:
+            mark, pid, parent, state, program, place = re.fullmatch(
+                r"([> ]) (\d+) +(\d+) +(\w+(?: \w+)*) +(\S+) +(\S*)", line).groups()
+            rows[int(pid)] = (int(parent), state, program, place)
+            if mark == ">":
+                marked = int(pid)
+        return rows, marked
+
+    def let_come(self, session, *numbers):
+        """Have these children come to the breakpoint, one after the other."""
+        for n in numbers:
+            session.do("go(%d)" % n)
+            self.wait_for_state(session, self.pids[n], "waiting")
+
+    def wait_for_state(self, session, pid, state):
+        session.do_until("info processes", "%-8d%-8d%s " % (pid, session.process.pid, state))
+
+    def end(self, session, statuses):
+        printed = session.do("continue")
+        self.assertIn("The program finished", printed)
+        self.assertIsNone(session.prompting_pid)
+        self.assertEqual(sorted(re.findall(r"status (\S+)", session.seen)), sorted(statuses))
+        self.assertEqual(session.end("quit")[1], 0)
+
+    def test_in_the_order_of_their_stops(self):
+        for terminal in False, True:
+            with self.subTest(terminal=terminal):
+                session = self.start(terminal=terminal)
+                self.let_come(session, 2, 1)
+                for n in 2, 1:
+                    printed = session.do("continue")
+                    self.assertIn("> " + self.place, printed)
+                    self.assertEqual(session.prompting_pid, self.pids[n])
+                    self.assertEqual(session.do("p n"), "%d\n" % n)
+                self.end(session, "456")
+
+    def test_info_processes(self):
+        session = self.start()
+        parent = session.process.pid
+        self.let_come(session, 1)
+        rows, marked = self.rows(session)
+        self.assertEqual(marked, self.pids[0])
+        self.assertEqual(rows, {
+            parent: (os.getpid(), "running", "program.py", ""),
+            self.pids[0]: (parent, "at the prompt", "program.py", self.place),
+            self.pids[1]: (parent, "waiting", "program.py", self.place),
+            self.pids[2]: (parent, "running", "program.py", "")})
+        self.let_come(session, 2)
+        session.do("continue")
+        self.assertEqual(self.rows(session)[1], self.pids[1])
+        session.do_until("info processes", "%d" % self.pids[1])
+        session.do("continue")
+        self.end(session, "456")
+
+    def test_process(self):
+        session = self.start()
+        self.let_come(session, 1, 2)
+        printed = session.do("process %d" % self.pids[2])
+        self.assertIn("> " + self.place, printed)
+        self.assertEqual((session.prompting_pid, session.do("p n")), (self.pids[2], "2\n"))
+        rows, marked = self.rows(session)
+        self.assertEqual(marked, self.pids[2])
+        self.assertEqual([rows[pid][1] for pid in self.pids], ["waiting", "waiting", "at the prompt"])
+        # Back to the first, which says again where it is.
+        printed = session.do("process %d" % self.pids[0])
+        self.assertEqual(session.prompting_pid, self.pids[0])
+        self.assertEqual(printed, "> %s\n-> there = here + 4                     # line\n" % self.place)
+        session.do("continue")
+        self.assertEqual(session.prompting_pid, self.pids[1])
+        session.do("continue")
+        self.assertEqual(session.prompting_pid, self.pids[2])
+        self.end(session, "456")
+
+    def test_errors_of_process(self):
+        session = self.start()
+        for argument, message in {
+                "": "Process id expected (see info processes)",
+                "x": "Process id expected (see info processes)",
+                "0": "There is no process 0 here (see info processes)",
+                "%d" % self.pids[0]: "Process %d is the one at the prompt" % self.pids[0],
+                "%d" % self.pids[1]: "Process %d is running: it gets the prompt when it stops" % self.pids[1]}.items():
+            self.assertEqual(session.do("process " + argument), "*** %s\n" % message)
+        self.assertEqual(session.do("process = 5"), "")
+        self.assertEqual(session.do("process"), "5\n")
+        self.let_come(session, 1, 2)
+        session.do("continue"), session.do("continue")
+        self.end(session, "456")
+
+    def test_alone(self):
+        session = Session(self, "-m", "brixdebug", write_program(scratch_folder(self), "here = 1\n"))
+        session.prompt()
+        rows, marked = self.rows(session)
+        self.assertEqual((list(rows), marked), ([session.process.pid], session.process.pid))
+        self.assertEqual(rows[marked][1:3], ("at the prompt", "program.py"))
+        self.assertIn("the one at the prompt", session.do("process %d" % marked))
+        session.end("quit")
+
+    def test_process_that_is_killed_at_its_prompt(self):
+        session = self.start()
+        self.let_come(session, 1, 2)
+        for n in 0, 1:
+            os.kill(self.pids[n], signal.SIGKILL)
+            session.prompt()
+            self.assertEqual(session.prompting_pid, self.pids[n + 1])
+        self.end(session, ["-9", "-9", "6"])
+
+    def test_process_that_is_killed_while_it_waits(self):
+        session = self.start()
+        self.let_come(session, 1, 2)
+        os.kill(self.pids[1], signal.SIGKILL)
+        session.do("continue")
+        self.assertEqual(session.prompting_pid, self.pids[2])
+        self.assertEqual(set(self.rows(session)[0]), {session.process.pid, self.pids[2]})
+        self.end(session, ["4", "-9", "6"])
+
+    def test_step_keeps_the_terminal(self):
+        session = self.start()
+        self.let_come(session, 1, 2)
+        for command, answer in ("next", "return there"), ("step", "--Return--"):
+            self.assertIn(answer, session.do(command))
+            self.assertEqual(session.prompting_pid, self.pids[0])
+        session.do("continue")
+        self.assertEqual(session.prompting_pid, self.pids[1])
+        session.do("continue")
+        self.end(session, "456")
+
+    def test_step_that_takes_long_does_not(self):
+        session = self.start(CHILDREN.replace("here + 4 ", "here + four(n) ").replace("def hit", """\
+def four(n):
+        return 4 if n else len(os.read(pipes[0][0], 4))
+    def hit"""), patience=A_SECOND)
+        self.let_come(session, 1)
+        session.do("next")
+        self.assertEqual(session.prompting_pid, self.pids[1])
+        self.assertEqual(self.rows(session)[0][self.pids[0]][1], "running")
+        self.let_come(session, 2)
+        session.do("os.write(pipes[0][1], b'wxyz')")
+        self.wait_for_state(session, self.pids[0], "waiting")
+        for n in 2, 0:
+            session.do("continue")
+            self.assertEqual(session.prompting_pid, self.pids[n])
+        self.assertEqual(session.do("p there"), "4\n")
+        self.end(session, "456")
+
+    def test_expression_that_takes_long(self):
+        """It may wait for what another process does at its own stop."""
+        session = self.start(patience=A_SECOND)
+        self.let_come(session, 1, 2)
+        session.do("os.read(answers[0], 1)")
+        self.assertEqual(session.prompting_pid, self.pids[1])
+        self.assertEqual(self.rows(session)[0][self.pids[0]][1], "evaluating")
+        session.do("os.write(answers[1], b'y')")
+        self.wait_for_state(session, self.pids[0], "waiting")
+        # It was the first to stop.
+        session.do("continue")
+        self.assertEqual(session.prompting_pid, self.pids[0])
+        self.assertIn("b'y'\n", session.seen)
+        session.do("continue")
+        self.assertEqual(session.prompting_pid, self.pids[2])
+        self.end(session, "456")
+
+    def test_interrupt_is_for_the_process_at_the_prompt(self):
+        """Ctrl-C reaches all processes of the terminal."""
+        session = self.start(terminal=True)
+        self.let_come(session, 1)
+        os.write(session._in, b"p 12345")
+        session.wait_for("p 12345")
+        session.interrupt_at_prompt()
+        session.prompt()
+        self.assertEqual(session.prompting_pid, self.pids[0])
+        states = {pid: row[1] for pid, row in self.rows(session)[0].items()}
+        self.assertEqual(states, {session.process.pid: "running", self.pids[0]: "at the prompt",
+                                  self.pids[1]: "waiting", self.pids[2]: "running"})
+        self.let_come(session, 2)
+        for n in 1, 2:
+            session.do("continue")
+            self.assertEqual(session.prompting_pid, self.pids[n])
+        self.assertNotIn("Program interrupted", session.seen)
+        self.end(session, "456")
+
+    def test_interrupt_of_programs_that_run(self):
+        """All of them stop, and come to the prompt one after the other."""
+        session = self.start(terminal=True)
+        session.send("continue")
+        session.wait_for("status 4\n")
+        session.interrupt_in_c_code()
+        session.prompt()
+        stopped = {session.prompting_pid}
+        states = "at the prompt", "waiting", "waiting"
+        while sorted(row[1] for row in self.rows(session)[0].values()) != list(states):
+            pass
+        for pid in session.process.pid, *self.pids[1:]:
+            if pid != (session.prompting_pid or session.process.pid):
+                session.do("process %d" % pid)
+                stopped.add(session.prompting_pid)
+        self.assertEqual(stopped, {None, *self.pids[1:]})
+        for pid in self.pids[1:]:
+            os.kill(pid, signal.SIGKILL)
+        if session.prompting_pid is not None:
+            session.prompt()
+        self.end(session, ["4", "-9", "-9"])
+
+    def test_other_threads_of_a_process_that_waits(self):
+        """A worker thread comes to the breakpoint; its process waits for the terminal, and Ctrl-C there changes nothing."""
+        session = self.start(CHILDREN.replace(
+            "os._exit(hit(n))", "import threading; seen = []; t = threading.Thread(target=lambda: seen.append(hit(n))); "
+            "t.start(); t.join(); os._exit(seen[0])"), terminal=True)
+        self.let_come(session, 1)
+        session.interrupt_at_prompt()
+        self.let_come(session, 2)
+        for n in 1, 2:
+            session.do("continue")
+            self.assertEqual((session.prompting_pid, session.do("p n")), (self.pids[n], "%d\n" % n))
+        self.end(session, "456")
+
+    def test_nothing_is_left_behind(self):
+        session = self.start(terminal=True)
+        def files():
+            return [name for folder in ("/dev/shm", "/tmp")
+                    for name in glob.glob("%s/brixdebug-%d/%d-*" % (folder, os.geteuid(), session.process.pid))]
+        self.assertEqual(len(files()), 1)
+        self.let_come(session, 1, 2)
+        session.do("continue"), session.do("continue")
+        self.end(session, "456")
+        self.assertEqual(files(), [])
+
+
+class ProgramThatCallsTest(unittest.TestCase):
+    """Children of a program that calls the debugger itself: nobody is the parent of them all."""
+
+    PROGRAM = """\
+        import brixdebug, os
+        pipes = [os.pipe() for _ in range(2)]
+        pids = []
+        for n in range(2):
+            pid = os.fork()
+            if pid == 0:
+                os.read(pipes[n][0], 1)
+                brixdebug.set_trace()
+                here = n
+                os._exit(n + 4)
+            pids.append(pid)
+        print("pids", *pids, flush=True)
+        os.write(pipes[0][1], b"x")
+        for pid in pids:
+            print("status", os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]), flush=True)
+        """
+
+    def test_prompts_in_order(self):
+        program = write_program(scratch_folder(self), self.PROGRAM)
+        session = Session(self, program)
+        pids = list(map(int, re.search("pids (.*)", session.prompt())[1].split()))
+        self.assertIsNone(session.prompting_pid)      # there is no other
+        session.do("os.write(pipes[1][1], b'x')")
+        session.do_until("info processes", "waiting")
+        self.assertEqual(session.prompting_pid, None)
+        session.do("continue")
+        self.assertEqual((session.prompting_pid, session.do("p n")), (pids[1], "1\n"))
+        printed, status = session.end("continue")
+        self.assertEqual((printed, status), ("status 5\n", 0))
+
+    def test_child_of_a_session(self):
+        """The session of the parent is not the child's, which has one of its own."""
+        program = write_program(scratch_folder(self), """\
+            import brixdebug, os
+            brixdebug.set_trace()
+            here = 1
+            pid = os.fork()
+            if pid == 0:
+                brixdebug.set_trace()
+                child = 1
+                os._exit(child)
+            print("status", os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]))
+            end = 1                              # end
+            """)
+        session = Session(self, "-W", "ignore::DeprecationWarning", program)
+        session.prompt()
+        end = line_of(program, "end")
+        session.do("break %d" % end)
+        printed = session.do("continue")
+        self.assertEqual(session.do("p pid"), "0\n", printed)
+        session.do("!answer = 5")
+        self.assertEqual(session.do("p answer"), "5\n")
+        self.assertIn("program.py(%d)" % end, session.do("continue"))
+        self.assertEqual(session.end("continue"), ("", 0))
+        self.assertIn("status 1\n", session.seen)
+
+
+if __name__ == "__main__":
+    unittest.main()
