@@ -192,6 +192,41 @@ fail()
         self.assertRegex(child.stdout, r"\(Pdb\) > \S*program\.py\(7\)fail\(\)\n-> 1 / 0\n\(Pdb\) $")
 
 
+class WhereTest(TerminalTestCase):
+
+    PROGRAM = """\
+        import threading
+        def function():
+            breakpoint()
+            number = 1
+            return number
+        function()
+        thread = threading.Thread(target=function)
+        thread.start()
+        thread.join()
+        1 / 0                                    # fail
+        """
+
+    def names(self, shown):
+        return [re.sub(r".*/|\(\d+\)", "", line[2:]) for line in shown.splitlines() if line.endswith(")") and line[2:3] in "/<"]
+
+    def test_it_shows_the_program_alone(self):
+        """Not what runs it, at whatever it stops."""
+        session = self.start(self.PROGRAM, "break 5")
+        self.assertEqual(self.names(session.do("where")), ["program.py<module>()"])
+        for _ in range(2):
+            session.do("continue")
+            self.assertEqual(self.names(session.do("where")), ["program.py<module>()", "program.pyfunction()"])
+        self.assertIn("<module>()", session.do("up"))
+        self.assertEqual(session.do("up"), "*** Oldest frame\n")
+        self.assertEqual(self.names(session.do_until("continue", "function()") and session.do("where")),
+                         ["threading.py_bootstrap()", "threading.py_bootstrap_inner()", "threading.pyrun()", "program.pyfunction()"])
+        self.assertIn("Entering post mortem debugging", session.do_until("continue", "post mortem"))
+        self.assertEqual(self.names(session.do("where")), ["program.py<module>()"])
+        self.assertEqual(session.do("up"), "*** Oldest frame\n")
+        session.end("quit")
+
+
 class NamesTest(TerminalTestCase):
 
     def test_variables_and_commands_of_one_name(self):
@@ -341,6 +376,26 @@ class WarningsTest(TerminalTestCase):
                 child = run_session("-W", "always", "-m", "brixdebug", self.program, commands=commands + ["quit"],
                                     cwd=self.folder)
                 self.assertIn("program.py:3: ResourceWarning: unclosed file", child.stderr)
+
+    @unittest.skipUnless(sys.version_info < (3, 13), "from 3.13 on a variable can be deleted")
+    def test_a_deleted_variable(self):
+        self.write("""\
+            def function():
+                deleted = 1
+                print("next")
+                return deleted
+            print(function())
+            """)
+        for command in "del deleted", "!del deleted":
+            child = run_session("-W", "always", "-m", "brixdebug", self.program, cwd=self.folder,
+                                commands=["break 3", "continue", command, "continue", "quit"])
+            self.assertIn("program.py:3: RuntimeWarning: assigning None to unbound local 'deleted'\n", child.stderr)
+            self.assertNotIn("compat.py", child.stderr)
+            self.assertIn("next\nNone\n", child.stdout)
+        child = run_session("-W", "error", "-m", "brixdebug", self.program, cwd=self.folder,
+                            commands=["break 3", "continue", "del deleted", "continue", "quit"])
+        self.assertEqual(child.stderr, "")
+        self.assertIn("next\nNone\n", child.stdout)
 
 
 if __name__ == "__main__":

@@ -115,8 +115,8 @@ def _show_help(arguments: list[str]) -> None:
 _TAKES_ALL_OPTIONS = "args" in pdb.main.__code__.co_consts
 
 
-# 3.13's later ones look everywhere for those that they know, and refuse "--".
-_MIXES_OPTIONS = "parse_known_args" in pdb.main.__code__.co_names
+# All later ones look everywhere for those that they know, and 3.13's refuse "--".
+_MIXES_OPTIONS = "parse_known_args" in pdb.main.__code__.co_names or hasattr(pdb, "parse_args")
 
 
 def _take_program_arguments(arguments: list[str]) -> list[str]:

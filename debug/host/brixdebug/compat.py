@@ -38,17 +38,36 @@ if sys.version_info >= (3, 13):
 
     give_locals_back = take_locals
 else:
+    import contextlib
     import ctypes
+    import warnings
 
     _OPTIMIZED = 1                # a function's code: its frame's f_locals is a copy of the variables
     _OWN_REFERENCES = 3           # the frame's, the name's and that of the call that counts
 
+    # id of a frame -> what `f_locals` is for it, and the names that had a value when it was taken
+    _taken: dict[int, tuple[dict[str, Any], list[str]]] = {}
+
     def take_locals(frame: FrameType) -> None:
         """Let `frame.f_locals` be what the variables are now, before it may be written to."""
-        frame.f_locals
+        if frame.f_code.co_flags & _OPTIMIZED:
+            _taken[id(frame)] = frame.f_locals, list(frame.f_locals)
+
+    def _warn_of_deleted(frame: FrameType) -> None:
+        """A deleted variable becomes None; the interpreter would name the line of whoever asks for that."""
+        variables, names = _taken.pop(id(frame), ({}, []))
+        for name in names:
+            if name not in variables and name in frame.f_code.co_varnames and name not in frame.f_code.co_cellvars:
+                variables[name] = None
+                with contextlib.suppress(RuntimeWarning):
+                    warnings.warn_explicit("assigning None to unbound local %r" % name, RuntimeWarning,
+                                           frame.f_code.co_filename, frame.f_lineno or 0,
+                                           module=frame.f_globals.get("__name__"),
+                                           registry=frame.f_globals.setdefault("__warningregistry__", {}))
 
     def give_locals_back(frame: FrameType) -> None:
         """Let the variables be what `frame.f_locals` is now, as after a function of `sys.settrace`."""
+        _warn_of_deleted(frame)
         ctypes.pythonapi.PyFrame_LocalsToFast(ctypes.py_object(frame), 1)
         code, variables = frame.f_code, frame.f_locals
         # No copy is to keep objects alive past their last use, unless it is the program's too.

@@ -2,17 +2,36 @@
 
 from __future__ import annotations
 
+import bdb
+import pdb
+
 from brixdebug import files
 from brixdebug.commands.base import CommandBase
+from brixdebug.interrupts import is_debuggers_code
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     from types import FrameType
     from typing import Any
 
+_RUN_OF_COMMAND_LINE = getattr(pdb.Pdb, "_run").__code__
+_STATEMENT = "<string>"       # the file of a statement that is run
+
 
 class StackCommands(CommandBase):
     """Shows stacks."""
+
+    def get_stack(self, f: FrameType | None, t: Any) -> tuple[list[tuple[FrameType, int]], int]:
+        """Without what runs the program: the debugger's own frames, and what called those of the command line."""
+        stack, index = super().get_stack(f, t)
+        below, reached = stack[:index], stack[index:]
+        starts = [number for number, (frame, _) in enumerate(below) if _starts_program(frame)]
+        if starts:
+            below = below[starts[-1] + 1:]
+            if below and below[0][0].f_code.co_filename == _STATEMENT:
+                below = below[1:]             # what a script is run by
+        below = [entry for entry in below if not is_debuggers_code(entry[0])]
+        return below + reached, len(below)
 
     def print_stack_trace(self, *count: Any) -> None:
         if not self.just_my_code or any(each is not None for each in count):
@@ -38,3 +57,10 @@ class StackCommands(CommandBase):
         names = dict.fromkeys(files.short_name(frame.f_code.co_filename) for frame in frames)
         self.message("  [%d frame%s of libraries: %s]"
                      % (len(frames), "" if len(frames) == 1 else "s", ", ".join(names)))
+
+
+def _starts_program(frame: FrameType) -> bool:
+    """True for the frame from which the command line runs its program."""
+    caller = frame.f_back
+    return frame.f_code is bdb.Bdb.run.__code__ and caller is not None \
+        and caller.f_code is _RUN_OF_COMMAND_LINE
