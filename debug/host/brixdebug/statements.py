@@ -3,6 +3,8 @@
 from __future__ import annotations
 
 import ast
+import bisect
+import dis
 import functools
 
 TYPE_CHECKING = False
@@ -23,6 +25,13 @@ def spans(tree: ast.AST) -> dict[int, list[Span]]:
             found.setdefault(node.lineno, []).append(
                 (node.lineno, node.col_offset, node.end_lineno or node.lineno, node.end_col_offset or node.col_offset))
     return {line: sorted(each) for line, each in found.items() if len(each) > 1}
+
+
+def end_of_instruction(code: CodeType, offset: int) -> int:
+    """Where the instruction at `offset`, with its caches, ends."""
+    offsets = [each.offset for each in dis.get_instructions(code)]
+    index = bisect.bisect_right(offsets, offset)
+    return offsets[index] if index < len(offsets) else len(code.co_code)
 
 
 @functools.lru_cache(maxsize=256)

@@ -5,6 +5,7 @@ from __future__ import annotations
 import os
 import signal
 import sys
+import threading
 
 from brixdebug.dap.asking import RequestError
 from brixdebug.dap.server import LATER
@@ -34,30 +35,33 @@ def on_threads(session: Session, request: Request) -> Any:
 def on_continue(session: Session, request: Request) -> Any:
     stop = session.stop()
 
-    def go_on() -> None:
+    def go_on(session: Session, request: Request) -> Any:
         session.debugger.set_continue()
         request.answer({"allThreadsContinued": True})
         stop.go_on()
+        return LATER
 
-    stop.do(go_on)
-    return LATER
+    return request.later(go_on, stop.do)
 
 
-def _on_step(session: Session, request: Request, choose: Callable[[FrameType], Callable[[], None]]) -> Any:
+def _on_step(session: Session, request: Request, choose: Callable[[FrameType], Callable[[], None]],
+             target: int | None = None) -> Any:
     stop = session.stop()
+    if request.arguments.text("granularity") == "instruction":
+        raise RequestError("steps go from line to line; those of single instructions are not supported")
     thread_id = _thread_id(session, request)
     stack = session.tree.stack(thread_id)
     if not stack:
         raise RequestError("this thread has ended")
     frame = stack[0].frame
 
-    def step() -> None:
-        session.debugger.step(stop, thread_id, frame, choose(frame))
+    def step(session: Session, request: Request) -> Any:
+        session.debugger.step(stop, thread_id, frame, choose(frame), target)
         request.answer()
         stop.go_on()
+        return LATER
 
-    stop.do(step)
-    return LATER
+    return request.later(step, stop.do)
 
 
 def on_next(session: Session, request: Request) -> Any:
@@ -65,7 +69,7 @@ def on_next(session: Session, request: Request) -> Any:
 
 
 def on_step_in(session: Session, request: Request) -> Any:
-    return _on_step(session, request, lambda frame: session.debugger.set_step)
+    return _on_step(session, request, lambda frame: session.debugger.set_step, request.arguments.integer("targetId"))
 
 
 def on_step_out(session: Session, request: Request) -> Any:
@@ -85,38 +89,6 @@ def on_pause(session: Session, request: Request) -> Any:
     return LATER
 
 
-def on_goto_targets(session: Session, request: Request) -> Any:
-    line = request.arguments.needed_integer("line")
-    path = session.program_path(request.arguments.object("source"))
-    first = session.server.lines.next_from(path, line)
-    targets = [] if first is None else [{"id": first, "label": "line %d" % first, "line": first}]
-    return {"targets": targets}
-
-
-def on_goto(session: Session, request: Request) -> Any:
-    stop = session.stop()
-    line = request.arguments.needed_integer("targetId")
-    thread_id = _thread_id(session, request)
-    stack = session.tree.stack(thread_id)
-    if stop.thread_id != thread_id or not stack or stack[0].frame is not stop.frame or stop.reason == "pause":
-        raise RequestError("only the thread that has stopped can be moved to another line")
-    settable: Any = stack[0].frame
-
-    def go_to() -> None:
-        try:
-            settable.f_lineno = line
-        except ValueError as error:
-            request.refuse("cannot go to line %d: %s" % (line, error))
-            return
-        request.answer()
-        session.tree.begin(stop)
-        stop.reason = "goto"
-        session.show_stop(stop)
-
-    stop.do(go_to)
-    return LATER
-
-
 def on_terminate(session: Session, request: Request) -> Any:
     """As a polite stranger would: the program's own handler of SIGTERM may clean up."""
     request.answer()
@@ -129,6 +101,28 @@ def on_terminate(session: Session, request: Request) -> Any:
     return LATER
 
 
+def on_terminate_threads(session: Session, request: Request) -> Any:
+    """As if each called `sys.exit`, where it comes to a line of the user's own code next."""
+    numbers = request.arguments.values.get("threadIds")
+    if not isinstance(numbers, list) or not all(isinstance(each, int) for each in numbers):
+        raise RequestError("terminateThreads: 'threadIds' has to be a list of integers")
+    thread_ids = []
+    for number in numbers:
+        thread_id = session.tree.numbers.thing(number)
+        if thread_id is None or thread_id not in debugged_frames():
+            raise RequestError("there is no thread %d" % number)
+        if thread_id == threading.main_thread().ident:
+            raise RequestError("the main thread ends with the program: terminate ends both")
+        thread_ids.append(thread_id)
+
+    def end(session: Session, request: Request) -> Any:
+        for thread_id in thread_ids:
+            session.debugger.end_thread(thread_id)
+        return {}
+
+    return request.later(end, session.debugger.in_turn)
+
+
 HANDLERS: dict[str, Handler] = {
     "threads": on_threads,
     "continue": on_continue,
@@ -136,7 +130,6 @@ HANDLERS: dict[str, Handler] = {
     "stepIn": on_step_in,
     "stepOut": on_step_out,
     "pause": on_pause,
-    "gotoTargets": on_goto_targets,
-    "goto": on_goto,
     "terminate": on_terminate,
+    "terminateThreads": on_terminate_threads,
 }

@@ -14,6 +14,7 @@ from brixdebug import compat
 from brixdebug.dap import rendering, variables
 from brixdebug.dap.asking import RequestError
 from brixdebug.dap.data_breakpoints import module_scope
+from brixdebug.dap.moving import can_restart
 from brixdebug.dap.sources import column_in_text
 
 TYPE_CHECKING = False
@@ -63,6 +64,7 @@ def _stack_frame(session: Session, each: Frame, form: Arguments) -> dict[str, An
         name += " : %d" % each.line
     row: dict[str, Any] = {"id": each.number, "name": name, "line": session.client_line(each.line),
                            "column": session.client_column(_column(session, each) + 1)}
+    row["canRestart"] = can_restart(session, each)
     source = session.source(code.co_filename)
     is_own = session.debugger.is_own_code(code)
     if source is not None:

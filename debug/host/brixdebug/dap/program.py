@@ -9,7 +9,7 @@ import os
 import signal
 import sys
 
-from brixdebug.dap import breakpoints, control, data_breakpoints, door, function_breakpoints, inspection
+from brixdebug.dap import breakpoints, control, data_breakpoints, door, function_breakpoints, inspection, moving
 from brixdebug.dap.running import Program
 from brixdebug.dap.server import Server
 
@@ -19,7 +19,7 @@ if TYPE_CHECKING:
     from typing import Any
 
 HANDLERS = {**control.HANDLERS, **inspection.HANDLERS, **breakpoints.HANDLERS, **function_breakpoints.HANDLERS,
-            **data_breakpoints.HANDLERS}
+            **data_breakpoints.HANDLERS, **moving.HANDLERS}
 
 server = Server(HANDLERS)
 

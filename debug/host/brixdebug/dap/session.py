@@ -17,6 +17,7 @@ from brixdebug import entry
 from brixdebug.engine import Bdb
 from brixdebug.libraries import set_rules
 from brixdebug.monitor import monitor
+from brixdebug.statements import end_of_instruction
 from brixdebug.suspension import debugged_frames
 
 TYPE_CHECKING = False
@@ -107,6 +108,7 @@ class ClientDebugger(Bdb):
         self._front = front
         self._own = threading.local()
         self._entry_thread_id: int | None = None
+        self._targets: dict[int, tuple[FrameType, int]] = {}     # thread id -> frame and call that it is to step into
         self.stop: Stop | None = None         # the one that there is now
         self.shows_return_values = True
 
@@ -174,11 +176,27 @@ class ClientDebugger(Bdb):
         elif self._entry_thread_id == thread_id:
             self._entry_thread_id = None
             self._wait(Stop(thread_id, frame, "entry"))
-        else:
+        elif not self._goes_on_to_target(thread_id, frame):
             self._wait(Stop(thread_id, frame, "step"))
+
+    def _goes_on_to_target(self, thread_id: int, frame: FrameType) -> bool:
+        """Whether the step into one call of a line has come into another one, which it leaves again."""
+        origin, offset = self._targets.get(thread_id, (None, 0))
+        inner: FrameType | None = frame
+        while inner is not None and inner.f_back is not origin:
+            inner = inner.f_back
+        if origin is None or inner is None or frame is origin \
+                or offset <= origin.f_lasti < end_of_instruction(origin.f_code, offset):
+            self._targets.pop(thread_id, None)
+            return False
+        self.set_return(inner)
+        return True
 
     def user_return(self, frame: FrameType, value: Any) -> None:
         """A stepped function ends: the user sees its caller, in the line of the call."""
+        if threading.get_ident() in self._targets:
+            self.set_step()                   # it was not the one to step into
+            return
         caller = frame.f_back
         while caller is not None and optmonitoring.IsInternalFrame(caller):
             caller = caller.f_back
@@ -238,6 +256,7 @@ class ClientDebugger(Bdb):
     def _wait_muted(self, stop: Stop) -> None:
         with monitor.turn.lock, monitor.suspension.others_held():
             self.stop = stop
+            self._targets.pop(stop.thread_id, None)
             try:
                 if self._front.on_stop(stop):
                     stop.run()
@@ -294,14 +313,36 @@ class ClientDebugger(Bdb):
 
     # -- going on --------------------------------------------------------------------------------
 
-    def step(self, stop: Stop, thread_id: int, frame: FrameType, set_stop: Callable[[], None]) -> None:
-        """A task of `stop`: `set_stop`, a method like `set_next`, is meant for `thread_id` at `frame`."""
+    def step(self, stop: Stop, thread_id: int, frame: FrameType, set_stop: Callable[[], None],
+             target: int | None = None) -> None:
+        """A task of `stop`: `set_stop`, a method like `set_next`, is meant for `thread_id` at `frame`.
+
+        `target`: the instruction of the call to step into.
+        """
+        if target is not None:
+            self._targets[thread_id] = frame, target
         own_id = threading.get_ident()
         if thread_id == own_id:
             set_stop()
             return
         if stop.thread_id == own_id:
             self.set_continue()               # the one that stopped goes on
+        self._step_other(thread_id, frame, set_stop)
+
+    def end_thread(self, thread_id: int) -> None:
+        """SystemExit is raised in a thread at its next event; a task of a stop, or with the turn.
+
+        Not by the interpreter itself, at any instruction: that may be one of the debugger's.
+        """
+        if thread_id == threading.get_ident():
+            monitor.raiser.raise_in_program(SystemExit())
+            return
+        self.stop_states.of(thread_id).error_to_raise = SystemExit()
+        frame = debugged_frames().get(thread_id)
+        if frame is not None:
+            self._step_other(thread_id, frame, self.set_step)
+
+    def _step_other(self, thread_id: int, frame: FrameType, set_stop: Callable[[], None]) -> None:
         self.stop_states.selected = state = self.stop_states.of(thread_id)
         try:
             set_stop()
