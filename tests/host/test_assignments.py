@@ -73,6 +73,25 @@ class AssignmentTest(unittest.TestCase):
         self.assertEqual(session.do("p here"), "9\n")
         self.assertIn("->9\n", session.do("next"))
 
+    def test_stop_in_a_comprehension_of_a_module_changes_nothing(self):
+        program = write_program(scratch_folder(self), """\
+            class Body:
+                rows = [
+                    n * 2                        # here
+                    for n in range(2)]
+            rows = [
+                n * 3                            # there
+                for n in range(2)]
+            print(rows, Body.rows)
+        """)
+        session = Session(self, "-m", "brixdebug", program)
+        session.prompt()
+        for mark in ("here", "there"):
+            session.do("break %d" % line_of(program, mark))
+        for _ in range(4):
+            self.assertIn("-> n * ", session.do("continue"))
+        self.assertIn("[0, 3] [0, 2]\n", session.do("continue"))
+
 
 if __name__ == "__main__":
     unittest.main()

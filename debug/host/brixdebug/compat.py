@@ -67,11 +67,14 @@ else:
 
     def give_locals_back(frame: FrameType) -> None:
         """Let the variables be what `frame.f_locals` is now, as after a function of `sys.settrace`."""
+        # In a module or a class f_locals is the variables; those of its comprehensions are not in it, and would be lost.
+        if not frame.f_code.co_flags & _OPTIMIZED:
+            return
         _warn_of_deleted(frame)
         ctypes.pythonapi.PyFrame_LocalsToFast(ctypes.py_object(frame), 1)
         code, variables = frame.f_code, frame.f_locals
         # No copy is to keep objects alive past their last use, unless it is the program's too.
-        if code.co_flags & _OPTIMIZED and sys.getrefcount(variables) <= _OWN_REFERENCES:
+        if sys.getrefcount(variables) <= _OWN_REFERENCES:
             for name in code.co_varnames + code.co_cellvars + code.co_freevars:
                 variables.pop(name, None)
 
