@@ -25,7 +25,8 @@ WATCHED_HOSTS ?= $(or $(PYTHONS),$(shell tools/interpreters list --cmake --min 3
 # Sessions of the debugger that work the module hardest; what only the prompt does is the same without a sanitizer.
 WATCHED_SESSIONS = files|fork|hooks|log|stops|switching|threads|conditions|evaluation
 
-.PHONY: help setup build run demo test test-all test-cpp test-python test-host test-life selfhost wheel types inject fuzz asan tsan valgrind bench bench-quick bench-host bench-growth bench-units \
+.PHONY: help setup build run demo test test-all test-cpp test-python test-host test-life test-adapter test-reference selfhost wheel types \
+        inject fuzz asan tsan valgrind bench bench-quick bench-host bench-growth bench-units \
         bench-debugpy bench-pandas bench-docs tests-built some-interpreters interpreters fresh clean \
         lint format hooks coverage
 
@@ -75,6 +76,14 @@ test-python: tests-built  ## the Python tests of the module only
 test-host: tests-built  ## the tests of the debugger only
 	@BUILD=$(BUILD) tools/node_packages tests/editors || echo "What they check is skipped."
 	@tools/run_ctest $(BUILD) -R '^host_'
+
+test-adapter: tests-built  ## scenarios with VS Code's debug client, in every interpreter from 3.12 on
+	@BUILD=$(BUILD) tools/node_packages tests/editors || echo "What they check is skipped."
+	@tools/run_ctest $(BUILD) -R '^adapter_'
+
+test-reference: bench-debugpy  ## the same scenarios with debugpy: where it does otherwise, tests/editors/differences.js says why
+	@BUILD=$(BUILD) tools/node_packages tests/editors
+	@python="$$(tools/choose_python)" && ADAPTER=debugpy BUILD=$(BUILD) $$python tests/editors/run_node.py run_scenarios.js
 
 inject: tests-built  ## every allocation and every interpreter call failing in turn (some minutes an interpreter)
 	@tools/run_ctest $(BUILD) -R '^inject_'

@@ -1,6 +1,9 @@
 """Runs a script of this folder with Node and the packages of tools/node_packages, or reports why it is skipped.
 
-    python3 run_node.py --report FILE --interpreter NAME --suite NAME SCRIPT ARGUMENTS...
+    PYTHON run_node.py --report FILE --interpreter NAME --suite NAME SCRIPT ARGUMENTS...
+
+PYTHON is the interpreter that the scenarios debug with.  ADAPTER in the environment names another adapter than ours:
+`debugpy`, from where `make bench-debugpy` has put it.
 """
 
 import argparse
@@ -32,7 +35,10 @@ def main():
                 json.dump({"interpreter": options.interpreter, "suite": options.suite, "passed": 0, "failed": 0,
                            "skipped": {reason: 1}}, file)
         return 0
-    environment = dict(os.environ, NODE_PATH=os.path.join(PACKAGES, "node_modules"), EDITORS_DIR=PACKAGES,
+    version = "%d.%d" % sys.version_info[:2]
+    path = [os.path.join(BUILD, "debugpy", version)] if os.environ.get("ADAPTER") == "debugpy" else \
+        [os.environ.get("OPTMONITORING_DIR") or BUILD, os.path.join(ROOT, "debug", "host")]
+    environment = dict(os.environ, PYTHON=sys.executable, PYTHONPATH=os.pathsep.join(path), NODE_PATH=os.path.join(PACKAGES, "node_modules"), EDITORS_DIR=PACKAGES,
                        EDITORS_REPORT=options.report or "", EDITORS_INTERPRETER=options.interpreter,
                        EDITORS_SUITE=options.suite)
     return subprocess.call([NODE, os.path.join(HERE, options.script), *options.arguments], env=environment)
