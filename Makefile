@@ -25,7 +25,7 @@ WATCHED_HOSTS ?= $(or $(PYTHONS),$(shell tools/interpreters list --cmake --min 3
 # Sessions of the debugger that work the module hardest; what only the prompt does is the same without a sanitizer.
 WATCHED_SESSIONS = files|fork|hooks|log|stops|switching|threads|conditions|evaluation
 
-.PHONY: help setup build run demo test test-all test-cpp test-python test-host test-life test-adapter test-reference selfhost wheel types \
+.PHONY: help setup build run demo test test-all test-cpp test-python test-host test-life test-adapter test-reference selfhost wheel vsix types \
         inject fuzz asan tsan valgrind bench bench-quick bench-host bench-growth bench-units \
         bench-debugpy bench-pandas bench-docs tests-built some-interpreters interpreters fresh clean \
         lint format hooks coverage
@@ -94,6 +94,9 @@ test-life: tests-built  ## hostile programs, failing hooks, thousands of births 
 wheel:  ## make the package: the sdist and the one wheel, in build/package/dist
 	@tools/setup package
 	@BUILD=$(BUILD) tools/make_wheel
+
+vsix:  ## pack the extension for VS Code, in build/package/dist
+	@BUILD=$(BUILD) tools/make_vsix
 
 types: build  ## check the stubs against the module, in every interpreter, and the debugger's own types
 	@tools/setup test

@@ -1,0 +1,45 @@
+"use strict";
+/* The interpreter that the user chose in the editor runs the adapter, and the program if its configuration names none. */
+
+const vscode = require("vscode");
+
+const TYPE = "brixdebug";
+const DEFAULT = { name: "Python: this file", type: TYPE, request: "launch", program: "${file}", console: "integratedTerminal" };
+
+/** The path, undefined where no extension offers a choice. */
+async function chosenInterpreter(folder) {
+    try {
+        return await vscode.commands.executeCommand("python.interpreterPath", { workspaceFolder: folder && folder.uri.fsPath });
+    } catch {
+        return undefined;                    // nobody knows the command
+    }
+}
+
+const configurations = {
+    async resolveDebugConfiguration(folder, given) {
+        const isNone = !given.type && !given.request && !given.name;     // there is no launch.json
+        if (isNone && vscode.window.activeTextEditor?.document.languageId !== "python")
+            return given;
+        const configuration = isNone ? { ...DEFAULT } : given;
+        if (configuration.request === "launch" && !configuration.python && !configuration.pythonPath) {
+            const python = await chosenInterpreter(folder);
+            if (python)
+                configuration.python = python;
+        }
+        return configuration;
+    },
+};
+
+const adapters = {
+    async createDebugAdapterDescriptor(session) {
+        const { python, pythonPath } = session.configuration;
+        const own = vscode.workspace.getConfiguration(TYPE, session.workspaceFolder).get("adapterPython");
+        const [command] = [own || python || pythonPath || await chosenInterpreter(session.workspaceFolder) || "python3"].flat();
+        return new vscode.DebugAdapterExecutable(command, ["-m", "brixdebug.dap"]);
+    },
+};
+
+exports.activate = (context) => {
+    context.subscriptions.push(vscode.debug.registerDebugConfigurationProvider(TYPE, configurations),
+                               vscode.debug.registerDebugAdapterDescriptorFactory(TYPE, adapters));
+};
