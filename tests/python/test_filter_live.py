@@ -7,6 +7,7 @@ import sys
 import threading
 import unittest
 
+import state
 import support
 from filter_support import (EVENT_NAMES, FAILURES, SUPPRESSED, THREADING, FilterTestCase, Recorder, errno_variable,
                             event_id, messages, new_function)
@@ -480,6 +481,15 @@ class Errno(LiveTestCase):
     def test_keeps_what_the_callback_left_when_it_was_zero(self):
         function = self.recorded_function()[0]
         self.assertEqual(self.after(0, self.callback("LINE", self.setting(99)).Callback, function.__code__, 2), 99)
+
+    def test_is_not_kept_where_the_module_is_set_so(self):
+        function = self.recorded_function()[0]
+        module_state = state.state_of(self.om)
+        module_state.save_and_restore_errno = 0
+        try:
+            self.assertEqual(self.after(5, self.callback("LINE", self.setting(99)).Callback, function.__code__, 2), 99)
+        finally:
+            module_state.save_and_restore_errno = 1
 
     def test_survives_a_failing_second_callback(self):
         def second(*args):

@@ -5,6 +5,7 @@ import sys
 import threading
 import unittest
 
+import state
 import support
 from record_support import BadTruth, Raising, RaisingMapping, in_thread
 from test_per_thread import (CAPSULE, HOOK, INIT, OBJECT_MEMBERS, REGISTER,
@@ -314,6 +315,17 @@ class ThreadLifeTest(_PerThreadTestCase):
         self.thread_end_fails(RaisingMapping(), "ValueError: get refused")
         self.thread_end_fails(RaisingMapping(get=lambda key: 1), "ValueError: delete refused")
         self.thread_end_fails(Raising(), "ValueError: cannot be read")
+
+    def test_death_keeps_a_pending_exception(self):
+        """The interpreter drops a list that it could not fill while the exception is pending."""
+        def capsules():
+            self.cls.GetPerThread()
+            yield state.thread_dict().pop(state.object_at(state.state_of(self.om)._gThreadStateDictKey))
+            raise ValueError("pending")
+
+        with self.assertRaisesRegex(ValueError, "^pending$"):
+            in_thread(lambda: list(capsules()))
+        self.assertEqual(self.cls._fPerThreadDict, {})
 
     def test_failures_of_a_threads_first_look_up(self):
         def hook(record):
