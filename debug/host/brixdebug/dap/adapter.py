@@ -6,12 +6,14 @@ has to outlive the program: its output, its exit status, and its end when the ed
 
 from __future__ import annotations
 
+import queue
 import sys
 import threading
 import time
 
 from brixdebug.dap import arguments, door, programs
 from brixdebug.dap.capabilities import CAPABILITIES, EXCEPTION_FILTERS
+from brixdebug.dap.replies import Replies
 from brixdebug.dap.traffic import TrafficFile
 from brixdebug.dap.wire import MAX_MESSAGE_BYTES, MAX_STRANGERS_BYTES, Wire, WireError
 
@@ -40,7 +42,7 @@ class Adapter:
         self._begun: dict[str, Any] = {}                       # that of the program that runs, for a restart
         self._swallowed: set[int] = set()                      # requests that this process has answered itself
         self._lock = threading.Lock()
-        self._waiting: dict[int, Callable[[dict[str, Any]], None]] = {}   # seq of a request -> who wants the response
+        self._replies = Replies(client)
         self._unanswered: dict[int, dict[str, Any]] = {}       # requests that the program has got
         self._has_ended = False                                # the program has, and the client knows
 
@@ -56,8 +58,9 @@ class Adapter:
             print("brixdebug.dap: the client: %s" % error, file=sys.stderr)
         finally:
             self._client.close()
+            self._replies.end()
             if self._program is not None:
-                self._program.leave(kills=self._is_launch())
+                self._program.leave(kills=self._is_launch(), has_lost_client=True)
 
     def _seconds_left(self) -> float | None:
         """For a peer that is not known yet; None: it may take its time."""
@@ -71,10 +74,7 @@ class Adapter:
     def _on_client(self, message: dict[str, Any]) -> bool:
         """False when the session has ended."""
         if message["type"] == "response":
-            with self._lock:
-                wait = self._waiting.pop(message["request_seq"], None)
-            if wait is not None:
-                wait(message)
+            self._replies.take(message)
         elif message["type"] == "request":
             return self._on_request(message)
         return True
@@ -201,21 +201,15 @@ class Adapter:
 
     def _ask_for_terminal(self, body: dict[str, Any]) -> dict[str, Any]:
         """Have the client run a command in a terminal: its response."""
-        answered = threading.Event()
-        answer: list[dict[str, Any]] = []
-
-        def wait(response: dict[str, Any]) -> None:
-            answer.append(response)
-            answered.set()
-
-        def note(seq: int) -> None:
-            with self._lock:
-                self._waiting[seq] = wait
-
-        if not self._client.request("runInTerminal", body, note) \
-                or not answered.wait(programs.CONNECT_SECONDS):
+        answers: queue.SimpleQueue[dict[str, Any] | None] = queue.SimpleQueue()
+        self._replies.ask("runInTerminal", body, answers.put)
+        try:
+            answer = answers.get(timeout=programs.CONNECT_SECONDS)
+        except queue.Empty:
+            answer = None
+        if answer is None:
             raise programs.ProgramError("the editor did not answer the request for a terminal")
-        return answer[0]
+        return answer
 
     # -- from the program --------------------------------------------------------------------
 
@@ -245,14 +239,11 @@ class Adapter:
         self._client.send(message)
 
     def _pass_request_to_client(self, program: Program, message: dict[str, Any]) -> None:
-        def wait(response: dict[str, Any]) -> None:
-            program.wire.pass_on({**response, "request_seq": message["seq"]})
+        def take(response: dict[str, Any] | None) -> None:
+            if response is not None:
+                program.wire.pass_on({**response, "request_seq": message["seq"]})
 
-        def note(seq: int) -> None:
-            with self._lock:
-                self._waiting[seq] = wait
-
-        self._client.request(message["command"], message.get("arguments") or {}, note)
+        self._replies.ask(message["command"], message.get("arguments") or {}, take)
 
     def _on_program_end(self, program: Program) -> None:
         exit_code = program.wait_for_end()

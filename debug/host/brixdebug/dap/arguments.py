@@ -200,8 +200,8 @@ _ROWS: tuple[tuple[str, tuple[str, ...], Callable[[str, Any], Any], str], ...] =
 )
 _BY_NAME = {row[0]: row for row in _ROWS}
 
-# Checked, and without an effect so far: said, when they are given, with those that are not known.
-_WITHOUT_EFFECT = frozenset(("subProcess",))
+# What holds for the children of a program as for itself.
+INHERITED = ("justMyCode", "redirectOutput", "showReturnValue", "subProcess", "pathMappings", "rules", "logToFile")
 
 # What editors put beside their users' own arguments: nothing to be said of.
 _EDITORS_OWN = frozenset((
@@ -224,8 +224,6 @@ def parse(request: str, arguments: Any) -> Settings:
         elif value is not None:
             target = extra if row[3].startswith("_") else settings.__dict__
             target[row[3]] = row[2](name, value)
-            if name in _WITHOUT_EFFECT:
-                settings.ignored.append(name)
     _finish(settings, extra)
     return settings
 

@@ -10,6 +10,8 @@ import signal
 import sys
 
 from brixdebug.dap import breakpoints, control, data_breakpoints, door, function_breakpoints, inspection, moving
+from brixdebug.dap.children import Family, own_name
+from brixdebug.dap.heritage import Heritage
 from brixdebug.dap.running import Program
 from brixdebug.dap.server import Server
 
@@ -21,7 +23,13 @@ if TYPE_CHECKING:
 HANDLERS = {**control.HANDLERS, **inspection.HANDLERS, **breakpoints.HANDLERS, **function_breakpoints.HANDLERS,
             **data_breakpoints.HANDLERS, **moving.HANDLERS}
 
+# Set by readline when it is loaded, in the environment that new processes get.
+for _name in ("LINES", "COLUMNS"):
+    if _name not in os.environ:
+        os.unsetenv(_name)
+
 server = Server(HANDLERS)
+_family = Family(server)
 
 
 # -- in code ---------------------------------------------------------------------------------------------
@@ -159,7 +167,7 @@ def _run(program: Program, waits: bool = True) -> None:
     session = server.session
     if session is not None and session.settings.stop_on_entry:
         server.debugger.stop_at_entry()
-    status = program.run(server.debugger.main_raised)
+    status = program.run(_main_raised)
     server.debugger.main_has_ended()
     atexit.register(_say_end, status)
     if status == 128 + signal.SIGINT and program.was_interrupted:
@@ -175,9 +183,48 @@ def _say_end(status: int) -> None:
     server.tell("terminated", {})
 
 
+def _main_raised(exception: BaseException, frame: FrameType) -> None:
+    server.debugger.main_raised(exception, frame)    # the server of this process: it may be a child by now
+
+
+# -- children ------------------------------------------------------------------------------------------------
+
+def begin_child(text: str) -> None:
+    """In a new process, before its `__main__`: `text` is what it has of its parents."""
+    server.program = own_name(), "attachForSuspendedLaunch"
+    if "PYTHONBREAKPOINT" not in os.environ:
+        sys.breakpointhook = breakpoint
+    show = sys.excepthook
+
+    def excepthook(kind: Any, error: BaseException, traceback: Any) -> None:
+        _main_raised(error, sys._getframe())
+        show(kind, error, traceback)
+
+    sys.excepthook = excepthook
+    atexit.register(server.tell, "terminated", {})
+    _family.join(Heritage.from_text(text))
+
+
+def _on_client(has_come: bool) -> None:
+    if has_come:
+        _family.client_has_come()
+    else:
+        _family.client_has_gone()
+
+
 def _after_fork_in_child() -> None:
     """The client is the parent's alone; a copy of its connection would keep it open."""
-    server.forget()
+    global server
+    before = server
+    before.forget()
+    before.debugger.end()
+    if before.debugger.stop is not None:
+        before.debugger.stop.go_on()                 # what was forked at a stop does not stay there
+    server = Server(HANDLERS)
+    server.program, server.on_client = before.program, _on_client
+    _family.after_fork_in_child(server, sys._getframe(1))
 
 
-os.register_at_fork(after_in_child=_after_fork_in_child)
+server.on_client = _on_client
+os.register_at_fork(before=_family.before_fork, after_in_child=_after_fork_in_child,
+                    after_in_parent=_family.after_fork_in_parent)

@@ -73,13 +73,16 @@ class Program:
         else:
             self.wire.request("terminate", {})
 
-    def leave(self, kills: bool) -> None:
-        """The session ends: the program goes on without a debugger, or ends."""
+    def leave(self, kills: bool, has_lost_client: bool = False) -> None:
+        """The session ends: the program goes on without a debugger, or ends.
+
+        One that is nothing without its client ends of the closed connection alone.
+        """
         process = self._process
         if kills and process is not None:
             _end(process)
-        elif kills:
-            self.wire.request("disconnect", {"terminateDebuggee": True})
+        elif kills or not has_lost_client:
+            self.wire.request("disconnect", {"terminateDebuggee": kills})
         self.wire.close()
 
 

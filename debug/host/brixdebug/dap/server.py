@@ -7,6 +7,7 @@ that thread and answered by it; nothing here waits for code of the program.
 from __future__ import annotations
 
 import _thread
+import contextlib
 import linecache
 import os
 import signal
@@ -24,6 +25,7 @@ from brixdebug.dap.breakpoint_ids import BreakpointIds
 from brixdebug.dap.capabilities import CAPABILITIES, EXCEPTION_FILTERS
 from brixdebug.dap.redirect import Redirection
 from brixdebug.dap.rendering import Boxed
+from brixdebug.dap.replies import Replies
 from brixdebug.dap.session import ClientDebugger
 from brixdebug.dap.sources import Lines, PathMap
 from brixdebug.dap.traffic import TrafficFile
@@ -62,6 +64,8 @@ class Server:
         self.session: Session | None = None
         self.configured = threading.Event()          # a client has said all it has to say before the program goes on
         self.secret: str | None = None
+        self.ends_with_client = False                # of those that come in: this process is nothing without one
+        self.on_client: Callable[[bool], None] = lambda has_come: None
         self._listener: socket.socket | None = None
         self._strangers: set[Session] = set()        # connected, and not yet known to be a client
         self._door = threading.Condition()           # who is the client
@@ -79,6 +83,13 @@ class Server:
         self.secret = secret
         _thread.start_new_thread(self._accept_all, (self._listener,))
         return address
+
+    def stop_listening(self) -> None:
+        listener, self._listener = self._listener, None
+        if listener is not None:
+            with contextlib.suppress(OSError):
+                listener.shutdown(socket.SHUT_RDWR)  # wakes the thread that waits for clients
+            listener.close()
 
     @property
     def is_listening(self) -> bool:
@@ -111,7 +122,7 @@ class Server:
                     "output", {"category": "stderr", "output": "%s\n" % _OCCUPIED})
                 connection.close()
             else:
-                self._start(Session(self, connection, is_trusted=self.secret is None))
+                self._start(Session(self, connection, self.secret is None, self.ends_with_client))
 
     def serve(self, connection: socket.socket, ends_program: bool = False) -> None:
         """Have a client served that this program has gone to.  `ends_program`: it is nothing without that client."""
@@ -251,13 +262,17 @@ class Session:
         self.server = server
         self.debugger = server.debugger
         self.wire = Wire(connection.fileno(), connection.fileno(), connection)
+        self.replies = Replies(self.wire)
+        name: Any = connection.getsockname()
+        self.host: str = name[0] if isinstance(name, tuple) else "127.0.0.1"     # of this machine, for the client
         self.is_configured = False
         self.has_begun = False                       # launch or attach has been answered or is being
         self._is_trusted = is_trusted
-        self._ends_program = ends_program
+        self.ends_program = ends_program
         self._begin_request: Request | None = None
         self.initialize: dict[str, Any] = {}
         self.settings = arguments.Settings("attach")
+        self.given: dict[str, Any] = {}              # the arguments of launch or attach, as they came
         self.paths = PathMap([])
         self.tree = Tree(server.boxed)
         self.is_leaving = False
@@ -289,6 +304,8 @@ class Session:
                     break
                 if message["type"] == "request":
                     self._on_request(message)
+                elif message["type"] == "response":
+                    self.replies.take(message)
         except WireError as error:
             self.wire.event("output", {"category": "stderr", "output": "brixdebug: %s\n" % error})
         except Exception:
@@ -322,7 +339,11 @@ class Session:
             else:
                 request.run(handler)
 
-    # -- stops ------------------------------------------------------------------------------------
+    # -- what the client is told --------------------------------------------------------------------
+
+    def say(self, text: str) -> None:
+        """Show `text`, which ends with a newline, in the client's console."""
+        self.wire.event("output", {"category": "console", "output": text})
 
     def show_stop(self, stop: Stop) -> bool:
         """False when the client has gone."""
@@ -395,15 +416,17 @@ class Session:
         """The client has gone: the program goes on without it, or ends with it."""
         self.is_configured = False
         self.wire.close()
+        self.replies.end()
         if self.server.session is not self:
             self.server.dismiss(self)
             return
         self.server.end_redirection()
-        if self._ends_program and not self.is_leaving:
+        if self.ends_program and not self.is_leaving:
             _end_process()                           # started for a client that died
         self.debugger.in_turn(self._let_go)
+        self.server.on_client(False)
         self.server.dismiss(self)
-        if not self.is_leaving or self._ends_program:
+        if not self.is_leaving or self.ends_program:
             self.server.configured.set()
 
     def _let_go(self) -> None:
@@ -447,7 +470,7 @@ def _begin(session: Session, request: Request) -> Any:
         request.refuse(_OCCUPIED)
         raise WireError("another client came first")
     _begin_traffic(session, settings)
-    session.settings = settings
+    session.settings, session.given = settings, request.arguments.values
     session.has_begun = True
     session.wire.max_message_bytes = MAX_MESSAGE_BYTES
     session.paths = PathMap(settings.path_mappings)
@@ -460,6 +483,7 @@ def _begin(session: Session, request: Request) -> Any:
     session._begin_request = request
     if not settings.no_debug:
         session.debugger.in_turn(session.debugger.begin)
+        session.server.on_client(True)
     session.wire.event("initialized")
     name, start_method = session.server.program
     session.wire.event("process", {"name": name, "systemProcessId": os.getpid(), "isLocalProcess": True,
