@@ -497,10 +497,18 @@ class NativeThreadTest(_PerThreadTestCase):
 
 
 FORK = """
-import os, sys, threading, warnings
+import ctypes, os, sys, threading, warnings
 warnings.simplefilter("ignore", DeprecationWarning)
 import support
-cls = support.load().CPerThread
+module = support.load()
+import state
+cls = module.CPerThread
+get_slot = ctypes.pythonapi.PyThread_tss_get
+get_slot.argtypes, get_slot.restype = [ctypes.c_void_p], ctypes.c_void_p
+
+def pair():
+    return get_slot(state.state_of(module)._gPyTssKey)
+
 go, ready = threading.Event(), threading.Barrier(4)
 
 def run():
@@ -516,8 +524,10 @@ def main():
     foreign = cls(5)
     ready.wait()
     print(len(cls._fPerThreadDict), flush=True)
+    own_pair = pair()
     pid = os.fork()
     if pid == 0:
+        print(own_pair is not None and pair() == own_pair)      # the others' records have died on this thread
         print(cls._fPerThreadDict == {threading.get_ident(): record, 5: foreign}, cls.GetPerThread() is record)
         thread = threading.Thread(target=cls.GetPerThread)
         thread.start()
@@ -612,7 +622,7 @@ class ProcessTest(unittest.TestCase):
     def test_fork(self):
         for arguments in ((), ("in a thread",)):
             out = support.check_child(self, FORK, *arguments)
-            self.assertEqual(out, "5\nTrue True\nTrue\n0 5\nTrue\n")
+            self.assertEqual(out, "5\nTrue\nTrue True\nTrue\n0 5\nTrue\n")
 
     def test_interpreter_exit_with_live_records(self):
         self.assertEqual(support.check_child(self, EXIT), "4\n")
