@@ -443,6 +443,10 @@ class Bdb(compat.TraceBase):
         self._stop_in(frame)
         self.user_raised(frame, exception, rule)
 
+    def _dispatch_unhandled(self, frame: FrameType, exception: BaseException, rule: ExceptionRule) -> None:
+        self._stop_in(frame)
+        self.user_unhandled(frame, exception, rule)
+
     def _dispatch_uncaught(self, frame: FrameType, exception: BaseException, rule: ExceptionRule) -> None:
         self.user_uncaught(frame, exception, rule)
         self.stop_states.own().run_freely()           # there is nothing left to be stepped
@@ -461,7 +465,7 @@ class Bdb(compat.TraceBase):
         self.user_watch_end(frame, watch)
 
     _own_dispatchers: dict[str, Any] = {
-        "raised": _dispatch_raised, "uncaught": _dispatch_uncaught,
+        "raised": _dispatch_raised, "uncaught": _dispatch_uncaught, "unhandled": _dispatch_unhandled,
         "watch": _dispatch_watch, "watch_end": _dispatch_watch_end}
 
     def add_watch(self, watch: Watch) -> None:
@@ -496,6 +500,10 @@ class Bdb(compat.TraceBase):
     def user_raised(self, frame: FrameType, exception: BaseException, rule: ExceptionRule) -> None:
         """An exception that `rule` stops at is raised in `frame`, or has come to it."""
         self.user_exception(frame, (type(exception), exception, exception.__traceback__))     # type: ignore[arg-type]
+
+    def user_unhandled(self, frame: FrameType, exception: BaseException, rule: ExceptionRule) -> None:
+        """An exception that `rule` stops at leaves `frame`, the user's own, for a library that has called it."""
+        self.user_raised(frame, exception, rule)
 
     def user_uncaught(self, frame: FrameType, exception: BaseException, rule: ExceptionRule) -> None:
         """An exception that `rule` stops at has ended the calling thread, but for `frame`, which reports it."""

@@ -23,6 +23,9 @@ if TYPE_CHECKING:
 
 RAISED, UNCAUGHT = KINDS = ("raised", "uncaught")
 
+# One that the user's own code lets out, to a library that has called it.
+UNHANDLED = "unhandled"
+
 # The name of the exception in a condition.
 EXCEPTION_VARIABLE = "$_exception"
 _EXCEPTION_NAME = "__exception__"
@@ -43,7 +46,7 @@ class ExceptionRule:
     def __init__(self, kind: str, class_name: str | None = None, condition: str | None = None,
                  resolve: Callable[[str], object] | None = None) -> None:
         """`resolve` gives the object of a name where the user is; ValueError for what cannot be meant."""
-        if kind not in KINDS:
+        if kind not in KINDS and kind != UNHANDLED:
             raise ValueError("raised or uncaught expected, not %r" % kind)
         self.kind = kind
         self.class_name = class_name
@@ -134,6 +137,7 @@ class ExceptionStops:
         self.is_asked_for = False
         # ids of an exception and of its innermost traceback, of those that were stopped at
         self._stopped_at: dict[int, int] = {}
+        self._let_out: dict[int, int] = {}    # the same, of those that have left the user's code
 
     def catches(self, kind: str) -> bool:
         return any(rule.kind == kind for rule in self.rules)
@@ -169,7 +173,21 @@ class ExceptionStops:
         rule = next((each for each in self.rules
                      if each.kind == RAISED and each.matches(exception, frame)), None)
         if rule is not None:
-            self._remember(exception, traceback)
+            _remember(self._stopped_at, exception)
+        return rule
+
+    def rule_for_unhandled(self, exception: BaseException, frame: FrameType, caller: FrameType | None,
+                           is_own: Callable[[CodeType], bool]) -> ExceptionRule | None:
+        """The rule to stop by, where an exception leaves `frame`, for its caller; once for each exception."""
+        if caller is None or exception.__traceback__ is None or isinstance(exception, _ENDS) \
+                or not is_own(frame.f_code) or is_own(caller.f_code) or _is_in(self._let_out, exception):
+            return None
+        if caller.f_globals.get("__name__") == "contextlib":
+            return None               # on its way through a context manager, to the `with` statement
+        rule = next((each for each in self.rules if each.kind == UNHANDLED
+                     and each.matches(exception, _innermost(exception.__traceback__).tb_frame)), None)
+        if rule is not None:
+            _remember(self._let_out, exception)
         return rule
 
     def _is_first(self, exception: BaseException, traceback: TracebackType,
@@ -185,20 +203,26 @@ class ExceptionStops:
         # a statement raises it, which may be a new one that was given an old traceback.
         code = traceback.tb_frame.f_code.co_code
         return dis.opname[code[traceback.tb_lasti]] == "RAISE_VARARGS" \
-            and self._stopped_at.get(id(exception)) != id(_innermost(traceback))
-
-    def _remember(self, exception: BaseException, traceback: TracebackType) -> None:
-        while len(self._stopped_at) >= _MOST_REMEMBERED:
-            self._stopped_at.pop(next(iter(self._stopped_at)), None)
-        self._stopped_at[id(exception)] = id(_innermost(traceback))
+            and not _is_in(self._stopped_at, exception)
 
     def rule_for_uncaught(self, exception: BaseException) -> ExceptionRule | None:
-        """The rule to stop by, for an exception that ends its thread."""
-        if isinstance(exception, _ENDS) or exception.__traceback__ is None:
+        """The rule to stop by, for an exception that ends its thread; not again where it was let out."""
+        if isinstance(exception, _ENDS) or exception.__traceback__ is None or _is_in(self._let_out, exception):
             return None
         frame = _innermost(exception.__traceback__).tb_frame
         return next((each for each in self.rules
                      if each.kind == UNCAUGHT and each.matches(exception, frame)), None)
+
+
+def _remember(table: dict[int, int], exception: BaseException) -> None:
+    while len(table) >= _MOST_REMEMBERED:
+        table.pop(next(iter(table)), None)
+    if exception.__traceback__ is not None:
+        table[id(exception)] = id(_innermost(exception.__traceback__))
+
+
+def _is_in(table: dict[int, int], exception: BaseException) -> bool:
+    return exception.__traceback__ is not None and table.get(id(exception)) == id(_innermost(exception.__traceback__))
 
 
 def _innermost(traceback: TracebackType) -> TracebackType:
@@ -207,12 +231,17 @@ def _innermost(traceback: TracebackType) -> TracebackType:
     return traceback
 
 
-def parse_rule(text: str, resolve: Callable[[str], object]) -> ExceptionRule:
-    """The rule of a text `[raised|uncaught] [CLASS] [if CONDITION]`; ValueError for what is none."""
-    kind, rest = RAISED, text.strip()
-    first, _, others = rest.partition(" ")
-    if first in KINDS:
-        kind, rest = first, others.strip()
+def parse_rule(text: str, resolve: Callable[[str], object], kind: str | None = None) -> ExceptionRule:
+    """The rule of a text `[raised|uncaught] [CLASS] [if CONDITION]`; ValueError for what is none.
+
+    With `kind`, the text does not begin with it.
+    """
+    rest = text.strip()
+    if kind is None:
+        kind = RAISED
+        first, _, others = rest.partition(" ")
+        if first in KINDS:
+            kind, rest = first, others.strip()
     class_name, condition = rest, None
     if rest.startswith("if ") or rest == "if":
         class_name, condition = "", rest[2:].strip()

@@ -15,7 +15,7 @@ from brixbase import dlog
 from brixdebug import internal
 from brixdebug.breakpoints import BreakLines
 from brixdebug.decisions import Decisions
-from brixdebug.exceptions import RAISED, UNCAUGHT, places_of_uncaught
+from brixdebug.exceptions import RAISED, UNCAUGHT, UNHANDLED, places_of_uncaught
 from brixdebug.libraries import is_library
 from brixdebug.raising import Raiser
 from brixdebug.stops import NOWHERE
@@ -247,7 +247,7 @@ class Monitor:
             stepped=self._collect_all_stepped(debugger, busy),
             anywhere={state.thread_id for state in busy if state.stops_anywhere},
             finds=bool(debugger.breaks) or debugger.awaits_code or is_holding,
-            unwinds=bool(busy or self._watched_records),
+            unwinds=bool(busy or self._watched_records) or exception_stops.catches(UNHANDLED),
             raises=exception_stops.catches(RAISED),
             lines=self.watches.is_everywhere,
             ends=self.suspension.is_ending_all)

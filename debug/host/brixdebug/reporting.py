@@ -10,11 +10,12 @@ import _thread
 import bdb
 import sys
 
+import optmonitoring
 from brixbase import dlog
 
 from brixdebug import compat
 from brixdebug.decisions import PASSED, UNDECIDED
-from brixdebug.exceptions import RAISED
+from brixdebug.exceptions import RAISED, UNHANDLED
 from brixdebug.raising import is_of_signal_handler
 from brixdebug.suspension import ends_by_itself
 from brixdebug.switches import line_at, program_frame
@@ -222,6 +223,7 @@ class Reporter:
     def _on_unwind(self, code: CodeType, offset: int, exception: BaseException) -> None:
         try:
             frame = sys._getframe(1)
+            self._stops_at_unhandled(frame, exception)
             self._returns(frame, None)
             if self._watches.active:
                 self._leave_call(frame)
@@ -247,6 +249,18 @@ class Reporter:
             return False
         self._report(debugger, frame, "raised", (exception, rule))
         return True
+
+    def _stops_at_unhandled(self, frame: FrameType, exception: BaseException) -> None:
+        debugger = self._monitor.debugger
+        if debugger is None or not debugger.exception_stops.catches(UNHANDLED) \
+                or debugger.stop_states.own().is_muted:
+            return
+        caller = frame.f_back
+        while caller is not None and optmonitoring.IsInternalFrame(caller):
+            caller = caller.f_back
+        rule = debugger.exception_stops.rule_for_unhandled(exception, frame, caller, debugger.is_own_code)
+        if rule is not None:
+            self._report(debugger, frame, "unhandled", (exception, rule))
 
     def _thread_ends(self, debugger: TracedDebugger, frame: FrameType) -> None:
         """The exception that is being handled ends the calling thread."""

@@ -21,6 +21,7 @@ What is switched on under them:
                                    again at each other instruction
     RAISE, PY_UNWIND               while a thread is stepped
     RAISE                          while exceptions are to stop where they are raised
+    RAISE, PY_UNWIND               while they are to stop where they leave the user's code
     LINE, PY_START, JUMP           in the function of `threading` that ends a thread,
                                    while exceptions are to stop that end one
     LINE, JUMP, PY_START, returns  in the functions of calls whose local names are watched,

@@ -2,14 +2,11 @@
 
 from __future__ import annotations
 
-import builtins
 import linecache
 import os
-import sys
 
 from brixdebug.conditions import HitCondition, LogText, compile_expression
 from brixdebug.dap.sources import column_in_text
-from brixdebug.exceptions import KINDS, parse_rule
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -17,7 +14,6 @@ if TYPE_CHECKING:
 
     from brixdebug.dap.asking import Arguments
     from brixdebug.dap.server import Handler, Request, Session
-    from brixdebug.exceptions import ExceptionStops
     from brixdebug.statements import Span
 
 
@@ -126,40 +122,7 @@ def on_breakpoint_locations(session: Session, request: Request) -> Any:
     return {"breakpoints": rows}
 
 
-def on_set_exception_breakpoints(session: Session, request: Request) -> Any:
-    wanted = [(name, "") for name in request.arguments.texts("filters")]
-    wanted += [(each.needed_text("filterId"), each.text("condition", ""))
-               for each in request.arguments.objects("filterOptions")]
-
-    def change(session: Session, request: Request) -> Any:
-        stops = session.debugger.exception_stops
-        stops.clear()
-        rows = [_add_rule(stops, kind, condition) for kind, condition in wanted]
-        session.debugger.exceptions_changed()
-        return {"breakpoints": rows}
-
-    return request.later(change, session.debugger.in_turn)
-
-
-def _add_rule(stops: ExceptionStops, kind: str, condition: str) -> dict[str, Any]:
-    try:
-        if kind not in KINDS:
-            raise ValueError("there is no filter %r" % kind)
-        stops.add(parse_rule("%s %s" % (kind, condition), _find_class))
-    except ValueError as error:
-        return {"verified": False, "message": str(error), "reason": "failed"}
-    return {"verified": True}
-
-
-def _find_class(name: str) -> object:
-    """A class by its name, built in or in a module that has been imported."""
-    module_name, _, rest = name.rpartition(".")
-    found: object = sys.modules[module_name] if module_name else builtins
-    return getattr(found, rest)
-
-
 HANDLERS: dict[str, Handler] = {
     "setBreakpoints": on_set_breakpoints,
     "breakpointLocations": on_breakpoint_locations,
-    "setExceptionBreakpoints": on_set_exception_breakpoints,
 }

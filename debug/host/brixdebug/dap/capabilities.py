@@ -21,6 +21,7 @@ CAPABILITIES: dict[str, object] = {
     "supportsModulesRequest": True,
     "supportsLoadedSourcesRequest": True,
     "supportsExceptionFilterOptions": True,
+    "supportsExceptionOptions": True,
     "supportsExceptionInfoRequest": True,
     "supportsBreakpointLocationsRequest": True,
     "supportsTerminateRequest": True,
@@ -38,4 +39,7 @@ EXCEPTION_FILTERS: list[dict[str, object]] = [
      "description": "Stop once where an exception is raised, in every thread", "conditionDescription": _CONDITION},
     {"filter": "uncaught", "label": "Uncaught Exceptions", "default": True, "supportsCondition": True,
      "description": "Stop where an exception would end a thread", "conditionDescription": _CONDITION},
+    {"filter": "userUnhandled", "label": "User Uncaught Exceptions", "default": False, "supportsCondition": True,
+     "description": "Stop where an exception leaves the user's own code for a library that has called it",
+     "conditionDescription": _CONDITION},
 ]

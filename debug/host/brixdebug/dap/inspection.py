@@ -217,7 +217,8 @@ def on_exception_info(session: Session, request: Request) -> Any:
         [lambda: _exception_details(exception, [])], lambda index: {"message": "<its text has not been had in time>"})[0]
     details = result if isinstance(result, dict) else {"message": rendering.error_text(result)}
     return {"exceptionId": rendering.type_name(type(exception)), "description": details["message"],
-            "breakMode": "unhandled" if stop.is_uncaught else "always", "details": details}
+            "breakMode": "always" if not stop.is_uncaught else "userUnhandled" if stop.below is not None else "unhandled",
+            "details": details}
 
 
 def _exception_details(exception: BaseException, seen: list[BaseException]) -> dict[str, Any]:

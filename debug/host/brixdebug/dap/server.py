@@ -353,7 +353,8 @@ class Session:
         if stop.text:
             body["text"] = stop.text
         if stop.exception is not None:
-            body["description"] = "Uncaught exception" if stop.is_uncaught else "Exception"
+            body["description"] = "Exception" if not stop.is_uncaught else \
+                "Exception that user code has not handled" if stop.below is not None else "Uncaught exception"
         if stop.changes:
             body["text"] = "\n".join(self.show_change(each) for each in stop.changes)
         numbers = [each.watch.number for each in stop.changes] or [stop.breakpoint_number or 0]

@@ -57,7 +57,7 @@ class Stop:
     def __init__(self, thread_id: int, frame: FrameType | None, reason: str, text: str = "",
                  breakpoint_number: int | None = None, returned: tuple[str, Any] | None = None,
                  exception: BaseException | None = None, is_uncaught: bool = False, column: int | None = None,
-                 changes: Sequence[Change] = ()) -> None:
+                 changes: Sequence[Change] = (), below: FrameType | None = None) -> None:
         self.thread_id = thread_id
         self.frame = frame                   # the innermost one of that thread that the user sees
         self.reason = reason                 # as in the protocol's `stopped` event
@@ -68,6 +68,7 @@ class Stop:
         self.returned = returned             # name of the function that has just returned, and its value
         self.exception = exception
         self.is_uncaught = is_uncaught       # the stack is that of the exception, which has been left
+        self.below = below                   # the outermost frame of it, when the thread goes on
         self._tasks: queue.SimpleQueue[Callable[[], None] | None] = queue.SimpleQueue()
         self._lock = threading.Lock()
         self._ends = False                   # `go_on` has been called
@@ -223,11 +224,18 @@ class ClientDebugger(Bdb):
         self._wait(Stop(threading.get_ident(), frame, "exception", type(exception).__name__, exception=exception))
 
     def user_uncaught(self, frame: FrameType, exception: BaseException, rule: ExceptionRule) -> None:
+        self._wait_after(frame, exception, None)
+
+    def user_unhandled(self, frame: FrameType, exception: BaseException, rule: ExceptionRule) -> None:
+        self._wait_after(frame, exception, frame)
+
+    def _wait_after(self, frame: FrameType, exception: BaseException, below: FrameType | None) -> None:
+        """A stop where an exception came from, which has left these frames."""
         traceback = exception.__traceback__
         while traceback is not None and traceback.tb_next is not None:
             traceback = traceback.tb_next
         self._wait(Stop(threading.get_ident(), traceback.tb_frame if traceback else frame, "exception",
-                        type(exception).__name__, exception=exception, is_uncaught=True))
+                        type(exception).__name__, exception=exception, is_uncaught=True, below=below))
 
     def main_raised(self, exception: BaseException, frame: FrameType) -> None:
         """An exception ends the main thread; it is reported when this returns."""

@@ -113,6 +113,7 @@ class Tree:
         is_stopped = self.stop is not None and self.stop.thread_id == thread_id
         if is_stopped and self.stop is not None and self.stop.is_uncaught and self.stop.exception is not None:
             places = [(each.tb_frame, each.tb_lineno) for each in _tracebacks(self.stop.exception.__traceback__)]
+            places += _places(self.stop.below.f_back if self.stop.below is not None else None)
         else:
             frame = self.stop.frame if is_stopped and self.stop is not None else debugged_frames().get(thread_id)
             places = list(_places(frame))
