@@ -143,6 +143,10 @@ class Session:
         self._wait_until_main_thread_sleeps(pid=self.prompting_pid)
         self.interrupt()
 
+    def wait_until_asleep_at_prompt(self):
+        """Until the process at the prompt waits for input."""
+        self._wait_until_main_thread_sleeps(pid=self.prompting_pid)
+
     def wait_until_asleep(self):
         """Until the main thread waits in C code."""
         self._wait_until_main_thread_sleeps()

@@ -203,17 +203,11 @@ class Roster:
     def remove_if_empty(self) -> None:
         """Remove the file when no process of it lives, and the folder after the last file."""
         def edit(rows: dict[int, Row]) -> None:
-            drop_dead(rows)
-            if not rows:
+            if not any(row.is_alive() for row in rows.values()):
                 os.unlink(self._path)
         with contextlib.suppress(OSError):
             self.change(edit)
             os.rmdir(os.path.dirname(self._path))
-
-
-def drop_dead(rows: dict[int, Row]) -> None:
-    for pid in [row.pid for row in rows.values() if not row.is_alive()]:
-        del rows[pid]
 
 
 def _read(descriptor: int) -> dict[int, Row]:

@@ -9,16 +9,18 @@ one: those who wait look at the roster, so that a process may end at any moment.
 from __future__ import annotations
 
 import atexit
+import contextlib
 import os
 import sys
 import time
 
 from brixdebug.evaluation import SECONDS
 from brixdebug.monitor import monitor
-from brixdebug.roster import Roster, Row, begin_of, drop_dead
+from brixdebug.roster import Roster, Row, begin_of
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
+    from collections.abc import Callable
     from typing import Any
 
 RUNNING, WAITING, PROMPTING, STEPPING, EVALUATING = "running", "waiting", "at the prompt", "stepping", "evaluating"
@@ -51,6 +53,8 @@ class Sharing:
         self._pid = 0                         # of the process that has joined
         self._depth = 0                       # prompts inside of prompts
         self.is_waiting = False
+        self.on_left_behind: Callable[[], object] | None = None       # whose terminal it was has been killed
+        self._is_left_behind = False
 
     @property
     def is_on(self) -> bool:
@@ -85,7 +89,7 @@ class Sharing:
 
     def _enter_row(self, state: str) -> None:
         def edit(rows: dict[int, Row]) -> None:
-            drop_dead(rows)
+            _drop_dead(rows)
             own = _own_row(rows, os.getpid())
             own.state, own.ticket = state, _now()
         self._change(edit)
@@ -129,10 +133,14 @@ class Sharing:
             while True:
                 waits_for = self._change(lambda rows: self._try(rows, pid, ticket, place))
                 if not waits_for:
-                    return
+                    break
                 _sleep(min(_LOOK_SECONDS * waits_for, _MOST_LOOK_SECONDS))
         finally:
             self.is_waiting = False
+        is_left_behind, self._is_left_behind = self._is_left_behind, False
+        if is_left_behind and self.on_left_behind is not None:
+            with contextlib.suppress(Exception):
+                self.on_left_behind()
 
     def _try(self, rows: dict[int, Row], pid: int, ticket: float, place: str | None) -> int:
         """How many go before process `pid`; 0: the terminal is its own."""
@@ -145,11 +153,13 @@ class Sharing:
             own.state = WAITING
             before = [row for row in rows.values() if row is not own and _goes_before(row, own)]
             while before and not before[0].is_alive():
-                del rows[before.pop(0).pid]
+                before.pop(0)
             if before:
                 return len(before)
             for row in rows.values():
-                row.state = _HAVING.get(row.state, row.state)
+                if row.state in _HAVING:
+                    self._is_left_behind |= not row.is_alive()
+                    row.state = _HAVING[row.state]
         own.state, own.since = PROMPTING, 0.0
         return 0
 
@@ -173,9 +183,9 @@ class Sharing:
     def hand_to(self, pid: int) -> str | None:
         """Let process `pid` have the terminal, and wait until it is free again; a text says why not."""
         def edit(rows: dict[int, Row]) -> str | None:
-            drop_dead(rows)
+            _drop_dead(rows)
             other, own = rows.get(pid), _own_row(rows, os.getpid())
-            if other is None:
+            if other is None or not other.is_alive():
                 return "There is no process %d here (see info processes)" % pid
             if other is own:
                 return "Process %d is the one at the prompt" % pid
@@ -194,8 +204,8 @@ class Sharing:
     def rows(self) -> list[Row]:
         """Of the living, in the order of their beginnings."""
         def edit(rows: dict[int, Row]) -> list[Row]:
-            drop_dead(rows)
-            return sorted(rows.values(), key=lambda row: (row.began, row.pid))
+            _drop_dead(rows)
+            return sorted(filter(Row.is_alive, rows.values()), key=lambda row: (row.began, row.pid))
         return self._change(edit) or []
 
     @property
@@ -218,6 +228,12 @@ def _own_row(rows: dict[int, Row], pid: int) -> Row:
     if own is None:
         own = rows[pid] = Row(pid, begin_of(pid) or 0, os.getppid(), RUNNING, name=_own_name())
     return own
+
+
+def _drop_dead(rows: dict[int, Row]) -> None:
+    """But for one that had the terminal: whoever takes that has to know."""
+    for row in [row for row in rows.values() if row.state not in _HAVING and not row.is_alive()]:
+        del rows[row.pid]
 
 
 def shown_state(row: Row) -> str:

@@ -56,6 +56,21 @@ class PlainInput:
         return line.decode("utf-8", "replace")
 
 
+def _have_lines_edited(descriptor: int = 0) -> None:
+    if not os.isatty(descriptor):
+        return
+    import termios
+    modes = termios.tcgetattr(descriptor)
+    modes[0] |= termios.ICRNL
+    modes[1] |= termios.OPOST | termios.ONLCR
+    modes[3] |= termios.ICANON | termios.ECHO | termios.ECHOE | termios.ECHOK | termios.ISIG | termios.IEXTEN
+    termios.tcsetattr(descriptor, termios.TCSADRAIN, modes)
+
+
+# What was killed at its prompt has left the terminal as `readline` had made it.
+sharing.on_left_behind = _have_lines_edited
+
+
 @contextlib.contextmanager
 def _edited_by_terminal(descriptor: int) -> Iterator[None]:
     """The terminal collects and shows whole lines, whatever `readline` has made of it for the program."""
@@ -64,11 +79,7 @@ def _edited_by_terminal(descriptor: int) -> Iterator[None]:
         return
     import termios
     before = termios.tcgetattr(descriptor)
-    modes = list(before)
-    modes[0] |= termios.ICRNL
-    modes[1] |= termios.OPOST | termios.ONLCR
-    modes[3] |= termios.ICANON | termios.ECHO | termios.ECHOE | termios.ECHOK | termios.ISIG | termios.IEXTEN
-    termios.tcsetattr(descriptor, termios.TCSADRAIN, modes)
+    _have_lines_edited(descriptor)
     try:
         yield
     finally:
