@@ -29,6 +29,7 @@ CAPABILITIES: dict[str, object] = {
     "supportsDelayedStackTraceLoading": True,
     "supportsValueFormattingOptions": True,
     "supportsClipboardContext": True,
+    "supportsCancelRequest": True,
     "supportsReadMemoryRequest": True,
 }
 

@@ -3,10 +3,8 @@
 from __future__ import annotations
 
 import base64
-import codeop
 import linecache
 import os
-import rlcompleter
 import sys
 import traceback
 
@@ -28,10 +26,9 @@ if TYPE_CHECKING:
     from brixdebug.dap.tree import Frame
 
 _MAX_PAGE = 10000             # variables of one answer, when the client names no number
-_MAX_COMPLETIONS = 500
 
 
-def _frame(session: Session, request: Request, name: str = "frameId") -> Frame:
+def frame_of(session: Session, request: Request, name: str = "frameId") -> Frame:
     number = request.arguments.needed_integer(name)
     frame = session.tree.frame(number)
     if frame is None:
@@ -85,7 +82,7 @@ def _column(session: Session, each: Frame) -> int:
 # -- variables ------------------------------------------------------------------------------------------
 
 def on_scopes(session: Session, request: Request) -> Any:
-    frame = _frame(session, request).frame
+    frame = frame_of(session, request).frame
     local_names = variables.NamesNode(lambda: _locals(frame), lambda name, value: _assign(session, frame, name, value))
     scopes = [{"name": "Locals", "presentationHint": "locals", "expensive": False,
                "variablesReference": session.tree.add(_with_returned(session, frame, local_names), frame)}]
@@ -151,48 +148,6 @@ def on_variables(session: Session, request: Request) -> Any:
     return {"variables": session.tree.rows(result, is_hex, session.tree.frame_of_node(number))}
 
 
-def on_set_variable(session: Session, request: Request) -> Any:
-    number = request.arguments.needed_integer("variablesReference")
-    name = request.arguments.needed_text("name")
-    text = request.arguments.needed_text("value")
-    node = session.tree.node(number)
-    if node is None:
-        raise RequestError("variable %d is gone: the program has gone on" % number)
-    stop = session.stop()
-
-    def assign(session: Session, request: Request) -> Any:
-        frame = stop.frame
-        value = _evaluate(text, frame)
-        try:
-            node.assign(name, value)
-        except BaseException as error:
-            raise RequestError("%s cannot be set: %s" % (name, rendering.error_text(error))) from None
-        return _described(session, value, None, request)
-
-    return request.later(assign, stop.do)
-
-
-def on_set_expression(session: Session, request: Request) -> Any:
-    target = request.arguments.needed_text("expression")
-    text = request.arguments.needed_text("value")
-    frame = _frame(session, request).frame if request.arguments.integer("frameId") is not None else None
-    stop = session.stop()
-
-    def assign(session: Session, request: Request) -> Any:
-        place = frame if frame is not None else stop.frame
-        value = _evaluate(text, place)
-        _execute("%s = (%s)" % (target, text), place)
-        return _described(session, value, target, request)
-
-    return request.later(assign, stop.do)
-
-
-def _described(session: Session, value: Any, path: str | None, request: Request) -> dict[str, Any]:
-    is_hex = request.arguments.object("format").flag("hex")
-    text = next(rendering.page(session.server.boxed, [value], is_hex=is_hex))
-    return {"value": text, **session.tree.describe(value, path)}
-
-
 def on_read_memory(session: Session, request: Request) -> Any:
     reference = request.arguments.needed_text("memoryReference")
     node = session.tree.node(int(reference)) if reference.isascii() and reference.isdigit() else None
@@ -243,108 +198,6 @@ def _text(exception: BaseException) -> str:
     return "\n".join([str(exception), *(map(str, notes) if isinstance(notes, list) else ())])
 
 
-# -- expressions -----------------------------------------------------------------------------------------
-
-def on_evaluate(session: Session, request: Request) -> Any:
-    text = request.arguments.needed_text("expression")
-    context = request.arguments.text("context", "repl")
-    stop = session.stop()
-    frame = _frame(session, request).frame if request.arguments.integer("frameId") is not None else stop.frame
-
-    def evaluate(session: Session, request: Request) -> Any:
-        is_statement = False
-        try:
-            value = _evaluate(text, frame)
-        except _NoExpression as error:
-            if context not in ("repl", "clipboard") or not _is_complete(text):
-                raise RequestError(str(error)) from None
-            _execute(text, frame)
-            is_statement = True
-        if is_statement:
-            session.wire.event("invalidated", {"areas": ["variables"]})
-            return {"result": "", "variablesReference": 0}
-        return _evaluated(session, request, value, text, context, frame)
-
-    return request.later(evaluate, stop.do)
-
-
-def _evaluated(session: Session, request: Request, value: Any, text: str, context: str,
-               frame: FrameType | None) -> dict[str, Any]:
-    limit = rendering.MAX_WHOLE_CHARACTERS if context in ("clipboard", "repl") else rendering.MAX_CHARACTERS
-    if context == "clipboard" and isinstance(value, str):
-        return {"result": value[:limit], "variablesReference": 0}
-    if context == "repl" and value is None:
-        return {"result": "", "variablesReference": 0}
-    is_hex = request.arguments.object("format").flag("hex")
-    shown = next(rendering.page(session.server.boxed, [value], limit, is_hex))
-    return {"result": shown, **session.tree.describe(value, text, frame)}
-
-
-class _NoExpression(RequestError):
-    """The text is no expression."""
-
-
-def _compiled(text: str, mode: str) -> Any:
-    try:
-        return compile(text, "<expression>", mode, dont_inherit=True)
-    except (SyntaxError, ValueError, OverflowError, RecursionError) as error:
-        raise _NoExpression(rendering.error_text(error)) from None
-
-
-def _evaluate(text: str, frame: FrameType | None) -> Any:
-    if frame is None:
-        raise RequestError("there is no frame to evaluate in")
-    code = _compiled(text.strip(), "eval")
-    return _run(lambda: eval(code, frame.f_globals, frame.f_locals))
-
-
-def _execute(text: str, frame: FrameType | None) -> None:
-    if frame is None:
-        raise RequestError("there is no frame to run it in")
-    code = _compiled(text, "exec")
-    try:
-        _run(lambda: exec(code, frame.f_globals, frame.f_locals))
-    finally:
-        compat.give_locals_back(frame)
-
-
-def _run(call: Callable[[], Any]) -> Any:
-    try:
-        return call()
-    except BaseException as error:
-        raise RequestError(rendering.error_text(error)) from None
-
-
-def _is_complete(text: str) -> bool:
-    try:
-        return codeop.compile_command(text + "\n\n", symbol="exec") is not None
-    except (SyntaxError, ValueError, OverflowError):
-        return True                          # the error that running it gives is the better one
-
-
-def on_completions(session: Session, request: Request) -> Any:
-    text = request.arguments.needed_text("text")
-    column = request.arguments.needed_integer("column") - session.client_column(1)
-    stop = session.stop()
-    frame = _frame(session, request).frame if request.arguments.integer("frameId") is not None else stop.frame
-    line = text[:max(0, column)].split("\n")[-1]
-    start = len(line)
-    while start and (line[start - 1].isalnum() or line[start - 1] in "_."):
-        start -= 1
-    word = line[start:]
-
-    def complete(session: Session, request: Request) -> Any:
-        names = {**frame.f_globals, **frame.f_locals} if frame is not None else {}
-        completer = rlcompleter.Completer(names)
-        matches = (completer.attr_matches(word) if "." in word else completer.global_matches(word)) if word else []
-        prefix = len(word) - len(word.rpartition(".")[2])
-        targets = [{"label": match[prefix:].rstrip("( "), "start": column - len(word) + prefix,
-                    "length": len(word) - prefix} for match in sorted(set(matches))[:_MAX_COMPLETIONS]]
-        return {"targets": targets}
-
-    return request.later(complete, stop.do)
-
-
 # -- sources ---------------------------------------------------------------------------------------------
 
 def on_source(session: Session, request: Request) -> Any:
@@ -388,11 +241,7 @@ HANDLERS: dict[str, Handler] = {
     "stackTrace": on_stack_trace,
     "scopes": on_scopes,
     "variables": on_variables,
-    "setVariable": on_set_variable,
-    "setExpression": on_set_expression,
     "readMemory": on_read_memory,
-    "evaluate": on_evaluate,
-    "completions": on_completions,
     "source": on_source,
     "exceptionInfo": on_exception_info,
     "modules": on_modules,

@@ -9,8 +9,8 @@ import os
 import signal
 import sys
 
-from brixdebug.dap import (breakpoints, control, data_breakpoints, door, exception_filters, function_breakpoints, inspection,
-                           moving)
+from brixdebug.dap import (breakpoints, control, data_breakpoints, door, exception_filters, expressions,
+                           function_breakpoints, inspection, moving)
 from brixdebug.dap.children import Family, own_name
 from brixdebug.dap.heritage import Heritage
 from brixdebug.dap.running import Program
@@ -23,7 +23,7 @@ if TYPE_CHECKING:
 
 HANDLERS = {**control.HANDLERS, **inspection.HANDLERS, **breakpoints.HANDLERS, **function_breakpoints.HANDLERS,
             **data_breakpoints.HANDLERS, **moving.HANDLERS,
-            **exception_filters.HANDLERS}
+            **exception_filters.HANDLERS, **expressions.HANDLERS}
 
 # Set by readline when it is loaded, in the environment that new processes get.
 for _name in ("LINES", "COLUMNS"):

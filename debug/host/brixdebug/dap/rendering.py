@@ -239,6 +239,15 @@ class _Worker:
             self._calls = ()
 
 
+def whole(boxed: Boxed, value: Any) -> str:
+    """A text as it is, and the repr of anything else, without being cut."""
+    def show() -> str:
+        return str.__str__(value) if type(value) is str else repr(value)
+
+    result = boxed.call_each([show], lambda index: SLOW_TEXT % (type_name(type(value)), PAGE_SECONDS), PAGE_SECONDS)[0]
+    return result if isinstance(result, str) else "<%s: its repr raised %s>" % (type_name(type(value)), error_text(result))
+
+
 def page(boxed: Boxed, values: Sequence[Any], limit: int = MAX_CHARACTERS, is_hex: bool = False) -> Iterator[str]:
     """The texts of several values, made in one go."""
     calls = [functools.partial(render, value, limit, is_hex) for value in values]

@@ -191,6 +191,9 @@ class Server:
                 body["source"] = source
             session.wire.event("output", body)
 
+    def on_let_go(self) -> None:
+        self.tell("output", {"category": "console", "output": "The other threads run until this has been evaluated.\n"})
+
     def on_new_code(self, code: CodeType) -> None:
         session = self.session
         if session is not None:
@@ -219,16 +222,22 @@ class Request:
         self.message = message
         self.command: str = message["command"]
         self.arguments = Arguments(self.command, message.get("arguments"))
-        self._is_answered = False
+        self._to_answer = [self]             # emptied by who answers
+
+    def _claims(self) -> bool:
+        try:
+            self._to_answer.pop()
+        except IndexError:
+            return False
+        self.session.pending.pop(self.message["seq"], None)
+        return True
 
     def answer(self, body: dict[str, Any] | None = None) -> None:
-        if not self._is_answered:
-            self._is_answered = True
+        if self._claims():
             self.session.wire.respond(self.message, body)
 
     def refuse(self, text: str, short: str | None = None) -> None:
-        if not self._is_answered:
-            self._is_answered = True
+        if self._claims():
             self.session.wire.refuse(self.message, text, short)
 
     def run(self, handler: Handler) -> None:
@@ -246,8 +255,13 @@ class Request:
             self.refuse("%s failed: %s: %s" % (self.command, type(error).__name__, error))
 
     def later(self, handler: Handler, do: Callable[[Callable[[], None]], object]) -> Any:
-        """Have `handler` called by what `do` gives tasks to, a stop's `do` for one."""
-        if do(lambda: self.run(handler)) is False:
+        """Have `handler` called by what `do` gives tasks to, a stop's `do` for one; not if it is cancelled before."""
+        def task() -> None:
+            if self._to_answer:
+                self.run(handler)
+
+        self.session.pending[self.message["seq"]] = self
+        if do(task) is False:
             raise RequestError("the program is running", "notStopped")
         return LATER
 
@@ -278,10 +292,16 @@ class Session:
         self.is_leaving = False
         self.sources: dict[int, str] = {}            # texts that are in no file
         self.breakpoint_ids = BreakpointIds()
+        self.pending: dict[int, Request] = {}        # by their numbers: not answered, but by another thread later
+        self.running: Request | None = None          # that runs code of the user's
         self.kept: dict[str, Any] = {}               # what the handlers of requests keep for this client
         self.on_watch_end: Callable[[Watch], None] = lambda watch: None
         self.show_change: Callable[[Change], str] = lambda change: ""
         self.on_new_code: Callable[[CodeType], None] = lambda code: None      # see `ClientDebugger.await_code`
+
+    def supports(self, name: str) -> bool:
+        """Whether the client has said so in `initialize`."""
+        return self.initialize.get(name) is True
 
     @property
     def has_gone(self) -> bool:

@@ -39,6 +39,9 @@ if TYPE_CHECKING:
 
         def on_went_on(self, stop: Stop) -> None: ...
 
+        def on_let_go(self) -> None:
+            """What is evaluated takes so long that the other threads go on meanwhile."""
+
         def on_log(self, frame: FrameType, text: str) -> None:
             """A breakpoint that logs has been reached."""
 
@@ -209,6 +212,9 @@ class ClientDebugger(Bdb):
 
     def user_log(self, frame: FrameType, breakpoint: bdb.Breakpoint, text: str) -> None:
         self._front.on_log(frame, text)
+
+    def others_were_let_go(self) -> None:
+        self._front.on_let_go()
 
     def user_watch(self, frame: FrameType, changes: list[Change]) -> None:
         self._wait(Stop(threading.get_ident(), frame, "data breakpoint", changes=changes,

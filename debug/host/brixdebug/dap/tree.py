@@ -159,6 +159,11 @@ class Tree:
     def node(self, number: int) -> Node | None:
         return self._nodes.get(number)
 
+    def writable_memory(self) -> list[tuple[str, int]]:
+        """Reference and size of all memory that the client knows and the program may write to."""
+        return [(str(number), node.size) for number, node in self._nodes.items()
+                if isinstance(node, variables.BytesNode) and node.is_writable]
+
     def rows(self, children: list[Child], is_hex: bool = False, frame: Any = None) -> list[dict[str, Any]]:
         """The protocol's form of variables: their reprs, and numbers for what can be opened."""
         shown = [child for child in children if child.get is None and not variables.is_a(child.value, variables.Node)]

@@ -331,6 +331,16 @@ class BytesNode(Node):
     def __init__(self, value: bytes | bytearray | memoryview) -> None:
         self._value = value
 
+    @property
+    def size(self) -> int:
+        with memoryview(self._value) as view:
+            return view.nbytes
+
+    @property
+    def is_writable(self) -> bool:
+        with memoryview(self._value) as view:
+            return not view.readonly
+
     def read(self, start: int, count: int) -> bytes:
         """At most `count` bytes from `start` on; nothing outside of the object."""
         with memoryview(self._value) as view:
