@@ -221,6 +221,30 @@ class EndTest(AdapterTestCase):
         client.process.kill()
         self.assert_gone(process_id)
 
+    def test_editor_that_goes_while_the_program_starts_leaves_nothing(self):
+        os.mkfifo(self.folder / "go")
+        python = self.folder / "python"
+        python.write_text("#!/bin/sh\necho $$ > %s/pid\nread line < %s/go\n" % (self.folder, self.folder))
+        python.chmod(0o755)
+        for way in ("disconnect", "death"):
+            with self.subTest(way):
+                client = self.client(TMPDIR=str(self.folder))
+                client.ask("initialize", adapterID="x")
+                request = client.send("launch", code="x = 1", python=str(python), console="internalConsole")
+                for _ in range(2000):
+                    if (self.folder / "pid").exists() and (self.folder / "pid").read_text():
+                        break
+                    subprocess.run(["sleep", "0.01"])
+                process_id = int((self.folder / "pid").read_text())
+                (self.folder / "pid").unlink()
+                if way == "disconnect":
+                    client.ask("disconnect")
+                    self.assertFalse(client.wait_for_answer(request)["success"])
+                client.process.stdin.close()
+                self.assertEqual(client.process.wait(60), 0)
+                self.assert_gone(process_id)
+                self.assertEqual([each for each in os.listdir(self.folder) if each.startswith("brixdebug-")], [])
+
     def test_terminate_lets_the_program_clean_up(self):
         client = self.client()
         client.launch(self.program("""\

@@ -271,7 +271,7 @@ with attach._private_folder(os.getpid()) as folder:
             own.connect(folder + "/socket")
         own = socket.socket(socket.AF_UNIX)
         threading.Thread(target=lambda: (other.wait(), come())).start()
-        end = attach._wait(os.getpid(), server)
+        end = attach._wait(os.getpid(), server, print)
         print("let in", attach._peer(end) == os.getpid(), other.returncode)
 print(os.path.exists(folder))
 """

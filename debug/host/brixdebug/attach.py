@@ -8,6 +8,7 @@ streams stay its own.
 from __future__ import annotations
 
 import contextlib
+import math
 import os
 import shutil
 import signal
@@ -15,6 +16,7 @@ import socket
 import struct
 import sys
 import tempfile
+import time
 
 import optmonitoring
 
@@ -23,11 +25,12 @@ from brixdebug.channel import Connection
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
-    from collections.abc import Iterator
+    from collections.abc import Callable, Iterator
     from typing import Any
 
 # How long a program that runs Python code needs to answer, at most.
 _ANSWER_SECONDS = 5.0
+_LOOK_SECONDS = 0.5              # between looks whether it is still there
 
 # Runs in the program.  What has been given up on finds no socket, and says nothing.
 _SCRIPT = """\
@@ -41,7 +44,7 @@ def attach():
     folders = %(folders)r
     sys.path[:0] = folders
     try:
-        from brixdebug import attached
+        %(load)s
     except BaseException as error:
         text = "the debugger cannot be loaded there: %%s: %%s" %% (type(error).__name__, error)
         end.sendall(json.dumps({"error": text}).encode() + b"\\n")
@@ -50,7 +53,7 @@ def attach():
     finally:
         for folder in folders:
             sys.path.remove(folder)
-    attached.serve(end, sys._getframe(1), %(commands)r)
+    %(call)s
 attach()
 """
 
@@ -58,8 +61,8 @@ attach()
 def main(pid: int, commands: list[str]) -> int:
     """Attach to process `pid` and run `commands` there first; the exit status."""
     try:
-        with _private_folder(pid) as folder:
-            end = _reach(pid, folder, commands)
+        end = reach(pid, "from brixdebug import attached", "attached.serve(end, sys._getframe(1), %r)" % commands,
+                    lambda text: print(text + "; Ctrl-C gives up.", flush=True))
     except injection.InjectionError as error:
         print("brixdebug: error: %s" % error, file=sys.stderr)
         return 1
@@ -83,45 +86,52 @@ def _private_folder(pid: int) -> Iterator[str]:
         shutil.rmtree(folder, ignore_errors=True)
 
 
-def _reach(pid: int, folder: str, commands: list[str]) -> socket.socket:
-    """Have the program connect, and wait until it does."""
-    address, script = os.path.join(folder, "socket"), os.path.join(folder, "attach.py")
-    here = os.path.dirname(os.path.abspath(__file__))
-    folders = list(dict.fromkeys([os.path.dirname(here), os.path.dirname(os.path.abspath(optmonitoring.__file__))]))
-    with open(script, "w") as file:
-        file.write(_SCRIPT % {"address": address, "folders": folders, "commands": commands})
-    with socket.socket(socket.AF_UNIX) as server:
-        server.bind(address)
-        for name in (address, script):        # the folder is what keeps others out
-            os.chmod(name, 0o666)
-        server.listen(1)
-        server.settimeout(_ANSWER_SECONDS)
-        injection.inject(pid, script)
-        try:
-            return _wait(pid, server)
-        except BaseException:
-            injection.take_back(pid)
-            raise
+def reach(pid: int, load: str, call: str, say: Callable[[str], object],
+          gives_up: Callable[[], bool] = lambda: False) -> socket.socket:
+    """Have the program connect, and wait until it does, or until `gives_up()`.
+
+    There, `load` imports what `call` needs, which has the other end as `end`.  `say` is called once when
+    that takes long, with a sentence without its end.  Raises InjectionError.
+    """
+    with _private_folder(pid) as folder:
+        address, script = os.path.join(folder, "socket"), os.path.join(folder, "attach.py")
+        here = os.path.dirname(os.path.abspath(__file__))
+        folders = list(dict.fromkeys([os.path.dirname(here), os.path.dirname(os.path.abspath(optmonitoring.__file__))]))
+        with open(script, "w") as file:
+            file.write(_SCRIPT % {"address": address, "folders": folders, "load": load, "call": call})
+        with socket.socket(socket.AF_UNIX) as server:
+            server.bind(address)
+            for name in (address, script):        # the folder is what keeps others out
+                os.chmod(name, 0o666)
+            server.listen(1)
+            server.settimeout(_LOOK_SECONDS)
+            injection.inject(pid, script)
+            try:
+                return _wait(pid, server, say, gives_up)
+            except BaseException:
+                injection.take_back(pid)
+                raise
 
 
-def _wait(pid: int, server: socket.socket) -> socket.socket:
-    is_said = False
-    while True:
+def _wait(pid: int, server: socket.socket, say: Callable[[str], object],
+          gives_up: Callable[[], bool] = lambda: False) -> socket.socket:
+    patience = time.monotonic() + _ANSWER_SECONDS
+    while not gives_up():
         try:
             end, _ = server.accept()
         except TimeoutError:
             if not _is_alive(pid):
                 raise injection.InjectionError("process %d has ended" % pid) from None
-            if not is_said:
-                print("Process %d does not answer: its main thread is inside C code, it sleeps or waits.  It is attached "
-                      "as soon as it runs Python code again; Ctrl-C gives up." % pid, flush=True)
-                is_said = True
-                server.settimeout(1.0)
+            if time.monotonic() > patience:
+                say("Process %d does not answer: its main thread is inside C code, it sleeps or waits.  It is attached "
+                    "as soon as it runs Python code again" % pid)
+                patience = math.inf
             continue
         if _peer(end) == pid:
             end.settimeout(None)
             return end
         end.close()
+    raise injection.InjectionError("process %d has not answered" % pid)
 
 
 def _is_alive(pid: int) -> bool:

@@ -24,6 +24,8 @@ if TYPE_CHECKING:
 
     from brixdebug.dap.programs import Program
 
+_GIVE_UP_SECONDS = 10.0       # for what is being started; it looks more often than that
+
 
 class Adapter:
     """One session with one client."""
@@ -43,6 +45,8 @@ class Adapter:
         self._swallowed: set[int] = set()                      # requests that this process has answered itself
         self._lock = threading.Lock()
         self._replies = Replies(client)
+        self._beginner: threading.Thread | None = None         # starts or attaches to the program
+        self._has_given_up = threading.Event()                 # there is nobody any more to start it for
         self._unanswered: dict[int, dict[str, Any]] = {}       # requests that the program has got
         self._has_ended = False                                # the program has, and the client knows
 
@@ -58,7 +62,7 @@ class Adapter:
             print("brixdebug.dap: the client: %s" % error, file=sys.stderr)
         finally:
             self._client.close()
-            self._replies.end()
+            self._give_up_beginning()
             if self._program is not None:
                 self._program.leave(kills=self._is_launch(), has_lost_client=True)
 
@@ -149,7 +153,15 @@ class Adapter:
         self._say_ignored(self._settings)
         self._beginning = message
         # Not in this thread: a client answers the request for a terminal while launch is under way.
-        threading.Thread(target=self._begin, args=(message, self._settings), name="begin", daemon=True).start()
+        self._beginner = threading.Thread(target=self._begin, args=(message, self._settings), name="begin", daemon=True)
+        self._beginner.start()
+
+    def _give_up_beginning(self) -> None:
+        """Nothing is left of what was being started."""
+        self._has_given_up.set()
+        self._replies.end()
+        if self._beginner is not None:
+            self._beginner.join(_GIVE_UP_SECONDS)
 
     def _begin_traffic(self, message: dict[str, Any], settings: arguments.Settings) -> bool:
         """Have the messages written to a file, if that was asked for; False when it cannot be."""
@@ -175,17 +187,18 @@ class Adapter:
 
     def _begin(self, message: dict[str, Any], settings: arguments.Settings) -> None:
         try:
-            program = programs.start(settings, self._emit, self._ask_for_terminal, self._has_terminals()) \
-                if settings.request == "launch" else programs.connect(settings)
+            program = programs.start(settings, self._emit, self._ask_for_terminal if self._has_terminals() else None,
+                                     self._has_given_up.is_set) \
+                if settings.request == "launch" else programs.connect(settings, self._say, self._has_given_up.is_set)
         except (programs.ProgramError, door.DoorError, arguments.ArgumentError) as error:
             self._settings = self._beginning = None
             self._client.refuse(message, str(error), shows=True)
             self._client.event("terminated")
             return
-        self._program, self._beginning, self._begun = program, None, message
-        if self._client.is_closed:               # it went while the program was starting
+        if self._has_given_up.is_set():          # the client went while the program was starting
             program.leave(kills=self._is_launch())
             return
+        self._program, self._beginning, self._begun = program, None, message
         threading.Thread(target=self._relay, args=(program,), name="relay", daemon=True).start()
         program.wire.pass_on(self._initialize or {})
         given = dict(message["arguments"])
@@ -279,6 +292,7 @@ class Adapter:
     def _on_disconnect(self, message: dict[str, Any]) -> bool:
         given = message.get("arguments") or {}
         kills = given.get("terminateDebuggee", self._is_launch())
+        self._give_up_beginning()
         program, self._program = self._program, None
         if program is not None:
             program.leave(kills=bool(kills))

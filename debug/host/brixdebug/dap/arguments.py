@@ -245,11 +245,8 @@ def _finish(settings: Settings, extra: dict[str, Any]) -> None:
         settings.connect = {"host": extra.get("_host", "127.0.0.1"), "port": extra["_port"]}
     given = [name for name, value in (("connect", settings.connect), ("listen", settings.listen),
                                       ("processId", settings.process_id)) if value is not None]
-    if settings.process_id is not None:
-        raise ArgumentError("'processId' is not supported here: `brixdebug -p %d` in a terminal attaches a prompt"
-                            % settings.process_id)
     if len(given) > 1:
-        raise ArgumentError("attach needs one of 'connect' and 'listen'; given are "
+        raise ArgumentError("attach needs one of 'connect', 'listen' and 'processId'; given are "
                             + " and ".join(map(repr, given)))
 
 

@@ -5,6 +5,7 @@ from __future__ import annotations
 import argparse
 import atexit
 import io
+import json
 import os
 import signal
 import sys
@@ -15,9 +16,11 @@ from brixdebug.dap.children import Family, own_name
 from brixdebug.dap.heritage import Heritage
 from brixdebug.dap.running import Program
 from brixdebug.dap.server import Server
+from brixdebug.monitor import monitor
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
+    import socket
     from types import FrameType
     from typing import Any
 
@@ -194,17 +197,55 @@ def _main_raised(exception: BaseException, frame: FrameType) -> None:
 def begin_child(text: str) -> None:
     """In a new process, before its `__main__`: `text` is what it has of its parents."""
     server.program = own_name(), "attachForSuspendedLaunch"
-    if "PYTHONBREAKPOINT" not in os.environ:
-        sys.breakpointhook = breakpoint
+    _take_hooks()
+    atexit.register(server.tell, "terminated", {})
+    _family.join(Heritage.from_text(text))
+
+
+# -- a program that runs already ---------------------------------------------------------------------------
+
+def serve_attached(end: socket.socket) -> None:
+    """Called by what another process has injected: serve the client at its other end, after a line that says so."""
+    if monitor.debugger is not None or server.session is not None:
+        end.sendall(_line(error="process %d is being debugged already" % os.getpid()))
+        end.close()
+        return
+    server.program = sys.argv[0] if sys.argv else "", "attach"
+    _take_hooks()
+    end.sendall(_line(isServed=True))
+    server.serve(end)
+
+
+def _line(**message: object) -> bytes:
+    return json.dumps(message).encode() + b"\n"
+
+
+# -- hooks of the interpreter, where the program was not started by this module --------------------------------
+
+_hooks: list[tuple[str, Any, Any]] = []              # name in sys, ours, what was there before
+
+
+def _take_hooks() -> None:
     show = sys.excepthook
 
     def excepthook(kind: Any, error: BaseException, traceback: Any) -> None:
         _main_raised(error, sys._getframe())
         show(kind, error, traceback)
 
-    sys.excepthook = excepthook
-    atexit.register(server.tell, "terminated", {})
-    _family.join(Heritage.from_text(text))
+    if not _hooks:
+        _hooks.append(("excepthook", excepthook, show))
+        if "PYTHONBREAKPOINT" not in os.environ:
+            _hooks.append(("breakpointhook", breakpoint, sys.breakpointhook))
+        for name, ours, _ in _hooks:
+            setattr(sys, name, ours)
+
+
+def _give_hooks_back() -> None:
+    """But for what somebody else has put there meanwhile."""
+    for name, ours, before in _hooks:
+        if getattr(sys, name) is ours:
+            setattr(sys, name, before)
+    _hooks.clear()
 
 
 def _on_client(has_come: bool) -> None:
@@ -212,6 +253,8 @@ def _on_client(has_come: bool) -> None:
         _family.client_has_come()
     else:
         _family.client_has_gone()
+        if server.program[1] == "attach":
+            _give_hooks_back()
 
 
 def _after_fork_in_child() -> None:

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import contextlib
+import json
 import os
 import shutil
 import signal
@@ -14,6 +15,7 @@ import time
 
 import optmonitoring
 
+from brixdebug import attach, injection
 from brixdebug.dap import arguments, door
 from brixdebug.dap.output import Pump
 from brixdebug.dap.wire import Wire
@@ -24,6 +26,7 @@ if TYPE_CHECKING:
     from typing import Any
 
 CONNECT_SECONDS = 30.0           # from its start until a program has come to the debugger
+_LOOK_SECONDS = 0.1              # between looks whether a program is still to come
 _END_SECONDS = 5.0               # from SIGTERM to SIGKILL
 _STANDARD_ERROR = 2
 _OUTPUT_SECONDS = 1.0            # for output that others still hold open after the program's end
@@ -105,8 +108,10 @@ def _signal_group(process: subprocess.Popen[bytes], number: int) -> None:
 # -- starting ------------------------------------------------------------------------------------
 
 def start(settings: arguments.Settings, emit: Callable[[str, str], object],
-          ask_for_terminal: Callable[[dict[str, Any]], dict[str, Any]], has_terminals: bool) -> Program:
-    """Start what `settings` name; it has connected when this returns.
+          ask_for_terminal: Callable[[dict[str, Any]], dict[str, Any]] | None, gives_up: Callable[[], bool]) -> Program:
+    """Start what `settings` name; it has connected when this returns, unless `gives_up()` meanwhile.
+
+    `ask_for_terminal`: None without a client that has terminals.
 
     Raises ProgramError, DoorError or ArgumentError; nothing of the program is left then.
     """
@@ -122,9 +127,9 @@ def start(settings: arguments.Settings, emit: Callable[[str, str], object],
         listener, address = door.listen_at(os.path.join(folder, "program"))
         with listener:
             command = [*_python(settings), _START_FILE, door.show_address(address), *_program(settings)]
-            if settings.console != "internalConsole" and has_terminals:
-                return _start_in_terminal(settings, command, variables, ask_for_terminal, listener)
-            return _start_here(settings, command, variables, emit, listener)
+            if settings.console != "internalConsole" and ask_for_terminal is not None:
+                return _start_in_terminal(settings, command, variables, ask_for_terminal, listener, gives_up)
+            return _start_here(settings, command, variables, emit, listener, gives_up)
     finally:
         shutil.rmtree(folder, ignore_errors=True)
 
@@ -143,7 +148,7 @@ def _program(settings: arguments.Settings) -> list[str]:
 
 
 def _start_here(settings: arguments.Settings, command: list[str], variables: dict[str, str | None],
-                emit: Callable[[str, str], object], listener: socket.socket) -> Program:
+                emit: Callable[[str, str], object], listener: socket.socket, gives_up: Callable[[], bool]) -> Program:
     environment = {name: value for name, value in {**os.environ, **variables}.items() if value is not None}
     environment["BRIXDEBUG_OUTPUT"] = "pipe"
     # What is not wanted at the client goes where the adapter's own words go.
@@ -161,7 +166,7 @@ def _start_here(settings: arguments.Settings, command: list[str], variables: dic
             pipe.close()
     pump = Pump(emit, pipes)
     try:
-        return Program(_accept(listener, lambda: process.poll() is not None), process, pump)
+        return Program(_accept(listener, lambda: process.poll() is not None, gives_up), process, pump)
     except BaseException:
         _end(process)
         pump.wait(_OUTPUT_SECONDS)
@@ -170,13 +175,13 @@ def _start_here(settings: arguments.Settings, command: list[str], variables: dic
 
 def _start_in_terminal(settings: arguments.Settings, command: list[str], variables: dict[str, str | None],
                        ask_for_terminal: Callable[[dict[str, Any]], dict[str, Any]],
-                       listener: socket.socket) -> Program:
+                       listener: socket.socket, gives_up: Callable[[], bool]) -> Program:
     response = ask_for_terminal({"kind": _TERMINAL_KINDS[settings.console], "title": "Python",
                                  "cwd": settings.cwd or os.getcwd(), "args": command, "env": variables})
     if not response.get("success"):
         raise ProgramError("the editor could not open a terminal: %s" % (response.get("message") or "no reason given"))
     process_id = (response.get("body") or {}).get("processId")
-    return Program(_accept(listener, lambda: isinstance(process_id, int) and not _is_running(process_id)))
+    return Program(_accept(listener, lambda: isinstance(process_id, int) and not _is_running(process_id), gives_up))
 
 
 def _is_running(process_id: int) -> bool:
@@ -188,10 +193,10 @@ def _is_running(process_id: int) -> bool:
     return True
 
 
-def _accept(listener: socket.socket, has_ended: Callable[[], bool]) -> Wire:
+def _accept(listener: socket.socket, has_ended: Callable[[], bool], gives_up: Callable[[], bool]) -> Wire:
     deadline = time.monotonic() + CONNECT_SECONDS
-    listener.settimeout(0.1)
-    while time.monotonic() < deadline:
+    listener.settimeout(_LOOK_SECONDS)
+    while time.monotonic() < deadline and not gives_up():
         try:
             connection, _ = listener.accept()
         except TimeoutError:
@@ -210,8 +215,10 @@ def _wire(connection: socket.socket) -> Wire:
 
 # -- connecting ------------------------------------------------------------------------------------
 
-def connect(settings: arguments.Settings) -> Program:
-    """Reach a program that runs already; raises ProgramError or DoorError."""
+def connect(settings: arguments.Settings, say: Callable[[str], object], gives_up: Callable[[], bool]) -> Program:
+    """Reach a program that runs already; raises ProgramError or DoorError.  `say` shows the user a line."""
+    if settings.process_id is not None:
+        return _attach_to_process(settings.process_id, say, gives_up)
     if settings.connect is not None:
         return Program(_wire(door.connect_to(_address(settings.connect), CONNECT_SECONDS)))
     if settings.listen is not None:
@@ -219,8 +226,30 @@ def connect(settings: arguments.Settings) -> Program:
         with listener:
             if door.needs_secret(address):
                 raise ProgramError("'listen' at %s would let anybody in; use the loopback" % door.show_address(address))
-            return Program(_accept(listener, lambda: False))
-    raise ProgramError("attach needs one of 'connect' and 'listen'")
+            return Program(_accept(listener, lambda: False, gives_up))
+    raise ProgramError("attach needs one of 'connect', 'listen' and 'processId'")
+
+
+def _attach_to_process(process_id: int, say: Callable[[str], object], gives_up: Callable[[], bool]) -> Program:
+    try:
+        connection = attach.reach(process_id, "from brixdebug.dap import program", "program.serve_attached(end)",
+                                  lambda text: say("%s.\n" % text), gives_up)
+    except injection.InjectionError as error:
+        raise ProgramError(str(error)) from None
+    # One line comes before the protocol: whether the debugger could be loaded.
+    connection.settimeout(CONNECT_SECONDS)
+    line = b""
+    try:
+        while not line.endswith(b"\n") and (byte := connection.recv(1)):
+            line += byte
+        answer = json.loads(line)
+    except (OSError, ValueError):
+        answer = {"error": "process %d has ended, or cannot load the debugger" % process_id}
+    if "error" in answer:
+        connection.close()
+        raise ProgramError(answer["error"])
+    connection.settimeout(None)
+    return Program(_wire(connection))
 
 
 def _address(end_point: dict[str, Any]) -> door.Address:
