@@ -119,10 +119,9 @@ class LaunchTest(AdapterTestCase):
 
     def test_attach_without_a_place(self):
         for arguments, text in (
-                ({}, "attach needs one of 'connect' and 'listen'"),
+                ({}, "attach needs one of 'connect', 'listen' and 'processId'"),
                 ({"connect": {"port": 1}, "listen": {"port": 2}},
-                 "attach needs one of 'connect' and 'listen'; given are 'connect' and 'listen'"),
-                ({"processId": 7}, "'processId' is not supported here: `brixdebug -p 7` in a terminal attaches a prompt")):
+                 "attach needs one of 'connect', 'listen' and 'processId'; given are 'connect' and 'listen'")):
             with self.subTest(arguments):
                 client = self.client()
                 client.ask("initialize", adapterID="x")
