@@ -70,15 +70,21 @@ scenario("the program's own names", async (s) => {
     assert.equal(await printed(s, text), `__main__ True None ${s.folder}\n`);
 });
 
-scenario("the program sees no debugger's modules in its globals", async (s) => {
-    assert.equal(await printed(s, "print(sorted(set(globals()) - {'__annotations__', '__conditional_annotations__'}))"),
-        "['__builtins__', '__cached__', '__doc__', '__file__', '__loader__', '__name__', '__package__', '__spec__']\n".replace(
-            "'__cached__', ", versionOf(PYTHON) >= 15 ? "" : "'__cached__', "));
-});
-
-function versionOf(python) {
-    return Number(childProcess.execFileSync(python, ["-c", "import sys; print(sys.version_info[1])"]));
-}
+const SURROUNDINGS = "import sys; print(sorted(globals())); print(sys.path[:2], sys.argv[1:], globals().get('__file__'), __name__, __package__)";
+for (const [kind, args, command] of [
+    ["program", { program: "here.py" }, ["here.py"]],
+    ["folder", { program: "folder" }, ["folder"]],
+    ["module", { module: "here" }, ["-m", "here"]],
+    ["code", { code: SURROUNDINGS }, ["-c", SURROUNDINGS]]])
+    scenario(`a ${kind} has the globals, the path and the arguments that it has without a debugger`, async (s) => {
+        const files = { "here.py": s.write("here.py", SURROUNDINGS), folder: s.folder + "/folder" };
+        s.write("folder/__main__.py", SURROUNDINGS);
+        const whole = { ...args, ...(args.program ? { program: files[args.program] } : {}) };
+        const plain = childProcess.execFileSync(PYTHON, command.map((each) => files[each] || each), { cwd: s.folder, encoding: "utf8" });
+        await s.begin("launch", { ...whole, cwd: s.folder, console: "internalConsole" });
+        assert.equal(await s.ended(), 0);
+        assert.equal(s.printed.stdout, plain);
+    });
 
 scenario("the current folder", async (s) => {
     s.write("inner/there", "");

@@ -3,6 +3,7 @@
 import os
 import signal
 import subprocess
+import sys
 import unittest
 
 from dap_client import AdapterTestCase
@@ -43,6 +44,19 @@ class LaunchTest(AdapterTestCase):
                       envFile=str(self.folder / "vars"))
         client.finish()
         self.assertEqual(client.output["stdout"], "['a b', 'two', 'x\\ny']\n")
+
+    def test_program_has_the_globals_that_it_has_without_a_debugger(self):
+        path = self.program("print(sorted(globals()))")
+        (self.folder / "folder").mkdir()
+        self.program("print(sorted(globals()))", "folder/__main__.py")
+        for arguments, command in (({"program": str(path)}, [path]), ({"program": str(self.folder / "folder")}, ["folder"]),
+                                   ({"module": "program"}, ["-m", "program"])):
+            with self.subTest(arguments):
+                plain = subprocess.run([sys.executable, *command], cwd=self.folder, capture_output=True, text=True, check=True)
+                client = self.client()
+                client.begin("launch", {**arguments, "cwd": str(self.folder), "console": "internalConsole"})
+                self.assertEqual(client.finish(), 0)
+                self.assertEqual(client.output["stdout"], plain.stdout)
 
     def test_stop_on_entry(self):
         path = self.program("first = 1\nsecond = 2\n")

@@ -20,6 +20,11 @@ if TYPE_CHECKING:
 _runpy: Any = runpy
 
 
+def _cached(path: str | None) -> dict[str, str | None]:
+    """What modules have of their compiled file's name."""
+    return {"__cached__": path} if sys.version_info < (3, 15) else {}         # PYVERSIONS
+
+
 class Program:
     """What is to be run: code, and the module that it runs in."""
 
@@ -28,6 +33,8 @@ class Program:
         module = types.ModuleType("__main__")
         names = module.__dict__
         names.update(__builtins__=builtins, __spec__=None, __package__=None, __loader__=None)
+        if sys.version_info < (3, 14):                                        # PYVERSIONS
+            names["__annotations__"] = {}
         self.name = name
         self.was_interrupted = False
         self._load: Callable[[], CodeType]
@@ -35,7 +42,7 @@ class Program:
             sys.path[0:0] = [os.getcwd()]
             sys.argv[:] = ["-m", *arguments]
             _, spec, code = _runpy._get_module_details(name)
-            names.update(__file__=spec.origin, __cached__=spec.cached, __loader__=spec.loader, __spec__=spec,
+            names.update(__file__=spec.origin, **_cached(spec.cached), __loader__=spec.loader, __spec__=spec,
                          __package__=spec.parent)
             sys.argv[:] = [spec.origin, *arguments]
             self._load = lambda: code
@@ -48,13 +55,13 @@ class Program:
             sys.path[0:0] = [name]
             sys.argv[:] = [name, *arguments]
             _, spec, code = _runpy._get_main_module_details()
-            names.update(__file__=spec.origin, __loader__=spec.loader, __spec__=spec, __package__="")
+            names.update(__file__=spec.origin, **_cached(spec.cached), __loader__=spec.loader, __spec__=spec, __package__="")
             self._load = lambda: code
         else:
             path = os.path.abspath(name)
             sys.path[0:0] = [os.path.dirname(os.path.realpath(path))]
             sys.argv[:] = [name, *arguments]
-            names.update(__file__=path, __cached__=None,
+            names.update(__file__=path, **_cached(None),
                          __loader__=importlib.machinery.SourceFileLoader("__main__", path))
             self._load = lambda: _compiled(path)
         self.module = module
