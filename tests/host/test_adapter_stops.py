@@ -292,6 +292,16 @@ class StepTest(AdapterTestCase):
         client.finish()
         self.assertEqual(client.output["stdout"], "1\n")
 
+    def test_goto_leaves_no_function(self):
+        path = self.program("def f():\n    return 1\nx = f()\nx = 2\n")
+        client = self.client()
+        client.launch(path, {path: [4]})
+        client.wait_for_stop("breakpoint")
+        target, = client.ask("gotoTargets", source={"path": str(path)}, line=2)["targets"]
+        self.assertEqual(client.refused("goto", threadId=1, targetId=target["id"]),
+                         "cannot go to line 2: it is not in <module>, where the thread stands")
+        self.assertEqual(client.place(1), ("<module>", 4))
+
     def test_pause_finds_threads_in_python_and_in_c_code_and_steps_each(self):
         path = self.program("""\
             import threading, time
@@ -436,6 +446,32 @@ class ValuesTest(AdapterTestCase):
         self.assertEqual(client.evaluate("name, numbers, pairs", self.frame_id), "('new', [1, 20], {'a': 10, 'b': 30})")
         self.assertEqual(client.refused("setVariable", variablesReference=scope, name="name", value="1 +"),
                          "SyntaxError: invalid syntax (<expression>, line 1)")
+
+    def test_what_was_set_in_a_function_holds_in_the_program(self):
+        path = self.program("""\
+            def work(other):
+                first, second, third = 1, 2, 3
+                def inner():
+                    return third
+                here = True                 # here
+                print(first, second, inner(), other)
+            def outer(own):
+                work("other")
+                print(own)
+            outer(1)
+        """, "holding.py")
+        client = self.client()
+        client.launch(path, {path: [line_of(path, "here")]})
+        client.wait_for_stop("breakpoint")
+        inner, outer = client.frames(1)[:2]
+        client.evaluate("own = 40", outer["id"])
+        scope = client.ask("scopes", frameId=inner["id"])["scopes"][0]["variablesReference"]
+        for name, value in (("second", "20"), ("third", "30")):
+            client.ask("setVariable", variablesReference=scope, name=name, value=value)
+        client.evaluate("first = 100", inner["id"])          # the last word: nothing is looked at after it
+        client.go_on()
+        self.assertEqual(client.finish(), 0)
+        self.assertEqual(client.output["stdout"], "100 20 30 other\n40\n")
 
     def test_completions(self):
         client = self.at_end_of("numbers = [1]")

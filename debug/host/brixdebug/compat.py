@@ -36,7 +36,8 @@ if sys.version_info >= (3, 13):
     def take_locals(frame: FrameType) -> None:
         """Nothing: `frame.f_locals` is the variables themselves."""
 
-    give_locals_back = take_locals
+    def give_locals_back(frame: FrameType, is_last: bool = True) -> None:
+        """Nothing, as before."""
 else:
     import contextlib
     import ctypes
@@ -65,13 +66,19 @@ else:
                                            module=frame.f_globals.get("__name__"),
                                            registry=frame.f_globals.setdefault("__warningregistry__", {}))
 
-    def give_locals_back(frame: FrameType) -> None:
-        """Let the variables be what `frame.f_locals` is now, as after a function of `sys.settrace`."""
+    def give_locals_back(frame: FrameType, is_last: bool = True) -> None:
+        """Let the variables be what `frame.f_locals` is now, as after a function of `sys.settrace`.
+
+        `is_last` is False where they will be given back once more: what `frame.f_locals` is has to stay whole.
+        """
         # In a module or a class f_locals is the variables; those of its comprehensions are not in it, and would be lost.
         if not frame.f_code.co_flags & _OPTIMIZED:
             return
         _warn_of_deleted(frame)
         ctypes.pythonapi.PyFrame_LocalsToFast(ctypes.py_object(frame), 1)
+        if not is_last:
+            take_locals(frame)
+            return
         code, variables = frame.f_code, frame.f_locals
         # No copy is to keep objects alive past their last use, unless it is the program's too.
         if sys.getrefcount(variables) <= _OWN_REFERENCES:

@@ -6,7 +6,6 @@ import _thread
 import codeop
 import rlcompleter
 
-from brixdebug import compat
 from brixdebug.dap import rendering
 from brixdebug.dap.asking import RequestError
 from brixdebug.dap.inspection import frame_of
@@ -129,7 +128,7 @@ def _execute(request: Request, text: str, frame: FrameType | None) -> None:
     try:
         _run(request, lambda: exec(code, frame.f_globals, frame.f_locals))
     finally:
-        compat.give_locals_back(frame)
+        request.session.debugger.give_locals_back(frame)
 
 
 def _run(request: Request, call: Callable[[], Any]) -> Any:

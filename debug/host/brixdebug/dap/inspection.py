@@ -8,7 +8,6 @@ import os
 import sys
 import traceback
 
-from brixdebug import compat
 from brixdebug.dap import rendering, variables
 from brixdebug.dap.asking import RequestError
 from brixdebug.dap.data_breakpoints import module_scope
@@ -122,7 +121,7 @@ def _with_returned(session: Session, frame: FrameType, names: variables.NamesNod
 
 def _assign(session: Session, frame: FrameType, name: str, value: Any) -> None:
     frame.f_locals[name] = value
-    compat.give_locals_back(frame)
+    session.debugger.give_locals_back(frame)
 
 
 def on_variables(session: Session, request: Request) -> Any:

@@ -58,6 +58,9 @@ def on_goto(session: Session, request: Request) -> Any:
     if os.path.realpath(frame.f_code.co_filename) != os.path.realpath(path):
         raise RequestError("cannot go to line %d of another file: %s() is in %s" % (
             session.client_line(line), frame.f_code.co_name, session.paths.to_client(frame.f_code.co_filename)))
+    if line not in stop_lines(frame.f_code):         # the interpreter would take the next line that is
+        raise RequestError("cannot go to line %d: it is not in %s, where the thread stands" % (
+            session.client_line(line), frame.f_code.co_qualname))
     return request.later(lambda session, request: _move(session, request, stop, frame, line, "goto"), stop.do)
 
 

@@ -13,7 +13,7 @@ import threading
 
 import optmonitoring
 
-from brixdebug import entry
+from brixdebug import compat, entry
 from brixdebug.engine import Bdb
 from brixdebug.libraries import set_rules
 from brixdebug.monitor import monitor
@@ -251,6 +251,10 @@ class ClientDebugger(Bdb):
         if rule is not None:
             with monitor.turn.lock:
                 self.user_uncaught(frame, exception, rule)
+
+    def give_locals_back(self, frame: FrameType) -> None:
+        """In the stopped thread: the variables of `frame` are what `frame.f_locals` is now."""
+        compat.give_locals_back(frame, is_last=self.stop_states.own().stopped_frame is not frame)
 
     # -- stops ----------------------------------------------------------------------------------
 
