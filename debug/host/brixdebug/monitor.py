@@ -140,6 +140,10 @@ class Monitor:
     def enter_event(self) -> BaseException | None:
         """The calling thread reports; what a signal handler raised while it waited is returned."""
         interruption = self.turn.take()
+        while self.suspension.has_to_stand():
+            self.turn.lock.release()
+            self.suspension.stand()
+            interruption = self.turn.take() or interruption
         self.turn.depth += 1
         return interruption
 

@@ -334,6 +334,8 @@ class Reporter:
             self._report_failed(debugger, frame, error)
         finally:
             self._monitor.leave_event()
+        while self._monitor.suspension.has_to_stand() and not self._monitor.turn.lock._is_owned():
+            self._monitor.suspension.stand()          # another one goes on alone, from this stop
 
     def _report_failed(self, debugger: TracedDebugger, frame: FrameType, error: BaseException) -> None:
         if is_of_signal_handler(error):

@@ -195,6 +195,9 @@ class Suspension:
         self.holder: int | None = None        # id of the thread at the prompt, which is not held
         self._held: dict[SuspendLock, CPerThread] = {}    # lock -> record, of the threads that are
         self._is_holding = True               # threads are held at all
+        # Ids of the threads that run while all others stay held, between two stops; empty: all run.
+        self.alone: set[int] = set()
+        self._next_alone: int | None = None   # what is to be alone when the stop ends
         self.evaluation = Evaluation(self._wake_one, self._let_go, self._hold_again, on_let_go,
                                      lambda: turn.waiting_thread_ids, on_waiting)
         self.is_ending_all = False            # every thread ends at its next event
@@ -264,7 +267,7 @@ class Suspension:
             if self._is_started_by_own_thread():
                 self._adopt(per_thread, True)
             elif self._is_armed and self._is_holding and not self.evaluation.are_others_free \
-                    and thread_id_of(per_thread) != self.holder:
+                    and not self._runs(thread_id_of(per_thread)):
                 self._hold(per_thread)
         except Exception:
             dlog.LogException("a new thread")
@@ -303,6 +306,10 @@ class Suspension:
             self.evaluation.pause()
         else:
             self.holder = threading.get_ident()
+            if self.alone:                    # events are on already
+                self.alone = set()
+                self._hold_all()
+                self._let_one_go(self.holder)
         if at_once:
             self._arm()
         else:
@@ -339,9 +346,12 @@ class Suspension:
         elif self._begin_events():
             self._hold_all()
 
+    def _runs(self, thread_id: int | None) -> bool:
+        return thread_id == self.holder or thread_id in self.alone
+
     def _hold_all(self) -> None:
         for thread_id in sys._current_frames():
-            if thread_id != self.holder and thread_id not in own_thread_ids:
+            if not self._runs(thread_id) and thread_id not in own_thread_ids:
                 self._hold(optmonitoring.CPerThread.GetPerThread(thread_id))
         self._switches.look_at_suspend_locks(True)
         self._watch_running_code()
@@ -387,12 +397,57 @@ class Suspension:
         self.holder = None
         if not self._is_armed:
             return
+        alone, self._next_alone = self._next_alone, None
+        if alone is not None and self._is_holding:
+            self.alone = {alone}
+            self._hold_all()
+            self._let_one_go(alone)
+        else:
+            self._disarm()
+
+    def _disarm(self) -> None:
         self._is_armed = False
         self._switches.hold(self.is_active)
         if not self.is_ending_all:
             self._switches.let_all_go()
         self._let_go()
         self._end_events()
+
+    # -- one thread alone --------------------------------------------------------------
+
+    def let_only(self, thread_id: int) -> None:
+        """When the stop ends only this thread goes on, up to the next stop or `let_all`."""
+        self._next_alone = thread_id
+
+    def let_too(self, thread_id: int) -> None:
+        """Another thread goes on beside those that run alone."""
+        if self.alone:
+            self.alone.add(thread_id)
+            self._let_one_go(thread_id)
+
+    def let_all(self) -> None:
+        """No thread runs alone any longer."""
+        self._next_alone = None
+        if self.alone:
+            self.alone = set()
+            self._disarm()
+
+    def _let_one_go(self, thread_id: int) -> None:
+        lock = suspend_lock_of(optmonitoring.CPerThread.GetPerThread(thread_id, False))
+        if lock in self._held:
+            self._held.pop(lock).fCheckSuspendLock = 0
+            lock.open()
+
+    def has_to_stand(self) -> bool:
+        """Another thread runs alone, so the calling one reports nothing, and goes no further."""
+        return bool(self.alone) and not self._depth and not self._turn.depth \
+            and threading.get_ident() not in self.alone | own_thread_ids
+
+    def stand(self) -> None:
+        """Wait to be let go.  Called without the turn."""
+        lock = suspend_lock_of(optmonitoring.CPerThread.GetPerThread(threading.get_ident()))
+        if lock is not None:
+            lock.acquire()
 
     def _let_go(self) -> None:
         """Every thread that is held goes on."""
@@ -428,6 +483,8 @@ class Suspension:
 
     def forget_other_threads(self) -> None:
         """After a fork, in the child: nobody is left to be held, or to let go."""
+        self.alone = set()
+        self._next_alone = None
         self._held = {}
         own_thread_ids.intersection_update({threading.get_ident()})
         if self.holder != threading.get_ident():

@@ -14,6 +14,7 @@ CAPABILITIES: dict[str, object] = {
     "supportsSetExpression": True,
     "supportsGotoTargetsRequest": True,
     "supportsStepInTargetsRequest": True,
+    "supportsSingleThreadExecutionRequests": True,
     "supportsRestartFrame": True,
     "supportsTerminateThreadsRequest": True,
     "supportsCompletionsRequest": True,

@@ -18,6 +18,7 @@ if TYPE_CHECKING:
     from typing import Any
 
     from brixdebug.dap.server import Handler, Request, Session
+    from brixdebug.dap.session import Stop
 
 
 def _thread_id(session: Session, request: Request) -> int:
@@ -34,14 +35,31 @@ def on_threads(session: Session, request: Request) -> Any:
 
 def on_continue(session: Session, request: Request) -> Any:
     stop = session.stop()
+    only = _only(session, request)
 
     def go_on(session: Session, request: Request) -> Any:
+        session.check_stop(stop)
         session.debugger.set_continue()
-        request.answer({"allThreadsContinued": True})
-        stop.go_on()
+        _go_on(session, request, stop, only, {"allThreadsContinued": only is None})
         return LATER
 
-    return request.later(go_on, stop.do)
+    return request.later(go_on, session.debugger.doer(stop))
+
+
+def _only(session: Session, request: Request) -> int | None:
+    """The only thread that is to go on; None for all."""
+    return _thread_id(session, request) if request.arguments.flag("singleThread") else None
+
+
+def _go_on(session: Session, request: Request, stop: Stop, only: int | None, body: dict[str, Any] | None) -> None:
+    ends = session.debugger.let_go(stop, only)
+    if only is not None and not ends:
+        session.tree.forget_thread(only)
+    request.answer(body)
+    if ends:
+        stop.go_on()
+        if stop.is_rest:
+            session.tree.forget()
 
 
 def _on_step(session: Session, request: Request, choose: Callable[[FrameType], Callable[[], None]],
@@ -50,18 +68,20 @@ def _on_step(session: Session, request: Request, choose: Callable[[FrameType], C
     if request.arguments.text("granularity") == "instruction":
         raise RequestError("steps go from line to line; those of single instructions are not supported")
     thread_id = _thread_id(session, request)
+    only = _only(session, request)
+    session.check_held(thread_id)
     stack = session.tree.stack(thread_id)
     if not stack:
         raise RequestError("this thread has ended")
     frame = stack[0].frame
 
     def step(session: Session, request: Request) -> Any:
+        session.check_stop(stop)
         session.debugger.step(stop, thread_id, frame, choose(frame), target)
-        request.answer()
-        stop.go_on()
+        _go_on(session, request, stop, only, None)
         return LATER
 
-    return request.later(step, stop.do)
+    return request.later(step, session.debugger.doer(stop))
 
 
 def on_next(session: Session, request: Request) -> Any:
@@ -97,6 +117,9 @@ def on_terminate(session: Session, request: Request) -> Any:
     if stop is not None:
         stop.do(session.debugger.set_continue)
         stop.go_on()
+    rest = session.debugger.rest
+    if rest is not None:
+        session.debugger.in_turn(lambda: session.debugger.end_rest(rest))
     os.kill(os.getpid(), signal.SIGTERM)
     return LATER
 

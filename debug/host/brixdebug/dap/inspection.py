@@ -43,6 +43,7 @@ def on_stack_trace(session: Session, request: Request) -> Any:
     thread_id = session.tree.numbers.thing(number)
     if thread_id is None:
         raise RequestError("there is no thread %d" % number)
+    session.check_held(thread_id)
     frames = session.tree.stack(thread_id)
     start = request.arguments.integer("startFrame", 0)
     count = request.arguments.integer("levels", 0) or len(frames)

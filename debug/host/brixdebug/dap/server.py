@@ -178,8 +178,16 @@ class Server:
 
     def on_went_on(self, stop: Stop) -> None:
         session = self.session
-        if session is not None:
+        if session is not None and stop.only is not None:
+            session.tree.forget_thread(stop.only)
+        elif session is not None:
             session.tree.forget()
+
+    def on_all_go_on(self, stop: Stop) -> None:
+        self.on_went_on(stop)
+        session = self.session
+        if session is not None:
+            session.wire.event("continued", {"threadId": session.thread_number(stop.thread_id), "allThreadsContinued": True})
 
     def on_log(self, frame: FrameType, text: str) -> None:
         session = self.session
@@ -388,10 +396,20 @@ class Session:
 
     def stop(self) -> Stop:
         """The stop that there is; RequestError without one."""
-        stop = self.debugger.stop
+        stop = self.debugger.stop or self.debugger.rest
         if stop is None:
             raise RequestError("the program is running", "notStopped")
         return stop
+
+    def check_stop(self, stop: Stop) -> None:
+        """RequestError when it has ended before a request about it could be served."""
+        if stop not in (self.debugger.stop, self.debugger.rest):
+            raise RequestError("the program is running", "notStopped")
+
+    def check_held(self, thread_id: int) -> None:
+        """RequestError for a thread that runs while others are held."""
+        if thread_id in monitor.suspension.alone:
+            raise RequestError("thread %d is running" % self.thread_number(thread_id), "notStopped")
 
     # -- names and lines as the client has them ----------------------------------------------------
 

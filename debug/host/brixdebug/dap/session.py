@@ -39,6 +39,9 @@ if TYPE_CHECKING:
 
         def on_went_on(self, stop: Stop) -> None: ...
 
+        def on_all_go_on(self, stop: Stop) -> None:
+            """By themselves: the threads that ran alone have ended."""
+
         def on_let_go(self) -> None:
             """What is evaluated takes so long that the other threads go on meanwhile."""
 
@@ -71,6 +74,8 @@ class Stop:
         self.returned = returned             # name of the function that has just returned, and its value
         self.exception = exception
         self.is_uncaught = is_uncaught       # the stack is that of the exception, which has been left
+        self.is_rest = False                 # of other threads than the one that goes on alone
+        self.only: int | None = None         # the thread that goes on from here; None: all
         self.below = below                   # the outermost frame of it, when the thread goes on
         self._tasks: queue.SimpleQueue[Callable[[], None] | None] = queue.SimpleQueue()
         self._lock = threading.Lock()
@@ -114,6 +119,7 @@ class ClientDebugger(Bdb):
         self._entry_thread_id: int | None = None
         self._targets: dict[int, tuple[FrameType, int]] = {}     # thread id -> frame and call that it is to step into
         self.stop: Stop | None = None         # the one that there is now
+        self.rest: Stop | None = None         # of the other threads, while some go on alone
         self.shows_return_values = True
 
     # -- beginning and ending -----------------------------------------------------------------
@@ -142,6 +148,9 @@ class ClientDebugger(Bdb):
         """The program goes on alone: no breakpoint holds, and no thread is stepped."""
         self.awaits_code = False
         self.set_own_code(False, [])
+        if self.rest is not None:
+            self.end_rest(self.rest)
+        monitor.suspension.let_all()
         self.clear_all_breaks()
         for state in self.stop_states.all():
             state.run_freely()
@@ -273,7 +282,9 @@ class ClientDebugger(Bdb):
 
     def _wait_muted(self, stop: Stop) -> None:
         with monitor.turn.lock, monitor.suspension.others_held():
-            self.stop = stop
+            rest, self.rest, self.stop = self.rest, None, stop
+            if rest is not None:
+                rest.go_on()
             self._targets.pop(stop.thread_id, None)
             try:
                 if self._front.on_stop(stop):
@@ -281,6 +292,8 @@ class ClientDebugger(Bdb):
                 else:
                     self.set_continue()
             finally:
+                if stop.only is not None:
+                    self._begin_rest(stop)
                 self.stop = None
             self._front.on_went_on(stop)
 
@@ -328,6 +341,65 @@ class ClientDebugger(Bdb):
                 finally:
                     monitor.turn.lock.release()
                 return
+
+    # -- one thread alone --------------------------------------------------------------------------
+
+    def _begin_rest(self, stop: Stop) -> None:
+        """One thread goes on, the others stay held: a thread of the debugger's own does what the client asks for."""
+        is_held = stop.thread_id != stop.only
+        self.rest = rest = Stop(stop.thread_id, stop.frame if is_held else None, "pause",
+                                exception=stop.exception if is_held else None, is_uncaught=stop.is_uncaught, below=stop.below)
+        rest.is_rest = True
+        _thread.start_new_thread(self._run_rest, (rest,))
+        _thread.start_new_thread(self._watch_alone, (rest,))
+
+    def _run_rest(self, rest: Stop) -> None:
+        monitor.suspension.adopt_thread()
+        rest.run()
+        if self.rest is rest:
+            self.rest = None
+
+    def _watch_alone(self, rest: Stop) -> None:
+        """All go on when the thread that runs alone has ended: nobody else could let them."""
+        monitor.suspension.adopt_thread()
+        pause = threading.Event()
+        while self.rest is rest:
+            pause.wait(_TURN_SECONDS)
+            if monitor.suspension.alone.isdisjoint(debugged_frames()) and monitor.turn.lock.acquire(timeout=_TURN_SECONDS):
+                try:
+                    if self.rest is rest and monitor.suspension.alone.isdisjoint(debugged_frames()):
+                        self.end_rest(rest)
+                        self._front.on_all_go_on(rest)
+                finally:
+                    monitor.turn.lock.release()
+
+    def let_go(self, stop: Stop, only: int | None) -> bool:
+        """Whom the end of `stop` lets go on, all threads or one; False when this does not end it.
+
+        Called by a task that `doer` has called.
+        """
+        suspension = monitor.suspension
+        if not stop.is_rest:
+            stop.only = only
+            if only is not None:
+                suspension.let_only(only)
+            return True
+        if only is not None:
+            suspension.let_too(only)
+            return False
+        self.rest = None
+        suspension.let_all()
+        return True
+
+    def end_rest(self, rest: Stop) -> None:
+        """All threads go on; called with the turn."""
+        if self.rest is rest:
+            self.let_go(rest, None)
+            rest.go_on()
+
+    def doer(self, stop: Stop) -> Callable[[Callable[[], None]], object]:
+        """What has tasks called that let threads of `stop` go on: beside a thread that runs they need the turn."""
+        return self.in_turn if stop.is_rest else stop.do
 
     # -- going on --------------------------------------------------------------------------------
 

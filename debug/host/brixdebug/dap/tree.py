@@ -95,6 +95,15 @@ class Tree:
         self._frames_of_nodes.clear()
         self._places.clear()
 
+    def forget_thread(self, thread_id: int) -> None:
+        """One thread goes on, and the others stay where they are."""
+        for number, each in list(self._frames.items()):
+            if each.thread_id == thread_id:
+                del self._frames[number]
+                self._by_frame.pop(id(each.frame), None)
+        if self.stop is not None and self.stop.thread_id == thread_id:
+            self.stop = None
+
     # -- threads and frames ------------------------------------------------------------------------
 
     def threads(self) -> list[tuple[int, str]]:
