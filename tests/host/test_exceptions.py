@@ -68,6 +68,36 @@ class UncaughtTest(Case):
         lines = self.session('threading.excepthook = lambda args: print("hook", args.exc_value)\nrun(1)\n', "c", "p value", "c", "q")
         self.assertLess(lines.index("2"), lines.index("hook number 1"))
 
+    BARE_THREAD = """
+import _thread
+ended = threading.Semaphore(0)
+class End:
+    def __del__(self):
+        ended.release()
+def bare(number):
+    end = End()
+    middle(number)
+def begin(number):
+    _thread.start_new_thread(bare, (number,))
+    ended.acquire()
+"""
+
+    def test_a_thread_that_threading_has_not_started(self):
+        lines = self.session(self.BARE_THREAD + 'begin(4)\nbegin(5)\nprint("end")\n', "c", "p value", "up", "up", "p number", "threads", "c",
+                             "catch off", "c", "q")
+        self.assertRegex("\n".join(lines), r"Uncaught exception in thread \d \(thread \d+\)\. Entering post mortem debugging\nTrouble: number 4\n")
+        self.assertIn(self.place("call", "middle"), lines)
+        self.assertIn("4", lines)
+        self.assertEqual(len([line for line in lines if "at the prompt" in line]), 1, lines)
+        self.assertEqual(lines[-1], "end")
+        self.assertEqual(self.child.stderr.count("in thread started by"), 2)
+
+    def test_quit_in_a_thread_that_threading_has_not_started(self):
+        lines = self.session(self.BARE_THREAD + 'begin(4)\nprint("end")\n', "c", "q")
+        self.assertIn("Trouble: number 4", lines)
+        self.assertNotIn("end", lines)
+        self.assertEqual(self.child.returncode, 0)
+
     def test_quit(self):
         lines = self.session('run(1)\nprint("end")\n', "c", "q")
         self.assertIn("Uncaught exception in thread 2 (worker 1). Entering post mortem debugging", lines)

@@ -8,7 +8,7 @@ import threading
 
 from brixdebug import compat, ipython, log, processes
 from brixdebug.debugger import Debugger
-from brixdebug.engine import BdbQuit
+from brixdebug.engine import BdbQuit, reporter
 from brixdebug.entry import PDB_NAMES, standard, take_over
 from brixdebug.sharing import sharing
 
@@ -111,6 +111,9 @@ def _show_help(arguments: list[str]) -> None:
         sys.exit()
 
 
+# What the interpreter says of an exception that has ended such a thread.
+_ENDED_THREAD = "in thread started by"
+
 # 3.13's first pdb looks for its options everywhere, and refuses those that it does not know.
 _TAKES_ALL_OPTIONS = "args" in pdb.main.__code__.co_consts
 
@@ -124,7 +127,8 @@ def _take_program_arguments(arguments: list[str]) -> list[str]:
     index, is_module = 0, False
     while not is_module and index < len(arguments) and arguments[index].startswith("-"):
         if arguments[index] == "--":
-            del arguments[index]
+            if arguments[index + 1:]:
+                del arguments[index]
             break
         is_module = arguments[index].startswith("-m")
         index += 2 if arguments[index] in ("-c", "--command", "-m") else 1
@@ -221,6 +225,15 @@ def _hide_quit(show: Callable[[Any], object]) -> Callable[[Any], None]:
     return excepthook
 
 
+def _stop_at_ends_of_threads(show: Callable[[Any], object]) -> Callable[[Any], None]:
+    """Threads that `threading` has not started report their end to this hook, from C code."""
+    def unraisablehook(args: Any) -> None:
+        if _ENDED_THREAD in (args.err_msg or "") and args.exc_value is not None:
+            reporter.bare_thread_ends(args.exc_value)
+        show(args)
+    return unraisablehook
+
+
 def _debugger_class(has_ipython: bool) -> Any:
     if not has_ipython:
         return _CommandLineDebugger
@@ -251,7 +264,7 @@ def main() -> None:
         _leave_options_to_program(arguments)
     sys.argv[1:] = arguments
     threading.excepthook = _hide_quit(threading.excepthook)
-    sys.unraisablehook = _hide_quit(sys.unraisablehook)       # threads that `threading` did not start
+    sys.unraisablehook = _stop_at_ends_of_threads(_hide_quit(sys.unraisablehook))
     take_over()
     processes.begin_session()
     if processes.is_prompt_everywhere():

@@ -57,7 +57,7 @@ class Ends(_StandardDebugger):
     # -- quit -----------------------------------------------------------------------------------
 
     def set_quit(self) -> None:
-        if not self._ends_program or len(debugged_frames()) < 2:
+        if not self._ends_program or not debugged_frames().keys() - {threading.get_ident()}:
             super().set_quit()
             return
         if monitor.debugger is None:          # at a post-mortem prompt, where no thread gets events

@@ -43,7 +43,7 @@ if TYPE_CHECKING:
 
 BdbQuit = bdb.BdbQuit
 
-Reporter(monitor)             # events go through it to the debugger that traces
+reporter = Reporter(monitor)  # events go through it to the debugger that traces
 
 # Classes whose user_call does something only where the debugger stops anyway.
 _QUIET_CALL_MODULES = ("bdb", "pdb", __name__, "brixdebug.terminal")

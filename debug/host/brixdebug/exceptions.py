@@ -185,7 +185,7 @@ class ExceptionStops:
         if caller.f_globals.get("__name__") == "contextlib":
             return None               # on its way through a context manager, to the `with` statement
         rule = next((each for each in self.rules if each.kind == UNHANDLED
-                     and each.matches(exception, _innermost(exception.__traceback__).tb_frame)), None)
+                     and each.matches(exception, innermost(exception.__traceback__).tb_frame)), None)
         if rule is not None:
             _remember(self._let_out, exception)
         return rule
@@ -209,7 +209,7 @@ class ExceptionStops:
         """The rule to stop by, for an exception that ends its thread; not again where it was let out."""
         if isinstance(exception, _ENDS) or exception.__traceback__ is None or _is_in(self._let_out, exception):
             return None
-        frame = _innermost(exception.__traceback__).tb_frame
+        frame = innermost(exception.__traceback__).tb_frame
         return next((each for each in self.rules
                      if each.kind == UNCAUGHT and each.matches(exception, frame)), None)
 
@@ -218,14 +218,15 @@ def _remember(table: dict[int, int], exception: BaseException) -> None:
     while len(table) >= _MOST_REMEMBERED:
         table.pop(next(iter(table)), None)
     if exception.__traceback__ is not None:
-        table[id(exception)] = id(_innermost(exception.__traceback__))
+        table[id(exception)] = id(innermost(exception.__traceback__))
 
 
 def _is_in(table: dict[int, int], exception: BaseException) -> bool:
-    return exception.__traceback__ is not None and table.get(id(exception)) == id(_innermost(exception.__traceback__))
+    return exception.__traceback__ is not None and table.get(id(exception)) == id(innermost(exception.__traceback__))
 
 
-def _innermost(traceback: TracebackType) -> TracebackType:
+def innermost(traceback: TracebackType) -> TracebackType:
+    """The last entry of a traceback: where the exception was raised."""
     while traceback.tb_next is not None:
         traceback = traceback.tb_next
     return traceback

@@ -270,6 +270,33 @@ class Reporter:
             if rule is not None:
                 self._report(debugger, frame, "uncaught", (exception, rule))
 
+    def bare_thread_ends(self, exception: BaseException) -> None:
+        """An exception has ended the calling thread, which `threading` has not started: no code of the program is left."""
+        debugger = self._monitor.debugger
+        if debugger is None or debugger.quitting or debugger.stop_states.own().is_muted \
+                or self._monitor.suspension.is_ending_all:
+            return
+        rule = debugger.exception_stops.rule_for_uncaught(exception)
+        if rule is None:
+            return
+        # This is no event, so others would come while the user is at the prompt.
+        state = debugger.stop_states.own()
+        state.is_muted = True
+        self._raiser.ended_thread_ids.add(state.thread_id)
+        self._monitor.enter_event()
+        try:
+            if self._monitor.debugger is debugger:
+                debugger.user_uncaught(_getframe(), exception, rule)
+        except bdb.BdbQuit:
+            pass                              # the thread ends by itself
+        except Exception as error:
+            debugger.on_own_error(error)
+        finally:
+            self._monitor.leave_event()
+            state.is_muted = False
+            if not self._monitor.suspension.is_ending_all:
+                self._raiser.ended_thread_ids.discard(state.thread_id)
+
     def _returns(self, frame: FrameType, value: object) -> None:
         """Report the end of a frame, for good."""
         try:

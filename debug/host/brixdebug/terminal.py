@@ -214,6 +214,7 @@ class Terminal(Ends):
             yield
         finally:
             _prompting.pop()
+            self.post_mortem_of = None        # it keeps all variables of the stack alive
             if sys.version_info < (3, 13):
                 self.curframe_locals = {}     # it keeps what the variables were alive
             if is_main and is_post_mortem:

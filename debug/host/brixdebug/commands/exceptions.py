@@ -62,6 +62,7 @@ class ExceptionCommands(ThreadCommands):
 
     def user_uncaught(self, frame: FrameType, exception: BaseException, rule: ExceptionRule) -> None:
         thread_id = threading.get_ident()
+        self.post_mortem_of = exception.__traceback__
         number = next(number for number, each, _ in self._numbered_threads() if each == thread_id)
         self.message("Uncaught exception in thread %d (%s). Entering post mortem debugging"
                      % (number, monitor.suspension.thread_name(thread_id)))

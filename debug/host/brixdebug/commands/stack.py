@@ -14,7 +14,7 @@ if TYPE_CHECKING:
     from types import FrameType
     from typing import Any
 
-_RUN_OF_COMMAND_LINE = getattr(pdb.Pdb, "_run").__code__
+_RUN_OF_COMMAND_LINE = vars(pdb.Pdb)["_run"].__code__
 _STATEMENT = "<string>"       # the file of a statement that is run
 
 

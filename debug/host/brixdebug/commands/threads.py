@@ -5,6 +5,7 @@ from __future__ import annotations
 import threading
 
 from brixdebug.commands.base import CommandBase
+from brixdebug.exceptions import innermost
 from brixdebug.monitor import monitor
 from brixdebug.suspension import debugged_frames
 
@@ -26,6 +27,9 @@ class ThreadCommands(CommandBase):
     def _numbered_threads(self) -> list[tuple[int, int, FrameType]]:
         """(number, thread id, frame) of each thread, in the order of the numbers."""
         frames = debugged_frames()
+        if self.post_mortem_of is not None and threading.get_ident() not in frames:
+            # Its calls have ended; those of its end are all that is left.
+            frames = {threading.get_ident(): innermost(self.post_mortem_of).tb_frame, **frames}
         for thread_id in [each for each in self._thread_numbers if each not in frames]:
             self._thread_numbers.pop(thread_id, None)     # several threads may be here
         # The interpreter lists the newest thread first.
@@ -109,6 +113,6 @@ class ThreadCommands(CommandBase):
         if frame is None:
             self.message("The thread that was looked at has ended.")
             self.stop_states.selected = None
-            frame = frames[threading.get_ident()]
-        self.setup(frame, None)
+            frame = frames.get(threading.get_ident())
+        self.setup(frame, self.post_mortem_of if frame is None else None)
         self.print_stack_entry(self.stack[self.curindex])
