@@ -192,6 +192,135 @@ fail()
         self.assertRegex(child.stdout, r"\(Pdb\) > \S*program\.py\(7\)fail\(\)\n-> 1 / 0\n\(Pdb\) $")
 
 
+class CaughtQuitTest(TerminalTestCase):
+    """`quit` ends the program also where this catches every Exception; what it does at its end it does."""
+
+    def ended(self, program, *commands):
+        child = self.run_commands(program, *commands, "continue", "quit")
+        self.assertEqual(child.returncode, 0)
+        self.assertEqual(re.sub("^Task exception was never retrieved\n(.+\n)+", "", child.stderr), "")
+        self.assertNotIn("post mortem", child.stdout)
+        return [line for line in child.stdout.replace("(Pdb) ", "").splitlines() if line[:2] not in ("> ", "->")]
+
+    def test_in_a_loop(self):
+        printed = self.ended("""\
+            import contextlib
+            @contextlib.contextmanager
+            def resource():
+                try:
+                    yield
+                finally:
+                    print("closing")
+                    print("closed")
+            def step():
+                here = 1
+            def work():
+                while True:
+                    try:
+                        with resource():
+                            step()
+                    except Exception as error:
+                        print("caught", type(error).__name__)
+            try:
+                work()
+                print("not reached")
+            finally:
+                for number in range(3):
+                    print("end", number)
+            """, "break 10")
+        self.assertEqual(printed[1:], ["closing", "closed", "caught BdbQuit", "end 0", "end 1", "end 2"])
+
+    def test_in_loops_inside_of_each_other(self):
+        printed = self.ended("""\
+            def step():
+                here = 1
+            def work():
+                while True:
+                    try:
+                        while True:
+                            try:
+                                step()
+                            except Exception:
+                                pass
+                    except Exception:
+                        pass
+                    finally:
+                        outer.add("outer")
+                        outer.add("whole")
+            outer = set()
+            try:
+                work()
+            finally:
+                print(sorted(outer))
+            """, "break 2")
+        self.assertEqual(printed[1:], ["['outer', 'whole']"])
+
+    def test_another_exception_in_its_place(self):
+        printed = self.ended("""\
+            import sys
+            def step():
+                here = 1
+            try:
+                step()
+            except Exception as error:
+                raise ValueError("in its place") from error
+            """, "break 3")
+        self.assertEqual(printed[1:], [])
+
+    def test_unittest_and_a_task_of_asyncio(self):
+        for program, line in ("""\
+            import asyncio
+            async def handle():
+                here = 1
+            async def main():
+                task = asyncio.create_task(handle())
+                try:
+                    for _ in range(10):
+                        await asyncio.sleep(0)
+                    print("not reached")
+                finally:
+                    print("end of main")
+            asyncio.run(main())
+            """, "end of main"), ("""\
+            import unittest
+            class Test(unittest.TestCase):
+                def test_1(self): here = 1
+                def test_2(self): print("not reached")
+                def tearDown(self): print("torn down")
+            unittest.main()
+            """, None):
+            with self.subTest(program):
+                printed = self.ended(program, "break 3")
+                self.assertNotIn("not reached", printed)
+                self.assertTrue(line is None or line in printed, printed)
+
+    def test_in_a_worker_and_beside_one(self):
+        program = """\
+            import contextlib, threading
+            def step(number):
+                here = number
+            class End:
+                def __init__(self, number):
+                    self.number = number
+                def close(self):
+                    print("end of", self.number)
+            def work(number):
+                with contextlib.closing(End(number)):
+                    both.wait()
+                    while True:
+                        try:
+                            step(number)
+                        except Exception as error:
+                            pass
+            both = threading.Barrier(2)
+            thread = threading.Thread(target=work, args=(1,))
+            thread.start()
+            work(2)
+            """
+        for commands in ["break 3, number == 1"], ["break 3, number == 2"]:
+            self.assertEqual(sorted(self.ended(program, *commands)[1:]), ["end of 1", "end of 2"])
+
+
 class WhereTest(TerminalTestCase):
 
     PROGRAM = """\

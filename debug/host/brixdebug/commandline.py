@@ -8,8 +8,10 @@ import threading
 
 from brixdebug import compat, ipython, log, processes
 from brixdebug.debugger import Debugger
+from brixdebug.ending import comes_of_quit
 from brixdebug.engine import BdbQuit, reporter
 from brixdebug.entry import PDB_NAMES, standard, take_over
+from brixdebug.monitor import monitor
 from brixdebug.sharing import sharing
 
 TYPE_CHECKING = False
@@ -43,10 +45,12 @@ class _CommandLineDebugger(Debugger):
         try:
             super()._run(target)
         except BaseException as raised:
-            has_quit = self._user_requested_quit and isinstance(raised, SystemExit)
+            has_quit = self._user_requested_quit and (isinstance(raised, SystemExit) or comes_of_quit(raised))
             if not (has_quit or processes.is_child()):
                 raise
             error = raised
+        finally:
+            monitor.main_thread_has_ended()
         if processes.is_child():
             self._user_requested_quit = True      # there is no next run of a child
             processes.ending = error

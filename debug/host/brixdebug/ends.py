@@ -7,6 +7,7 @@ import signal
 import sys
 import threading
 
+from brixdebug import streams
 from brixdebug.engine import Bdb, BdbQuit
 from brixdebug.interrupts import is_debuggers_code
 from brixdebug.monitor import monitor
@@ -57,13 +58,15 @@ class Ends(_StandardDebugger):
     # -- quit -----------------------------------------------------------------------------------
 
     def set_quit(self) -> None:
-        if not self._ends_program or not debugged_frames().keys() - {threading.get_ident()}:
+        is_alone = not debugged_frames().keys() - {threading.get_ident()}
+        # pytest ends by an exception of its own.
+        if not self._ends_program or is_alone and (monitor.debugger is not self or streams.exit_of_pytest() is not None):
             super().set_quit()
             return
         if monitor.debugger is None:          # at a post-mortem prompt, where no thread gets events
             self.start_trace()
-            monitor.raiser.ended_thread_ids.add(threading.get_ident())
-        # The other threads end too: each at its next event.
+            monitor.raiser.finished_thread_ids.add(threading.get_ident())
+        # The other threads end too, each at its next event; this one again where the program catches its end.
         keeps_tracing, self._keeps_tracing = self._keeps_tracing, True
         try:
             super().set_quit()

@@ -8,6 +8,7 @@ from __future__ import annotations
 
 import os
 import sys
+import threading
 
 import optmonitoring
 from brixbase import dlog
@@ -19,7 +20,7 @@ from brixdebug.exceptions import RAISED, UNCAUGHT, UNHANDLED, places_of_uncaught
 from brixdebug.libraries import is_library
 from brixdebug.raising import Raiser
 from brixdebug.stops import NOWHERE
-from brixdebug.suspension import Suspension
+from brixdebug.suspension import Suspension, debugged_frames
 from brixdebug.switches import STEP_LOCAL_EVENTS, MonitorError, Switches
 from brixdebug.turn import Turn
 from brixdebug.watching import Watches
@@ -125,6 +126,16 @@ class Monitor:
         """Every thread that is debugged gets `BdbQuit` at its next event."""
         self.suspension.end_all()
 
+    def main_thread_has_ended(self) -> None:
+        """It is out of the program, which the user has quit; others may still have to end."""
+        if not self.suspension.is_ending_all:
+            return
+        self.raiser.finished_thread_ids.add(threading.get_ident())
+        if not debugged_frames().keys() - {threading.get_ident()}:
+            self.suspension.end_session()
+            if self.debugger is not None:
+                self.stop(self.debugger)
+
     # -- the ends of events, and of what they have to raise --------------------------
 
     @property
@@ -193,7 +204,7 @@ class Monitor:
         """Everything off and given back, and nothing remembered of breakpoints and steps."""
         self._needs_changed = False
         self.suspension.end_session()
-        self.raiser.ended_thread_ids.clear()
+        self.raiser.forget_ends()
         self.break_lines.forget()
         self.decisions.forget()
         self.thread_ends = {}
@@ -354,7 +365,7 @@ class Monitor:
         self.decisions.begin_anew()
         self.raiser.keep_only_own()
         if not self.turn.keep_only_own():
-            self.raiser.ended_thread_ids.clear()
+            self.raiser.forget_ends()
         # The filter answers nothing in a child before it is told the new process id, so
         # nobody needs a lock before here.
         optmonitoring.UpdateThisProcessPid()

@@ -15,6 +15,7 @@ import sys
 import optmonitoring
 from brixbase import dlog
 
+from brixdebug.ending import Catcher
 from brixdebug.switches import program_frame
 
 TYPE_CHECKING = False
@@ -36,12 +37,18 @@ class Raiser:
         # thread id -> exception to raise, and the code to do it in
         self._pending: dict[int, tuple[BaseException, CodeType]] = {}
         self.ended_thread_ids: set[int] = set()       # they have got their BdbQuit
+        self.finished_thread_ids: set[int] = set()    # they have left the program: nothing is raised there
+        self._catchers: dict[int, Catcher] = {}      # by id of the frame of a call that was ended
         dlog.logger.addFilter(self._is_to_be_logged)
 
     @property
     def is_busy(self) -> bool:
         """An exception has still to be raised."""
         return bool(self._pending)
+
+    def is_raising(self) -> bool:
+        """An exception has still to be raised in the calling thread."""
+        return _thread.get_ident() in self._pending
 
     def raise_in_program(self, error: BaseException, frame: Any = None) -> None:
         """Have `error` raised in the calling thread's program code, when the callback has ended.
@@ -85,6 +92,18 @@ class Raiser:
             return True
         self.raise_in_program(error, program_frame(frame.f_back))
         return False
+
+    def end_again(self, frame: FrameType) -> None:
+        """The thread has what ends it: raise it once more in `frame`, where the program has caught it."""
+        catcher = self._catchers.setdefault(id(frame), Catcher())
+        if not self.is_raising() and catcher.has_to_be_ended(frame):
+            self.raise_in_program(bdb.BdbQuit())
+
+    def forget_ends(self) -> None:
+        """No thread is to end."""
+        self.ended_thread_ids.clear()
+        self.finished_thread_ids.clear()
+        self._catchers.clear()
 
     def keep_only_own(self) -> None:
         """After a fork, in the child: what the calling thread is doing goes on."""

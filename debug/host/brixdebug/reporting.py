@@ -107,7 +107,7 @@ class Reporter:
         if debugger is None:
             return
         state = debugger.stop_states.own()
-        if state.is_muted or self._monitor.suspension.is_ending_all and self._end_thread(frame):
+        if state.is_muted or self._monitor.suspension.is_ending_all and self._end_thread(frame, is_line=True):
             return
         if frame.f_lineno in self._monitor.thread_ends.get(id(frame.f_code), ()):
             self._thread_ends(debugger, frame)
@@ -282,7 +282,7 @@ class Reporter:
         # This is no event, so others would come while the user is at the prompt.
         state = debugger.stop_states.own()
         state.is_muted = True
-        self._raiser.ended_thread_ids.add(state.thread_id)
+        self._raiser.finished_thread_ids.add(state.thread_id)
         self._monitor.enter_event()
         try:
             if self._monitor.debugger is debugger:
@@ -295,7 +295,7 @@ class Reporter:
             self._monitor.leave_event()
             state.is_muted = False
             if not self._monitor.suspension.is_ending_all:
-                self._raiser.ended_thread_ids.discard(state.thread_id)
+                self._raiser.finished_thread_ids.discard(state.thread_id)
 
     def _returns(self, frame: FrameType, value: object) -> None:
         """Report the end of a frame, for good."""
@@ -339,12 +339,23 @@ class Reporter:
         if not (state.is_free or state.is_muted) and state.traces(frame, debugger):
             self._report(debugger, frame, name, value)
 
-    def _end_thread(self, frame: FrameType) -> bool:
-        """The user has quit: the thread ends here, if it has not been told before."""
+    def _end_thread(self, frame: FrameType, is_line: bool = False) -> bool:
+        """The user has quit: the thread ends here.
+
+        The program may catch what ends it: it is raised again at the next line of the calls that
+        were there when the user quit, once it is no longer being handled.  A new call may be the
+        `__del__` of an object that goes while it is on its way.  A call that catches it over and
+        over is ended in its handler.
+        """
         if not self._monitor.suspension.is_ending_all:
             return False
-        if _thread.get_ident() not in self._raiser.ended_thread_ids and not ends_by_itself(frame):
+        thread_id = _thread.get_ident()
+        if thread_id in self._raiser.finished_thread_ids or ends_by_itself(frame):
+            return True
+        if thread_id not in self._raiser.ended_thread_ids:
             self._raiser.raise_in_program(bdb.BdbQuit())
+        elif is_line:
+            self._raiser.end_again(frame)
         return True
 
     # -- reporting -------------------------------------------------------------------

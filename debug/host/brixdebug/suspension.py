@@ -356,11 +356,11 @@ class Suspension:
         self._switches.look_at_suspend_locks(True)
         self._watch_running_code()
 
-    def _watch_running_code(self) -> None:
-        """Have events of all code that other threads are in."""
+    def _watch_running_code(self, own_too: bool = False) -> None:
+        """Have events of all code that other threads are in, with `own_too` the calling one too."""
         frame: FrameType | None
         for thread_id, frame in sys._current_frames().items():
-            while frame is not None and thread_id != threading.get_ident():
+            while frame is not None and (own_too or thread_id != threading.get_ident()):
                 record = optmonitoring.CPerCodeObject.GetPerCodeObject(frame.f_code, True, frame)
                 if record is not None and not record.fIsInternal:
                     self._switches.want(record, held=True)
@@ -372,7 +372,7 @@ class Suspension:
         self.is_ending_all = True
         self._switches.hold(True)
         self._begin_events()
-        self._watch_running_code()
+        self._watch_running_code(own_too=True)
 
     def end_session(self) -> None:
         """No thread is ended any longer."""

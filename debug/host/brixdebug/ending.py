@@ -1,0 +1,79 @@
+"""How a thread is ended that catches what ends it.
+
+`quit` has `bdb.BdbQuit` raised in each thread.  A program that catches every Exception goes on
+after that, so it is raised again: at a line where nothing is cleaned up.
+"""
+
+from __future__ import annotations
+
+import ast
+import bdb
+import dis
+import functools
+import linecache
+import sys
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from types import FrameType
+
+# How often a call may catch it before handlers are ended too, and before all lines are alike.
+_OFTEN = 2
+_VERY_OFTEN = 4
+
+# The instruction that makes an exception the one that is handled: its line is reached before.
+_BEGINS_HANDLER = dis.opmap["PUSH_EXC_INFO"]
+
+
+class Catcher:
+    """A call that may catch what ends its thread, as a loop does that goes on after every error.
+
+    Handlers are left in peace at first, for they clean up.  A call that keeps catching is ended in
+    one handler, then in one inside of another, and so on: it cannot go on for ever.
+    """
+
+    def __init__(self) -> None:
+        self._caught = 0
+        self._most_handlers = 0
+        self._handlers = 0            # that may still be ended until it has caught again
+
+    def has_to_be_ended(self, frame: FrameType) -> bool:
+        """Whether it has to be raised again at the line that `frame`, its frame, has reached."""
+        if comes_of_quit(sys.exception()) or frame.f_code.co_code[frame.f_lasti] == _BEGINS_HANDLER:
+            self._handlers -= 1
+            return self._handlers >= 0
+        if self._caught < _VERY_OFTEN and frame.f_lineno in _cleaning_lines(frame.f_code.co_filename):
+            return False
+        self._caught += 1
+        self._handlers = 0
+        if self._caught % _OFTEN == 0:
+            self._most_handlers += 1
+            self._handlers = self._most_handlers
+        return True
+
+
+def comes_of_quit(error: BaseException | None) -> bool:
+    """True for what ends a thread when the user has quit, and for what was raised while that was handled."""
+    seen: set[int] = set()
+    while error is not None and id(error) not in seen:
+        if isinstance(error, bdb.BdbQuit):
+            return True
+        seen.add(id(error))
+        error = error.__context__
+    return False
+
+
+@functools.lru_cache(maxsize=64)
+def _cleaning_lines(filename: str) -> frozenset[int]:
+    """The lines of `finally` blocks and of `with`, which is reached again when its block ends; none without a source."""
+    try:
+        tree = ast.parse("".join(linecache.getlines(filename)))
+    except (SyntaxError, ValueError):
+        return frozenset()
+    lines: set[int] = set()
+    for node in ast.walk(tree):
+        if isinstance(node, (ast.Try, ast.TryStar)) and node.finalbody:
+            lines.update(range(node.finalbody[0].lineno, (node.finalbody[-1].end_lineno or 0) + 1))
+        elif isinstance(node, (ast.With, ast.AsyncWith)):
+            lines.update(range(node.lineno, max(node.lineno + 1, node.body[0].lineno)))
+    return frozenset(lines)
