@@ -16,7 +16,6 @@ from brixdebug.dap.sources import column_in_text
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
-    from collections.abc import Callable
     from types import FrameType
     from typing import Any
 
@@ -44,7 +43,7 @@ def on_stack_trace(session: Session, request: Request) -> Any:
     if thread_id is None:
         raise RequestError("there is no thread %d" % number)
     session.check_held(thread_id)
-    frames = session.tree.stack(thread_id)
+    frames = session.tree.stack_with_tasks(thread_id)
     start = request.arguments.integer("startFrame", 0)
     count = request.arguments.integer("levels", 0) or len(frames)
     form = request.arguments.object("format")
@@ -53,6 +52,8 @@ def on_stack_trace(session: Session, request: Request) -> Any:
 
 
 def _stack_frame(session: Session, each: Frame, form: Arguments) -> dict[str, Any]:
+    if each.label:
+        return {"id": each.number, "name": each.label, "line": 0, "column": 0, "presentationHint": "label"}
     code = each.frame.f_code
     name = code.co_qualname
     if form.flag("module"):

@@ -2,11 +2,13 @@
 
 from __future__ import annotations
 
+import sys
 import threading
 
 import optmonitoring
 
 from brixdebug.dap import rendering, variables
+from brixdebug.dap.awaiting import awaiting_stacks
 from brixdebug.monitor import monitor
 from brixdebug.suspension import debugged_frames
 
@@ -60,8 +62,9 @@ def _tracebacks(traceback: TracebackType | None) -> list[TracebackType]:
 class Frame:
     """A frame that the client has a number of."""
 
-    def __init__(self, number: int, thread_id: int, frame: FrameType, line: int) -> None:
+    def __init__(self, number: int, thread_id: int, frame: FrameType, line: int, label: str = "") -> None:
         self.number = number
+        self.label = label                   # a line between frames, which stands for the next one
         self.thread_id = thread_id
         self.frame = frame
         self.line = line
@@ -77,6 +80,7 @@ class Tree:
         self.stop: Stop | None = None
         self._frames: dict[int, Frame] = {}
         self._by_frame: dict[int, Frame] = {}
+        self._awaiting: dict[int, list[Frame]] = {}      # by threads
         self._nodes: dict[int, Node] = {}
         self._frames_of_nodes: dict[int, Any] = {}       # where the expressions of a node's rows are evaluated
         self._places: dict[str, tuple[str, Any]] = {}    # data id -> expression and frame
@@ -91,6 +95,7 @@ class Tree:
         self.stop = None
         self._frames.clear()
         self._by_frame.clear()
+        self._awaiting.clear()
         self._nodes.clear()
         self._frames_of_nodes.clear()
         self._places.clear()
@@ -101,6 +106,7 @@ class Tree:
             if each.thread_id == thread_id:
                 del self._frames[number]
                 self._by_frame.pop(id(each.frame), None)
+        self._awaiting.pop(thread_id, None)
         if self.stop is not None and self.stop.thread_id == thread_id:
             self.stop = None
 
@@ -128,6 +134,24 @@ class Tree:
             places = list(_places(frame))
         return [self._numbered(thread_id, frame, line) for frame, line in places
                 if not optmonitoring.IsInternalFrame(frame)]
+
+    def stack_with_tasks(self, thread_id: int) -> list[Frame]:
+        """`stack`, and below it those of the asyncio tasks that wait for the one that the thread runs."""
+        frames = self.stack(thread_id)
+        if frames and "asyncio" in sys.modules and thread_id not in self._awaiting:
+            innermost = frames[0].frame
+            found = self.boxed.call_each([lambda: awaiting_stacks(innermost)], lambda index: [])[0]
+            self._awaiting[thread_id] = []
+            for text, suspended in found if isinstance(found, list) else ():
+                self._awaiting[thread_id] += self._labelled(thread_id, text, suspended)
+        return frames + self._awaiting.get(thread_id, [])
+
+    def _labelled(self, thread_id: int, text: str, frames: list[FrameType]) -> list[Frame]:
+        if not frames:
+            return []
+        self._last_number += 1
+        label = self._frames[self._last_number] = Frame(self._last_number, thread_id, frames[0], 0, text)
+        return [label, *(self._numbered(thread_id, each, each.f_lineno) for each in frames)]
 
     def _numbered(self, thread_id: int, frame: FrameType, line: int) -> Frame:
         known = self._by_frame.get(id(frame))
