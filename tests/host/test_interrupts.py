@@ -447,6 +447,44 @@ class PromptTest(InterruptTestCase):
         self.assertNotIn("handler called", session.seen.partition("def handler")[2].partition("\n")[2])
         self.end(session)
 
+    def test_at_a_standard_prompt_that_the_program_opens(self):
+        session = self.start("""\
+            import pdb, sys
+            standard = next(each for each in pdb.Pdb.__mro__ if each.__module__ == "pdb")
+            def ask():
+                debugger = standard()
+                debugger.reset()
+                debugger.prompt = "(Pdb) "
+                debugger.interaction(sys._getframe(), None)
+            ask()
+            ask()
+            print("end")
+            """, "next", "next", "next", "break 10")
+        for command in "next", "continue":        # of ours, with which the program comes there
+            self.assertIn("ask()\n", session.do(command))
+            session.interrupt_in_c_code()
+            self.assertIn("--KeyboardInterrupt--", session.prompt())
+            self.settle(session)
+            session.do("next")
+        self.end(session)
+
+    def test_in_a_command_loop_of_the_programs_own(self):
+        session = self.start("""\
+            import cmd, time
+            class Shell(cmd.Cmd):
+                def do_work(self, arg):
+                    print("working")
+                    while True: time.sleep(0.001)
+            shell = Shell()
+            shell.cmdqueue = ["work"]
+            shell.cmdloop()
+            """)
+        session.send("continue")
+        session.wait_for("working")
+        session.interrupt()
+        self.assertInterrupted(session.prompt(), "do_work")
+        self.end(session)
+
     def test_given_back_at_the_end_of_the_session(self):
         self.folder = scratch_folder(self)
         program = write_program(self.folder, """\

@@ -19,7 +19,7 @@ if TYPE_CHECKING:
     from types import FrameType
     from typing import Any
 
-    from brixdebug.stops import StopStates
+    from brixdebug.stops import StopState, StopStates
 
 
 def rebind(function: Any, **names: object) -> Any:
@@ -41,23 +41,30 @@ if sys.version_info >= (3, 13):
 else:
     import contextlib
     import ctypes
+    import operator
     import warnings
 
+    _locals_to_fast = ctypes.PYFUNCTYPE(None, ctypes.py_object, ctypes.c_int)(
+        ("PyFrame_LocalsToFast", ctypes.pythonapi))
     _OPTIMIZED = 1                # a function's code: its frame's f_locals is a copy of the variables
     _OWN_REFERENCES = 3           # the frame's, the name's and that of the call that counts
 
-    # id of a frame -> what `f_locals` is for it, and the names that had a value when it was taken
-    _taken: dict[int, tuple[dict[str, Any], list[str]]] = {}
+    # id of a frame -> what `f_locals` is for it, and a copy of that as it was taken
+    _taken: dict[int, tuple[dict[str, Any], dict[str, Any]]] = {}
 
     def take_locals(frame: FrameType) -> None:
         """Let `frame.f_locals` be what the variables are now, before it may be written to."""
         if frame.f_code.co_flags & _OPTIMIZED:
-            _taken[id(frame)] = frame.f_locals, list(frame.f_locals)
+            variables = frame.f_locals
+            _taken[id(frame)] = variables, dict(variables)
 
-    def _warn_of_deleted(frame: FrameType) -> None:
+    def _is_same(variables: dict[str, Any], before: dict[str, Any]) -> bool:
+        return len(variables) == len(before) and all(map(operator.is_, variables, before)) \
+            and all(map(operator.is_, variables.values(), before.values()))
+
+    def _warn_of_deleted(frame: FrameType, variables: dict[str, Any], before: dict[str, Any]) -> None:
         """A deleted variable becomes None; the interpreter would name the line of whoever asks for that."""
-        variables, names = _taken.pop(id(frame), ({}, []))
-        for name in names:
+        for name in before:
             if name not in variables and name in frame.f_code.co_varnames and name not in frame.f_code.co_cellvars:
                 variables[name] = None
                 with contextlib.suppress(RuntimeWarning):
@@ -72,14 +79,17 @@ else:
         `is_last` is False where they will be given back once more: what `frame.f_locals` is has to stay whole.
         """
         # In a module or a class f_locals is the variables; those of its comprehensions are not in it, and would be lost.
-        if not frame.f_code.co_flags & _OPTIMIZED:
+        code = frame.f_code
+        if not code.co_flags & _OPTIMIZED:
             return
-        _warn_of_deleted(frame)
-        ctypes.pythonapi.PyFrame_LocalsToFast(ctypes.py_object(frame), 1)
+        variables, before = _taken.pop(id(frame), ({}, None))
+        if before is None or not _is_same(variables, before):
+            _warn_of_deleted(frame, variables, before or {})
+            _locals_to_fast(frame, 1)
+            variables = frame.f_locals
         if not is_last:
             take_locals(frame)
             return
-        code, variables = frame.f_code, frame.f_locals
         # No copy is to keep objects alive past their last use, unless it is the program's too.
         if sys.getrefcount(variables) <= _OWN_REFERENCES:
             for name in code.co_varnames + code.co_cellvars + code.co_freevars:
@@ -138,6 +148,22 @@ class _NoTracer:
 
     def disable_current_event(self) -> None:
         pass
+
+
+class _Enterframe:
+    """What `set_enterframe` returns: for the time of an event, its frame."""
+
+    __slots__ = ("_state", "_frame")
+
+    def __init__(self, state: StopState, frame: FrameType) -> None:
+        self._state = state
+        self._frame = frame
+
+    def __enter__(self) -> None:
+        self._state.enterframe = self._frame
+
+    def __exit__(self, *exc_info: object) -> None:
+        self._state.enterframe = None
 
 
 class TraceBase(bdb.Bdb):
@@ -203,6 +229,10 @@ class TraceBase(bdb.Bdb):
             if self.frame_returning is not None:
                 self._set_caller_tracefunc(self.frame_returning)
             self._set_stopinfo(None, None)
+
+    if hasattr(bdb.Bdb, "set_enterframe"):
+        def set_enterframe(self, frame: FrameType) -> Any:
+            return _Enterframe(self.stop_states.own(), frame)
 
     # -- events on and off ----------------------------------------------------------------
 

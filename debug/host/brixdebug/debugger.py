@@ -42,8 +42,6 @@ _SHARED_TABLES = ("breaks", "exception_stops", "fncache", "_first_names", "comma
 
 _main_pid = os.getpid()
 
-_NOTHING = contextlib.nullcontext()
-
 
 def _is_on_descriptor_0(file: Any) -> bool:
     try:
@@ -124,25 +122,37 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
         if processes.is_free():
             processes.pass_by()
             return
-        with monitor.turn.lock, monitor.suspension.others_held(at_once=self._waits_for_user()):
-            self.begin_turn(*args[:2])
-            streams.capture.begin_stop(self)
+        with monitor.turn.lock:
+            monitor.suspension.begin(self.waits_for_user())
             try:
-                reads_own = self._reads_programs_input()
-                with _NOTHING if reads_own else self._childs_input(), self.at_prompt(args[0] is None):
-                    return super().interaction(*args, **kwargs)
+                self._interact(args, kwargs)
             finally:
-                self._leave_selected_thread()
-                if streams.capture.is_begun and (self.quitting or all(state.is_free for state in self.stop_states.all())):
-                    streams.capture.end_stop(self)
-                self.end_turn(args[0])
+                monitor.suspension.end()
 
-    def _waits_for_user(self) -> bool:
-        """False for commands from a file or a pipe: they follow each other at once."""
+    def _interact(self, args: Any, kwargs: Any) -> None:
+        self.begin_turn(*args[:2])
+        streams.capture.begin_stop(self)
         try:
-            return bool(sys.stdin.isatty() if self.use_rawinput else self.stdin.isatty())
-        except (AttributeError, OSError, ValueError):
-            return False
+            if self._reads_programs_input():
+                self._prompt(args, kwargs)
+            else:
+                with self._childs_input():
+                    self._prompt(args, kwargs)
+        finally:
+            if self.stop_states.selected is not None:
+                self._leave_selected_thread()
+            if streams.capture.is_begun and (self.quitting or all(state.is_free for state in self.stop_states.all())):
+                streams.capture.end_stop(self)
+            self.end_turn(args[0])
+
+    def _prompt(self, args: Any, kwargs: Any) -> None:
+        self.begin_prompt()
+        try:
+            if self.interruption.is_wanted:
+                self.show_interruption()
+            super().interaction(*args, **kwargs)
+        finally:
+            self.end_prompt(args[0] is None)
 
     @staticmethod
     def _reads_programs_input() -> bool:
@@ -169,8 +179,7 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
     def _leave_selected_thread(self) -> None:
         """What was asked for while another thread was looked at was asked for that thread."""
         selected, self.stop_states.selected = self.stop_states.selected, None
-        if selected is None:
-            return
+        assert selected is not None
         self.stop_states.own().run_freely()
         frame = debugged_frames().get(selected.thread_id)
         if frame is not None and not selected.is_free:
@@ -180,7 +189,9 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
     def postcmd(self, stop: bool, line: str) -> bool:
         """A child that is forked at the prompt does not stay there, unless it is followed."""
         monitor.suspension.hold_newcomers()
-        return super().postcmd(stop, line) or self.is_left_alone
+        stop = super().postcmd(stop, line)
+        self._is_leaving = bool(stop)
+        return stop or self.is_left_alone
 
     # -- exceptions --------------------------------------------------------------------
 

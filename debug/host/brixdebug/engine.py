@@ -29,7 +29,7 @@ from brixdebug.exceptions import ExceptionStops
 from brixdebug.libraries import is_library
 from brixdebug.monitor import monitor
 from brixdebug.reporting import Reporter
-from brixdebug.stops import PerThread, StopStates
+from brixdebug.stops import StopStates, per_thread
 from brixdebug.switches import MonitorError
 
 TYPE_CHECKING = False
@@ -47,6 +47,9 @@ reporter = Reporter(monitor)  # events go through it to the debugger that traces
 
 # Classes whose user_call does something only where the debugger stops anyway.
 _QUIET_CALL_MODULES = ("bdb", "pdb", __name__, "brixdebug.terminal")
+
+# Where a step was asked for; not part of what it needs.
+_WHERE_GIVEN = {"cmdframe", "cmdlineno"}
 
 # What stands between a line and a stop at its breakpoint.
 _DECIDING_METHODS = ("trace_dispatch", "dispatch_line", "stop_here", "break_here")
@@ -74,15 +77,15 @@ def _effective(filename: str, line: int, frame: FrameType) -> Decision | tuple[N
 class Bdb(compat.TraceBase):
     """`bdb.Bdb` on the native filter; see the module's text."""
 
-    botframe: Any = PerThread()
-    stopframe: Any = PerThread()
-    returnframe: Any = PerThread()
-    stoplineno: Any = PerThread()
-    frame_returning: Any = PerThread()
-    enterframe: Any = PerThread()
-    cmdframe: Any = PerThread()
-    cmdlineno: Any = PerThread()
-    trace_opcodes: Any = PerThread()
+    botframe: Any = per_thread("botframe")
+    stopframe: Any = per_thread("stopframe")
+    returnframe: Any = per_thread("returnframe")
+    stoplineno: Any = per_thread("stoplineno")
+    frame_returning: Any = per_thread("frame_returning")
+    enterframe: Any = per_thread("enterframe")
+    cmdframe: Any = per_thread("cmdframe")
+    cmdlineno: Any = per_thread("cmdlineno")
+    trace_opcodes: Any = per_thread("trace_opcodes")
 
     # Whether user_call has to be called in code with breakpoints when nothing stops there.
     wants_calls = False
@@ -226,9 +229,14 @@ class Bdb(compat.TraceBase):
 
     def _set_stopinfo(self, stopframe: FrameType | None, *args: Any, **kwargs: Any) -> None:
         state = self.stop_states.reached()
+        if stopframe is not None and stopframe is state.stopped_frame and args == (None,) \
+                and kwargs.keys() <= _WHERE_GIVEN and state.steps_over(stopframe):
+            self.quitting = False             # `next` after `next`: what is needed is on
+            state.cmdframe, state.cmdlineno = kwargs.get("cmdframe"), kwargs.get("cmdlineno")
+            return
         before = state.target
         super()._set_stopinfo(self._visible_target(stopframe), *args, **kwargs)
-        if state.target != before:            # `next` after `next` needs what is on already
+        if state.target != before:
             monitor.needs_changed(self)
 
     @property
@@ -251,8 +259,8 @@ class Bdb(compat.TraceBase):
 
         Where the user is he may step, in a library too.
         """
-        if frame is None or frame is self.botframe or not self._is_hidden(frame) \
-                or frame is self.stop_states.reached().stopped_frame:
+        if frame is None or frame is self.stop_states.reached().stopped_frame \
+                or frame is self.botframe or not self._is_hidden(frame):
             return frame
         if self.frame_returning is not None and self.frame_returning.f_back is frame:
             return None                   # it is reached at once: stop at what comes next
@@ -346,7 +354,10 @@ class Bdb(compat.TraceBase):
         if monitor.just_my_code and frame is not self.stopframe \
                 and is_library(frame.f_code.co_filename):
             return False
-        result = super().stop_here(frame)
+        state = self.stop_states.reached()
+        # That of `next`, the most frequent, at once.
+        result = not self.skip and state.stopframe is frame and frame.f_lineno >= state.stoplineno == 0 \
+            or super().stop_here(frame)
         if result:
             self._stop_in(frame)
         return result
@@ -424,17 +435,15 @@ class Bdb(compat.TraceBase):
     def get_stack(self, f: FrameType | None, t: Any) -> tuple[list[tuple[FrameType, int]], int]:
         """The stack of `f` and of a traceback from there, and the index of `f`; of the last without it."""
         stack, index = super().get_stack(f, t)
-        if f is not None:
+        if f is not None and stack[index][0] is not f:
             index = next(number for number, entry in enumerate(stack) if entry[0] is f)
         return stack, index
 
-    def trace_dispatch(self, frame: FrameType, event: str, arg: Any) -> Any:
-        dispatch = self._own_dispatchers.get(event)
-        if dispatch is None:
-            return super().trace_dispatch(frame, event, arg)
+    def dispatch_own(self, frame: FrameType, event: str, arg: Any) -> Any:
+        """`trace_dispatch` for the events that `sys.settrace` has not: those of `OWN_EVENTS`."""
         if self.quitting:
             return None
-        dispatch(self, frame, *arg)
+        self._own_dispatchers[event](self, frame, *arg)
         if self.quitting:
             raise BdbQuit
         return self.trace_dispatch
@@ -467,6 +476,7 @@ class Bdb(compat.TraceBase):
     _own_dispatchers: dict[str, Any] = {
         "raised": _dispatch_raised, "uncaught": _dispatch_uncaught, "unhandled": _dispatch_unhandled,
         "watch": _dispatch_watch, "watch_end": _dispatch_watch_end}
+    OWN_EVENTS = frozenset(_own_dispatchers)
 
     def add_watch(self, watch: Watch) -> None:
         """Stop where the value changes from now on."""

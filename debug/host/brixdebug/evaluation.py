@@ -55,6 +55,7 @@ class Evaluation:
 
     def forget(self) -> None:
         """Nothing is evaluated."""
+        self.is_used = False                  # since this was called
         self._lock: Any = _thread.RLock()     # a signal handler may come in between
         self._thread_id: int | None = None    # of the thread that evaluates
         self._depth = 0                       # its expressions inside expressions
@@ -71,6 +72,7 @@ class Evaluation:
             # Now, for the thread that interrupts may be held in the middle of either.
             import ctypes
             self._ctypes, _ = ctypes, ctypes.pythonapi.PyThreadState_SetAsyncExc
+            self.is_used = True
             self._thread_id = _thread.get_ident()
             self._start()
         self._depth += 1

@@ -141,7 +141,7 @@ class Monitor:
     @property
     def is_busy(self) -> bool:
         """An event is being reported, or an exception of one has still to be raised."""
-        return self.turn.depth > 0 or self.raiser.is_busy
+        return self.turn.depth > 0 or bool(self.raiser.pending)
 
     @property
     def is_at_work(self) -> bool:
@@ -162,7 +162,7 @@ class Monitor:
         """The calling thread has reported: the turn is another's."""
         self.turn.depth -= 1
         try:
-            if not self.is_busy:
+            if (self._needs_changed or self.debugger is None) and not self.is_busy:
                 self.settle()
         finally:
             self.turn.lock.release()

@@ -34,21 +34,16 @@ class Raiser:
     def __init__(self, switches: Switches, on_raised: Callable[[], None]) -> None:
         self._switches = switches
         self._on_raised = on_raised           # called just before an exception is raised
-        # thread id -> exception to raise, and the code to do it in
-        self._pending: dict[int, tuple[BaseException, CodeType]] = {}
+        # thread id -> exception that has still to be raised, and the code to do it in
+        self.pending: dict[int, tuple[BaseException, CodeType]] = {}
         self.ended_thread_ids: set[int] = set()       # they have got their BdbQuit
         self.finished_thread_ids: set[int] = set()    # they have left the program: nothing is raised there
         self._catchers: dict[int, Catcher] = {}      # by id of the frame of a call that was ended
         dlog.logger.addFilter(self._is_to_be_logged)
 
-    @property
-    def is_busy(self) -> bool:
-        """An exception has still to be raised."""
-        return bool(self._pending)
-
     def is_raising(self) -> bool:
         """An exception has still to be raised in the calling thread."""
-        return _thread.get_ident() in self._pending
+        return _thread.get_ident() in self.pending
 
     def raise_in_program(self, error: BaseException, frame: Any = None) -> None:
         """Have `error` raised in the calling thread's program code, when the callback has ended.
@@ -59,14 +54,14 @@ class Raiser:
             self.ended_thread_ids.add(_thread.get_ident())
         place: Any = frame or optmonitoring.GetNonInternalFrame()
         code = place.f_code
-        self._pending[_thread.get_ident()] = error, code
+        self.pending[_thread.get_ident()] = error, code
         self._switches.begin_raising(code, self._raise_pending)
 
     def _raise_pending(self, *args: object) -> None:
         """The raiser's callback: asked for the same event, after the filter."""
         error: Any
         code: Any
-        error, code = self._pending.pop(_thread.get_ident(), (None, None))
+        error, code = self.pending.pop(_thread.get_ident(), (None, None))
         if error is None:
             return None                   # the event of another thread
         self._switches.end_raising(code)
@@ -108,7 +103,7 @@ class Raiser:
     def keep_only_own(self) -> None:
         """After a fork, in the child: what the calling thread is doing goes on."""
         own_id = _thread.get_ident()
-        self._pending = {own_id: self._pending[own_id]} if own_id in self._pending else {}
+        self.pending = {own_id: self.pending[own_id]} if own_id in self.pending else {}
 
 
 def is_of_signal_handler(error: BaseException) -> bool:

@@ -75,11 +75,12 @@ class Reporter:
                 if verdict != PASSED:
                     self._line(frame, points, verdict)
                 return None
-            epoch = self._switches.epoch
-            if self._switches.is_line_off(code, line):
-                self._switches.note_off(code)
-                return _DISABLE if epoch == self._switches.epoch else None
-            return self._line(sys._getframe(1))
+            if self._switches.is_idle:
+                epoch = self._switches.epoch
+                if self._switches.is_line_off(code, line):
+                    self._switches.note_off(code)
+                    return _DISABLE if epoch == self._switches.epoch else None
+            return self._line(_getframe(1))
         except BaseException as error:
             return self._failed(error)
 
@@ -118,8 +119,7 @@ class Reporter:
             if decision is not None:
                 state.decision = decision
                 self._report(debugger, frame, "line", None)
-        elif debugger.break_anywhere(frame) \
-                or not state.is_free and state.traces(frame, debugger):
+        elif not state.is_free and state.traces(frame, debugger) or debugger.break_anywhere(frame):
             self._report(debugger, frame, "line", None)
 
     def _statement(self, debugger: TracedDebugger, frame: FrameType, offset: int) -> None:
@@ -394,7 +394,8 @@ class Reporter:
             error, state.error_to_raise = state.error_to_raise, None
             raise error
         try:
-            trace: Any = debugger.trace_dispatch(frame, name, value)
+            dispatch = debugger.dispatch_own if name in debugger.OWN_EVENTS else debugger.trace_dispatch
+            trace: Any = dispatch(frame, name, value)
         finally:
             if state.stopped_frame is frame:
                 state.stopped_frame = None

@@ -7,6 +7,7 @@ by a breakpoint in another.  A thread that was told nothing runs freely.
 
 from __future__ import annotations
 
+import operator
 import sys
 import threading
 import types
@@ -15,14 +16,11 @@ import weakref
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     from types import FrameType
-    from typing import Any, Protocol
+    from typing import Any
 
     from optmonitoring import CPerCodeObject
 
     from brixdebug.decisions import Decision
-
-    class HasStopStates(Protocol):
-        stop_states: StopStates
 
 
 class _Nowhere:
@@ -84,7 +82,7 @@ class StopState:
 
     def traces(self, frame: FrameType, debugger: Any) -> bool:
         """A debugger may also have set `f_trace` itself, as with `sys.settrace`."""
-        return _key(frame) in self._traced or frame.f_trace == debugger.trace_dispatch
+        return (id(frame), id(frame.f_code)) in self._traced or frame.f_trace == debugger.trace_dispatch
 
     def trace_by_opcodes(self, frame: FrameType) -> None:
         self._traced_by_opcodes.add(_key(frame))
@@ -100,6 +98,11 @@ class StopState:
     def target(self) -> tuple[object, ...]:
         """All that says which events the thread needs."""
         return self.stopframe, self.returnframe, self.botframe, self.stoplineno == -1, self.trace_opcodes
+
+    def steps_over(self, frame: FrameType) -> bool:
+        """`next` in `frame` is what the thread was told already."""
+        return self.stopframe is frame and self.returnframe is None and self.stoplineno == 0 \
+            and self.trace_opcodes is _ASKS_FRAMES
 
     @property
     def is_free(self) -> bool:
@@ -133,31 +136,44 @@ def _key(frame: FrameType) -> tuple[int, int]:
     return id(frame), id(frame.f_code)
 
 
+class _OfThread(threading.local):
+    """Keeps the record of a thread as long as the thread; made in each thread when that first asks."""
+
+    def __init__(self, by_thread_id: dict[int, weakref.ref[StopState]], waiting: dict[int, StopState]) -> None:
+        thread_id = threading.get_ident()
+        made = waiting.pop(thread_id, None)
+        self.own = made or StopState(thread_id)
+        self.reached = self.own               # by the attributes of the debugger, in this thread
+        by_thread_id[thread_id] = weakref.ref(self.own)
+
+
 class StopStates:
     """The records of all threads of one debugger."""
 
     def __init__(self) -> None:
-        self.selected: StopState | None = None    # that attributes reach; None: the own one
-        self._local = threading.local()   # keeps the record of a thread as long as the thread
         # Without a callback: that would be Python code at any moment, and reported.
         self._by_thread_id: dict[int, weakref.ref[StopState]] = {}
         self._waiting: dict[int, StopState] = {}  # made for a thread that has not asked yet
+        self.of_thread = _OfThread(self._by_thread_id, self._waiting)
 
     def own(self) -> StopState:
         """The record of the calling thread."""
-        try:
-            own: StopState = self._local.state
-            return own
-        except AttributeError:
-            thread_id = threading.get_ident()
-            state = self._waiting.pop(thread_id, None) or StopState(thread_id)
-            self._local.state = state
-            self._by_thread_id[thread_id] = weakref.ref(state)
-            return state
+        return self.of_thread.own
 
     def reached(self) -> StopState:
-        """The record that a debugger's attributes read and write now."""
-        return self.selected or self.own()
+        """The record that a debugger's attributes read and write now, in the calling thread."""
+        return self.of_thread.reached
+
+    @property
+    def selected(self) -> StopState | None:
+        """The record of another thread that attributes reach in the calling one; None: they reach its own."""
+        of_thread = self.of_thread
+        return None if of_thread.reached is of_thread.own else of_thread.reached
+
+    @selected.setter
+    def selected(self, state: StopState | None) -> None:
+        of_thread = self.of_thread
+        of_thread.reached = state or of_thread.own
 
     def of(self, thread_id: int) -> StopState:
         """The record of any thread."""
@@ -187,20 +203,15 @@ class StopStates:
         """After a fork, in the child: the other threads are gone."""
         own = self.own()
         self.selected = None
-        self._by_thread_id = {own.thread_id: weakref.ref(own)}
-        self._waiting = {}
+        self._by_thread_id.clear()
+        self._by_thread_id[own.thread_id] = weakref.ref(own)
+        self._waiting.clear()
 
 
-class PerThread:
+def per_thread(name: str) -> Any:
     """An attribute of a debugger that lives in the reached thread's record."""
+    def write(debugger: Any, value: object) -> None:
+        setattr(debugger.stop_states.of_thread.reached, name, value)
 
-    def __set_name__(self, owner: type, name: str) -> None:
-        self._name = name
-
-    def __get__(self, debugger: HasStopStates | None, owner: type | None = None) -> Any:
-        if debugger is None:
-            return self
-        return getattr(debugger.stop_states.reached(), self._name)
-
-    def __set__(self, debugger: HasStopStates, value: object) -> None:
-        setattr(debugger.stop_states.reached(), self._name, value)
+    # Read several times at each stop: by C code.
+    return property(operator.attrgetter("stop_states.of_thread.reached." + name), write)

@@ -67,6 +67,8 @@ class PytestCapture:
 
     def begin_stop(self, debugger: Any) -> None:
         """`debugger` is going to prompt."""
+        if "_pytest.debugging" not in sys.modules:
+            return
         if self.suspend():
             self._is_off = True
             debugger.message("")              # what pytest has printed ends in the middle of a line

@@ -317,7 +317,7 @@ class Suspension:
 
     def hold_newcomers(self) -> None:
         """Hold the threads that have come since this one stopped; nothing when there are none."""
-        if self._depth and not self._is_armed and len(sys._current_frames()) > 1:
+        if not self._is_armed and self._depth and len(sys._current_frames()) > 1:
             self._arm()
 
     def _arm(self) -> None:
@@ -393,7 +393,8 @@ class Suspension:
         if self._depth:
             self.evaluation.resume()
             return
-        self.evaluation.forget()
+        if self.evaluation.is_used:
+            self.evaluation.forget()
         self.holder = None
         if not self._is_armed:
             return

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import _signal  # type: ignore[import-not-found]
 import contextlib
 import io
 import os
@@ -29,6 +30,9 @@ _NAMED_PROMPTS = {"(Pdb) ": "(Pdb %d) ", "ipdb> ": "ipdb %d> "}
 
 command_loops = {pdb.Pdb.cmdloop.__code__}        # where a command is read or run
 _INTERACTION = pdb.Pdb.interaction.__code__
+_STANDARD_CLASS = pdb.Pdb                         # the name may be ours later
+
+_SIGINT = int(signal.SIGINT)
 
 # What `input` raises in the middle of an `input` of the program's.
 _BUSY_INPUT = "can't re-enter readline"
@@ -122,6 +126,8 @@ class Terminal(Ends):
     """The part of `Debugger` that deals with the terminal."""
 
     _is_leaving = False                       # the command that ends the prompt has been given
+    _looked_at: tuple[Any, bool] = None, False    # a stream, and whether somebody types there
+    _colored: tuple[Any, bool] = None, False      # a stream, and whether it shows colours
     _named_prompt: str | None = None          # what we have put in the place of pdb's
 
     # -- a terminal for several processes -------------------------------------------------
@@ -172,7 +178,10 @@ class Terminal(Ends):
     # What pdb prints of a stop before it asks for `interaction`, and what breakpoints have been told to do.
 
     def user_line(self, frame: FrameType) -> None:
-        self._report_stop(super().user_line, frame)
+        if sharing.is_on:
+            self._report_stop(super().user_line, frame)
+        else:                                 # at each step
+            super().user_line(frame)
 
     def user_call(self, frame: FrameType, argument_list: Any) -> None:
         if not sharing.is_on or self.stop_here(frame):
@@ -199,28 +208,26 @@ class Terminal(Ends):
 
     # -- Ctrl-C --------------------------------------------------------------------------
 
-    @contextlib.contextmanager
-    def at_prompt(self, is_post_mortem: bool) -> Iterator[None]:
-        """Inside, the calling thread is at the prompt."""
+    def begin_prompt(self) -> None:
+        """The calling thread is at the prompt from now on."""
         self._is_leaving = False
         self.post_mortem_of: Any = None
-        is_main = threading.get_ident() == threading.main_thread().ident
-        if is_main:
+        if threading.get_ident() == threading.main_thread().ident:
             self._take_interrupts()
         _prompting.append(self)
-        try:
-            if is_main and self.interruption.end():
-                self.message("\nProgram interrupted. (Use 'cont' to resume).")
-            yield
-        finally:
-            _prompting.pop()
-            self.post_mortem_of = None        # it keeps all variables of the stack alive
-            if sys.version_info < (3, 13):
-                self.curframe_locals = {}     # it keeps what the variables were alive
-            if is_main and is_post_mortem:
-                self.give_back_interrupts()
-            elif is_main and _is_ours(signal.getsignal(signal.SIGINT)):
-                pdb.Pdb._previous_sigint_handler = _programs_handler      # type: ignore[attr-defined]
+
+    def show_interruption(self) -> None:
+        """The main thread stops because of Ctrl-C."""
+        if threading.get_ident() == threading.main_thread().ident and self.interruption.end():
+            self.message("\nProgram interrupted. (Use 'cont' to resume).")
+
+    def end_prompt(self, is_post_mortem: bool) -> None:
+        _prompting.pop()
+        self.post_mortem_of = None            # it keeps all variables of the stack alive
+        if sys.version_info < (3, 13):
+            self.curframe_locals = {}         # it keeps what the variables were alive
+        if is_post_mortem and threading.get_ident() == threading.main_thread().ident:
+            self.give_back_interrupts()
 
     def sigint_handler(self, signum: Any, frame: Any) -> None:
         """The handler of SIGINT, in the main thread; prints nothing, for the thread may be in a `print`."""
@@ -238,7 +245,10 @@ class Terminal(Ends):
                 _programs_handler(signum, frame)
             return
         prompting = _prompting[-1] if _prompting else None
-        if prompting is None or prompting._is_leaving or monitor.debugger not in (None, prompting):
+        if prompting is None and _is_at_standard_prompt(frame):
+            if callable(_programs_handler) and not is_knock:
+                _programs_handler(signum, frame)
+        elif prompting is None or prompting._is_leaving or monitor.debugger not in (None, prompting):
             traced.interrupt(frame, is_knock)
         elif _is_in_command_loop(frame) and not is_knock:
             raise KeyboardInterrupt
@@ -247,11 +257,14 @@ class Terminal(Ends):
         global _programs_handler
         if self.nosigint:
             return
-        handler = signal.getsignal(signal.SIGINT)
+        handler = _signal.getsignal(_SIGINT)          # that of `signal` makes an enumeration's member of it
         if not _is_ours(handler):
             _programs_handler = handler
             signal.signal(signal.SIGINT, self.sigint_handler)
-        pdb.Pdb._previous_sigint_handler = None       # type: ignore[attr-defined]
+        # Nothing for pdb to put back.  Written only where it has to be: a write to an attribute of a
+        # class makes the interpreter look up all methods of the class, and of those derived from it, anew.
+        if pdb.Pdb._previous_sigint_handler is not None:      # type: ignore[attr-defined]
+            pdb.Pdb._previous_sigint_handler = None           # type: ignore[attr-defined]
 
     def give_back_interrupts(self) -> None:
         """Ctrl-C is for the program again; it may have a handler of its own by now."""
@@ -274,21 +287,36 @@ class Terminal(Ends):
     def can_stop_inside(self) -> bool:
         return not _is_busy(self.stdout)
 
+    def waits_for_user(self) -> bool:
+        """False for commands from a file or a pipe: they follow each other at once."""
+        stream: Any = sys.stdin if self.use_rawinput else self.stdin
+        if stream is not self._looked_at[0]:
+            try:
+                self._looked_at = stream, bool(stream.isatty())
+            except (AttributeError, OSError, ValueError):
+                return False
+        return self._looked_at[1]
+
     # -- what later versions have at their prompt --------------------------------------------
 
     if sys.version_info < (3, 14):
         def _print_lines(self, lines: Sequence[str], start: int, breaks: Sequence[int] = (),
                          frame: FrameType | None = None) -> None:
-            if colors.are_wanted(self.stdout):
+            if self._has_colors():
                 lines = [colors.highlight(line.rstrip("\r\n")) for line in lines]
             super()._print_lines(lines, start, breaks, frame)
 
         def format_stack_entry(self, frame_lineno: tuple[FrameType, int], lprefix: str = ": ") -> str:
             text = super().format_stack_entry(frame_lineno, lprefix)
-            place, prefix, line = text.rpartition(pdb.line_prefix)
-            if not prefix or lprefix != prefix or not colors.are_wanted(self.stdout):
+            if not self._has_colors():
                 return text
-            return place + prefix + colors.highlight(line)
+            place, prefix, line = text.rpartition(pdb.line_prefix)
+            return place + prefix + colors.highlight(line) if prefix and lprefix == prefix else text
+
+        def _has_colors(self) -> bool:
+            if self.stdout is not self._colored[0]:
+                self._colored = self.stdout, colors.are_wanted(self.stdout)
+            return self._colored[1]
 
     if sys.version_info < (3, 13):
         def completenames(self, text: str, *place: Any) -> list[str]:
@@ -297,20 +325,21 @@ class Terminal(Ends):
 
     # -- reading ---------------------------------------------------------------------------
 
-    def postcmd(self, stop: bool, line: str) -> bool:
-        stop = super().postcmd(stop, line)
-        self._is_leaving = bool(stop)
-        return stop
-
     def _cmdloop(self) -> None:
-        if not _is_being_read(self.stdin):
-            try:
-                return super()._cmdloop()
-            except RuntimeError as error:
-                if str(error) != _BUSY_INPUT:
-                    raise
-        with self._plain_input():
-            super()._cmdloop()
+        completekey = self.completekey
+        if not self.waits_for_user():
+            self.completekey = None           # type: ignore[assignment]
+        try:
+            if not _is_being_read(self.stdin):
+                try:
+                    return super()._cmdloop()
+                except RuntimeError as error:
+                    if str(error) != _BUSY_INPUT:
+                        raise
+            with self._plain_input():
+                super()._cmdloop()
+        finally:
+            self.completekey = completekey
 
     @contextlib.contextmanager
     def _plain_input(self) -> Iterator[None]:
@@ -326,6 +355,15 @@ class Terminal(Ends):
 
 def _is_ours(handler: Any) -> bool:
     return isinstance(getattr(handler, "__self__", None), Terminal)
+
+
+def _is_at_standard_prompt(frame: FrameType | None) -> bool:
+    """True when the program has opened a prompt of `pdb` itself, which reads a command or runs one."""
+    while frame is not None:
+        if frame.f_code in command_loops and isinstance(frame.f_locals.get("self"), _STANDARD_CLASS):
+            return True
+        frame = frame.f_back
+    return False
 
 
 def _is_in_command_loop(frame: FrameType | None) -> bool:
