@@ -39,6 +39,7 @@ class Session:
         environment = child_environment(**{"NO_COLOR": "1", "TERM": "dumb", "PYTHON_HISTORY": os.devnull, **environment})
         if terminal:
             self._in, child_end = pty.openpty()
+            _keep_output(child_end)
             self._out = self._in
             self.process = subprocess.Popen(command, cwd=cwd, env=environment, stdin=child_end, stdout=child_end,
                                             stderr=child_end, start_new_session=True, preexec_fn=_take_terminal)
@@ -185,6 +186,14 @@ class Session:
             os.write(self._in, b"\x03")
         else:
             self.process.send_signal(signal.SIGINT)
+
+
+def _keep_output(terminal):
+    """A Ctrl-C does not throw away what the child has printed and the test has not yet read."""
+    import termios
+    modes = termios.tcgetattr(terminal)
+    modes[3] |= termios.NOFLSH
+    termios.tcsetattr(terminal, termios.TCSANOW, modes)
 
 
 def _take_terminal():
