@@ -354,6 +354,40 @@ class LibraryTest(EntryTestCase):
         self.assertIn(self.place("third", "<module>"), session.do("continue"))
         self.assertEqual(session.end("continue"), ("end\n", 0))
 
+    def test_two_threads_at_once(self):
+        """Each of them stops, though both asked before there was a debugger, and neither had stopped when both had asked."""
+        write_program(self.folder, """\
+            import brixdebug, time
+            from brixdebug import internal
+            internal.add_internal_file(__file__)          # no stop in the code that has them meet
+            made, entered = [], []
+            def wait(done):
+                done.append(1)
+                while len(done) < 2:
+                    time.sleep(0.001)
+            class Meeting:
+                init, set_trace = brixdebug.Debugger.__init__, brixdebug.Debugger.set_trace
+            def init(self, *args, **keywords):
+                Meeting.init(self, *args, **keywords)
+                wait(made)
+            def set_trace(self, *args, **keywords):
+                Meeting.set_trace(self, *args, **keywords)
+                wait(entered)
+            brixdebug.Debugger.__init__, brixdebug.Debugger.set_trace = init, set_trace
+            """, "meeting.py")
+        self.write("""\
+            import brixdebug, meeting, threading
+            def function():
+                brixdebug.set_trace()            # call
+                return None
+            threads = [threading.Thread(target=function) for _ in range(2)]
+            for each in threads: each.start()
+            for each in threads: each.join()
+            print("end")
+            """)
+        child = run_session(self.program, commands=["continue"] * 2)
+        self.assertEqual((child.stdout.count(self.place("call")), child.stdout[-4:]), (2, "end\n"), child.stderr)
+
     def test_import_changes_nothing(self):
         printed = check_child(self, "-c", "import pdb; before = dict(vars(pdb)); import brixdebug; "
                                           "print(vars(pdb) == before)")

@@ -62,6 +62,8 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
 
     _is_nested = False                         # made by the command `debug`
 
+    gives_way = False                          # made because there was none, and not entered so far
+
     def __init__(self, *args: Any, **kwargs: Any) -> None:
         was_captured = streams.capture.suspend()      # the streams to be kept are the terminal's
         try:
@@ -101,19 +103,26 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
         self.is_left_alone = False            # this process wants it, whatever its parent is
         if self.use_rawinput:
             streams.check_terminal()
-            if not processes.is_of_session():
-                sharing.join()                # other processes of the program may do so too
         if frame is None:
             frame = sys._getframe().f_back
-        if commands is not None:
-            self.rcLines.extend(commands)
         interruption = monitor.turn.take()    # another thread may be at the prompt
         try:
-            super().set_trace(frame)
+            if self.use_rawinput and not processes.is_of_session():
+                sharing.join()                # other processes of the program may do so too
+            debugger = self._to_be_entered()
+            if commands is not None:
+                debugger.rcLines.extend(commands)
+            super(Debugger, debugger).set_trace(frame)
         finally:
             monitor.turn.lock.release()
         if interruption is not None:
             raise interruption
+
+    def _to_be_entered(self) -> Debugger:
+        """This one, unless another thread has entered one that was made for the same purpose."""
+        gives_way, self.gives_way = self.gives_way, False
+        traced = monitor.debugger
+        return traced if gives_way and isinstance(traced, Debugger) and not traced.quitting else self
 
     # -- stops -----------------------------------------------------------------------
 

@@ -67,10 +67,11 @@ def _debugger() -> Any:
     if isinstance(last, Debugger):
         return last
     kind = ipython.debugger_class(Debugger) if ipython.is_running() else Debugger
-    if not KEEPS_LAST_DEBUGGER:
-        return kind()
     # In a run of tests `quit` ends the run, and nothing that has to be asked for.
-    return kind(mode=None if streams.exit_of_pytest() else "inline", colorize=True)
+    mode = None if streams.exit_of_pytest() else "inline"
+    debugger = kind(mode=mode, colorize=True) if KEEPS_LAST_DEBUGGER else kind()
+    debugger.gives_way = True
+    return debugger
 
 
 def set_trace(*, header: str | None = None, commands: Iterable[str] | None = None) -> None:
