@@ -144,13 +144,9 @@ class Session:
         self._wait_until_main_thread_sleeps(pid=self.prompting_pid)
         self.interrupt()
 
-    def wait_until_asleep_at_prompt(self):
-        """Until the process at the prompt waits for input."""
-        self._wait_until_main_thread_sleeps(pid=self.prompting_pid)
-
-    def wait_until_asleep(self):
-        """Until the main thread waits in C code."""
-        self._wait_until_main_thread_sleeps()
+    def wait_until_asleep(self, pid=None):
+        """Until the main thread waits in C code; of the process PID, where there are several."""
+        self._wait_until_main_thread_sleeps(pid=pid)
 
     def interrupt_in_c_code(self, times=1):
         """Ctrl-C, TIMES in a row, once the main thread waits in C code."""

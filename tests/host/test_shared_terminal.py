@@ -1,5 +1,6 @@
 """Processes that are debugged at one terminal: one prompt at a time, in the order of their stops."""
 
+import contextlib
 import glob
 import os
 import re
@@ -47,12 +48,20 @@ class SharedTerminalTest(unittest.TestCase):
         session.do("set follow-fork on")
         printed = session.do("continue")
         self.pids = list(map(int, re.search("pids (.*)", printed)[1].split()))
+        self.addCleanup(self.kill_children)
         self.place = "%s(%d)hit()" % (self.program, line_of(self.program, "line"))
         self.assertIn("> " + self.place, printed)
         self.assertEqual(session.prompting_pid, self.pids[0])
         while len(self.rows(session)[0]) < 4:
             pass                              # a child that has just been forked is not there yet
         return session
+
+    def kill_children(self):
+        """Those that a failed test has left."""
+        for pid in self.pids:
+            with contextlib.suppress(OSError), open("/proc/%d/cmdline" % pid, "rb") as file:
+                if os.fsencode(self.program) in file.read():
+                    os.kill(pid, signal.SIGKILL)
 
     def rows(self, session):
         """{pid: (parent, state, program, place)} and the marked one."""
@@ -163,7 +172,7 @@ class SharedTerminalTest(unittest.TestCase):
                 session = self.start(terminal=terminal)
                 self.let_come(session, 1, 2)
                 for n in 0, 1:
-                    session.wait_until_asleep_at_prompt()
+                    session.wait_until_asleep(session.prompting_pid)
                     os.kill(self.pids[n], signal.SIGKILL)
                     session.prompt()
                     self.assertEqual(session.prompting_pid, self.pids[n + 1])
@@ -351,6 +360,62 @@ class ProgramThatCallsTest(unittest.TestCase):
         self.assertIn("program.py(%d)" % end, session.do("continue"))
         self.assertEqual(session.end("continue"), ("", 0))
         self.assertIn("status 1\n", session.seen)
+
+
+class ReloaderTest(unittest.TestCase):
+    """A program that starts itself anew with the whole command line: a session in the other."""
+
+    PROGRAM = """\
+        import os, subprocess, sys
+        if "IN_CHILD" not in os.environ:
+            os.environ["IN_CHILD"] = "1"
+            arguments = [sys.executable, *sys.orig_argv[1:]]
+            print("status", subprocess.call(arguments, close_fds=False))
+        else:
+            read, write = os.pipe()
+            print("serving", os.getpid(), flush=True)
+            os.read(read, 1)                     # server
+        """
+
+    def start(self):
+        program = write_program(scratch_folder(self), self.PROGRAM)
+        session = Session(self, "-m", "brixdebug", "-c", "continue", program, terminal=True)
+        session.wait_for("serving ")
+        return session, int(session.wait_for("\n"))
+
+    def interrupt(self, session, child):
+        session.wait_until_asleep()
+        session.wait_until_asleep(child)
+        session.interrupt()
+
+    def test_interrupt(self):
+        """Both stop, and have the prompt one after the other."""
+        session, child = self.start()
+        self.interrupt(session, child)
+        session.prompt()
+        self.assertIn(session.prompting_pid, (None, child))
+        first = session.prompting_pid
+        session.do_until("info processes", "waiting")
+        session.do("process %d" % (session.process.pid if first == child else child))
+        self.assertEqual({first, session.prompting_pid}, {None, child})
+        if session.prompting_pid is None:
+            session.do("process %d" % child)
+        self.assertIn("os.read(read, 1)", session.do("list"))
+        os.kill(child, signal.SIGKILL)
+        session.prompt()
+        self.assertIn("status -9\n", session.do("continue"))
+        self.assertEqual(session.end("quit")[1], 0)
+
+    def test_quit_ends_the_server(self):
+        session, child = self.start()
+        self.interrupt(session, child)
+        session.prompt()
+        session.do_until("info processes", "waiting")
+        if session.prompting_pid == child:
+            session.do("process %d" % session.process.pid)
+        self.assertEqual(session.end("quit")[1], 0)
+        with open("/proc/%d/stat" % child) if os.path.exists("/proc/%d" % child) else open(os.devnull) as file:
+            self.assertIn(file.read().rpartition(")")[2].split()[:1], ([], ["Z"]))
 
 
 if __name__ == "__main__":

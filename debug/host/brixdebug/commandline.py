@@ -271,7 +271,8 @@ def main() -> None:
     sys.unraisablehook = _stop_at_ends_of_threads(_hide_quit(sys.unraisablehook))
     take_over()
     processes.begin_session()
-    if processes.is_prompt_everywhere():
+    sharing.expect_others()
+    if processes.is_followed() or processes.is_prompt_everywhere():
         sharing.join()
     compat.rebind(standard("main"), **{**PDB_NAMES, "_ScriptTarget": _ScriptTarget,
                                 "Pdb": _giving_back(_debugger_class("--ipython" in options), program_arguments)})()

@@ -43,8 +43,10 @@ brixdebug: process %d is not followed: it runs on where it calls the debugger.  
 
 
 def begin_session() -> None:
-    """This is the process of the command line."""
+    """This is the process of the command line; one may be started by the program of another, as reloaders do."""
     global _session_pid
+    if os.environ.get(_VARIABLE) in (_STOP, _PASS_BY):
+        follow()
     _session_pid = os.getpid()
     follow_children(False)
 

@@ -98,9 +98,26 @@ def _terminal_name() -> str | None:
     return None
 
 
+def _own_name() -> str | None:
+    """Of the file for this process's terminal."""
+    name = _terminal_name()
+    return None if name is None else "%d-%s" % (os.getpgrp(), name)
+
+
+def _folder_name() -> str:
+    return "brixdebug-%d" % os.geteuid()
+
+
+def expected_path() -> str | None:
+    """Where the file is, once another process of this terminal has made it."""
+    name = _own_name()
+    above = next((each for each in _FOLDERS if os.access(each, os.W_OK)), None)
+    return None if name is None or above is None else os.path.join(above, _folder_name(), name)
+
+
 def _own_folder(above: str) -> str | None:
     """A folder in `above` that nobody else can enter, made where there is none."""
-    path = os.path.join(above, "brixdebug-%d" % os.geteuid())
+    path = os.path.join(above, _folder_name())
     try:
         with contextlib.suppress(FileExistsError):
             os.mkdir(path, 0o700)
@@ -122,11 +139,11 @@ class Roster:
     @classmethod
     def find(cls) -> Roster | None:
         """The one for this process's terminal; None where there is no terminal or no place for a file."""
-        name = _terminal_name()
+        name = _own_name()
         folder = next(filter(None, map(_own_folder, _FOLDERS)), None)
         if name is None or folder is None:
             return None
-        roster = cls(os.path.join(folder, "%d-%s" % (os.getpgrp(), name)))
+        roster = cls(os.path.join(folder, name))
         try:
             if not os.path.exists(roster._path):
                 roster._remove_forgotten(folder)

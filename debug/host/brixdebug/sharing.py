@@ -16,7 +16,7 @@ import time
 
 from brixdebug.evaluation import SECONDS
 from brixdebug.monitor import monitor
-from brixdebug.roster import Roster, Row, begin_of
+from brixdebug.roster import Roster, Row, begin_of, expected_path
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -51,6 +51,7 @@ class Sharing:
     def __init__(self) -> None:
         self._roster: Roster | None = None
         self._pid = 0                         # of the process that has joined
+        self._expected: str | None = None     # what another process makes that joins
         self._depth = 0                       # prompts inside of prompts
         self.is_waiting = False
         self.on_left_behind: Callable[[], object] | None = None       # whose terminal it was has been killed
@@ -60,6 +61,10 @@ class Sharing:
     def is_on(self) -> bool:
         """Other processes may want the terminal."""
         return self._roster is not None
+
+    def expect_others(self) -> None:
+        """Join when another process has: looked at before each prompt, which costs next to nothing."""
+        self._expected = expected_path()
 
     def join(self) -> None:
         """From now on other processes may want the terminal."""
@@ -116,6 +121,12 @@ class Sharing:
     def begin_prompt(self, place: str) -> None:
         self.take(place)
         self._depth += 1
+
+    def look_for_others(self) -> bool:
+        """Whether the terminal is shared."""
+        if self._roster is None and self._expected is not None and os.path.exists(self._expected):
+            self.join()
+        return self._roster is not None
 
     def end_prompt(self, is_step: bool) -> None:
         """The program goes on; with `is_step` it is to stop again soon."""

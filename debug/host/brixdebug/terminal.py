@@ -145,11 +145,13 @@ class Terminal(Ends):
 
     def begin_turn(self, frame: FrameType | None, traceback: Any = None) -> None:
         """Wait for the terminal: the program stopped in `frame`, or was ended where `traceback` says."""
-        if sharing.is_on and threading.get_ident() == threading.main_thread().ident:
+        if not sharing.look_for_others():
+            sharing.begin_prompt("")
+            return
+        if threading.get_ident() == threading.main_thread().ident:
             self._take_interrupts()
-        sharing.begin_prompt(self._place_of(frame, traceback) if sharing.is_on else "")
-        if sharing.is_on:
-            self._name_prompt()
+        sharing.begin_prompt(self._place_of(frame, traceback))
+        self._name_prompt()
 
     def end_turn(self, frame: FrameType | None) -> None:
         """What `begin_turn` was for is done."""
