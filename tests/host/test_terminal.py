@@ -282,6 +282,28 @@ class CaughtQuitTest(TerminalTestCase):
                     print("end of main")
             asyncio.run(main())
             """, "end of main"), ("""\
+            import asyncio
+            async def handle():
+                here = 1
+            async def main():
+                try:
+                    await asyncio.gather(asyncio.wait_for(handle(), 5), asyncio.sleep(1000))
+                    print("not reached")
+                finally:
+                    print("end of main")
+            asyncio.run(main())
+            """, "end of main"), ("""\
+            import asyncio
+            async def handle():
+                here = 1
+            async def serve():
+                try:
+                    asyncio.get_running_loop().create_task(handle())
+                    await asyncio.Event().wait()
+                finally:
+                    print("end of serve")
+            asyncio.run(serve())
+            """, "end of serve"), ("""\
             import unittest
             class Test(unittest.TestCase):
                 def test_1(self): here = 1

@@ -21,6 +21,9 @@ if TYPE_CHECKING:
 _OFTEN = 2
 _VERY_OFTEN = 4
 
+# How often an event loop may hand it from task to task.
+_MOST_PASSES = 100
+
 # The instruction that makes an exception the one that is handled: its line is reached before.
 _BEGINS_HANDLER = dis.opmap["PUSH_EXC_INFO"]
 
@@ -36,12 +39,16 @@ class Catcher:
         self._caught = 0
         self._most_handlers = 0
         self._handlers = 0            # that may still be ended until it has caught again
+        self._passes = 0              # of an event loop that hands it on
 
     def has_to_be_ended(self, frame: FrameType) -> bool:
         """Whether it has to be raised again at the line that `frame`, its frame, has reached."""
         if comes_of_quit(sys.exception()) or frame.f_code.co_code[frame.f_lasti] == _BEGINS_HANDLER:
             self._handlers -= 1
             return self._handlers >= 0
+        if self._passes < _MOST_PASSES and _is_handed_on(frame):
+            self._passes += 1
+            return False
         if self._caught < _VERY_OFTEN and frame.f_lineno in _cleaning_lines(frame.f_code.co_filename):
             return False
         self._caught += 1
@@ -61,6 +68,16 @@ def comes_of_quit(error: BaseException | None) -> bool:
         seen.add(id(error))
         error = error.__context__
     return False
+
+
+def _is_handed_on(frame: FrameType) -> bool:
+    """True in an event loop of `asyncio` that has still something to do: a task that was ended tells those that wait for it."""
+    if not str(frame.f_globals.get("__name__")).startswith("asyncio."):
+        return False
+    if frame.f_code.co_name != "run_forever":
+        return True
+    loop = frame.f_locals.get("self")
+    return bool(getattr(loop, "_ready", ())) or getattr(loop, "_stopping", False)
 
 
 @functools.lru_cache(maxsize=64)
