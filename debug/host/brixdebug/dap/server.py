@@ -8,6 +8,7 @@ from __future__ import annotations
 
 import _thread
 import contextlib
+import functools
 import linecache
 import os
 import signal
@@ -475,13 +476,12 @@ class Session:
 
 
 def _end_process() -> None:
-    """This process and what it has started, if it leads a session of its own."""
-    if os.getsid(0) == os.getpid():
-        os.killpg(0, signal.SIGTERM)
-    else:
-        os.kill(os.getpid(), signal.SIGTERM)
+    """This process and what it has started, if it leads a group of its own."""
+    leads_group = os.getpgrp() == os.getpid()
+    kill = functools.partial(os.killpg, 0) if leads_group else functools.partial(os.kill, os.getpid())
+    kill(signal.SIGTERM)
     threading.Event().wait(_END_SECONDS)             # for its own handlers
-    os._exit(1)
+    kill(signal.SIGKILL)
 
 
 # -- the requests that make a session -------------------------------------------------------------------
