@@ -75,6 +75,8 @@ class Reporter:
                 if verdict != PASSED:
                     self._line(frame, points, verdict)
                 return None
+            if points is not None and self._switches.is_idle:
+                return None                   # its breakpoints are of statements inside the line
             if self._switches.is_idle:
                 epoch = self._switches.epoch
                 if self._switches.is_line_off(code, line):

@@ -23,7 +23,7 @@ def awaiting_stacks(frame: FrameType | None) -> list[tuple[str, list[FrameType]]
 
     A text that says so, and the frames of that task, the innermost first.
     """
-    loop = _loop_of(frame)
+    loop = loop_of(frame)
     asyncio: Any = sys.modules.get("asyncio")
     if loop is None or asyncio is None:
         return []
@@ -44,7 +44,7 @@ def awaiting_stacks(frame: FrameType | None) -> list[tuple[str, list[FrameType]]
     return found
 
 
-def _loop_of(frame: FrameType | None) -> Any:
+def loop_of(frame: FrameType | None) -> Any:
     """The loop of asyncio that calls `frame`."""
     while frame is not None:
         if frame.f_code.co_name == "_run_once" and frame.f_globals.get("__name__") == "asyncio.base_events":

@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import json
 import os
-import tempfile
 import time
 
 TYPE_CHECKING = False
@@ -24,6 +23,7 @@ class TrafficFile:
             self.path = os.path.abspath(where)
             descriptor = os.open(self.path, os.O_WRONLY | os.O_APPEND | os.O_CREAT | os.O_CLOEXEC, 0o600)
         else:
+            import tempfile                  # takes longer than all the rest to be imported
             descriptor, self.path = tempfile.mkstemp(prefix="brixdebug-", suffix=".log")
         self._file = open(descriptor, "a", encoding="utf-8", buffering=1)
 

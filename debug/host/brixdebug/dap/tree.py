@@ -2,13 +2,12 @@
 
 from __future__ import annotations
 
-import sys
 import threading
 
 import optmonitoring
 
 from brixdebug.dap import rendering, variables
-from brixdebug.dap.awaiting import awaiting_stacks
+from brixdebug.dap.awaiting import awaiting_stacks, loop_of
 from brixdebug.monitor import monitor
 from brixdebug.suspension import debugged_frames
 
@@ -138,8 +137,8 @@ class Tree:
     def stack_with_tasks(self, thread_id: int) -> list[Frame]:
         """`stack`, and below it those of the asyncio tasks that wait for the one that the thread runs."""
         frames = self.stack(thread_id)
-        if frames and "asyncio" in sys.modules and thread_id not in self._awaiting:
-            innermost = frames[0].frame
+        innermost = frames[0].frame if frames else None
+        if loop_of(innermost) is not None and thread_id not in self._awaiting:
             found = self.boxed.call_each([lambda: awaiting_stacks(innermost)], lambda index: [])[0]
             self._awaiting[thread_id] = []
             for text, suspended in found if isinstance(found, list) else ():
