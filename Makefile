@@ -25,7 +25,7 @@ WATCHED_HOSTS ?= $(or $(PYTHONS),$(shell tools/interpreters list --cmake --min 3
 # Sessions of the debugger that work the module hardest; what only the prompt does is the same without a sanitizer.
 WATCHED_SESSIONS = files|fork|hooks|log|stops|switching|threads|conditions|evaluation
 
-.PHONY: help setup build run demo test test-all test-cpp test-python test-host test-life test-adapter test-reference selfhost wheel vsix types \
+.PHONY: help setup build run demo test test-all test-cpp test-python test-host test-life test-adapter test-reference test-editors selfhost wheel vsix types \
         inject fuzz asan tsan valgrind bench bench-quick bench-host bench-growth bench-units \
         bench-debugpy bench-pandas bench-docs tests-built some-interpreters interpreters fresh clean \
         lint format hooks coverage
@@ -84,6 +84,11 @@ test-adapter: tests-built  ## scenarios with VS Code's debug client, in every in
 test-reference: bench-debugpy  ## the same scenarios with debugpy: where it does otherwise, tests/editors/differences.js says why
 	@BUILD=$(BUILD) tools/node_packages tests/editors
 	@python="$$(tools/choose_python)" && ADAPTER=debugpy BUILD=$(BUILD) $$python tests/editors/run_node.py run_scenarios.js
+
+test-editors: build  ## VS Code in a browser, Emacs and Helix debug a program; pictures in build/pictures
+	@BUILD=$(BUILD) tools/editors
+	@python="$$(tools/choose_python)" && BUILD=$(BUILD) OPTMONITORING_DIR=$(BUILD) PYTHONPATH=tests/editors \
+	    $$python tests/python/run_tests.py test_editors
 
 inject: tests-built  ## every allocation and every interpreter call failing in turn (some minutes an interpreter)
 	@tools/run_ctest $(BUILD) -R '^inject_'
