@@ -37,6 +37,18 @@ class LaunchTest(AdapterTestCase):
         client.begin("launch", {"code": ["import sys", "sys.exit(3)"], "console": "internalConsole"})
         self.assertEqual(client.finish(), 3)
 
+    def test_command_line_that_a_server_runs_anew(self):
+        text = "import sys; print(sys.orig_argv[1:])"
+        path = self.program(text, "some_module.py")
+        for arguments, words in (({"program": str(path)}, [str(path)]), ({"module": "some_module"}, ["-m", "some_module"]),
+                                 ({"code": text}, ["-c", text])):
+            with self.subTest(arguments):
+                client = self.client()
+                client.begin("launch", {**arguments, "args": ["x", "-m"], "pythonArgs": ["-X", "utf8"], "cwd": str(self.folder),
+                                        "console": "internalConsole"})
+                self.assertEqual(client.finish(), 0)
+                self.assertEqual(client.output["stdout"], "%s\n" % ["-X", "utf8", *words, "x", "-m"])
+
     def test_environment_file(self):
         (self.folder / "vars").write_text("# a comment\nexport FIRST='a b'\nSECOND=two # trailing\n\nTHIRD=\"x\\ny\"\n")
         client = self.client()

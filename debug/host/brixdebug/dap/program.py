@@ -133,7 +133,15 @@ def serve(arguments: list[str]) -> None:
     _run(program, waits=options.wait_for_client or options.connect is not None)
 
 
+_OPTIONS = {"module": ["-m"], "code": ["-c"]}
+
+
 def _program(kind: str, name: str, arguments: list[str], start_method: str) -> Program:
+    # What a server runs anew to reload itself: the interpreter's options and the program, without this package.
+    interpreter = sys.orig_argv[:len(sys.orig_argv) - len(sys.argv)]
+    if interpreter[-1:] == ["-m"]:
+        interpreter.pop()
+    sys.orig_argv[:] = [*interpreter, *_OPTIONS.get(kind, []), name, *arguments]
     try:
         program = Program(kind, name, arguments)
     except (ImportError, OSError, SyntaxError) as error:
