@@ -32,13 +32,19 @@ _HAVING = {PROMPTING: EVALUATING, STEPPING: RUNNING}
 _LOOK_SECONDS = 0.03
 _MOST_LOOK_SECONDS = 0.5
 
+# One that is alone looks for others when so much time has passed: nobody types faster.
+_BETWEEN_LOOKS_SECONDS = 0.05
+
 # The program may replace what it finds in the module.
 _sleep, _now = time.sleep, time.monotonic
 
 
 def _own_name() -> str:
     """What the user calls this process."""
-    name = os.path.basename(sys.argv[0]) if getattr(sys, "argv", None) else ""
+    path = sys.argv[0] if getattr(sys, "argv", None) else ""
+    folder, name = os.path.split(path)
+    if name == "__main__.py":
+        name = os.path.basename(folder)       # of a package that was started by its name
     current: Any = getattr(sys.modules.get("multiprocessing.process"), "_current_process", None)
     if current is not None and getattr(current, "_parent_pid", None) is not None:
         name += " (%s)" % current.name
@@ -52,6 +58,7 @@ class Sharing:
         self._roster: Roster | None = None
         self._pid = 0                         # of the process that has joined
         self._expected: str | None = None     # what another process makes that joins
+        self._next_look = 0.0                 # for that, seconds
         self._depth = 0                       # prompts inside of prompts
         self.is_waiting = False
         self.on_left_behind: Callable[[], object] | None = None       # whose terminal it was has been killed
@@ -123,9 +130,11 @@ class Sharing:
         self._depth += 1
 
     def look_for_others(self) -> bool:
-        """Whether the terminal is shared."""
-        if self._roster is None and self._expected is not None and os.path.exists(self._expected):
-            self.join()
+        """Whether the terminal is shared; commands from a file, which follow each other at once, do not look each time."""
+        if self._roster is None and self._expected is not None and _now() >= self._next_look:
+            self._next_look = _now() + _BETWEEN_LOOKS_SECONDS
+            if os.access(self._expected, os.F_OK):
+                self.join()
         return self._roster is not None
 
     def end_prompt(self, is_step: bool) -> None:

@@ -202,6 +202,9 @@ class Terminal(Ends):
         self._report_stop(super().user_watch, frame, changes)
 
     def _report_stop(self, report: Callable[..., object], frame: FrameType, *what: object) -> None:
+        if not sharing.is_on:                 # `interaction` looks for others
+            report(frame, *what)
+            return
         self.begin_turn(frame)
         try:
             report(frame, *what)
