@@ -9,7 +9,7 @@ import sys
 import unittest
 
 from dap_client import AdapterTestCase, Client
-from host_support import LOCK_WARNING, child_environment
+from host_support import LOCK_WARNING, child_environment, run_child
 from session import line_of, write_program
 
 LIBRARY = """\
@@ -216,6 +216,52 @@ class TrafficTest(AdapterTestCase):
         client.ask("initialize", adapterID="x")
         self.assertEqual(client.refused("launch", program=str(self.program("pass")), logToFile="/no/such/folder/x.log"),
                          "'logToFile' cannot be written: [Errno 2] No such file or directory: '/no/such/folder/x.log'")
+
+
+class LogTest(AdapterTestCase):
+    def check(self, target, path):
+        text = target.read_text()
+        self.assertIn("lines to stop at in <module>() of %s:1: 2\n" % path, text)
+        self.assertIn("breakpoint 1 at %s:2 reached" % path, text)
+
+    def test_log_of_a_program_that_the_adapter_starts(self):
+        target = self.folder / "debug.log"
+        path = self.program("import os\nprint('BRIXDEBUG' in str(os.environ))\n")
+        client = Client(self, "-m", "brixdebug.dap", "--log", target, "--log-domains", "breakpoints")
+        client.launch(path, {path: [2]})
+        client.wait_for_stop("breakpoint")
+        client.go_on()
+        self.assertEqual(client.finish(), 0)
+        self.assertEqual(client.output["stdout"], "False\n")
+        self.check(target, path)
+
+    def test_log_of_a_program_that_waits_for_an_editor(self):
+        target = self.folder / "debug.log"
+        path = self.program("x = 1\nx = 2\n")
+        log = ["--log", str(target), "--log-domains", "breakpoints"]
+        for options in ([*log, "--listen", "0"], ["--listen", "0", *log]):
+            with self.subTest(options):
+                target.write_text("")
+                command = [sys.executable, "-W", "ignore:%s:RuntimeWarning" % LOCK_WARNING, "-m", "brixdebug", *options,
+                           "--wait-for-client", str(path)]
+                with subprocess.Popen(command, env=child_environment(), stderr=subprocess.PIPE, text=True) as served:
+                    port = int(served.stderr.readline().rpartition(":")[2])
+                    client = Client(self, connection=socket.create_connection(("127.0.0.1", port)))
+                    client.begin("attach", {}, {path: [2]})
+                    client.wait_for_stop("breakpoint")
+                    client.go_on()
+                    self.assertEqual(served.wait(), 0)
+                self.check(target, path)
+
+    def test_log_that_cannot_be_is_said(self):
+        for options, text in ((["--log", "/no/such/x"], "[Errno 2] No such file or directory: '/no/such/x'"),
+                              (["--log-domains", "io"], "--log-domains goes with --log FILE"),
+                              (["--log", os.devnull, "--log-domains", "nonsense"], "unknown log domain 'nonsense'; known: ")):
+            for command in (["brixdebug.dap"], ["brixdebug", "--listen", "0"]):
+                with self.subTest(options=options, command=command):
+                    child = run_child("-m", *command, *options, *(["x.py"] if command[1:] else []))
+                    self.assertNotEqual(child.returncode, 0)
+                    self.assertIn("error: " + text, child.stderr)
 
 
 if __name__ == "__main__":

@@ -194,15 +194,10 @@ def _take_own_options(arguments: list[str]) -> dict[str, str]:
 
 
 def _open_log(options: dict[str, str]) -> None:
-    if "--log-domains" in options and "--log" not in options:
-        raise SystemExit("brixdebug: error: --log-domains goes with --log FILE")
-    if "--log" in options:
-        domains = log.parse_domains(options["--log-domains"]) if "--log-domains" in options \
-            else log.DEFAULT_DOMAINS
-        try:
-            log.open_log(options["--log"], domains)
-        except (OSError, ValueError) as error:
-            raise SystemExit("brixdebug: error: %s" % error) from None
+    try:
+        log.open_as_asked(options.get("--log"), options.get("--log-domains"))
+    except (OSError, ValueError) as error:
+        raise SystemExit("brixdebug: error: %s" % error) from None
 
 
 def _attach_options(arguments: list[str]) -> tuple[int, list[str]] | None:
@@ -247,10 +242,16 @@ def _debugger_class(has_ipython: bool) -> Any:
         raise SystemExit("brixdebug: error: --ipython needs IPython: %s" % error) from None
 
 
+def _is_for_editors(arguments: list[str]) -> bool:
+    rest = list(arguments)
+    _take_own_options(rest)
+    return bool(rest) and rest[0].partition("=")[0] in ("--listen", "--connect")
+
+
 def main() -> None:
     """The command line: pdb's, and `--log FILE` and `--log-domains NAMES` among its options."""
     arguments = sys.argv[1:]
-    if arguments and arguments[0].partition("=")[0] in ("--listen", "--connect"):
+    if _is_for_editors(arguments):
         from brixdebug.dap import program
         program.serve(arguments)
         return

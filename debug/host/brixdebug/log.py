@@ -55,6 +55,14 @@ def parse_domains(text: str) -> tuple[str, ...]:
     return tuple(name.strip() for name in text.split(",") if name.strip())
 
 
+def open_as_asked(path: str | None, domains: str | None) -> None:
+    """What the options `--log FILE` and `--log-domains NAMES` ask for; ValueError or OSError when it cannot be."""
+    if path is not None:
+        open_log(path, DEFAULT_DOMAINS if domains is None else parse_domains(domains))
+    elif domains is not None:
+        raise ValueError("--log-domains goes with --log FILE")
+
+
 def is_open() -> bool:
     return _log_file is not None
 

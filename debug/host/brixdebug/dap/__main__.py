@@ -6,6 +6,7 @@ import argparse
 import os
 import sys
 
+from brixdebug import log
 from brixdebug.dap import door
 from brixdebug.dap.adapter import Adapter
 from brixdebug.dap.wire import Wire
@@ -23,7 +24,10 @@ def main() -> None:
         description="A debug adapter for editors, over standard input and output unless a port is given.")
     parser.add_argument("--port", metavar="[HOST:]PORT", help="wait for one client there instead; also unix:PATH")
     parser.add_argument("--secret-file", metavar="FILE", help="what a client has to know; needed beyond the loopback")
+    parser.add_argument("--log", metavar="FILE", help="write what the debugger does in programs to the end of FILE")
+    parser.add_argument("--log-domains", metavar="NAME,...", help="of this only: %s" % ", ".join(log.DOMAINS))
     options = parser.parse_args()
+    _hand_log_on(parser, options.log, options.log_domains)
     if options.port is None:
         Adapter(_standard_streams()).run()
         return
@@ -35,6 +39,22 @@ def main() -> None:
         parser.error(str(error))
     print("brixdebug.dap: listening at %s" % door.show_address(address), flush=True)
     _serve_one(listener, secret)
+
+
+def _hand_log_on(parser: argparse.ArgumentParser, path: str | None, domains: str | None) -> None:
+    """Programs get it in their environment; what cannot be is said here."""
+    if path is None:
+        if domains is not None:
+            parser.error("--log-domains goes with --log FILE")
+        return
+    try:
+        log.domain_mask(log.parse_domains(domains or ""))
+        open(path, "a").close()
+    except (OSError, ValueError) as error:
+        parser.error(str(error))
+    os.environ["BRIXDEBUG_LOG"] = os.path.abspath(path)
+    if domains is not None:
+        os.environ["BRIXDEBUG_LOG_DOMAINS"] = domains
 
 
 def _serve_one(listener: socket.socket, secret: str | None) -> None:

@@ -10,6 +10,7 @@ import os
 import signal
 import sys
 
+from brixdebug import log
 from brixdebug.dap import (breakpoints, control, data_breakpoints, door, exception_filters, expressions,
                            function_breakpoints, inspection, moving)
 from brixdebug.dap.children import Family, own_name
@@ -95,6 +96,7 @@ def stop_in(frame: FrameType) -> None:
 def main(arguments: list[str]) -> None:
     """`ADDRESS KIND NAME ARGUMENTS...`: run a program for the adapter that listens at ADDRESS."""
     address, kind, name, *rest = arguments
+    _open_log(os.environ.pop("BRIXDEBUG_LOG", None), os.environ.pop("BRIXDEBUG_LOG_DOMAINS", None))
     if os.environ.pop("BRIXDEBUG_OUTPUT", None) == "pipe":
         _print_for_client()
         server.prints_to_client = True
@@ -107,12 +109,14 @@ def serve(arguments: list[str]) -> None:
     """`--listen` or `--connect`, and the program: a program that editors attach to."""
     parser = argparse.ArgumentParser(prog="python -m brixdebug", allow_abbrev=False, usage=
         "%(prog)s --listen [HOST:]PORT | --connect HOST:PORT  [--wait-for-client] [--secret-file FILE]\n"
-        "                           (-m MODULE | -c CODE | PROGRAM) ARGUMENTS")
+        "                           [--log FILE] [--log-domains NAME,...] (-m MODULE | -c CODE | PROGRAM) ARGUMENTS")
     where = parser.add_mutually_exclusive_group(required=True)
     where.add_argument("--listen", metavar="[HOST:]PORT", help="let editors attach there; also unix:PATH")
     where.add_argument("--connect", metavar="HOST:PORT", help="go to an editor that waits there")
     parser.add_argument("--wait-for-client", action="store_true", help="do not run before an editor has attached")
     parser.add_argument("--secret-file", metavar="FILE", help="what an editor has to know; needed beyond the loopback")
+    parser.add_argument("--log", metavar="FILE", help="write what the debugger does to the end of FILE")
+    parser.add_argument("--log-domains", metavar="NAME,...", help="of this only")
     what = parser.add_mutually_exclusive_group()
     what.add_argument("-m", dest="module", nargs=argparse.REMAINDER, help="run a module")
     what.add_argument("-c", dest="code", nargs=argparse.REMAINDER, help="run code")
@@ -122,6 +126,7 @@ def serve(arguments: list[str]) -> None:
         ("code", options.code) if options.code is not None else ("program", options.program)
     if not words:
         parser.error("there is no program to run")
+    _open_log(options.log, options.log_domains)
     program = _program(kind, words[0], words[1:], "attachForSuspendedLaunch")
     try:
         if options.connect is not None:
@@ -134,6 +139,13 @@ def serve(arguments: list[str]) -> None:
 
 
 _OPTIONS = {"module": ["-m"], "code": ["-c"]}
+
+
+def _open_log(path: str | None, domains: str | None) -> None:
+    try:
+        log.open_as_asked(path, domains)
+    except (OSError, ValueError) as error:
+        raise SystemExit("brixdebug: error: %s" % error) from None
 
 
 def _program(kind: str, name: str, arguments: list[str], start_method: str) -> Program:

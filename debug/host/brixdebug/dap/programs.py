@@ -29,6 +29,7 @@ CONNECT_SECONDS = 30.0           # from its start until a program has come to th
 _LOOK_SECONDS = 0.1              # between looks whether a program is still to come
 _END_SECONDS = 5.0               # from SIGTERM to SIGKILL
 _STANDARD_ERROR = 2
+_LOG_VARIABLES = ("BRIXDEBUG_LOG", "BRIXDEBUG_LOG_DOMAINS")
 _OUTPUT_SECONDS = 1.0            # for output that others still hold open after the program's end
 
 _START_FILE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "start.py")
@@ -121,6 +122,7 @@ def start(settings: arguments.Settings, emit: Callable[[str, str], object],
         raise ProgramError("'program' does not exist: %s" % settings.program)
     # The module lies where this interpreter has it, which the program's need not know.
     variables = {**arguments.environment_of(settings), "BRIXDEBUG_FOLDERS": os.path.dirname(optmonitoring.__file__)}
+    variables.update({name: os.environ[name] for name in _LOG_VARIABLES if name in os.environ})
     # Nobody but this user gets into the folder, and so at the socket.
     folder = tempfile.mkdtemp(prefix="brixdebug-")
     try:
