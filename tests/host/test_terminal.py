@@ -372,7 +372,8 @@ class WhereTest(TerminalTestCase):
         self.assertEqual(session.do("up"), "*** Oldest frame\n")
         self.assertEqual(self.names(session.do_until("continue", "function()") and session.do("where")),
                          ["threading.py_bootstrap()", "threading.py_bootstrap_inner()", "threading.pyrun()", "program.pyfunction()"])
-        self.assertIn("Entering post mortem debugging", session.do_until("continue", "post mortem"))
+        died = session.do_until("continue", "post mortem")
+        self.assertEqual(re.findall(r'  File "(?:.*/)?(.*)", line', died), ["program.py"])
         self.assertEqual(self.names(session.do("where")), ["program.py<module>()"])
         self.assertEqual(session.do("up"), "*** Oldest frame\n")
         session.end("quit")

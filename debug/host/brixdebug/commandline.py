@@ -5,8 +5,10 @@ from __future__ import annotations
 import pdb
 import sys
 import threading
+import traceback
 
 from brixdebug import compat, ipython, log, processes
+from brixdebug.commands.stack import without_start
 from brixdebug.debugger import Debugger
 from brixdebug.ending import comes_of_quit
 from brixdebug.engine import BdbQuit, reporter
@@ -233,6 +235,23 @@ def _stop_at_ends_of_threads(show: Callable[[Any], object]) -> Callable[[Any], N
     return unraisablehook
 
 
+class _ProgramsTraceback:
+    """`traceback` for pdb's `main`, which shows what ended the program: without what ran the program."""
+
+    @staticmethod
+    def print_exception(error: BaseException, **keywords: Any) -> None:
+        whole, error.__traceback__ = error.__traceback__, without_start(error.__traceback__)
+        try:
+            traceback.print_exception(error, **keywords)
+        finally:
+            error.__traceback__ = whole
+
+    def print_exc(self) -> None:
+        error = sys.exception()
+        assert error is not None
+        self.print_exception(error)
+
+
 def _debugger_class(has_ipython: bool) -> Any:
     if not has_ipython:
         return _CommandLineDebugger
@@ -276,6 +295,7 @@ def main() -> None:
     if processes.is_followed() or processes.is_prompt_everywhere():
         sharing.join()
     compat.rebind(standard("main"), **{**PDB_NAMES, "_ScriptTarget": _ScriptTarget,
+                                "traceback": _ProgramsTraceback(),
                                 "Pdb": _giving_back(_debugger_class("--ipython" in options), program_arguments)})()
     processes.end_child()
     if _CommandLineDebugger.has_lost_input:

@@ -11,7 +11,7 @@ from brixdebug.interrupts import is_debuggers_code
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
-    from types import FrameType
+    from types import FrameType, TracebackType
     from typing import Any
 
 _RUN_OF_COMMAND_LINE = vars(pdb.Pdb)["_run"].__code__
@@ -57,6 +57,19 @@ class StackCommands(CommandBase):
         names = dict.fromkeys(files.short_name(frame.f_code.co_filename) for frame in frames)
         self.message("  [%d frame%s of libraries: %s]"
                      % (len(frames), "" if len(frames) == 1 else "s", ", ".join(names)))
+
+
+def without_start(traceback: TracebackType | None) -> TracebackType | None:
+    """The part of a traceback that is the program's; the whole one where none of it ran."""
+    whole = programs = traceback
+    while traceback is not None:
+        following = traceback.tb_next
+        if _starts_program(traceback.tb_frame):
+            programs = following
+            if following is not None and following.tb_frame.f_code.co_filename == _STATEMENT:
+                programs = following.tb_next
+        traceback = following
+    return programs or whole
 
 
 def _starts_program(frame: FrameType) -> bool:
