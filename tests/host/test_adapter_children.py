@@ -8,6 +8,7 @@ import sys
 import unittest
 
 from dap_client import AdapterTestCase
+from host_support import child_environment
 from session import line_of
 
 
@@ -72,6 +73,33 @@ class ForkTest(ChildrenTestCase):
         client.go_on()
         self.assertEqual(client.finish(), 0)
         self.assertEqual(client.output["stdout"], "status 3\n")
+
+    def test_exception_of_a_signal_handler_while_the_child_waits(self):
+        program = self.program("""\
+            import os, signal, sys
+            def handle(*_):
+                raise ValueError("on purpose")
+            signal.signal(signal.SIGUSR1, handle)
+            try:
+                pid = os.fork()
+                if pid == 0:
+                    os._exit(0)
+            except ValueError as error:
+                names = []
+                traceback = error.__traceback__
+                while traceback is not None:
+                    names.append(traceback.tb_frame.f_code.co_name)
+                    traceback = traceback.tb_next
+                print(error, names[0], names[-1], flush=True)
+                os._exit(3)
+            print("status", os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]))
+        """)
+        client = self.launch(program)
+        while not client.children:
+            client.take()
+        os.kill(int(client.children[0]["name"].rpartition(" ")[2]), signal.SIGUSR1)
+        self.assertEqual(client.finish(), 0)
+        self.assertEqual(client.output["stdout"], "on purpose <module> handle\nstatus 3\n")
 
     def test_threads_of_the_debugger_are_no_reason_for_a_warning(self):
         program = self.program("""\
@@ -278,6 +306,57 @@ class MultiprocessingTest(ChildrenTestCase):
             child.go_on()
         self.assertEqual(client.finish(), 0)
         self.assertEqual(client.output["stdout"], "[2, 3]\n")
+
+
+class WayTest(ChildrenTestCase):
+    """However the parent came to its client."""
+
+    TEXT = """\
+        import os
+        pid = os.fork()
+        if pid == 0:
+            here = 1                            # child
+            os._exit(3)
+        print("status", os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]))
+    """
+
+    def test_parent_in_a_terminal(self):
+        program = self.program(self.TEXT)
+        client = self.editor()
+
+        def run(arguments):
+            self.terminal = subprocess.Popen(arguments["args"], cwd=arguments["cwd"], env={**os.environ, **arguments["env"]},
+                                             stdout=subprocess.PIPE, text=True)
+            self.addCleanup(self.terminal.stdout.close)
+            return {"processId": self.terminal.pid}
+
+        client.on_request["runInTerminal"] = run
+        self.breakpoints = {program: [line_of(program, "child")]}
+        client.launch(program, self.breakpoints, console="integratedTerminal",
+                      initialize={"supportsRunInTerminalRequest": True, "supportsStartDebuggingRequest": True})
+        child = self.child(client)
+        child.wait_for_stop("breakpoint")
+        self.leave(child)
+        self.assertEqual(client.finish(), 0)
+        self.assertEqual(self.terminal.stdout.read(), "status 3\n")
+        self.assertEqual(self.terminal.wait(60), 0)
+
+    def test_parent_that_listens(self):
+        program = self.program(self.TEXT)
+        served = subprocess.Popen([sys.executable, "-m", "brixdebug", "--listen", "0", "--wait-for-client", str(program)],
+                                  env=child_environment(), stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        for end in (served.stdout.close, served.stderr.close, served.wait, served.kill):
+            self.addCleanup(end)
+        port = int(served.stderr.readline().rpartition(":")[2])
+        client = self.editor()
+        self.breakpoints = {program: [line_of(program, "child")]}
+        client.begin("attach", {"connect": {"port": port}}, self.breakpoints, supportsStartDebuggingRequest=True)
+        child = self.child(client)
+        child.wait_for_stop("breakpoint")
+        child.process.kill()                 # the child was not launched for it, and goes on
+        client.wait_for("terminated")
+        self.assertEqual(served.stdout.read(), "status 3\n")
+        self.assertEqual(served.wait(60), 0)
 
 
 class ClientTest(ChildrenTestCase):

@@ -25,7 +25,7 @@ from brixdebug.monitor import monitor
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
-    from types import FrameType
+    from types import FrameType, TracebackType
     from typing import Any
 
     from brixdebug.dap.server import Server, Session
@@ -199,7 +199,11 @@ class Family:
         if heritage is None or was_stopped:
             self._go_alone()
         elif not spawning.is_starting(frame):
-            self.join(heritage)
+            try:
+                self.join(heritage)
+            except BaseException as error:           # of a signal handler: it is for who has called the fork
+                error.__traceback__ = _handlers_part(error.__traceback__)
+                monitor.raiser.raise_in_program(error, frame)
 
     # -- the parent's side: its client -------------------------------------------------------------
 
@@ -228,7 +232,17 @@ class Family:
     # -- the child's side --------------------------------------------------------------------------
 
     def join(self, heritage: Heritage) -> None:
-        """Get a session, and wait until its client has set its breakpoints."""
+        """Get a session, and wait until its client has set its breakpoints.
+
+        Raises what a signal handler raises meanwhile; the process goes on alone then.
+        """
+        try:
+            self._get_session(heritage)
+        except BaseException:
+            self._go_alone()
+            raise
+
+    def _get_session(self, heritage: Heritage) -> None:
         self._given = heritage
         self._server.prints_to_client = heritage.prints_to_client
         self._server.ends_with_client = heritage.ends_program
@@ -286,6 +300,15 @@ class Family:
         self._server.stop_listening()
         if self._server.session is None:
             self._spawning.end()
+
+
+def _handlers_part(traceback: TracebackType | None) -> TracebackType | None:
+    """What a signal handler has called, without what it has interrupted here."""
+    package = os.path.dirname(os.path.abspath(__file__))
+    while traceback is not None and (traceback.tb_frame.f_code.co_filename.startswith(package)
+                                     or traceback.tb_frame.f_code.co_filename == threading.__file__):
+        traceback = traceback.tb_next
+    return traceback
 
 
 def own_name() -> str:
