@@ -74,6 +74,27 @@ class ProgramTest(FaultsTestCase):
                     self.assertEqual(client.output["stdout"], text)
                     self.assert_none_is_left()
 
+    def test_program_closes_all_files_that_it_finds(self):
+        """As daemons do.  What it opens then is its own, and it ends as it wants to."""
+        program = self.program("""\
+            import os
+            first = os.open("first", os.O_RDWR | os.O_CREAT)
+            breakpoint()
+            os.closerange(3, 2000)          # close
+            numbers = [os.open("file %d" % number, os.O_RDWR | os.O_CREAT) for number in range(600)]
+            for number in numbers:
+                os.write(number, b"x")
+            os.write(1, b"%d %d" % (first, numbers == list(range(3, 603))))
+            os._exit(3)
+        """)
+        client = self.launch(program, cwd=str(self.folder), subProcess=False)
+        client.wait_for_stop("breakpoint")
+        client.go_on()
+        self.assertEqual(client.finish(), 3)
+        self.assertEqual(client.output["stdout"], "3 1")
+        for number in range(600):
+            self.assertEqual((self.folder / ("file %d" % number)).read_text(), "x")
+
     def test_program_is_killed(self):
         program = self.program("import time\nx = 1   # stop\ntime.sleep(1000)\n")
         for state in ("waits", "stopped", "runs"):

@@ -9,6 +9,7 @@ from __future__ import annotations
 
 import _thread
 import contextlib
+import errno
 import json
 import os
 import socket
@@ -49,7 +50,7 @@ class Desk:
             listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
             listener.bind("")                # a name that is in no folder, and gone with the process
             listener.listen(128)
-            self._listener = listener
+            self._listener = listener = door.out_of_the_way(listener)
             self._place = listener.getsockname()[1:].decode("latin-1"), door.new_secret()
             _thread.start_new_thread(self._accept_all, (listener,))
         return self._place
@@ -72,9 +73,11 @@ class Desk:
         pause = threading.Event()
         while self._listener is listener:
             try:
-                connection, _ = listener.accept()
-            except OSError:                  # closed, or there are too many open files
-                pause.wait(0.1)
+                connection = door.out_of_the_way(listener.accept()[0])
+            except OSError as error:
+                if error.errno == errno.EBADF:
+                    return
+                pause.wait(0.1)              # closed, or there are too many open files
                 continue
             _thread.start_new_thread(self._serve, (connection, self._place))
 

@@ -7,6 +7,7 @@ its owner alone.  Only the loopback and Unix sockets are open without a secret.
 
 from __future__ import annotations
 
+import fcntl
 import hmac
 import ipaddress
 import os
@@ -21,6 +22,7 @@ if TYPE_CHECKING:
 
 UNIX_PREFIX = "unix:"
 _SECRET_BYTES = 24
+_FIRST_DESCRIPTOR = 500          # there are 1024 or more
 _MAX_SECRET_BYTES = 4096
 
 
@@ -75,7 +77,7 @@ def listen_at(address: Address) -> tuple[socket.socket, Address]:
     """
     try:
         if isinstance(address, str):
-            return _listen_on_path(address), address
+            return out_of_the_way(_listen_on_path(address)), address
         family = socket.getaddrinfo(*address, type=socket.SOCK_STREAM)[0][0]
         listener = socket.socket(family, socket.SOCK_STREAM)
         try:
@@ -85,6 +87,7 @@ def listen_at(address: Address) -> tuple[socket.socket, Address]:
         except BaseException:
             listener.close()
             raise
+        listener = out_of_the_way(listener)
         return listener, listener.getsockname()[:2]
     except OSError as error:
         raise DoorError("cannot listen at %s: %s" % (show_address(address), error.strerror or error)) from None
@@ -135,9 +138,24 @@ def connect_to(address: Address, seconds: float | None = None) -> socket.socket:
                 connection.close()
                 raise
         connection.settimeout(None)
-        return connection
+        return out_of_the_way(connection)
     except OSError as error:
         raise DoorError("cannot connect to %s: %s" % (show_address(address), error.strerror or error)) from None
+
+
+def out_of_the_way(connection: socket.socket) -> socket.socket:
+    """The same under a number that the program's own files do not get.
+
+    They have the numbers that they have without a debugger, and one that is closed in error has not been given anew.
+    """
+    try:
+        descriptor = fcntl.fcntl(connection.fileno(), fcntl.F_DUPFD_CLOEXEC, _FIRST_DESCRIPTOR)
+    except OSError:                          # there may be fewer
+        return connection
+    moved = socket.socket(connection.family, connection.type, connection.proto, descriptor)
+    moved.settimeout(connection.gettimeout())
+    connection.close()
+    return moved
 
 
 def new_secret() -> str:

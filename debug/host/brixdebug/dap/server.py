@@ -8,6 +8,7 @@ from __future__ import annotations
 
 import _thread
 import contextlib
+import errno
 import functools
 import linecache
 import os
@@ -113,9 +114,11 @@ class Server:
         pause = threading.Event()
         while self._listener is listener:
             try:
-                connection, _ = listener.accept()
-            except OSError:                  # closed, or there are too many open files
-                pause.wait(_RETRY_SECONDS)
+                connection = door.out_of_the_way(listener.accept()[0])
+            except OSError as error:
+                if error.errno == errno.EBADF:
+                    return
+                pause.wait(_RETRY_SECONDS)   # closed, or there are too many open files
                 continue
             session = self.session
             if session is not None and not session.has_gone or len(self._strangers) >= _MAX_STRANGERS:
@@ -455,13 +458,14 @@ class Session:
     def _leave(self) -> None:
         """The client has gone: the program goes on without it, or ends with it."""
         self.is_configured = False
+        was_taken = self.wire.was_taken
         self.wire.close()
         self.replies.end()
         if self.server.session is not self:
             self.server.dismiss(self)
             return
         self.server.end_redirection()
-        if self.ends_program and not self.is_leaving:
+        if self.ends_program and not self.is_leaving and not was_taken:
             _end_process()                           # started for a client that died
         self.debugger.in_turn(self._let_go)
         self.server.on_client(False)

@@ -43,6 +43,7 @@ class Wire:
         self._in = read_descriptor
         self._out = write_descriptor
         self._owner = owner
+        self._identity = _identity(write_descriptor)
         self._unread = bytearray()
         self._wanted: int | None = None      # bytes of the message whose header has been read
         self._writing = threading.Lock()
@@ -115,6 +116,11 @@ class Wire:
         self._unread += data
         return bool(data)
 
+    @property
+    def was_taken(self) -> bool:
+        """The program has closed the descriptor, as daemons do with all that they find; it may be another file's now."""
+        return _identity(self._out) != self._identity
+
     # -- writing -----------------------------------------------------------------------
 
     def send(self, message: dict[str, Any]) -> bool:
@@ -133,7 +139,8 @@ class Wire:
         self._noted("->", message)
         body = json.dumps(message).encode()
         view = memoryview(b"Content-Length: %d\r\n\r\n%s" % (len(body), body))
-        if self.is_closed:
+        if self.is_closed or self.was_taken:
+            self.is_closed = True
             return False
         while view:
             try:
@@ -178,19 +185,27 @@ class Wire:
         """No more is written; a thread that reads finds the end of the stream."""
         self.is_closed = True
         close = getattr(self._owner, "shutdown", None)
-        if close is not None:
+        if close is not None and not self.was_taken:
             try:
                 close(2)                     # both ways: wakes the reader, unlike close()
             except OSError:
                 pass
 
-
     def drop(self) -> None:
         """In a forked child: the connection is the parent's."""
         self.is_closed = True
-        close = getattr(self._owner, "close", None)
+        close = getattr(self._owner, "detach" if self.was_taken else "close", None)
         if close is not None:
             close()
+
+
+def _identity(descriptor: int) -> tuple[int, int] | None:
+    """Of the open file, whichever number it has."""
+    try:
+        status = os.fstat(descriptor)
+    except OSError:
+        return None
+    return status.st_dev, status.st_ino
 
 
 def _is_readable(descriptor: int, seconds: float) -> bool:
