@@ -182,10 +182,12 @@ class BreakLines:
         return _to_the_end("the search for code", self._look_at_file, code, frame)
 
     def _look_at_file(self, code: CodeType, frame: FrameType) -> None:
+        debugger = self.debugger
+        if debugger is not None and not debugger.awaits_code and self._is_passed_by_name(code.co_filename):
+            return
         record = optmonitoring.CPerCodeObject.GetPerCodeObject(code, False)
         if record is None:
             record = optmonitoring.CPerCodeObject.GetPerCodeObject(code, True, frame)
-        debugger = self.debugger
         filename = code.co_filename
         if debugger is None or record is None or type(filename) is not str \
                 or not (os.path.isabs(filename) or is_pseudo_file(filename)):
@@ -196,6 +198,24 @@ class BreakLines:
                     name: Any = record.fCanonicalPathname or filename
                     self._passed.setdefault(name, set()).add(filename)
                     self._switches.pass_over(filename)
+
+    def _is_passed_by_name(self, filename: Any) -> bool:
+        """Pass over a file that its absolute name tells, if there are no breakpoints in it.
+
+        No record of the code is made: it is found by the code's hash, which takes all of a module's code in.
+        """
+        if type(filename) is not str or not os.path.isabs(filename) or is_pseudo_file(filename):
+            return False
+        name: Any = optmonitoring.get_canonical_pathname(filename)
+        per_file = optmonitoring.CPerFile.GetPerFile(name)
+        if per_file.fBpSetByLineno:
+            return False
+        with self._switches.lock:
+            if per_file.fBpSetByLineno:       # set meanwhile
+                return False
+            self._passed.setdefault(name, set()).add(filename)
+            self._switches.pass_over(filename)
+        return True
 
     def _is_waited_for(self, debugger: TracedDebugger, record: CPerCodeObject, code: CodeType) -> bool:
         """There are breakpoints in the file."""
