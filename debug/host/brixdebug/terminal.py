@@ -231,8 +231,13 @@ class Terminal(Ends):
         self.post_mortem_of = None            # it keeps all variables of the stack alive
         if sys.version_info < (3, 13):
             self.curframe_locals = {}         # it keeps what the variables were alive
-        if is_post_mortem and threading.get_ident() == threading.main_thread().ident:
+        if threading.get_ident() != threading.main_thread().ident:
+            return
+        if is_post_mortem:
             self.give_back_interrupts()
+        elif _is_ours(pdb.Pdb._previous_sigint_handler):      # type: ignore[attr-defined]
+            # `continue` has found it; who asks pdb, and pdb itself, is to find the program's.
+            pdb.Pdb._previous_sigint_handler = _programs_handler      # type: ignore[attr-defined]
 
     def sigint_handler(self, signum: Any, frame: Any) -> None:
         """The handler of SIGINT, in the main thread; prints nothing, for the thread may be in a `print`."""
