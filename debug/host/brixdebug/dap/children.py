@@ -31,7 +31,7 @@ if TYPE_CHECKING:
 
     from brixdebug.dap.server import Server, Session
 
-_CLIENT_SECONDS = 30.0        # for the client to come to a child that it has been asked to come to
+_CLIENT_SECONDS = 60.0        # for the client to come to a child that it has been asked to come to
 _ANSWER_SECONDS = 10.0        # for a process that runs, to say what it has to say
 _LOOPBACK = "127.0.0.1"
 
@@ -43,6 +43,7 @@ class Desk:
         self._family = family
         self._listener: socket.socket | None = None
         self._place: tuple[str, str] | None = None
+        self._connections: set[socket.socket] = set()        # with children
 
     def open(self) -> tuple[str, str]:
         """Name of the socket, and the token to be shown there.  Raises OSError."""
@@ -63,10 +64,17 @@ class Desk:
         self.forget()
 
     def forget(self) -> None:
-        """In a forked child: it is the parent's."""
+        """Nothing listens any more; the children that are being served are not cut off."""
         listener, self._listener, self._place = self._listener, None, None
         if listener is not None:
             listener.close()
+
+    def leave_to_parent(self) -> None:
+        """In a forked child: a copy would keep connections open that the parent closes by its end."""
+        self.forget()
+        for connection in list(self._connections):
+            connection.close()
+        self._connections.clear()
 
     def _accept_all(self, listener: socket.socket) -> None:
         monitor.suspension.adopt_thread()
@@ -83,6 +91,7 @@ class Desk:
 
     def _serve(self, connection: socket.socket, place: tuple[str, str] | None) -> None:
         monitor.suspension.adopt_thread()
+        self._connections.add(connection)
         wire = Wire(connection.fileno(), connection.fileno(), connection)
         wire.max_message_bytes = MAX_STRANGERS_BYTES
         try:
@@ -96,6 +105,7 @@ class Desk:
         except Exception:
             dlog.LogException("a child that asks for a session")
         finally:
+            self._connections.discard(connection)
             connection.close()
 
 
@@ -196,7 +206,7 @@ class Family:
         heritage = getattr(self._forking, "heritage", None)
         was_stopped = self._server.debugger.stop is not None and self._server.debugger.stop.thread_id == _thread.get_ident()
         self._server = server
-        self._desk.forget()
+        self._desk.leave_to_parent()
         self._given = heritage               # handed on by what is only to become another program
         fork_warning.show()                  # there is one thread
         if heritage is None or was_stopped:
@@ -288,7 +298,7 @@ class Family:
 
     def _wait(self) -> None:
         configured = self._server.configured
-        if not configured.wait(_CLIENT_SECONDS) and self._server.session is not None:
+        if not configured.wait(_CLIENT_SECONDS) and (self._server.session or self._server.has_visitors):
             configured.wait(_CLIENT_SECONDS)
 
     def _watch(self, wire: Wire) -> None:

@@ -97,11 +97,18 @@ class Server:
     def is_listening(self) -> bool:
         return self._listener is not None
 
+    @property
+    def has_visitors(self) -> bool:
+        """Somebody is connected who has not said yet who he is."""
+        return bool(self._strangers)
+
     def forget(self) -> None:
         """In a forked child: clients, and who waits for them, are the parent's."""
         session, self.session = self.session, None
         if session is not None:
             session.wire.drop()
+        for each in list(self._strangers):
+            each.wire.drop()
         redirection, self._redirection = self._redirection, None
         if redirection is not None:
             redirection.forget()
