@@ -250,6 +250,14 @@ class ColumnTest(AdapterTestCase):
         client.go_on("next")
         self.assertEqual(client.wait_for_stop("step")["frame"]["line"], line_of(self.path, "calls") + 1)
 
+    def test_code_without_columns_has_lines_alone(self):
+        client = self.client()
+        line, column = self.place("three", "c = ")
+        client.launch(self.path, {self.path: [{"line": line, "column": column}]}, pythonArgs=["-X", "no_debug_ranges"])
+        row, = client.breakpoints[self.path]
+        self.assertEqual((row["verified"], row["line"], "column" in row), (True, line, False))
+        self.assertNotIn("a", client.locals(client.wait_for_stop("breakpoint")["frame"]["id"]))
+
     def test_line_and_statement_together(self):
         line, column = self.place("three", "b = ")
         client = self.client()

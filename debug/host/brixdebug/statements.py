@@ -9,6 +9,7 @@ import functools
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
+    from collections.abc import Iterable
     from types import CodeType
 
     # first line and column, last line and column; columns are bytes, from 0, as the compiler counts them
@@ -27,6 +28,23 @@ def spans(tree: ast.AST) -> dict[int, list[Span]]:
     return {line: sorted(each) for line, each in found.items() if len(each) > 1}
 
 
+def with_code(found: dict[int, list[Span]], codes: Iterable[CodeType]) -> dict[int, list[Span]]:
+    """Those with an instruction to stop at, after the first of each line: none where the code has no columns."""
+    places: dict[int, list[Span]] = {line: [] for line in found}
+    for code in codes if found else ():
+        for line, end_line, column, end_column in code.co_positions():
+            if line in places and end_line is not None and column is not None and end_column is not None:
+                places[line].append((line, column, end_line, end_column))
+    kept = {line: [span for index, span in enumerate(of_line)
+                   if not index or any(_is_inside(place, span) for place in places[line])]
+            for line, of_line in found.items()}
+    return {line: each for line, each in kept.items() if len(each) > 1}
+
+
+def _is_inside(place: Span, span: Span) -> bool:
+    return place[0] == span[0] and span[:2] <= place[:2] and place[2:] <= span[2:]
+
+
 def end_of_instruction(code: CodeType, offset: int) -> int:
     """Where the instruction at `offset`, with its caches, ends."""
     offsets = [each.offset for each in dis.get_instructions(code)]
@@ -37,10 +55,9 @@ def end_of_instruction(code: CodeType, offset: int) -> int:
 @functools.lru_cache(maxsize=256)
 def offset_in(code: CodeType, span: Span) -> int | None:
     """The first instruction of a statement; None when `code` has none of it, or no columns."""
-    first, last = span[:2], span[2:]
     for index, (line, end_line, column, end_column) in enumerate(code.co_positions()):
         if line is None or end_line is None or column is None or end_column is None:
             continue
-        if line == span[0] and first <= (line, column) and (end_line, end_column) <= last:
+        if _is_inside((line, column, end_line, end_column), span):
             return index * _INSTRUCTION_BYTES
     return None

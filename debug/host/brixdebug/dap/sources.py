@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import ast
 import bisect
+import functools
 import inspect
 import linecache
 import os
@@ -102,16 +103,24 @@ class _File:
         self.mark = mark                     # tells whether the file is still what has been read
         self.lines: list[int] = []
         self.functions: Functions = {}
-        self.statements: dict[int, list[Span]] = {}
+        self._path = path
         linecache.checkcache(path)
         try:
-            tree = ast.parse("".join(linecache.getlines(path)), path)
-            code = compile(tree, path, "exec", dont_inherit=True)
-            self.statements = statements.spans(tree)
+            code = compile("".join(linecache.getlines(path)), path, "exec", dont_inherit=True)
         except (SyntaxError, ValueError, RecursionError, MemoryError):
             return
         self.lines = sorted({line for each in walk_code(code) for line in stop_lines(each)})
         self.functions = functions_in(code)
+
+    @functools.cached_property
+    def statements(self) -> dict[int, list[Span]]:
+        """For few breakpoints, and it takes several times as long as all the rest."""
+        try:
+            tree = ast.parse("".join(linecache.getlines(self._path)), self._path)
+            code = compile(tree, self._path, "exec", dont_inherit=True)
+        except (SyntaxError, ValueError, RecursionError, MemoryError):
+            return {}
+        return statements.with_code(statements.spans(tree), walk_code(code))
 
 
 def functions_in(code: CodeType) -> Functions:
