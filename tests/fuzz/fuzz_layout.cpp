@@ -301,8 +301,8 @@ void check_reference_counts(tInput* input)
         is_32bit ? object.set<int32_t>(at, static_cast<int32_t>(count)) : object.set<int64_t>(at, count);
     bool is_immortal = at != -1 && is_32bit && count < 0;
     FUZZ_CHECK(XPy_IsImmortal(object.object()) == is_immortal);
-    int64_t expected = at == -1 ? -1 : is_32bit ? static_cast<int64_t>(static_cast<uint32_t>(count)) : count;
-    FUZZ_SAME(expected, XPy_GetRefCnt(object.object()));
+    int64_t stored = at == -1 ? -1 : is_32bit ? static_cast<int64_t>(static_cast<uint32_t>(count)) : count;
+    FUZZ_SAME(stored, XPy_GetRefCnt(object.object()));
 
     bool direct = api.can_update_refcount_directly;
     for (int step : {1, -1}) {
