@@ -72,9 +72,13 @@ scenario("the program goes on when its client dies", async (s) => {
     await attach(client, child);
     await client.stopped("breakpoint");
     client._socket.destroy();
-    const next = await s.another(child.port);
-    next.servedFile = child.file;
-    await attach(next, child);
+    let next;
+    for (let isIn = false; !isIn;) {         // who comes before the program has noticed is refused
+        next = await s.another(child.port);
+        next.servedFile = child.file;
+        isIn = await Promise.race([attach(next, child).then(() => true), next.until("the end", () => next.isOver || undefined)
+            .then(() => false, () => false)]);
+    }
     await next.stopped("breakpoint");
     await stopTheLoop(next);
     assert.equal(await child.ended, 0);

@@ -92,6 +92,7 @@ class Session extends DebugClient {
         this.conversation.add("adapter", message);
         if (message.type === "request") {
             this._answer(message);
+            this._wake();
             return;
         }
         if (message.type === "event" && message.event === "output") {

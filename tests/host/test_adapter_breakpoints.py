@@ -91,7 +91,7 @@ class FunctionBreakpointTest(AdapterTestCase):
                 client.take()
             if any(each["event"] == "exited" for each in client.events):
                 break
-            stop = client.wait_for_stop("breakpoint")
+            stop = client.wait_for_stop("function breakpoint")
             frame = stop["frame"]
             found.append(marks.get((frame["source"]["path"], frame["line"]), frame["name"]))
             self.hit_ids = stop["hitBreakpointIds"]
@@ -148,10 +148,10 @@ class FunctionBreakpointTest(AdapterTestCase):
 
     def test_replaced_ones_hold_no_longer(self):
         client = self.launched("method")
-        client.wait_for_stop("breakpoint")
+        client.wait_for_stop("function breakpoint")
         client.ask("setFunctionBreakpoints", breakpoints=[{"name": "nested"}])
         client.go_on()
-        self.assertEqual(client.wait_for_stop("breakpoint")["frame"]["name"], "outer.<locals>.nested")
+        self.assertEqual(client.wait_for_stop("function breakpoint")["frame"]["name"], "outer.<locals>.nested")
         client.ask("setFunctionBreakpoints", breakpoints=[])
         client.go_on()
         self.assertEqual(client.finish(), 0)

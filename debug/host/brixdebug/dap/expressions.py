@@ -140,6 +140,8 @@ def _run(request: Request, call: Callable[[], Any]) -> Any:
     evaluation.were_others_free = False
     try:
         with evaluation:
+            if request.is_answered:          # cancelled before it could be interrupted
+                raise KeyboardInterrupt
             return call()
     except BaseException as error:
         raise RequestError(rendering.error_text(error)) from None
@@ -191,9 +193,9 @@ def on_cancel(session: Session, request: Request) -> Any:
         seq = next((each for each in list(session.pending) if _PROGRESS_ID % each == progress), 0)
     cancelled = session.pending.get(seq)
     if cancelled is not None:
+        cancelled.refuse("cancelled", "cancelled")           # first: what begins now sees it
         if session.running is cancelled:
             monitor.suspension.evaluation.interrupt()
-        cancelled.refuse("cancelled", "cancelled")
     return {}
 
 

@@ -59,7 +59,7 @@ class FunctionBreakpoint:
             return False
         number = debugger.get_breaks(path, line)[-1].number
         self.places[path, line] = number
-        session.breakpoint_ids.enter(number, self.id)
+        session.breakpoint_ids.enter(number, self.id, is_function=True)
         return True
 
     def clear(self, session: Session) -> None:

@@ -273,6 +273,10 @@ class Request:
             dlog.LogException("request %s" % self.command)
             self.refuse("%s failed: %s: %s" % (self.command, type(error).__name__, error))
 
+    @property
+    def is_answered(self) -> bool:
+        return not self._to_answer
+
     def later(self, handler: Handler, do: Callable[[Callable[[], None]], object]) -> Any:
         """Have `handler` called by what `do` gives tasks to, a stop's `do` for one; not if it is cancelled before."""
         def task() -> None:
@@ -400,6 +404,8 @@ class Session:
         ids = [each for each in map(self.breakpoint_ids.of, numbers) if each is not None]
         if ids:
             body["hitBreakpointIds"] = ids
+        if stop.reason == "breakpoint" and stop.breakpoint_number is not None:
+            body["reason"] = self.breakpoint_ids.reason(stop.breakpoint_number)
         return self.wire.event("stopped", body)
 
     def thread_number(self, thread_id: int) -> int:
