@@ -12,7 +12,7 @@ def price(order):
 
 
 def sell():
-    while (order := orders.get()) is not None:
+    for order in iter(orders.get, None):
         print("sold for", price(order))
 
 

@@ -154,7 +154,7 @@ class VSCodeTest(EditorTestCase):
         with socket.socket() as free:
             free.bind(("127.0.0.1", 0))
             port = free.getsockname()[1]
-        log = open(self.folder / "server.log", "w")          # noqa: SIM115 (the server has it)
+        log = open(self.folder / "server.log", "w")
         self.addCleanup(log.close)
         server = subprocess.Popen(
             self.server("--auth", "none", "--bind-addr", "127.0.0.1:%d" % port, "--disable-telemetry",
