@@ -229,8 +229,8 @@ class Terminal(Ends):
     def end_prompt(self, is_post_mortem: bool) -> None:
         _prompting.pop()
         self.post_mortem_of = None            # it keeps all variables of the stack alive
-        if sys.version_info < (3, 13):
-            self.curframe_locals = {}         # it keeps what the variables were alive
+        if "curframe_locals" in vars(self):   # up to 3.13's first releases
+            self.curframe_locals = {}         # it keeps the variables alive
         if threading.get_ident() != threading.main_thread().ident:
             return
         if is_post_mortem:
