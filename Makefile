@@ -83,7 +83,8 @@ test-adapter: tests-built  ## scenarios with VS Code's debug client, in every in
 
 test-reference: bench-debugpy  ## the same scenarios with debugpy: where it does otherwise, tests/editors/differences.js says why
 	@BUILD=$(BUILD) tools/node_packages tests/editors
-	@python="$$(tools/choose_python)" && ADAPTER=debugpy BUILD=$(BUILD) $$python tests/editors/run_node.py run_scenarios.js
+	@python="$$(tools/choose_python)" && ADAPTER=debugpy SCENARIO_MILLISECONDS=30000 \
+	    BUILD=$(BUILD) $$python tests/editors/run_node.py run_scenarios.js
 
 test-editors: build  ## VS Code in a browser, Emacs and Helix debug a program; pictures in build/pictures
 	@BUILD=$(BUILD) tools/editors

@@ -297,6 +297,7 @@ class Session extends DebugClient {
         if (!this.isOver)
             await Promise.race([this.send("disconnect", {}).catch(() => {}), closedOrLater(this, 20000)]);
         if (process_ && process_.exitCode === null && process_.signalCode === null) {
+            process_.stdin.end();            // one that was not begun ends by that
             const ended = new Promise((resolve) => process_.on("exit", resolve));
             await Promise.race([ended, new Promise((resolve) => setTimeout(resolve, 5000).unref())]);
             try {
