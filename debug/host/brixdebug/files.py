@@ -8,17 +8,18 @@ the first file that had the same text when it does not know `pathname` yet.
 
 from __future__ import annotations
 
-import hashlib
 import os
 import stat
 
 import optmonitoring
 
-TYPE_CHECKING = False
-if TYPE_CHECKING:
-    from typing import Any
+try:
+    from _blake2 import blake2b   # `hashlib` loads a library of cryptography as well, which takes a while
+except ImportError:
+    from hashlib import blake2b
 
 _DIGEST_BYTES = 16
+_CHUNK_BYTES = 1 << 18
 
 
 def checksum(pathname: str) -> str | None:
@@ -31,7 +32,10 @@ def checksum(pathname: str) -> str | None:
         with open(pathname, "rb", buffering=0, opener=_open_without_waiting) as file:
             if not stat.S_ISREG(os.fstat(file.fileno()).st_mode):
                 return None
-            return hashlib.file_digest(file, _new_digest).hexdigest()
+            digest = blake2b(digest_size=_DIGEST_BYTES)
+            while chunk := file.read(_CHUNK_BYTES):
+                digest.update(chunk)
+            return digest.hexdigest()
     except Exception:             # no such file, or a name that cannot be one
         return None
 
@@ -43,10 +47,6 @@ def short_name(filename: str) -> str:
 
 def _open_without_waiting(pathname: str, flags: int) -> int:
     return os.open(pathname, flags | os.O_NONBLOCK | os.O_NOCTTY)
-
-
-def _new_digest() -> Any:
-    return hashlib.blake2b(digest_size=_DIGEST_BYTES)
 
 
 def update_checksums() -> None:
