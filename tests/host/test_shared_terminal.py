@@ -290,6 +290,37 @@ def four(n):
             self.assertEqual((session.prompting_pid, session.do("p n")), (self.pids[n], "%d\n" % n))
         self.end(session, "4 5 6")
 
+    def test_signal_handler_that_raises_in_a_process_that_waits(self):
+        """The stop is not lost for it, nor the exception, which is raised when the program goes on."""
+        session = self.start(CHILDREN.replace("pipes = [", """\
+import signal
+    def handler(*signal_and_frame):
+        os.write(answers[1], b"!")
+        raise TimeoutError
+    def guarded(n):
+        try:
+            return hit(n)
+        except TimeoutError:
+            return 77
+    signal.signal(signal.SIGALRM, handler)
+    pipes = [""", 1).replace("_exit(hit", "_exit(guarded"))
+        self.let_come(session, 1, 2)
+        for _ in range(5):
+            os.kill(self.pids[1], signal.SIGALRM)
+            self.assertEqual(session.do("os.read(answers[0], 1)"), "b'!'\n")
+        for n in 1, 2:
+            session.do("continue")
+            self.assertEqual((session.prompting_pid, session.do("p n")), (self.pids[n], "%d\n" % n))
+        self.end(session, "4 77 6")
+
+    def test_program_without_a_name(self):
+        session = self.start(CHILDREN.replace("os._exit(hit", "import sys; sys.argv[:1] = [[None], [1]][n % 2]; os._exit(hit"))
+        self.let_come(session, 1, 2)
+        for n in 1, 2:
+            session.do("continue")
+            self.assertEqual((session.prompting_pid, session.do("p n")), (self.pids[n], "%d\n" % n))
+        self.end(session, "4 5 6")
+
     def test_nothing_is_left_behind(self):
         session = self.start(terminal=True)
         def files():

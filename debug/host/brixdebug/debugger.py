@@ -153,6 +153,7 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
             if streams.capture.is_begun and (self.quitting or all(state.is_free for state in self.stop_states.all())):
                 streams.capture.end_stop(self)
             self.end_turn(args[0])
+        self.raise_interruption()
 
     def _prompt(self, args: Any, kwargs: Any) -> None:
         self.begin_prompt()

@@ -14,8 +14,11 @@ import os
 import sys
 import time
 
+from brixbase import dlog
+
 from brixdebug.evaluation import SECONDS
 from brixdebug.monitor import monitor
+from brixdebug.raising import is_of_signal_handler
 from brixdebug.roster import Roster, Row, begin_of, expected_path
 
 TYPE_CHECKING = False
@@ -41,8 +44,10 @@ _sleep, _now = time.sleep, time.monotonic
 
 def _own_name() -> str:
     """What the user calls this process."""
-    path = sys.argv[0] if getattr(sys, "argv", None) else ""
-    folder, name = os.path.split(path)
+    try:
+        folder, name = os.path.split(sys.argv[0])
+    except (AttributeError, IndexError, TypeError):
+        return ""                             # the program keeps something of its own there
     if name == "__main__.py":
         name = os.path.basename(folder)       # of a package that was started by its name
     current: Any = getattr(sys.modules.get("multiprocessing.process"), "_current_process", None)
@@ -63,6 +68,7 @@ class Sharing:
         self.is_waiting = False
         self.on_left_behind: Callable[[], object] | None = None       # whose terminal it was has been killed
         self._is_left_behind = False
+        self._interruption: BaseException | None = None       # of a signal handler: raised when the prompt has ended
 
     @property
     def is_on(self) -> bool:
@@ -87,6 +93,7 @@ class Sharing:
         self.is_waiting = False
         if not monitor.turn.lock._is_owned():
             self._depth = 0                   # the prompt was another thread's
+            self._interruption = None
         if self._roster is not None and self._pid != os.getpid():
             self._roster.after_fork_in_child()
             self._roster = None
@@ -107,14 +114,32 @@ class Sharing:
         self._change(edit)
 
     def _change(self, edit: Any) -> Any:
-        """What `edit` returns; None, and no more sharing, where the roster cannot be used."""
-        if self._roster is None:
+        """What `edit` returns; None, and no more sharing, where the roster cannot be used.
+
+        It is done whatever a signal handler of the program raises meanwhile, for the others rely on it.
+        """
+        result = None
+        while self._roster is not None:
+            try:
+                result = self._roster.change(edit)
+                break
+            except BaseException as error:
+                if is_of_signal_handler(error):
+                    self._interruption = error
+                    continue
+                self._roster = None
+                if not isinstance(error, OSError):
+                    dlog.LogException("sharing the terminal")
+        if self._interruption is not None and self._depth == 0:
+            raise self.pop_interruption()     # type: ignore[misc]
+        return result
+
+    def pop_interruption(self) -> BaseException | None:
+        """What a signal handler has raised since the prompt was asked for; None while there is one."""
+        if self._depth:
             return None
-        try:
-            return self._roster.change(edit)
-        except OSError:
-            self._roster = None
-            return None
+        interruption, self._interruption = self._interruption, None
+        return interruption
 
     def _leave_for_good(self, pid: int) -> None:
         if self._roster is not None and pid == os.getpid():
@@ -126,8 +151,10 @@ class Sharing:
     # -- the turns ---------------------------------------------------------------------
 
     def begin_prompt(self, place: str) -> None:
-        self.take(place)
+        if self._depth == 0:
+            self._interruption = None         # the program has ended of something else
         self._depth += 1
+        self.take(place)
 
     def look_for_others(self) -> bool:
         """Whether the terminal is shared; commands from a file, which follow each other at once, do not look each time."""
@@ -139,28 +166,37 @@ class Sharing:
 
     def end_prompt(self, is_step: bool) -> None:
         """The program goes on; with `is_step` it is to stop again soon."""
-        self._depth -= 1
-        if self._depth == 0 and self.is_on:
-            self._go_on(STEPPING if is_step else RUNNING)
+        try:
+            if self._depth == 1 and self.is_on:
+                self._go_on(STEPPING if is_step else RUNNING)
+        finally:
+            self._depth -= 1
 
     def take(self, place: str | None = None) -> None:
         """Wait until the terminal is this process's."""
         if self._roster is None:
             return
-        pid, ticket = os.getpid(), _now()
+        ticket = _now()
+        is_taken = False
         self.is_waiting = True
-        try:
-            while True:
-                waits_for = self._change(lambda rows: self._try(rows, pid, ticket, place))
-                if not waits_for:
-                    break
-                _sleep(min(_LOOK_SECONDS * waits_for, _MOST_LOOK_SECONDS))
-        finally:
-            self.is_waiting = False
+        while not is_taken:
+            try:
+                is_taken = self._wait(ticket, place)
+            except BaseException as error:    # of a signal handler: the stop is not lost
+                self._interruption = error
+        self.is_waiting = False
         is_left_behind, self._is_left_behind = self._is_left_behind, False
         if is_left_behind and self.on_left_behind is not None:
             with contextlib.suppress(Exception):
                 self.on_left_behind()
+
+    def _wait(self, ticket: float, place: str | None) -> bool:
+        pid = os.getpid()
+        while True:
+            waits_for = self._change(lambda rows: self._try(rows, pid, ticket, place))
+            if not waits_for:
+                return True
+            _sleep(min(_LOOK_SECONDS * waits_for, _MOST_LOOK_SECONDS))
 
     def _try(self, rows: dict[int, Row], pid: int, ticket: float, place: str | None) -> int:
         """How many go before process `pid`; 0: the terminal is its own."""

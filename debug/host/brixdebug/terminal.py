@@ -151,13 +151,24 @@ class Terminal(Ends):
         if threading.get_ident() == threading.main_thread().ident:
             self._take_interrupts()
         sharing.begin_prompt(self._place_of(frame, traceback))
-        self._name_prompt()
+        try:
+            self._name_prompt()
+        except BaseException:                 # of a signal handler
+            sharing.end_prompt(False)
+            raise
 
     def end_turn(self, frame: FrameType | None) -> None:
         """What `begin_turn` was for is done."""
         is_step = sharing.is_on and frame is not None and not self.quitting \
             and not all(state.is_free for state in self.stop_states.all())
         sharing.end_prompt(is_step)
+
+    @staticmethod
+    def raise_interruption() -> None:
+        """Raise what the handler of a signal has raised while this process waited for the terminal."""
+        interruption = sharing.pop_interruption()
+        if interruption is not None:
+            raise interruption
 
     def _place_of(self, frame: FrameType | None, traceback: Any) -> str:
         traceback = getattr(traceback, "__traceback__", traceback)
@@ -210,6 +221,7 @@ class Terminal(Ends):
             report(frame, *what)
         finally:
             self.end_turn(frame)
+        self.raise_interruption()
 
     # -- Ctrl-C --------------------------------------------------------------------------
 
