@@ -5,9 +5,10 @@ import glob
 import os
 import re
 import signal
+import textwrap
 import unittest
 
-from host_support import scratch_folder
+from host_support import check_child, scratch_folder
 from session import Session, line_of, write_program
 
 # Each child waits for a letter in its pipe before it comes to the breakpoint, and ends with the status N + 4.
@@ -391,6 +392,78 @@ class ProgramThatCallsTest(unittest.TestCase):
         self.assertIn("program.py(%d)" % end, session.do("continue"))
         self.assertEqual(session.end("continue"), ("", 0))
         self.assertIn("status 1\n", session.seen)
+
+
+class RosterTest(unittest.TestCase):
+    """The file by which the processes find each other, in folders of the test's own."""
+
+    PRELUDE = """\
+        import os
+        from brixdebug import roster, sharing
+        roster._FOLDERS = %r
+        paths = [os.path.join(each, "brixdebug-%%d" %% os.geteuid()) for each in roster._FOLDERS]
+        sharing = sharing.sharing
+        """
+
+    def lines(self, text):
+        folders = [str(scratch_folder(self)) for _ in range(2)]
+        program = write_program(scratch_folder(self), textwrap.dedent(self.PRELUDE) % folders + textwrap.dedent(text))
+        return check_child(self, program, input="").splitlines()
+
+    def test_umask(self):
+        """The folder can be entered, now and by every later process."""
+        self.assertEqual(self.lines("""\
+            os.umask(0o177)
+            sharing.join()
+            print(oct(os.stat(paths[0]).st_mode & 0o777), len(os.listdir(paths[0])))
+            """), ["0o700 1"])
+
+    def test_folder_that_is_not_ours(self):
+        """Nothing is written there, and all look in the same other place."""
+        self.assertEqual(self.lines("""\
+            os.mkdir(paths[0])
+            os.chmod(paths[0], 0o777)
+            sharing.join()
+            sharing.expect_others()
+            print(os.listdir(paths[0]), len(os.listdir(paths[1])), os.path.exists(sharing._expected))
+            """), ["[] 1 True"])
+
+    def test_folder_that_somebody_puts_in_the_place_of_ours(self):
+        for kind in "os.mkdir(paths[0]); os.chmod(paths[0], 0o777)", "os.symlink(paths[0] + '-none', paths[0])", \
+                "os.mkdir(paths[1]); os.symlink(paths[1], paths[0])":
+            with self.subTest(kind):
+                self.assertEqual(self.lines("""\
+                    sharing.join()
+                    for name in os.listdir(paths[0]):
+                        os.unlink(os.path.join(paths[0], name))
+                    os.rmdir(paths[0])
+                    %s
+                    print(sharing.rows(), sharing.is_on)
+                    print([os.listdir(path) for path in paths if os.path.isdir(path)])
+                    """ % kind)[0], "[] False")
+
+    def test_file_of_another_container(self):
+        """Its process ids are not ours, so nobody here can say that none of its processes lives."""
+        self.assertEqual(self.lines("""\
+            os.mkdir(paths[0], 0o700)
+            end = "-%d" % os.stat("/proc/self/ns/pid").st_ino
+            for name in "1-terminal-34816-12", "1-terminal-34816" + end:
+                open(os.path.join(paths[0], name), "w").close()
+            sharing.join()
+            print(*sorted(name for name in os.listdir(paths[0]) if "terminal" in name))
+            """), ["1-terminal-34816-12"])
+
+    def test_process_id_that_is_used_again(self):
+        """The row of the process that was killed at its prompt is not the new one's."""
+        self.assertEqual(self.lines("""\
+            sharing.join()
+            def edit(rows):
+                rows[os.getpid()].began -= 1
+                rows[os.getpid()].state = "at the prompt"
+            sharing._change(edit)
+            sharing.begin_prompt("here")
+            print(*[(row.state, row.is_alive()) for row in sharing.rows()])
+            """), ["('at the prompt', True)"])
 
 
 class ReloaderTest(unittest.TestCase):

@@ -101,7 +101,15 @@ def _terminal_name() -> str | None:
 def _own_name() -> str | None:
     """Of the file for this process's terminal."""
     name = _terminal_name()
-    return None if name is None else "%d-%s" % (os.getpgrp(), name)
+    return None if name is None else "%d-%s%s" % (os.getpgrp(), name, _namespace_suffix())
+
+
+def _namespace_suffix() -> str:
+    """How the names of the files end whose process ids are ours: containers may have folders in common."""
+    try:
+        return "-%d" % os.stat("/proc/self/ns/pid").st_ino
+    except OSError:
+        return "-0"
 
 
 def _folder_name() -> str:
@@ -111,21 +119,38 @@ def _folder_name() -> str:
 def expected_path() -> str | None:
     """Where the file is, once another process of this terminal has made it."""
     name = _own_name()
-    above = next((each for each in _FOLDERS if os.access(each, os.W_OK)), None)
-    return None if name is None or above is None else os.path.join(above, _folder_name(), name)
+    paths = [os.path.join(each, _folder_name()) for each in _FOLDERS if os.access(each, os.W_OK)]
+    path = next((each for each in paths if not os.path.lexists(each) or _is_safe(each)), None)
+    return None if name is None or path is None else os.path.join(path, name)
 
 
-def _own_folder(above: str) -> str | None:
-    """A folder in `above` that nobody else can enter, made where there is none."""
-    path = os.path.join(above, _folder_name())
+def _is_safe(path: str) -> bool:
+    """True for a folder that nobody else can enter, and nobody else has made; False for anything else of that name."""
     try:
-        with contextlib.suppress(FileExistsError):
-            os.mkdir(path, 0o700)
         status = os.lstat(path)
     except OSError:
-        return None
-    is_safe = stat.S_ISDIR(status.st_mode) and status.st_uid == os.geteuid() and not stat.S_IMODE(status.st_mode) & 0o077
-    return path if is_safe else None
+        return False
+    return stat.S_ISDIR(status.st_mode) and status.st_uid == os.geteuid() and not stat.S_IMODE(status.st_mode) & 0o077
+
+
+def _make_safe(path: str) -> bool:
+    """Have a folder at `path` that is safe, made where there is none; False where that cannot be."""
+    while not _is_safe(path):
+        try:
+            os.mkdir(path, 0o700)
+        except FileExistsError:
+            if os.path.lexists(path) and not _is_safe(path):
+                return False
+            continue                          # another process has made it, or removed it
+        except OSError:
+            return False
+        with contextlib.suppress(OSError):    # another process has removed it already
+            descriptor = os.open(path, os.O_RDONLY | os.O_DIRECTORY | os.O_NOFOLLOW | os.O_CLOEXEC)
+            try:
+                os.fchmod(descriptor, 0o700)  # whatever the program's umask has made of it
+            finally:
+                os.close(descriptor)
+    return True
 
 
 class Roster:
@@ -140,13 +165,14 @@ class Roster:
     def find(cls) -> Roster | None:
         """The one for this process's terminal; None where there is no terminal or no place for a file."""
         name = _own_name()
-        folder = next(filter(None, map(_own_folder, _FOLDERS)), None)
+        folder = next(filter(_make_safe, (os.path.join(each, _folder_name()) for each in _FOLDERS)), None)
         if name is None or folder is None:
             return None
         roster = cls(os.path.join(folder, name))
         try:
             if not os.path.exists(roster._path):
-                roster._remove_forgotten(folder)
+                with contextlib.suppress(FileNotFoundError):      # another process has removed the folder
+                    roster._remove_forgotten(folder)
             roster.change(lambda rows: None)
         except OSError:
             return None
@@ -155,7 +181,8 @@ class Roster:
     def _remove_forgotten(self, folder: str) -> None:
         """What was left by processes that were killed."""
         for name in os.listdir(folder):
-            Roster(os.path.join(folder, name)).remove_if_empty()
+            if name.endswith(_namespace_suffix()):
+                Roster(os.path.join(folder, name)).remove_if_empty()
 
     # -- reading and writing -----------------------------------------------------------
 
@@ -173,8 +200,9 @@ class Roster:
     def change(self, edit: Callable[[dict[int, Row]], T]) -> T:
         """What `edit` returns, which looks at the rows and changes them; nobody else does so meanwhile."""
         with self._lock:
-            self._descriptor = self._open_locked()
             try:
+                self._open_locked()
+                assert self._descriptor is not None
                 rows = _read(self._descriptor)
                 before = "".join(row.format() for row in rows.values())
                 result = edit(rows)
@@ -187,22 +215,20 @@ class Roster:
             finally:
                 self._close()
 
-    def _open_locked(self) -> int:
+    def _open_locked(self) -> None:
+        folder = os.path.dirname(self._path)
         while True:
+            # The last one to leave has removed it, and what is there now may be another user's.
+            if not _make_safe(folder):
+                raise PermissionError("%s is not ours" % folder)
             try:
-                descriptor = os.open(self._path, os.O_RDWR | os.O_CREAT | os.O_CLOEXEC | os.O_NOFOLLOW, 0o600)
-            except FileNotFoundError:         # the last one to leave has removed the folder
-                with contextlib.suppress(FileExistsError):
-                    os.mkdir(os.path.dirname(self._path), 0o700)
+                self._descriptor = os.open(self._path, os.O_RDWR | os.O_CREAT | os.O_CLOEXEC | os.O_NOFOLLOW, 0o600)
+            except FileNotFoundError:         # it has been removed meanwhile
                 continue
-            try:
-                fcntl.flock(descriptor, fcntl.LOCK_EX)
-                if os.fstat(descriptor).st_nlink:
-                    return descriptor
-            except BaseException:
-                os.close(descriptor)
-                raise
-            os.close(descriptor)              # somebody has removed it meanwhile
+            fcntl.flock(self._descriptor, fcntl.LOCK_EX)
+            if os.fstat(self._descriptor).st_nlink:
+                return
+            self._close()                     # somebody has removed it meanwhile
 
     def _close(self) -> None:
         descriptor, self._descriptor = self._descriptor, None

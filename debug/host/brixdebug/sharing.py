@@ -280,9 +280,9 @@ class Sharing:
 
 
 def _own_row(rows: dict[int, Row], pid: int) -> Row:
-    own = rows.get(pid)
-    if own is None:
-        own = rows[pid] = Row(pid, begin_of(pid) or 0, os.getppid(), RUNNING, name=_own_name())
+    own, began = rows.get(pid), begin_of(pid) or 0
+    if own is None or own.began != began:     # process ids are used again
+        own = rows[pid] = Row(pid, began, os.getppid(), RUNNING, name=_own_name())
     return own
 
 
