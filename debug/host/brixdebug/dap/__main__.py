@@ -15,7 +15,7 @@ TYPE_CHECKING = False
 if TYPE_CHECKING:
     import socket
 
-_STRANGER_SECONDS = 10.0      # to begin a session
+_STRANGER_SECONDS = 10        # to begin a session
 
 
 def main() -> None:

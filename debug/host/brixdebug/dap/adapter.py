@@ -31,11 +31,12 @@ class Adapter:
     """One session with one client."""
 
     def __init__(self, client: Wire, secret: str | None = None, on_begin: Callable[[], None] | None = None,
-                 stranger_seconds: float | None = None) -> None:
+                 stranger_seconds: int | None = None) -> None:
         """`on_begin` is called when the client has shown its `secret`, for which it has `stranger_seconds`."""
         self._client = client
         self._secret = secret
         self._on_begin_session = on_begin
+        self._stranger_seconds = stranger_seconds
         self._deadline = None if stranger_seconds is None else time.monotonic() + stranger_seconds
         self._initialize: dict[str, Any] | None = None
         self._settings: arguments.Settings | None = None
@@ -52,8 +53,9 @@ class Adapter:
 
     def run(self) -> None:
         """Until the client has gone; nothing that was started for it is left then."""
-        if self._deadline is not None:
+        if self._stranger_seconds is not None:
             self._client.max_message_bytes = MAX_STRANGERS_BYTES
+            self._client.limit_writes(self._stranger_seconds)
         try:
             while (message := self._client.read(self._seconds_left())) is not None:
                 if not self._on_client(message):
@@ -146,6 +148,7 @@ class Adapter:
                                 % message["command"], shows=True)
             return
         self._client.max_message_bytes, self._deadline = MAX_MESSAGE_BYTES, None
+        self._client.limit_writes(0)
         if self._on_begin_session is not None:
             self._on_begin_session()
         if not self._begin_traffic(message, self._settings):

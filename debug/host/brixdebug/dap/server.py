@@ -48,7 +48,7 @@ if TYPE_CHECKING:
 
     Handler = Callable[["Session", "Request"], Any]
 
-_STRANGER_SECONDS = 10.0      # to say who one is, from the first moment to the last
+_STRANGER_SECONDS = 10        # to say who one is, from the first moment to the last
 _MAX_STRANGERS = 8            # at the same time
 _LEAVING_SECONDS = 5.0        # for a client that has gone, before the next one is let in
 _RETRY_SECONDS = 0.1          # when no connection can be taken: there may be too many open files
@@ -338,6 +338,8 @@ class Session:
         monitor.suspension.adopt_thread()
         is_expected = self.server.session is self
         self.wire.max_message_bytes = MAX_MESSAGE_BYTES if is_expected else MAX_STRANGERS_BYTES
+        if not is_expected:
+            self.wire.limit_writes(_STRANGER_SECONDS)
         deadline = time.monotonic() + _STRANGER_SECONDS
         try:
             while not self.is_leaving:
@@ -519,16 +521,18 @@ def _begin(session: Session, request: Request) -> Any:
         raise RequestError(str(error)) from None
     secret = session.server.secret
     if not session._is_trusted and (secret is None or not door.is_secret(settings.secret, secret)):
-        session.is_leaving = False
+        session.is_leaving = True                    # one try for a connection
         request.refuse("this program lets in who gives its 'secret' in the arguments of attach")
-        raise WireError("a client without the secret")
+        return LATER
     if not session.server.admit(session):
+        session.is_leaving = True
         request.refuse(_OCCUPIED)
-        raise WireError("another client came first")
+        return LATER
     _begin_traffic(session, settings)
     session.settings, session.given = settings, request.arguments.values
     session.has_begun = True
     session.wire.max_message_bytes = MAX_MESSAGE_BYTES
+    session.wire.limit_writes(0)
     session.paths = PathMap(settings.path_mappings)
     session.debugger.shows_return_values = settings.show_return_value
     session.debugger.set_own_code(settings.just_my_code, [

@@ -11,6 +11,8 @@ from __future__ import annotations
 import json
 import os
 import select
+import socket
+import struct
 import threading
 import time
 
@@ -107,8 +109,10 @@ class Wire:
         return length
 
     def _read_some(self, deadline: float | None) -> bool:
-        if deadline is not None and not _is_readable(self._in, deadline - time.monotonic()):
-            raise Timeout("no whole message in time")
+        if deadline is not None:
+            seconds = deadline - time.monotonic()
+            if seconds <= 0 or not _is_readable(self._in, seconds):      # however much it says
+                raise Timeout("no whole message in time")
         try:
             data = os.read(self._in, _CHUNK_BYTES)
         except OSError:                      # the peer has gone, or this side has closed
@@ -122,6 +126,12 @@ class Wire:
         return _identity(self._out) != self._identity
 
     # -- writing -----------------------------------------------------------------------
+
+    def limit_writes(self, seconds: int) -> None:
+        """A peer that takes nothing for so long counts as gone; 0: it may take its time.  For sockets alone."""
+        set_option = getattr(self._owner, "setsockopt", None)
+        if set_option is not None:
+            set_option(socket.SOL_SOCKET, socket.SO_SNDTIMEO, struct.pack("@ll", seconds, 0))
 
     def send(self, message: dict[str, Any]) -> bool:
         """Write a message, whose `seq` is given here; False when the peer has gone."""

@@ -1,0 +1,113 @@
+"""Who comes to the adapter's doors and does not leave by himself, says nonsense, or is not who he seems to be."""
+
+import json
+import select
+import socket
+import subprocess
+import sys
+import time
+import unittest
+
+from dap_client import AdapterTestCase, Client
+from host_support import LOCK_WARNING, child_environment
+from session import line_of
+
+INITIALIZE = {"seq": 1, "type": "request", "command": "initialize", "arguments": {"adapterID": "x"}}
+
+
+def framed(message):
+    data = json.dumps(message).encode()
+    return b"Content-Length: %d\r\n\r\n%s" % (len(data), data)
+
+
+class DoorTest(AdapterTestCase):
+    """A program that lets in who knows a secret, and an adapter that does."""
+
+    def start(self, *command):
+        secret = self.folder / "secret"
+        secret.write_text("open sesame")
+        secret.chmod(0o600)
+        self.served = subprocess.Popen(
+            [sys.executable, "-W", "ignore:%s:RuntimeWarning" % LOCK_WARNING, "-m", *command[:3],
+             "--secret-file", str(secret), *command[3:]],
+            env=child_environment(), stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        for end in (self.served.stdout.close, self.served.wait, self.served.kill):
+            self.addCleanup(end)
+        return int(self.served.stdout.readline().rpartition(":")[2])
+
+    def program_port(self):
+        self.is_adapter = False
+        self.path = self.program("""\
+            import time
+            while True:
+                time.sleep(0.005)           # here
+        """)
+        return self.start("brixdebug", "--listen", "0", str(self.path))
+
+    def adapter_port(self):
+        self.is_adapter = True
+        self.path = self.program("x = 1             # here\n")
+        return self.start("brixdebug.dap", "--port", "0")
+
+    def stranger(self, port):
+        return Client(self, connection=self.connection(port))
+
+    def connection(self, port):
+        connection = socket.create_connection(("127.0.0.1", port))
+        self.addCleanup(connection.close)
+        return connection
+
+    def assert_owner_gets_in(self, port):
+        client = self.stranger(port)
+        if self.is_adapter:
+            client.launch(self.path, {self.path: [line_of(self.path, "here")]}, secret="open sesame")
+        else:
+            client.begin("attach", {"secret": "open sesame"}, {self.path: [line_of(self.path, "here")]})
+        client.wait_for_stop("breakpoint")
+
+    def talk_until_dropped(self, connection, answers):
+        """Say events without end; `answers`: take what is said to it."""
+        event = framed({"seq": 2, "type": "request", "command": "threads"}) * 100
+        connection.sendall(framed(INITIALIZE))
+        connection.setblocking(False)
+        deadline = time.monotonic() + 60
+        while time.monotonic() < deadline:
+            readable, writable, _ = select.select([connection] if answers else [], [connection], [], 1)
+            try:
+                if readable and not connection.recv(1 << 16):
+                    return
+                if writable:
+                    connection.send(event)
+            except BlockingIOError:
+                pass
+            except OSError:
+                return
+        self.fail("a stranger that talks is never dropped")
+
+    def test_program_gives_one_try(self):
+        port = self.program_port()
+        stranger = self.stranger(port)
+        stranger.ask("initialize", adapterID="x")
+        stranger.refused("attach", {"secret": "wrong"})
+        stranger.wait_for_end()
+        self.assertEqual(stranger.output, {})        # it was not sent away for taking too long
+        self.assert_owner_gets_in(port)
+
+    def test_who_talks_without_end_is_dropped(self):
+        for open_door in (self.program_port, self.adapter_port):
+            with self.subTest(open_door.__name__):
+                port = open_door()
+                self.talk_until_dropped(self.connection(port), answers=True)
+                self.assert_owner_gets_in(port)
+
+    def test_who_does_not_listen_keeps_nobody_out(self):
+        for open_door in (self.program_port, self.adapter_port):
+            with self.subTest(open_door.__name__):
+                port = open_door()
+                for connection in [self.connection(port) for _ in range(1 if self.is_adapter else 8)]:
+                    self.talk_until_dropped(connection, answers=False)
+                self.assert_owner_gets_in(port)
+
+
+if __name__ == "__main__":
+    unittest.main()
