@@ -322,6 +322,18 @@ import signal
             self.assertEqual((session.prompting_pid, session.do("p n")), (self.pids[n], "%d\n" % n))
         self.end(session, "4 5 6")
 
+    def test_process_that_can_open_no_more_files(self):
+        """It goes on running, and the others have their prompts."""
+        session = self.start(CHILDREN.replace("os._exit(hit(n))", "status = hit(n); os.read(pipes[n][0], 1); os._exit(status)"))
+        self.let_come(session, 1, 2)
+        session.do("import resource")
+        session.do("resource.setrlimit(resource.RLIMIT_NOFILE, (0, 0))")
+        for n in 1, 2:
+            session.do("continue")
+            self.assertEqual((session.prompting_pid, session.do("p n")), (self.pids[n], "%d\n" % n))
+        session.do("go(0), go(1), go(2)")
+        self.end(session, "4 5 6")
+
     def test_nothing_is_left_behind(self):
         session = self.start(terminal=True)
         def files():

@@ -243,6 +243,12 @@ class Roster:
         if descriptor is not None:
             os.close(descriptor)
 
+    def abandon(self) -> None:
+        """This process cannot open the file any longer: the others begin a new one, in which it has no row."""
+        if _is_safe(os.path.dirname(self._path)):
+            with contextlib.suppress(OSError):
+                os.unlink(self._path)
+
     def remove_if_empty(self) -> None:
         """Remove the file when no process of it lives, and the folder after the last file."""
         def edit(rows: dict[int, Row]) -> None:

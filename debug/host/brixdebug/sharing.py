@@ -127,7 +127,8 @@ class Sharing:
                 if is_of_signal_handler(error):
                     self._interruption = error
                     continue
-                self._roster = None
+                roster, self._roster = self._roster, None
+                roster.abandon()              # nobody is to wait for what its row says
                 if not isinstance(error, OSError):
                     dlog.LogException("sharing the terminal")
         if self._interruption is not None and self._depth == 0:
