@@ -108,6 +108,72 @@ class DoorTest(AdapterTestCase):
                     self.talk_until_dropped(connection, answers=False)
                 self.assert_owner_gets_in(port)
 
+    def test_wrong_types(self):
+        for open_door in (self.program_port, self.adapter_port):
+            with self.subTest(open_door.__name__):
+                port = open_door()
+                stranger = self.stranger(port)
+                stranger.wait_for_answer(stranger.send_any("initialize", [1]))
+                stranger.close()
+                stranger = self.stranger(port)
+                stranger.ask("initialize", adapterID="x")
+                stranger.wait_for_answer(stranger.send_any("disconnect", [1]))
+                stranger.close()
+                self.assert_owner_gets_in(port)
+
+
+class AnswerTest(AdapterTestCase):
+    """Every request has one answer, whatever becomes of it."""
+
+    def test_host_that_cannot_be(self):
+        client = self.client()
+        client.ask("initialize", adapterID="x")
+        self.assertIn("cannot connect to %s:1: " % ("a" * 300), client.refused("attach", connect={"host": "a" * 300, "port": 1}))
+
+    def test_terminal_that_is_nonsense(self):
+        client = self.client()
+        client.on_request["runInTerminal"] = lambda arguments: [1]
+        client.ask("initialize", adapterID="x", supportsRunInTerminalRequest=True)
+        self.assertIn("launch failed: AttributeError: ",
+                      client.refused("launch", program=str(self.program("x = 1\n")), console="integratedTerminal"))
+
+    def test_request_after_the_end(self):
+        path = self.program("""\
+            def tick():
+                return 1                # here
+            while "stops" not in globals():
+                tick()
+        """)
+        served = subprocess.Popen([sys.executable, "-m", "brixdebug", "--listen", "0", path], env=child_environment(),
+                                  stderr=subprocess.PIPE, text=True)
+        for end in (served.stderr.close, served.wait, served.kill):
+            self.addCleanup(end)
+        client = self.client()
+        client.begin("attach", {"connect": {"port": int(served.stderr.readline().rpartition(":")[2])}},
+                     {path: [line_of(path, "here")]})
+        stop = client.wait_for_stop("breakpoint")
+        client.evaluate("globals().update(stops=True)", stop["frame"]["id"])
+        client.go_on()
+        client.wait_for("terminated")
+        self.assertEqual(client.refused("threads"), "the program has ended")
+
+    def test_numbers_of_requests_begin_where_the_client_wants(self):
+        """What the adapter asks of the program is no answer to the client's own requests."""
+        path = self.program("import time\ntime.sleep(1000)\n")
+
+        def open_terminal(arguments):
+            self.terminal = subprocess.Popen(arguments["args"], env=child_environment(**arguments["env"]))
+            self.addCleanup(self.terminal.wait)
+            self.addCleanup(self.terminal.kill)
+            return {"processId": self.terminal.pid}
+
+        client = self.client()
+        client.on_request["runInTerminal"] = open_terminal
+        client._seq = -1
+        client.launch(path, console="integratedTerminal", initialize={"supportsRunInTerminalRequest": True})
+        client.ask("terminate")
+        client.wait_for("terminated")
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -12,6 +12,7 @@ import threading
 import time
 
 from brixdebug.dap import arguments, door, programs
+from brixdebug.dap.asking import Arguments, RequestError
 from brixdebug.dap.capabilities import CAPABILITIES, EXCEPTION_FILTERS
 from brixdebug.dap.replies import Replies
 from brixdebug.dap.traffic import TrafficFile
@@ -87,6 +88,11 @@ class Adapter:
 
     def _on_request(self, message: dict[str, Any]) -> bool:
         command = message["command"]
+        try:
+            Arguments(command, message.get("arguments"))
+        except RequestError as error:
+            self._client.refuse(message, str(error))
+            return True
         if command == "initialize":
             self._on_initialize(message)
         elif self._initialize is None:
@@ -194,9 +200,10 @@ class Adapter:
                                      self._has_given_up.is_set) \
                 if settings.request == "launch" else programs.connect(settings, self._say, self._has_given_up.is_set)
         except (programs.ProgramError, door.DoorError, arguments.ArgumentError) as error:
-            self._settings = self._beginning = None
-            self._client.refuse(message, str(error), shows=True)
-            self._client.event("terminated")
+            self._refuse_beginning(message, str(error))
+            return
+        except Exception as error:               # whatever it is: a client waits for its answer
+            self._refuse_beginning(message, "%s failed: %s: %s" % (message["command"], type(error).__name__, error))
             return
         if self._has_given_up.is_set():          # the client went while the program was starting
             program.leave(kills=self._is_launch())
@@ -207,6 +214,11 @@ class Adapter:
         given = dict(message["arguments"])
         given.pop("logToFile", None)             # this process writes them
         self._pass_to_program({**message, "arguments": given})
+
+    def _refuse_beginning(self, message: dict[str, Any], text: str) -> None:
+        self._settings = self._beginning = None
+        self._client.refuse(message, text, shows=True)
+        self._client.event("terminated")
 
     def _emit(self, category: str, text: str) -> None:
         self._client.event("output", {"category": category, "output": text})
@@ -243,7 +255,7 @@ class Adapter:
         if message["type"] == "response":
             with self._lock:
                 self._unanswered.pop(message["request_seq"], None)
-            if message["request_seq"] in self._swallowed:
+            if message["request_seq"] in self._swallowed or message["request_seq"] > programs.OWN_NUMBERS:
                 return
         elif message["type"] == "request":
             self._pass_request_to_client(program, message)
@@ -262,6 +274,7 @@ class Adapter:
         self._replies.ask(message["command"], message.get("arguments") or {}, take)
 
     def _on_program_end(self, program: Program) -> None:
+        program.wire.close()                     # a write to one who has gone may succeed, and nobody answers
         exit_code = program.wait_for_end()
         self._refuse_unanswered()
         self._has_ended = True
@@ -294,7 +307,9 @@ class Adapter:
 
     def _on_disconnect(self, message: dict[str, Any]) -> bool:
         given = message.get("arguments") or {}
-        kills = given.get("terminateDebuggee", self._is_launch())
+        kills = given.get("terminateDebuggee")
+        if kills is None:
+            kills = self._is_launch()
         self._give_up_beginning()
         program, self._program = self._program, None
         if program is not None:

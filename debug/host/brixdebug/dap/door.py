@@ -89,8 +89,8 @@ def listen_at(address: Address) -> tuple[socket.socket, Address]:
             raise
         listener = out_of_the_way(listener)
         return listener, listener.getsockname()[:2]
-    except OSError as error:
-        raise DoorError("cannot listen at %s: %s" % (show_address(address), error.strerror or error)) from None
+    except (OSError, UnicodeError) as error:     # a host with a name that none can have
+        raise DoorError("cannot listen at %s: %s" % (show_address(address), _reason(error))) from None
 
 
 def _listen_on_path(path: str) -> socket.socket:
@@ -139,8 +139,12 @@ def connect_to(address: Address, seconds: float | None = None) -> socket.socket:
                 raise
         connection.settimeout(None)
         return out_of_the_way(connection)
-    except OSError as error:
-        raise DoorError("cannot connect to %s: %s" % (show_address(address), error.strerror or error)) from None
+    except (OSError, UnicodeError) as error:
+        raise DoorError("cannot connect to %s: %s" % (show_address(address), _reason(error))) from None
+
+
+def _reason(error: OSError | UnicodeError) -> object:
+    return error.strerror or error if isinstance(error, OSError) else error
 
 
 def out_of_the_way(connection: socket.socket) -> socket.socket:

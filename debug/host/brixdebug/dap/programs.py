@@ -25,6 +25,7 @@ if TYPE_CHECKING:
     from collections.abc import Callable
     from typing import Any
 
+OWN_NUMBERS = 1 << 30            # of the adapter's own requests, and more; those that it passes on have the client's
 CONNECT_SECONDS = 30.0           # from its start until a program has come to the debugger
 _LOOK_SECONDS = 0.1              # between looks whether a program is still to come
 _END_SECONDS = 5.0               # from SIGTERM to SIGKILL
@@ -212,7 +213,7 @@ def _accept(listener: socket.socket, has_ended: Callable[[], bool], gives_up: Ca
 
 
 def _wire(connection: socket.socket) -> Wire:
-    return Wire(connection.fileno(), connection.fileno(), connection)
+    return Wire(connection.fileno(), connection.fileno(), connection, OWN_NUMBERS + 1)
 
 
 # -- connecting ------------------------------------------------------------------------------------

@@ -40,8 +40,11 @@ class Timeout(WireError):
 class Wire:
     """One connection to a peer, by the descriptors to read from and to write to."""
 
-    def __init__(self, read_descriptor: int, write_descriptor: int, owner: object = None) -> None:
-        """`owner` keeps the descriptors open for as long as this object lives: a socket, or files."""
+    def __init__(self, read_descriptor: int, write_descriptor: int, owner: object = None, first: int = 1) -> None:
+        """`owner` keeps the descriptors open for as long as this object lives: a socket, or files.
+
+        `first`: the number of the first message from here.
+        """
         self._in = read_descriptor
         self._out = write_descriptor
         self._owner = owner
@@ -49,7 +52,7 @@ class Wire:
         self._unread = bytearray()
         self._wanted: int | None = None      # bytes of the message whose header has been read
         self._writing = threading.Lock()
-        self._seq = 0
+        self._seq = first - 1
         self.max_message_bytes = MAX_MESSAGE_BYTES
         self.is_closed = False
         self._note: Callable[[str, dict[str, Any]], None] | None = None
