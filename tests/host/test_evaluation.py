@@ -224,5 +224,40 @@ class EvaluationTest(unittest.TestCase):
         self.finish(session)
 
 
+class VariablesTest(unittest.TestCase):
+    """The variables of a stop live as long as their call: no cycle of the debugger's frames keeps them."""
+
+    PROGRAM = """\
+        import gc, threading, weakref
+        gc.disable()
+        class Thing: pass
+        def use():
+            global reference
+            thing = Thing()
+            reference = weakref.ref(thing)
+            number = 5                           # line
+        end = threading.Event()
+        thread = threading.Thread(target=end.wait, daemon=True)
+        if HAS_THREAD:
+            thread.start()
+        use()
+        print("alive" if reference() else "gone")
+        end.set()
+        """
+
+    def test_after_an_expression(self):
+        for has_thread in False, True:
+            for command in "p number", "!other = 1", "p 1/0", "next":
+                with self.subTest(command, has_thread=has_thread):
+                    program = write_program(scratch_folder(self), self.PROGRAM.replace("HAS_THREAD", str(has_thread)))
+                    session = Session(self, "-m", "brixdebug", program)
+                    session.prompt()
+                    session.do("break %d" % line_of(program, "line"))
+                    session.do("continue")
+                    session.do(command)
+                    self.assertTrue(session.do("continue").startswith("gone\n"))
+                    session.end("quit")
+
+
 if __name__ == "__main__":
     unittest.main()

@@ -359,12 +359,16 @@ class Suspension:
     def _watch_running_code(self, own_too: bool = False) -> None:
         """Have events of all code that other threads are in, with `own_too` the calling one too."""
         frame: FrameType | None
-        for thread_id, frame in sys._current_frames().items():
-            while frame is not None and (own_too or thread_id != threading.get_ident()):
+        frames = sys._current_frames()
+        if not own_too:
+            del frames[threading.get_ident()]
+        for frame in frames.values():
+            while frame is not None:
                 record = optmonitoring.CPerCodeObject.GetPerCodeObject(frame.f_code, True, frame)
                 if record is not None and not record.fIsInternal:
                     self._switches.want(record, held=True)
                 frame = frame.f_back
+        del frames                            # it holds the frame of this very call, and so all those below
         self._switches.rearm()
 
     def end_all(self) -> None:
