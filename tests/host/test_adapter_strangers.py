@@ -175,5 +175,36 @@ class AnswerTest(AdapterTestCase):
         client.wait_for("terminated")
 
 
+class EndTest(AdapterTestCase):
+    """A program that cannot write out what it has printed ends all the same."""
+
+    def test_streams(self):
+        for text in ("sys.stdout = None", "sys.stdout.close()", "sys.stdout = Endless()"):
+            for way in ("disconnect", "terminate"):
+                with self.subTest(text, way=way):
+                    path = self.program("""\
+                        import sys, time
+                        class Endless:
+                            def flush(self):
+                                time.sleep(1000)
+                        %s
+                        while True:
+                            time.sleep(0.005)           # here
+                    """ % text)
+                    served = subprocess.Popen([sys.executable, "-m", "brixdebug", "--listen", "0", path],
+                                              env=child_environment(), stderr=subprocess.PIPE, text=True)
+                    for end in (served.stderr.close, served.wait, served.kill):
+                        self.addCleanup(end)
+                    port = int(served.stderr.readline().rpartition(":")[2])
+                    client = Client(self, connection=socket.create_connection(("127.0.0.1", port)))
+                    client.begin("attach", {}, {path: [line_of(path, "here")]})
+                    client.wait_for_stop("breakpoint")
+                    if way == "terminate":
+                        client.ask("terminate")
+                    else:
+                        client.ask("disconnect", terminateDebuggee=True)
+                    served.wait(30)
+
+
 if __name__ == "__main__":
     unittest.main()

@@ -4,11 +4,12 @@ from __future__ import annotations
 
 import os
 import signal
-import sys
 import threading
 
 from brixdebug.dap.asking import RequestError
+from brixdebug.dap.redirect import flush_streams
 from brixdebug.dap.server import LATER
+from brixdebug.monitor import monitor
 from brixdebug.suspension import debugged_frames
 
 TYPE_CHECKING = False
@@ -112,7 +113,7 @@ def on_pause(session: Session, request: Request) -> Any:
 def on_terminate(session: Session, request: Request) -> Any:
     """As a polite stranger would: the program's own handler of SIGTERM may clean up."""
     request.answer()
-    sys.stdout.flush()
+    flush_streams(monitor.suspension.adopt_thread)
     stop = session.debugger.stop
     if stop is not None:
         stop.do(session.debugger.set_continue)

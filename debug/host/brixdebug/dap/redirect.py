@@ -12,6 +12,7 @@ import collections
 import io
 import queue
 import sys
+import threading
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -21,6 +22,23 @@ if TYPE_CHECKING:
 _MOST_WAITING = 1 << 20          # characters, before who prints waits for the client
 _PIECE = 1 << 16                 # characters of one event
 _WAIT_SECONDS = 1.0
+
+
+def flush_streams(adopt_thread: Callable[[], None]) -> None:
+    """Write out what the program has printed, in a thread: it may have closed or replaced its streams, or be inside them."""
+    has_ended = threading.Event()
+
+    def flush() -> None:
+        adopt_thread()
+        try:
+            sys.stdout.flush()
+        except BaseException:                # nobody's business any more
+            pass
+        finally:
+            has_ended.set()
+
+    _thread.start_new_thread(flush, ())
+    has_ended.wait(_WAIT_SECONDS)
 
 
 class Redirection:

@@ -14,7 +14,6 @@ import linecache
 import os
 import signal
 import socket
-import sys
 import threading
 import time
 import urllib.parse
@@ -25,7 +24,7 @@ from brixdebug.dap import arguments, door
 from brixdebug.dap.asking import Arguments, RequestError
 from brixdebug.dap.breakpoint_ids import BreakpointIds
 from brixdebug.dap.capabilities import CAPABILITIES, EXCEPTION_FILTERS
-from brixdebug.dap.redirect import Redirection
+from brixdebug.dap.redirect import Redirection, flush_streams
 from brixdebug.dap.rendering import Boxed
 from brixdebug.dap.replies import Replies
 from brixdebug.dap.session import ClientDebugger
@@ -580,6 +579,6 @@ def _disconnect(session: Session, request: Request) -> Any:
     kills = session.has_begun and request.arguments.flag("terminateDebuggee")
     request.answer()
     if kills:
-        sys.stdout.flush()
+        flush_streams(monitor.suspension.adopt_thread)
         os._exit(0)
     return LATER
