@@ -1,6 +1,7 @@
 """Who comes to the adapter's doors and does not leave by himself, says nonsense, or is not who he seems to be."""
 
 import json
+import os
 import select
 import socket
 import subprocess
@@ -9,8 +10,13 @@ import time
 import unittest
 
 from dap_client import AdapterTestCase, Client
-from host_support import LOCK_WARNING, child_environment
+from host_support import HOST_DIR, LOCK_WARNING, child_environment, module_dir
 from session import line_of
+
+sys.path[:0] = [module_dir(), str(HOST_DIR)]
+
+from brixdebug.dap.heritage import STARTUP_FOLDER, VARIABLE, Heritage  # noqa: E402
+from brixdebug.dap.wire import Wire  # noqa: E402
 
 INITIALIZE = {"seq": 1, "type": "request", "command": "initialize", "arguments": {"adapterID": "x"}}
 
@@ -204,6 +210,61 @@ class EndTest(AdapterTestCase):
                     else:
                         client.ask("disconnect", terminateDebuggee=True)
                     served.wait(30)
+
+
+class ImpostorTest(AdapterTestCase):
+    """Who is taken for somebody else."""
+
+    def test_program_cannot_have_the_editor_start_anything(self):
+        listener = socket.create_server(("127.0.0.1", 0))
+        self.addCleanup(listener.close)
+        client = self.client()
+        seen = []
+        for command in ("runInTerminal", "startDebugging"):
+            client.on_request[command] = lambda arguments: seen.append(arguments)
+        client.ask("initialize", adapterID="x")
+        client.send("attach", connect={"port": listener.getsockname()[1]})
+        connection, _ = listener.accept()
+        self.addCleanup(connection.close)
+        program = Wire(connection.fileno(), connection.fileno(), connection)
+        self.assertEqual([program.read(60)["command"] for _ in range(2)], ["initialize", "attach"])
+        child = {"request": "attach", "connect": {"port": 1}}
+        for command, arguments in (
+                ("runInTerminal", {"cwd": "/", "args": ["true"]}), ("startDebugging", None), ("startDebugging", []),
+                ("startDebugging", {"request": "launch", "configuration": {"program": "x"}}),
+                ("startDebugging", {"request": "launch", "configuration": child}),
+                ("startDebugging", {"request": "attach", "configuration": {**child, "request": "launch"}}),
+                ("startDebugging", {"request": "attach", "configuration": {"request": "attach", "processId": 1}}),
+                ("somethingElse", {})):
+            with self.subTest(command, arguments=arguments):
+                program.request(command, arguments)
+                self.assertFalse(program.read(60)["success"])
+        program.request("startDebugging", {"request": "attach", "configuration": child})
+        while not seen:
+            client.take()
+        self.assertTrue(program.read(60)["success"])
+        self.assertEqual(seen, [{"request": "attach", "configuration": child}])
+
+    @unittest.skipIf(os.geteuid(), "only root can be somebody else")
+    def test_another_user_at_the_place_of_a_parent_that_has_gone(self):
+        listener = socket.socket(socket.AF_UNIX)
+        self.addCleanup(listener.close)
+        listener.bind("")
+        os.seteuid(65534)
+        try:
+            listener.listen()
+        finally:
+            os.seteuid(0)
+        desk = listener.getsockname()[1:].decode(), "token"
+        heritage = Heritage([desk], "127.0.0.1", ends_program=False, prints_to_client=False)
+        child = subprocess.Popen([sys.executable, "-c", "print(1)"], stdout=subprocess.PIPE, text=True, env=child_environment(
+            **{VARIABLE: heritage.to_text(), "PYTHONPATH": STARTUP_FOLDER}))
+        for end in (child.stdout.close, child.wait, child.kill):
+            self.addCleanup(end)
+        connection, _ = listener.accept()
+        with connection:
+            self.assertEqual(connection.recv(1), b"")        # it is told no secret
+        self.assertEqual(child.stdout.read(), "1\n")
 
 
 if __name__ == "__main__":

@@ -267,6 +267,13 @@ class Adapter:
         self._client.send(message)
 
     def _pass_request_to_client(self, program: Program, message: dict[str, Any]) -> None:
+        """Sessions with its children; a program elsewhere may not have the editor start anything on this machine."""
+        if not _attaches(message):
+            program.wire.pass_on({"seq": programs.OWN_NUMBERS, "type": "response", "request_seq": message["seq"],
+                                  "success": False, "command": message["command"],
+                                  "message": "programs may ask for sessions with their children alone"})
+            return
+
         def take(response: dict[str, Any] | None) -> None:
             if response is not None:
                 program.wire.pass_on({**response, "request_seq": message["seq"]})
@@ -316,3 +323,11 @@ class Adapter:
             program.leave(kills=bool(kills))
         self._client.respond(message)
         return False
+
+
+def _attaches(request: dict[str, Any]) -> bool:
+    """Whether it asks for a session with a program that listens."""
+    given: Any = request.get("arguments")
+    configuration: Any = given.get("configuration") if isinstance(given, dict) else None
+    return request["command"] == "startDebugging" and isinstance(configuration, dict) \
+        and given.get("request") == configuration.get("request") == "attach" and isinstance(configuration.get("connect"), dict)

@@ -272,6 +272,8 @@ class Family:
             with contextlib.suppress(OSError, WireError), socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as connection:
                 connection.settimeout(_ANSWER_SECONDS)
                 connection.connect("\0" + name)
+                if not door.is_trusted_peer(connection):
+                    continue                 # the desk has closed, and another user has taken its name
                 connection.settimeout(None)
                 waits = self._ask(Wire(connection.fileno(), connection.fileno(), connection), {**values, "token": token})
                 if waits is not None:

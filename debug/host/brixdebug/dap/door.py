@@ -14,6 +14,7 @@ import os
 import secrets
 import socket
 import stat
+import struct
 import sys
 
 TYPE_CHECKING = False
@@ -145,6 +146,13 @@ def connect_to(address: Address, seconds: float | None = None) -> socket.socket:
 
 def _reason(error: OSError | UnicodeError) -> object:
     return error.strerror or error if isinstance(error, OSError) else error
+
+
+def is_trusted_peer(connection: socket.socket) -> bool:
+    """Whether who listens at the other end of a Unix socket is this user or root: a name may be somebody else's by now."""
+    size = struct.calcsize("@3i")                # process, user, group
+    _, user, _ = struct.unpack("@3i", connection.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, size))
+    return user in (0, os.geteuid())
 
 
 def out_of_the_way(connection: socket.socket) -> socket.socket:
