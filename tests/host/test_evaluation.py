@@ -235,7 +235,8 @@ class VariablesTest(unittest.TestCase):
             global reference
             thing = Thing()
             reference = weakref.ref(thing)
-            number = 5                           # line
+            number = 5
+            number += 1                          # line
         end = threading.Event()
         thread = threading.Thread(target=end.wait, daemon=True)
         if HAS_THREAD:
@@ -257,6 +258,17 @@ class VariablesTest(unittest.TestCase):
                     session.do(command)
                     self.assertTrue(session.do("continue").startswith("gone\n"))
                     session.end("quit")
+
+    def test_after_commands_of_a_breakpoint(self):
+        program = write_program(scratch_folder(self), self.PROGRAM.replace("HAS_THREAD", "False"))
+        session = Session(self, "-m", "brixdebug", program)
+        session.prompt()
+        session.do("break %d" % line_of(program, "line"))
+        session.do("commands 1\np number\ncontinue")
+        printed = session.do("continue")
+        self.assertIn("5\n", printed)
+        self.assertIn("gone\n", printed)
+        session.end("quit")
 
 
 if __name__ == "__main__":

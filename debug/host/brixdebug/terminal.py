@@ -251,6 +251,11 @@ class Terminal(Ends):
             # `continue` has found it; who asks pdb, and pdb itself, is to find the program's.
             pdb.Pdb._previous_sigint_handler = _programs_handler      # type: ignore[attr-defined]
 
+    def forget(self) -> None:
+        super().forget()
+        if "curframe_locals" in vars(self):   # also after the commands of a breakpoint, without a prompt
+            self.curframe_locals = {}
+
     def sigint_handler(self, signum: Any, frame: Any) -> None:
         """The handler of SIGINT, in the main thread; prints nothing, for the thread may be in a `print`."""
         traced: Any = monitor.debugger if isinstance(monitor.debugger, Terminal) else self
