@@ -212,6 +212,32 @@ class EndTest(AdapterTestCase):
                     served.wait(30)
 
 
+class LeavingTest(AdapterTestCase):
+    def test_clients_leave_no_descriptors(self):
+        path = self.program("""\
+            import gc, os
+            gc.disable()
+            def tick():
+                return 1                # here
+            while True:
+                tick()
+        """)
+        served = subprocess.Popen([sys.executable, "-m", "brixdebug", "--listen", "0", path], env=child_environment(),
+                                  stderr=subprocess.PIPE, text=True)
+        for end in (served.stderr.close, served.wait, served.kill):
+            self.addCleanup(end)
+        port = int(served.stderr.readline().rpartition(":")[2])
+        counts = []
+        for _ in range(4):
+            client = Client(self, connection=socket.create_connection(("127.0.0.1", port)))
+            client.begin("attach", {}, {path: [line_of(path, "here")]})
+            stop = client.wait_for_stop("breakpoint")
+            counts.append(client.evaluate("len(os.listdir('/proc/self/fd'))", stop["frame"]["id"]))
+            client.ask("disconnect")
+            client.wait_for_end()
+        self.assertEqual(counts[1:], counts[:1] * 3)
+
+
 class ImpostorTest(AdapterTestCase):
     """Who is taken for somebody else."""
 

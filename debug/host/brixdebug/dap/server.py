@@ -474,6 +474,7 @@ class Session:
         self.is_configured = False
         was_taken = self.wire.was_taken
         self.wire.close()
+        self.wire.release()
         self.replies.end()
         if self.server.session is not self:
             self.server.dismiss(self)

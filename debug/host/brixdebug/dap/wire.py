@@ -204,6 +204,14 @@ class Wire:
             except OSError:
                 pass
 
+    def release(self) -> None:
+        """After `close`, by the thread that reads: the descriptor is free, however long this object is kept."""
+        if self.was_taken:
+            self.drop()
+        else:
+            with self._writing:              # nobody writes to a number that may be another file's
+                self.drop()
+
     def drop(self) -> None:
         """In a forked child: the connection is the parent's."""
         self.is_closed = True
