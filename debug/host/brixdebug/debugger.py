@@ -143,10 +143,10 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
         streams.capture.begin_stop(self)
         try:
             if self._reads_programs_input():
-                self._prompt(args, kwargs)
+                self._read_commands(args, kwargs)
             else:
                 with self._childs_input():
-                    self._prompt(args, kwargs)
+                    self._read_commands(args, kwargs)
         finally:
             if self.stop_states.selected is not None:
                 self._leave_selected_thread()
@@ -155,7 +155,7 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
             self.end_turn(args[0])
         self.raise_interruption()
 
-    def _prompt(self, args: Any, kwargs: Any) -> None:
+    def _read_commands(self, args: Any, kwargs: Any) -> None:
         self.begin_prompt()
         try:
             if self.interruption.is_wanted:
