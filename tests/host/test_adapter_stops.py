@@ -1,5 +1,6 @@
 """Stops under the debug adapter: breakpoints, steps, pauses, and looking at values."""
 
+import os
 import unittest
 
 from dap_client import AdapterTestCase
@@ -483,6 +484,29 @@ class ValuesTest(AdapterTestCase):
         row = client.locals(self.frame_id)["data"]
         body = client.ask("readMemory", memoryReference=row["memoryReference"], offset=250, count=10)
         self.assertEqual(body, {"address": "0xfa", "data": "+vv8/f7/", "unreadableBytes": 4})
+
+    def test_modules_whose_load_is_put_off_are_not_loaded(self):
+        client = self.at_end_of("""\
+            import importlib.util, sys
+            spec = importlib.util.find_spec("colorsys")
+            spec.loader = importlib.util.LazyLoader(spec.loader)
+            lazy = sys.modules["colorsys"] = importlib.util.module_from_spec(spec)
+            spec.loader.exec_module(lazy)
+            sys.modules["none"], sys.modules["odd"] = None, type("Odd", (), {"__file__": []})()
+        """.replace("            ", ""))
+        names = [row["name"] for row in client.ask("modules")["modules"]]
+        self.assertIn("colorsys", names)
+        paths = [row["path"] for row in client.ask("loadedSources")["sources"]]
+        self.assertTrue([path for path in paths if path.endswith("/colorsys.py")])
+        self.assertEqual(client.evaluate("type(lazy).__name__", self.frame_id), "'_LazyModule'")
+
+    def test_pipe_is_no_source_to_wait_for(self):
+        client = self.at_end_of("x = 1")
+        pipe = self.folder / "pipe.py"
+        os.mkfifo(pipe)
+        for path in pipe, "/dev/zero":
+            self.assertFalse(client.set_breakpoints(path, [1])[0]["verified"])
+            self.assertEqual(client.ask("breakpointLocations", source={"path": str(path)}, line=1)["breakpoints"], [])
 
     def test_numbers_of_an_earlier_stop_are_refused(self):
         client = self.at_end_of("x = 1")

@@ -88,9 +88,9 @@ def _statement_at(session: Session, path: str, line: int, column: int) -> tuple[
 
 def _columns(session: Session, path: str, line: int) -> list[tuple[Span, int]]:
     """The statements of a line that has several, and the columns of the client where they begin."""
-    text = linecache.getline(path, line)
-    return [(span, session.client_column(column_in_text(text, span[1]) + 1))
-            for span in session.server.lines.statements(path).get(line, ())]
+    spans = session.server.lines.statements(path).get(line, [])
+    text = linecache.getline(path, line) if spans else ""
+    return [(span, session.client_column(column_in_text(text, span[1]) + 1)) for span in spans]
 
 
 def hit_condition(text: str | None) -> HitCondition | None:

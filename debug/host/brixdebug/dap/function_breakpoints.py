@@ -10,10 +10,9 @@ import inspect
 import linecache
 import os
 import re
-import sys
 
 from brixdebug.dap.breakpoints import breakpoint_fields
-from brixdebug.dap.sources import functions_in
+from brixdebug.dap.sources import functions_in, loaded_modules
 from brixdebug.libraries import is_library
 
 TYPE_CHECKING = False
@@ -111,8 +110,8 @@ class FunctionBreakpoints:
         program = self._session.server.program[0]
         if os.path.isfile(program):
             yield os.path.abspath(program)
-        for module in list(sys.modules.values()):
-            path = getattr(module, "__dict__", {}).get("__file__")
+        for _, names in loaded_modules():
+            path = names.get("__file__")
             if isinstance(path, str) and path.endswith(".py"):
                 yield path
 
@@ -146,8 +145,7 @@ class FunctionBreakpoints:
 
 def _modules_of(path: str) -> list[str]:
     """The names that a file has as a module: under `__main__`, its own too."""
-    names = [name for name, module in list(sys.modules.items())
-             if getattr(module, "__dict__", {}).get("__file__") == path]
+    names = [name for name, variables in loaded_modules() if variables.get("__file__") == path]
     stem = inspect.getmodulename(path)
     return names if stem is None else [*names, stem]
 

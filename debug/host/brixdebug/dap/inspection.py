@@ -5,14 +5,13 @@ from __future__ import annotations
 import base64
 import linecache
 import os
-import sys
 import traceback
 
 from brixdebug.dap import rendering, variables
 from brixdebug.dap.asking import RequestError
 from brixdebug.dap.data_breakpoints import module_scope
 from brixdebug.dap.moving import can_restart
-from brixdebug.dap.sources import column_in_text
+from brixdebug.dap.sources import column_in_text, loaded_modules
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -211,19 +210,14 @@ def on_source(session: Session, request: Request) -> Any:
     return {"content": text, "mimeType": "text/x-python"}
 
 
-def _modules() -> list[tuple[str, Any]]:
-    return [(name, module) for name, module in list(sys.modules.items())
-            if isinstance(getattr(module, "__dict__", None), dict)]
-
-
 def on_modules(session: Session, request: Request) -> Any:
     rows = []
-    for name, module in _modules():
-        path = module.__dict__.get("__file__")
+    for name, names in loaded_modules():
+        path = names.get("__file__")
         row: dict[str, Any] = {"id": name, "name": name}
         if isinstance(path, str):
             row["path"] = session.paths.to_client(os.path.abspath(path))
-        version = module.__dict__.get("__version__")
+        version = names.get("__version__")
         if isinstance(version, str):
             row["version"] = version
         rows.append(row)
@@ -233,9 +227,8 @@ def on_modules(session: Session, request: Request) -> Any:
 
 
 def on_loaded_sources(session: Session, request: Request) -> Any:
-    paths = {module.__dict__.get("__file__") for _, module in _modules()}
-    return {"sources": [session.source(path) for path in sorted(each for each in paths if isinstance(each, str))
-                        if path.endswith(".py") and os.path.exists(path)]}
+    paths = {path for _, names in loaded_modules() if isinstance(path := names.get("__file__"), str)}
+    return {"sources": [session.source(path) for path in sorted(paths) if path.endswith(".py") and os.path.exists(path)]}
 
 
 HANDLERS: dict[str, Handler] = {

@@ -8,6 +8,8 @@ import functools
 import inspect
 import linecache
 import os
+import stat
+import sys
 
 from brixdebug import statements
 
@@ -59,6 +61,21 @@ def _rest(path: str, folder: str) -> str | None:
     return None
 
 
+# -- modules ---------------------------------------------------------------------------------------
+
+def loaded_modules() -> list[tuple[str, dict[str, Any]]]:
+    """The name and the variables of each; none of their code is run, and one whose load is put off stays so."""
+    modules = []
+    for name, module in list(sys.modules.items()):
+        try:
+            names = object.__getattribute__(module, "__dict__")
+        except AttributeError:
+            continue                         # it is whatever the program has put there
+        if isinstance(names, dict):
+            modules.append((name, names))
+    return modules
+
+
 # -- lines that can stop ---------------------------------------------------------------------------
 
 class Lines:
@@ -87,7 +104,7 @@ class Lines:
     def _entry(self, path: str) -> _File:
         try:
             status = os.stat(path)
-            mark: Any = status.st_mtime_ns, status.st_size
+            mark: Any = stat.S_ISREG(status.st_mode), status.st_mtime_ns, status.st_size
         except OSError:
             mark = None
         known = self._known.get(path)
@@ -104,6 +121,8 @@ class _File:
         self.lines: list[int] = []
         self.functions: Functions = {}
         self._path = path
+        if mark is not None and not mark[0]:
+            return                           # a pipe or a device is not to be waited for
         linecache.checkcache(path)
         try:
             code = compile("".join(linecache.getlines(path)), path, "exec", dont_inherit=True)
@@ -115,6 +134,8 @@ class _File:
     @functools.cached_property
     def statements(self) -> dict[int, list[Span]]:
         """For few breakpoints, and it takes several times as long as all the rest."""
+        if not self.lines:
+            return {}
         try:
             tree = ast.parse("".join(linecache.getlines(self._path)), self._path)
             code = compile(tree, self._path, "exec", dont_inherit=True)
