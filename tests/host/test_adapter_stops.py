@@ -494,7 +494,7 @@ class ValuesTest(AdapterTestCase):
             spec.loader.exec_module(lazy)
             sys.modules["none"], sys.modules["odd"] = None, type("Odd", (), {"__file__": []})()
         """.replace("            ", ""))
-        names = [row["name"] for row in client.ask("modules")["modules"]]
+        names = [row["name"] for row in client.ask("modules", {})["modules"]]
         self.assertIn("colorsys", names)
         paths = [row["path"] for row in client.ask("loadedSources")["sources"]]
         self.assertTrue([path for path in paths if path.endswith("/colorsys.py")])

@@ -138,6 +138,7 @@ class AnswerTest(AdapterTestCase):
 
     def test_terminal_that_is_nonsense(self):
         client = self.client()
+        client.record_nothing()
         client.on_request["runInTerminal"] = lambda arguments: [1]
         client.ask("initialize", adapterID="x", supportsRunInTerminalRequest=True)
         self.assertIn("launch failed: AttributeError: ",
