@@ -182,7 +182,8 @@ class Terminal(Ends):
 
     def _name_prompt(self) -> None:
         """The prompt of a child says whose it is, and so does each where nobody is the parent."""
-        plain = next((each for each in _NAMED_PROMPTS if self.prompt in (each, self._named_prompt)), None)
+        plain = next((each for each in _NAMED_PROMPTS
+                      if self.prompt in (each, _NAMED_PROMPTS[each] % os.getpid())), None)
         if plain is None:
             return                            # of a debugger inside of this one, or the program's own
         is_named = processes.is_followed() or sharing.has_others and not processes.is_of_session()
