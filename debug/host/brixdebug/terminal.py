@@ -128,7 +128,8 @@ class Terminal(Ends):
     _is_leaving = False                       # the command that ends the prompt has been given
     _looked_at: tuple[Any, bool] = None, False    # a stream, and whether somebody types there
     _colored: tuple[Any, bool] = None, False      # a stream, and whether it shows colours
-    _named_prompt: str | None = None          # what we have put in the place of pdb's
+    _named_prompt: str | None = None          # what we have put in the place of the plain one
+    _plain_prompt = ""
 
     # -- a terminal for several processes -------------------------------------------------
 
@@ -182,11 +183,11 @@ class Terminal(Ends):
 
     def _name_prompt(self) -> None:
         """The prompt of a child says whose it is, and so does each where nobody is the parent."""
-        plain = next((each for each in _NAMED_PROMPTS
-                      if self.prompt in (each, _NAMED_PROMPTS[each] % os.getpid())), None)
-        if plain is None:
+        plain = self._plain_prompt if self.prompt == self._named_prompt else self.prompt
+        if plain not in _NAMED_PROMPTS:
             return                            # of a debugger inside of this one, or the program's own
         is_named = processes.is_followed() or sharing.has_others and not processes.is_of_session()
+        self._plain_prompt = plain
         self.prompt = self._named_prompt = _NAMED_PROMPTS[plain] % os.getpid() if is_named else plain
 
     # What pdb prints of a stop before it asks for `interaction`, and what breakpoints have been told to do.
