@@ -49,7 +49,7 @@ class EditorTestCase(unittest.TestCase):
         PICTURES.mkdir(parents=True, exist_ok=True)
 
     def environment(self, **more):
-        """`python` is the interpreter of this test, in which the debugger is installed, as it were."""
+        """`python` is the interpreter of this test, which finds the debugger as if it were installed."""
         python = self.python
         if not python.exists():
             python.parent.mkdir()

@@ -1,6 +1,6 @@
 """The processes that are debugged at one terminal: a row for each in a file that all of them find.
 
-The file is found by the terminal and the process group, so a child finds it whichever way it was
+The file is found by the terminal and the process group, so a child finds it however it was
 started, and what runs in the background of the same terminal has another one.  It lies in a
 folder that nobody else can enter, and is changed under a lock.  The lock is never held longer
 than a change takes: a process may die at any time, and leaves a row that says when it began.
