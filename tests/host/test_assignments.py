@@ -8,10 +8,12 @@ from session import Session, line_of, write_program
 PROGRAM = """\
     import threading
     is_over = False
+    has_begun = threading.Event()
     def work():
         n = 1
         def inner():
             return n
+        has_begun.set()
         while not is_over:
             pass                             # loop
         print("worker", inner(), n)
@@ -27,6 +29,7 @@ PROGRAM = """\
 
     thread = threading.Thread(target=work)
     thread.start()
+    has_begun.wait()
     outer(5)
     is_over = True
     thread.join()

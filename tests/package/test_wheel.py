@@ -182,7 +182,7 @@ class InstallationTest(InstalledTestCase):
             command = os.path.join(os.path.dirname(python), "brixdebug")
             out = self.check_child(command, program, "a", "b", input=commands, NO_COLOR="1", **variables)
             for text in ("Breakpoint 1 at %s:4" % program, "> %s(4)double()" % program, "(Pdb) 21\n", "(Pdb) 42\n",
-                         "\n  %s(7)<module>()" % program, "42 ['a', 'b']\nThe program finished and will be restarted"):
+                         "(Pdb)   %s(7)<module>()" % program, "42 ['a', 'b']\nThe program finished and will be restarted"):
                 self.assertIn(text, out)
 
         self.in_each(check)
