@@ -9,7 +9,6 @@ from __future__ import annotations
 
 import _thread
 import contextlib
-import errno
 import json
 import os
 import socket
@@ -20,6 +19,7 @@ from brixbase import dlog
 
 from brixdebug.dap import arguments, door, fork_warning, spawning
 from brixdebug.dap.asking import Arguments, RequestError
+from brixdebug.dap.entrance import Entrance
 from brixdebug.dap.heritage import PATH_VARIABLE, STARTUP_FOLDER, VARIABLE, Heritage
 from brixdebug.dap.wire import MAX_STRANGERS_BYTES, Wire, WireError
 from brixdebug.monitor import monitor
@@ -29,7 +29,8 @@ if TYPE_CHECKING:
     from types import FrameType, TracebackType
     from typing import Any
 
-    from brixdebug.dap.server import Server, Session
+    from brixdebug.dap.client import Session
+    from brixdebug.dap.server import Server
 
 _CLIENT_SECONDS = 60.0        # for the client to come to a child that it has been asked to come to
 _ANSWER_SECONDS = 10.0        # for a process that runs, to say what it has to say
@@ -41,7 +42,7 @@ class Desk:
 
     def __init__(self, family: Family) -> None:
         self._family = family
-        self._listener: socket.socket | None = None
+        self._entrance: Entrance | None = None
         self._place: tuple[str, str] | None = None
         self._connections: set[socket.socket] = set()        # with children
 
@@ -51,43 +52,28 @@ class Desk:
             listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
             listener.bind("")                # a name that is in no folder, and gone with the process
             listener.listen(128)
-            self._listener = listener = door.out_of_the_way(listener)
+            listener = door.out_of_the_way(listener)
             self._place = listener.getsockname()[1:].decode("latin-1"), door.new_secret()
-            _thread.start_new_thread(self._accept_all, (listener,))
+            self._entrance = Entrance(listener, self._receive)
         return self._place
 
     def close(self) -> None:
-        listener = self._listener
-        if listener is not None:
-            with contextlib.suppress(OSError):
-                listener.shutdown(socket.SHUT_RDWR)      # wakes the thread that waits for children
-        self.forget()
-
-    def forget(self) -> None:
         """Nothing listens any more; the children that are being served are not cut off."""
-        listener, self._listener, self._place = self._listener, None, None
-        if listener is not None:
-            listener.close()
+        entrance, self._entrance, self._place = self._entrance, None, None
+        if entrance is not None:
+            entrance.close()
 
     def leave_to_parent(self) -> None:
         """In a forked child: a copy would keep connections open that the parent closes by its end."""
-        self.forget()
+        entrance, self._entrance, self._place = self._entrance, None, None
+        if entrance is not None:
+            entrance.forget()
         for connection in list(self._connections):
             connection.close()
         self._connections.clear()
 
-    def _accept_all(self, listener: socket.socket) -> None:
-        monitor.suspension.adopt_thread()
-        pause = threading.Event()
-        while self._listener is listener:
-            try:
-                connection = door.out_of_the_way(listener.accept()[0])
-            except OSError as error:
-                if error.errno == errno.EBADF:
-                    return
-                pause.wait(0.1)              # closed, or there are too many open files
-                continue
-            _thread.start_new_thread(self._serve, (connection, self._place))
+    def _receive(self, connection: socket.socket) -> None:
+        _thread.start_new_thread(self._serve, (connection, self._place))
 
     def _serve(self, connection: socket.socket, place: tuple[str, str] | None) -> None:
         monitor.suspension.adopt_thread()

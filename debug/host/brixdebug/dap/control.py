@@ -8,7 +8,7 @@ import threading
 
 from brixdebug.dap.asking import RequestError
 from brixdebug.dap.redirect import flush_streams
-from brixdebug.dap.server import LATER
+from brixdebug.dap.client import LATER
 from brixdebug.monitor import monitor
 from brixdebug.suspension import debugged_frames
 
@@ -18,7 +18,7 @@ if TYPE_CHECKING:
     from types import FrameType
     from typing import Any
 
-    from brixdebug.dap.server import Handler, Request, Session
+    from brixdebug.dap.client import Handler, Request, Session
     from brixdebug.dap.session import Stop
 
 

@@ -22,7 +22,7 @@ if TYPE_CHECKING:
     from typing import Any
 
     from brixdebug.dap.asking import Arguments
-    from brixdebug.dap.server import Handler, Request, Session
+    from brixdebug.dap.client import Handler, Request, Session
     from brixdebug.dap.variables import Child, Node
     from brixdebug.watching import Change
 

@@ -17,7 +17,7 @@ if TYPE_CHECKING:
     from types import FrameType
     from typing import Any
 
-    from brixdebug.dap.server import Handler, Request, Session
+    from brixdebug.dap.client import Handler, Request, Session
 
 _MAX_COMPLETIONS = 500
 _PROGRESS_SECONDS = 1.0       # before the client is told that something takes its time

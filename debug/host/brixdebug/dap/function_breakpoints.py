@@ -22,7 +22,7 @@ if TYPE_CHECKING:
     from typing import Any
 
     from brixdebug.dap.asking import Arguments
-    from brixdebug.dap.server import Handler, Request, Session
+    from brixdebug.dap.client import Handler, Request, Session
 
 _NAME = re.compile(r"[^\W\d]\w*(\.[^\W\d]\w*)*$")
 _NOT_LOADED = "no function of this name has been loaded so far"

@@ -19,7 +19,7 @@ if TYPE_CHECKING:
     from typing import Any
 
     from brixdebug.dap.asking import Arguments
-    from brixdebug.dap.server import Handler, Request, Session
+    from brixdebug.dap.client import Handler, Request, Session
     from brixdebug.dap.tree import Frame
 
 _MAX_PAGE = 10000             # variables of one answer, when the client names no number

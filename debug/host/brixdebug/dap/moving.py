@@ -16,7 +16,7 @@ if TYPE_CHECKING:
     from types import FrameType
     from typing import Any
 
-    from brixdebug.dap.server import Handler, Request, Session
+    from brixdebug.dap.client import Handler, Request, Session
     from brixdebug.dap.session import Stop
     from brixdebug.dap.tree import Frame
 

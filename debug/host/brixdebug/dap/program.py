@@ -11,7 +11,7 @@ import signal
 import sys
 
 from brixdebug import log
-from brixdebug.dap import (breakpoints, control, data_breakpoints, door, exception_filters, expressions,
+from brixdebug.dap import (beginning, breakpoints, control, data_breakpoints, door, exception_filters, expressions,
                            function_breakpoints, inspection, moving)
 from brixdebug.dap.children import Family, own_name
 from brixdebug.dap.heritage import Heritage
@@ -25,8 +25,8 @@ if TYPE_CHECKING:
     from types import FrameType
     from typing import Any
 
-HANDLERS = {**control.HANDLERS, **inspection.HANDLERS, **breakpoints.HANDLERS, **function_breakpoints.HANDLERS,
-            **data_breakpoints.HANDLERS, **moving.HANDLERS,
+HANDLERS = {**beginning.HANDLERS, **control.HANDLERS, **inspection.HANDLERS, **breakpoints.HANDLERS,
+            **function_breakpoints.HANDLERS, **data_breakpoints.HANDLERS, **moving.HANDLERS,
             **exception_filters.HANDLERS, **expressions.HANDLERS}
 
 # Set by readline when it is loaded, in the environment that new processes get.

@@ -1,0 +1,325 @@
+"""One client, from its first byte to its last, and its requests, each answered exactly once."""
+
+from __future__ import annotations
+
+import functools
+import linecache
+import os
+import signal
+import threading
+import time
+import urllib.parse
+
+from brixbase import dlog
+
+from brixdebug.dap import arguments
+from brixdebug.dap.asking import Arguments, RequestError
+from brixdebug.dap.breakpoint_ids import BreakpointIds
+from brixdebug.dap.replies import Replies
+from brixdebug.dap.sources import PathMap
+from brixdebug.dap.tree import Tree
+from brixdebug.dap.wire import MAX_MESSAGE_BYTES, MAX_STRANGERS_BYTES, Wire, WireError
+from brixdebug.monitor import monitor
+from brixdebug.switches import MonitorError
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from collections.abc import Callable, Mapping
+    import socket
+    from types import CodeType
+    from typing import Any, Protocol
+
+    from brixdebug.dap.rendering import Boxed
+    from brixdebug.dap.session import ClientDebugger, Stop
+    from brixdebug.dap.sources import Lines
+    from brixdebug.watching import Change, Watch
+
+    Handler = Callable[["Session", "Request"], Any]
+
+    class Host(Protocol):
+        """The program's side of all sessions, as one of them needs it."""
+
+        debugger: ClientDebugger
+        boxed: Boxed
+        lines: Lines
+        session: Session | None
+        configured: threading.Event
+        secret: str | None
+        program: tuple[str, str]
+        prints_to_client: bool
+        on_client: Callable[[bool], None]
+        handlers: Mapping[str, Handler]
+
+        def admit(self, session: Session) -> bool: ...
+
+        def dismiss(self, session: Session) -> None: ...
+
+        def redirect_output(self) -> None: ...
+
+        def end_redirection(self) -> None: ...
+
+_STRANGER_SECONDS = 10        # to say who one is, from the first moment to the last
+_END_SECONDS = 5.0            # from SIGTERM to the end
+_ALWAYS = ("initialize", "launch", "attach", "disconnect")       # what a client may ask for that has not begun
+
+
+class Request:
+    """One request, which is answered exactly once, by any thread."""
+
+    def __init__(self, session: Session, message: dict[str, Any]) -> None:
+        self.session = session
+        self.message = message
+        self.command: str = message["command"]
+        self.arguments = Arguments(self.command, message.get("arguments"))
+        self._to_answer = [self]             # emptied by who answers
+
+    def _claims(self) -> bool:
+        try:
+            self._to_answer.pop()
+        except IndexError:
+            return False
+        self.session.pending.pop(self.message["seq"], None)
+        return True
+
+    def answer(self, body: dict[str, Any] | None = None) -> None:
+        if self._claims():
+            self.session.wire.respond(self.message, body)
+
+    def refuse(self, text: str, short: str | None = None) -> None:
+        if self._claims():
+            self.session.wire.refuse(self.message, text, short)
+
+    def run(self, handler: Handler) -> None:
+        """Answer with what `handler` returns, unless that is LATER; raises nothing."""
+        try:
+            body = handler(self.session, self)
+            if body is not LATER:
+                self.answer(body)
+        except RequestError as error:
+            self.refuse(str(error), error.short)
+        except MonitorError as error:
+            self.refuse(str(error))
+        except Exception as error:
+            dlog.LogException("request %s" % self.command)
+            self.refuse("%s failed: %s: %s" % (self.command, type(error).__name__, error))
+
+    @property
+    def is_answered(self) -> bool:
+        return not self._to_answer
+
+    def later(self, handler: Handler, do: Callable[[Callable[[], None]], object]) -> Any:
+        """Have `handler` called by what `do` gives tasks to, a stop's `do` for one; not if it is cancelled before."""
+        def task() -> None:
+            if self._to_answer:
+                self.run(handler)
+
+        self.session.pending[self.message["seq"]] = self
+        if do(task) is False:
+            raise RequestError("the program is running", "notStopped")
+        return LATER
+
+
+LATER: Any = object()
+
+
+class Session:
+    """One client, from its first byte to its last."""
+
+    def __init__(self, server: Host, connection: socket.socket, is_trusted: bool, ends_program: bool = False) -> None:
+        self.server = server
+        self.debugger = server.debugger
+        self.wire = Wire(connection.fileno(), connection.fileno(), connection)
+        self.replies = Replies(self.wire)
+        name: Any = connection.getsockname()
+        self.host: str = name[0] if isinstance(name, tuple) else "127.0.0.1"     # of this machine, for the client
+        self.is_configured = False
+        self.has_begun = False                       # launch or attach has been answered or is being
+        self.is_trusted = is_trusted
+        self.ends_program = ends_program
+        self.begin_request: Request | None = None
+        self.initialize: dict[str, Any] = {}
+        self.settings = arguments.Settings("attach")
+        self.given: dict[str, Any] = {}              # the arguments of launch or attach, as they came
+        self.paths = PathMap([])
+        self.tree = Tree(server.boxed)
+        self.is_leaving = False
+        self.sources: dict[int, str] = {}            # texts that are in no file
+        self.breakpoint_ids = BreakpointIds()
+        self.pending: dict[int, Request] = {}        # by their numbers: not answered, but by another thread later
+        self.running: Request | None = None          # that runs code of the user's
+        self.kept: dict[str, Any] = {}               # what the handlers of requests keep for this client
+        self.on_watch_end: Callable[[Watch], None] = lambda watch: None
+        self.show_change: Callable[[Change], str] = lambda change: ""
+        self.on_new_code: Callable[[CodeType], None] = lambda code: None      # see `ClientDebugger.await_code`
+
+    def supports(self, name: str) -> bool:
+        """Whether the client has said so in `initialize`."""
+        return self.initialize.get(name) is True
+
+    @property
+    def has_gone(self) -> bool:
+        """The client has left, or its connection has ended."""
+        return self.is_leaving or self.wire.is_closed
+
+    # -- reading --------------------------------------------------------------------------------
+
+    def run(self) -> None:
+        """In a thread of the debugger's own, until the client has gone."""
+        monitor.suspension.adopt_thread()
+        is_expected = self.server.session is self
+        self.wire.max_message_bytes = MAX_MESSAGE_BYTES if is_expected else MAX_STRANGERS_BYTES
+        if not is_expected:
+            self.wire.limit_writes(_STRANGER_SECONDS)
+        deadline = time.monotonic() + _STRANGER_SECONDS
+        try:
+            while not self.is_leaving:
+                message = self.wire.read(
+                    None if self.has_begun or is_expected else max(0.0, deadline - time.monotonic()))
+                if message is None:
+                    break
+                if message["type"] == "request":
+                    self._on_request(message)
+                elif message["type"] == "response":
+                    self.replies.take(message)
+        except WireError as error:
+            self.wire.event("output", {"category": "stderr", "output": "brixdebug: %s\n" % error})
+        except Exception:
+            dlog.LogException("the debug adapter")
+        finally:
+            self._leave()
+
+    def _on_request(self, message: dict[str, Any]) -> None:
+        try:
+            request = Request(self, message)
+        except RequestError as error:
+            self.wire.refuse(message, str(error))
+            return
+        command = request.command
+        handler = self.server.handlers.get(command)
+        if not self.initialize and command != "initialize":
+            request.refuse("the first request has to be initialize, not %s" % command)
+        elif not self.has_begun and command not in _ALWAYS:
+            request.refuse("launch or attach comes before %s" % command)
+        elif handler is None:
+            request.refuse("%s is not supported" % command)
+        else:
+            request.run(handler)
+
+    # -- what the client is told --------------------------------------------------------------------
+
+    def say(self, text: str) -> None:
+        """Show `text`, which ends with a newline, in the client's console."""
+        self.wire.event("output", {"category": "console", "output": text})
+
+    def show_stop(self, stop: Stop) -> bool:
+        """False when the client has gone."""
+        self.tree.begin(stop)
+        body: dict[str, Any] = {"reason": stop.reason, "threadId": self.thread_number(stop.thread_id),
+                                "allThreadsStopped": True, "preserveFocusHint": False}
+        if stop.text:
+            body["text"] = stop.text
+        if stop.exception is not None:
+            body["description"] = "Exception" if not stop.is_uncaught else \
+                "Exception that user code has not handled" if stop.below is not None else "Uncaught exception"
+        if stop.changes:
+            body["text"] = "\n".join(self.show_change(each) for each in stop.changes)
+        numbers = [each.watch.number for each in stop.changes] or [stop.breakpoint_number or 0]
+        ids = [each for each in map(self.breakpoint_ids.of, numbers) if each is not None]
+        if ids:
+            body["hitBreakpointIds"] = ids
+        if stop.reason == "breakpoint" and stop.breakpoint_number is not None:
+            body["reason"] = self.breakpoint_ids.reason(stop.breakpoint_number)
+        return self.wire.event("stopped", body)
+
+    def thread_number(self, thread_id: int) -> int:
+        return self.tree.thread_number(thread_id)
+
+    def stop(self) -> Stop:
+        """The stop that there is; RequestError without one."""
+        stop = self.debugger.stop or self.debugger.rest
+        if stop is None:
+            raise RequestError("the program is running", "notStopped")
+        return stop
+
+    def check_stop(self, stop: Stop) -> None:
+        """RequestError when it has ended before a request about it could be served."""
+        if stop not in (self.debugger.stop, self.debugger.rest):
+            raise RequestError("the program is running", "notStopped")
+
+    def check_held(self, thread_id: int) -> None:
+        """RequestError for a thread that runs while others are held."""
+        if thread_id in monitor.suspension.alone:
+            raise RequestError("thread %d is running" % self.thread_number(thread_id), "notStopped")
+
+    # -- names and lines as the client has them ----------------------------------------------------
+
+    def client_line(self, line: int) -> int:
+        return line if self.initialize.get("linesStartAt1", True) else line - 1
+
+    def program_line(self, line: int) -> int:
+        return line if self.initialize.get("linesStartAt1", True) else line + 1
+
+    def client_column(self, column: int) -> int:
+        return column if self.initialize.get("columnsStartAt1", True) else column - 1
+
+    def program_path(self, source: Arguments) -> str:
+        """The program's name of a file that the client names."""
+        path = source.text("path")
+        if path is None:
+            path = self.sources.get(source.integer("sourceReference", 0))
+        if path is None:
+            raise RequestError("the source has no path")
+        if self.initialize.get("pathFormat") == "uri":
+            path = urllib.parse.unquote(urllib.parse.urlsplit(path).path)
+        return str(self.paths.to_program(path))
+
+    def source(self, filename: str) -> dict[str, Any] | None:
+        """The client's name of a file of the program; None for what has no text."""
+        if filename.startswith("<") and filename.endswith(">"):
+            if not linecache.getlines(filename):
+                return None
+            return {"name": filename, "sourceReference": self._source_number(filename)}
+        path = os.path.abspath(filename)
+        return {"name": os.path.basename(path), "path": self.paths.to_client(path)}
+
+    def _source_number(self, filename: str) -> int:
+        for number, known in self.sources.items():
+            if known == filename:
+                return number
+        self.sources[len(self.sources) + 1] = filename
+        return len(self.sources)
+
+    # -- ending -----------------------------------------------------------------------------------
+
+    def _leave(self) -> None:
+        """The client has gone: the program goes on without it, or ends with it."""
+        self.is_configured = False
+        was_taken = self.wire.was_taken
+        self.wire.close()
+        self.wire.release()
+        self.replies.end()
+        if self.server.session is not self:
+            self.server.dismiss(self)
+            return
+        self.server.end_redirection()
+        if self.ends_program and not self.is_leaving and not was_taken:
+            _end_process()                           # started for a client that died
+        self.debugger.in_turn(self._let_go)
+        self.server.on_client(False)
+        self.server.dismiss(self)
+        if not self.is_leaving or self.ends_program:
+            self.server.configured.set()
+
+    def _let_go(self) -> None:
+        self.debugger.end()
+        if self.debugger.stop is not None:
+            self.debugger.stop.go_on()
+
+
+def _end_process() -> None:
+    """This process and what it has started, if it leads a group of its own."""
+    leads_group = os.getpgrp() == os.getpid()
+    kill = functools.partial(os.killpg, 0) if leads_group else functools.partial(os.kill, os.getpid())
+    kill(signal.SIGTERM)
+    threading.Event().wait(_END_SECONDS)             # for its own handlers
+    kill(signal.SIGKILL)
