@@ -25,7 +25,7 @@ WATCHED_HOSTS ?= $(or $(PYTHONS),$(shell tools/interpreters list --cmake --min 3
 # Sessions of the debugger that work the module hardest; what only the prompt does is the same without a sanitizer.
 WATCHED_SESSIONS = files|fork|hooks|log|stops|switching|threads|conditions|evaluation
 
-.PHONY: help setup build run demo test test-all test-cpp test-python test-host test-life test-adapter test-reference test-editors selfhost wheel vsix types \
+.PHONY: help setup build run demo test test-all test-cpp test-python test-brixdebug test-life test-adapter test-reference test-editors selfhost wheel vsix types \
         inject fuzz asan tsan valgrind bench bench-quick bench-host bench-growth bench-units \
         bench-debugpy bench-pandas bench-docs tests-built some-interpreters interpreters fresh clean \
         lint format hooks coverage
@@ -73,9 +73,9 @@ test-cpp: tests-built  ## the C++ tests only
 test-python: tests-built  ## the Python tests of the module only
 	@tools/run_ctest $(BUILD) -R '^py_'
 
-test-host: tests-built  ## the tests of the debugger only
+test-brixdebug: tests-built  ## the tests of the debugger only
 	@BUILD=$(BUILD) tools/node_packages tests/editors || echo "What they check is skipped."
-	@tools/run_ctest $(BUILD) -R '^host_'
+	@tools/run_ctest $(BUILD) -R '^brixdebug_'
 
 test-adapter: tests-built  ## scenarios with VS Code's debug client, in every interpreter from 3.12 on
 	@BUILD=$(BUILD) tools/node_packages tests/editors || echo "What they check is skipped."
@@ -126,7 +126,7 @@ asan:  ## the C++ tests, the Python suites and the debugger's tests under ASan a
 	       "-DOPTMONITORING_PYTHONS=$(sort $(WATCHED_PYTHONS) $(WATCHED_HOSTS))" >/dev/null
 	@cmake --build $(BUILD)-asan --target plain_tests optmonitoring -j $(JOBS)
 	@watched="$$(echo $(WATCHED_PYTHONS) any | tr ' ' '|')"; hosts="$$(echo $(WATCHED_HOSTS) | tr ' ' '|')"; \
-	    tools/run_ctest $(BUILD)-asan -R "^(cpp_plain\$$|(py|life|fuzz)_($$watched)\.|host_($$hosts)\.test_($(WATCHED_SESSIONS))\$$)"
+	    tools/run_ctest $(BUILD)-asan -R "^(cpp_plain\$$|(py|life|fuzz)_($$watched)\.|brixdebug_($$hosts)\.test_($(WATCHED_SESSIONS))\$$)"
 
 tsan:  ## the Python suites with threads under TSan
 	@tools/setup test

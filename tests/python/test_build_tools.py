@@ -257,7 +257,7 @@ class SkippedPartsTest(StandInsTest):
         self.script("__init__.py", "", os.path.join(self.base, "modules", "test"))
         report = os.path.join(self.base, "report.json")
         done = subprocess.run(
-            [sys.executable, os.path.join(ROOT, "tests", "host", "run_cpython_tests.py"), "--report", report,
+            [sys.executable, os.path.join(ROOT, "tests", "brixdebug", "run_cpython_tests.py"), "--report", report,
              "--interpreter", "X"],
             env=dict(os.environ, PYTHONPATH=os.path.join(self.base, "modules")), stdout=subprocess.PIPE,
             stderr=subprocess.STDOUT, universal_newlines=True)
