@@ -250,7 +250,7 @@ class Filter:
 
 def load_module():
     """The built module, with the tests' stand-in for the host: it imports little."""
-    for folder in (os.path.join(HERE, "..", "tests", "python", "host"),
+    for folder in (os.path.join(HERE, "..", "tests", "python", "stand_ins"),
                    os.environ.get("OPTMONITORING_DIR") or os.path.join(HERE, "..", "build")):
         sys.path.insert(0, os.path.abspath(folder))
     import optmonitoring

@@ -15,7 +15,7 @@ import unittest
 import warnings
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-HOST_DIR = os.path.join(HERE, "host")
+HOST_DIR = os.path.join(HERE, "stand_ins")
 DEFAULT_MASK = 84           # the module's and the process-wide mask of a fresh import
 HEAD_LINE = "EXCEPTION IN DEBUG TRACER:\n"
 FREE_THREADED = bool(sysconfig.get_config_var("Py_GIL_DISABLED"))

@@ -139,7 +139,7 @@ def count_calls():
 
 def watch():
     """Puts the filter on everything from now on; returns the module and the second callback."""
-    sys.path[:0] = [os.path.join(HERE, os.pardir, "python", "host"), os.environ["OPTMONITORING_DIR"]]
+    sys.path[:0] = [os.path.join(HERE, os.pardir, "python", "stand_ins"), os.environ["OPTMONITORING_DIR"]]
     import optmonitoring
     del sys.path[:2]
     second = count_calls()
