@@ -25,10 +25,10 @@ WATCHED_HOSTS ?= $(or $(PYTHONS),$(shell tools/interpreters list --cmake --min 3
 # Sessions of the debugger that work the module hardest; what only the prompt does is the same without a sanitizer.
 WATCHED_SESSIONS = files|fork|hooks|log|stops|switching|threads|conditions|evaluation
 
-.PHONY: help setup build run demo test test-all test-cpp test-python test-brixdebug test-life test-adapter test-reference test-editors selfhost wheel vsix types \
-        inject fuzz asan tsan valgrind bench bench-quick bench-host bench-growth bench-units \
-        bench-debugpy bench-pandas bench-docs tests-built some-interpreters interpreters fresh clean \
-        lint format hooks coverage
+.PHONY: help setup build run demo test test-all test-cpp test-python test-brixdebug test-life test-adapter test-reference \
+        test-editors cpython-suites wheel vsix types inject fuzz asan tsan valgrind bench bench-quick bench-host bench-growth \
+        bench-units bench-debugpy bench-pandas bench-docs tests-built some-interpreters interpreters fresh clean lint format \
+        hooks coverage
 
 help:  ## list the targets
 	@grep -E '^[a-z-]+:.*## ' $(MAKEFILE_LIST) | sed -E 's/:.*## /\t/' | expand -t 16
@@ -109,8 +109,8 @@ types: build  ## check the stubs against the module, in every interpreter, and t
 	@cmake -S . -B $(BUILD) -G Ninja "-DOPTMONITORING_PYTHONS=$(PYTHONS)" >/dev/null
 	@tools/run_ctest $(BUILD) -R '^package_types$$'
 
-selfhost: build  ## the interpreters' own test suites under the filter (half an hour or more)
-	@python3 tools/selfhost --module-dir $(BUILD)
+cpython-suites: build  ## the interpreters' own test suites under the filter (half an hour or more)
+	@python3 tools/cpython_suites --module-dir $(BUILD)
 
 fuzz:  ## fuzz each unit for FUZZ_SECONDS, then run random programs as long
 	@tools/setup build && tools/setup fuzz

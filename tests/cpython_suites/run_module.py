@@ -99,7 +99,7 @@ def set_breakpoints(per_code_object):
 def register(make_callback):
     """A tool for all five events of all code, with the callback that is made for each."""
     numbers = [getattr(sys.monitoring.events, name) for name in EVENTS]
-    sys.monitoring.use_tool_id(TOOL_ID, "selfhost")
+    sys.monitoring.use_tool_id(TOOL_ID, "cpython_suites")
     for number in numbers:
         sys.monitoring.register_callback(TOOL_ID, number, make_callback(number))
     sys.monitoring.set_events(TOOL_ID, sum(numbers))
