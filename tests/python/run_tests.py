@@ -1,6 +1,8 @@
 """Runs test modules with unittest and writes down what happened; any interpreter from 2.7 on.
 
-    PYTHON run_tests.py [--report FILE --interpreter NAME] MODULE...
+    PYTHON run_tests.py [--report FILE --interpreter NAME] NAME...
+
+A NAME is a module, a class or a single test of any folder below: test_stops, test_stops.StopsTest.test_recursion.
 
 Prints every skipped test with its reason. Exit status 0 when all tests passed and at least one ran.
 """
@@ -11,10 +13,21 @@ import os
 import sys
 import unittest
 
+HERE = os.path.dirname(os.path.abspath(__file__))
+FOLDERS = ["brixdebug", "inject", "package", "editors"]     # those beside this one that have test modules
 
-def load(modules):
-    sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-    return unittest.defaultTestLoader.loadTestsFromNames(modules)
+
+def folder_of(name):
+    """The folder of a test's module; this one where there is no such file."""
+    folders = [HERE] + [os.path.join(os.path.dirname(HERE), each) for each in FOLDERS]
+    return next((each for each in folders if os.path.exists(os.path.join(each, name.split(".")[0] + ".py"))), HERE)
+
+
+def load(names):
+    for folder in [HERE] + [folder_of(name) for name in names]:
+        if folder not in sys.path:
+            sys.path.insert(0, folder)
+    return unittest.defaultTestLoader.loadTestsFromNames(names)
 
 
 class Result(unittest.TextTestResult):
@@ -38,9 +51,9 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--report")
     parser.add_argument("--interpreter", default="%d.%d.%d" % sys.version_info[:3])
-    parser.add_argument("modules", nargs="+")
+    parser.add_argument("names", nargs="+", metavar="NAME")
     options = parser.parse_args()
-    result = unittest.TextTestRunner(verbosity=1, resultclass=Result).run(load(options.modules))
+    result = unittest.TextTestRunner(verbosity=1, resultclass=Result).run(load(options.names))
     for test, reason in result.skipped:
         print("skipped %s: %s" % (test, reason))
     counts = summary(options.interpreter, result)
