@@ -25,10 +25,10 @@ WATCHED_HOSTS ?= $(or $(PYTHONS),$(shell tools/interpreters list --cmake --min 3
 # Sessions of the debugger that work the module hardest; what only the prompt does is the same without a sanitizer.
 WATCHED_SESSIONS = files|fork|hooks|log|stops|switching|threads|conditions|evaluation
 
-.PHONY: help setup build run demo test test-all test-cpp test-python test-brixdebug test-life test-adapter test-reference \
-        test-editors cpython-suites wheel vsix types inject fuzz asan tsan valgrind bench bench-quick bench-host bench-growth \
-        bench-units bench-debugpy bench-pandas bench-docs tests-built some-interpreters interpreters fresh clean lint format \
-        hooks coverage
+.PHONY: help setup build run demo test test-long test-all test-cpp test-python test-brixdebug test-life test-adapter \
+        test-reference test-editors cpython-suites wheel vsix types inject fuzz asan tsan valgrind bench bench-quick \
+        bench-host bench-growth bench-units bench-debugpy bench-pandas bench-docs tests-configured tests-built \
+        some-interpreters interpreters fresh clean lint format hooks coverage
 
 help:  ## list the targets
 	@grep -E '^[a-z-]+:.*## ' $(MAKEFILE_LIST) | sed -E 's/:.*## /\t/' | expand -t 16
@@ -47,25 +47,35 @@ run: build  ## debug a real, threaded program and show the session
 demo: build  ## run real programs under the bare filter and show how many events it let through
 	@python="$$(tools/choose_python)" && $$python examples/filter_demo.py --module-dir $(BUILD)
 
-tests-built: $(if $(PYTHONS),,some-interpreters)
+tests-configured: $(if $(PYTHONS),,some-interpreters)
 	@tools/setup test
 	@cmake -S . -B $(BUILD) -G Ninja "-DOPTMONITORING_PYTHONS=$(PYTHONS)" >/dev/null
+
+tests-built: tests-configured
 	@cmake --build $(BUILD) -j $(JOBS)
 
 some-interpreters:
 	@tools/setup build && tools/setup interpreters
 	@tools/interpreters install $(INTERPRETERS) || echo "Not all could be had; the tests go on with those that are here."
 
-test-all:  ## the same, and insist on the whole matrix of interpreters
+test-all:  ## both, and insist on the whole matrix of interpreters
 	@tools/setup test && tools/setup interpreters
 	@tools/interpreters install --all
 	@tools/interpreters check
 	@$(MAKE) --no-print-directory test INTERPRETERS=3.14 PYTHONS=
+	@$(MAKE) --no-print-directory test-long INTERPRETERS=3.14 PYTHONS=
 
-test: tests-built  ## run all tests in every interpreter found
+test: tests-configured  ## the tests of each change, in every interpreter found (ten minutes)
+	@tools/test_plan $(BUILD) -L '^short$$'
 	@BUILD=$(BUILD) tools/python_tools ruff clang-format || echo "What they check is skipped."
+	@cmake --build $(BUILD) -j $(JOBS)
+	@tools/run_ctest $(BUILD) -L '^short$$'
+
+test-long: tests-configured  ## the other tests that CI runs: tests/split.cmake says which (half an hour)
+	@tools/test_plan $(BUILD) -L '^long$$'
 	@BUILD=$(BUILD) tools/node_packages tests/editors || echo "What they check is skipped."
-	@tools/run_ctest $(BUILD) -LE '^long$$'
+	@cmake --build $(BUILD) -j $(JOBS)
+	@tools/run_ctest $(BUILD) -L '^long$$'
 
 test-cpp: tests-built  ## the C++ tests only
 	@tools/run_ctest $(BUILD) -R '^cpp_'

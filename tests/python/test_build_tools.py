@@ -244,7 +244,8 @@ class ContinuousIntegrationTest(StandInsTest):
         self.assertEqual((status, err), (0, ""))
         commands = out.split("make ")[1:]
         self.assertEqual([command.splitlines()[0] for command in commands], [
-            "test INTERPRETERS=3.14 3.15 3.14-debug 3.13-freethreaded", "asan"])
+            "test INTERPRETERS=3.14 3.15 3.14-debug 3.13-freethreaded",
+            "test-long INTERPRETERS=3.14 3.15 3.14-debug 3.13-freethreaded", "asan"])
         for command in commands:
             names = {line.partition("=")[0] for line in command.splitlines()[1:]}
             self.assertEqual(names - {"PWD", "OLDPWD", "SHLVL", "_"}, {"PATH", "HOME", "PIP_CERT", "https_proxy", "TERMINAL"})
