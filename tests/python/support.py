@@ -32,8 +32,12 @@ if FREE_THREADED and sys.version_info < (3, 14):
 
 # ---- The module ----
 
+# read once: some programs that use this go to another folder
+MODULE_DIR = os.path.abspath(os.environ.get("OPTMONITORING_DIR") or os.path.join(HERE, "..", "..", "build"))
+
+
 def module_dir():
-    return os.path.abspath(os.environ.get("OPTMONITORING_DIR") or os.path.join(HERE, "..", "..", "build"))
+    return MODULE_DIR
 
 
 def module_file():
