@@ -25,7 +25,7 @@ WATCHED_HOSTS ?= $(or $(PYTHONS),$(shell tools/interpreters list --cmake --min 3
 # Sessions of the debugger that work the module hardest; what only the prompt does is the same without a sanitizer.
 WATCHED_SESSIONS = files|fork|hooks|log|stops|switching|threads|conditions|evaluation
 
-.PHONY: help setup build run demo test test-long test-all test-cpp test-python test-brixdebug test-life test-adapter \
+.PHONY: help setup build run demo test test-long test-one test-all test-cpp test-python test-brixdebug test-life test-adapter \
         test-reference test-editors cpython-suites wheel vsix types inject fuzz asan tsan valgrind bench bench-quick \
         bench-host bench-growth bench-units bench-debugpy bench-pandas bench-docs tests-configured tests-built \
         some-interpreters interpreters fresh clean lint format hooks coverage
@@ -76,6 +76,13 @@ test-long: tests-configured  ## the other tests that CI runs: tests/split.cmake 
 	@BUILD=$(BUILD) tools/node_packages tests/editors || echo "What they check is skipped."
 	@cmake --build $(BUILD) -j $(JOBS)
 	@tools/run_ctest $(BUILD) -L '^long$$'
+
+test-one:  ## run TEST=test_stops.SameStopsTest or TEST='Dprintf*' (C++), in PYTHON=3.14 (default: the newest)
+	@tools/setup test
+	@cmake -S . -B $(BUILD) -G Ninja "-DOPTMONITORING_PYTHONS=$(PYTHONS)" >/dev/null
+	@cmake --build $(BUILD) -j $(JOBS) --target optmonitoring \
+	    $(if $(filter test_%,$(TEST)),$(if $(filter test_inject%,$(TEST)),optmonitoring_inject),plain_tests hosted_tests)
+	@tools/test_one $(BUILD) '$(TEST)' $(PYTHON)
 
 test-cpp: tests-built  ## the C++ tests only
 	@tools/run_ctest $(BUILD) -R '^cpp_'

@@ -24,7 +24,7 @@ def module_dir():
     folder = os.environ.get("OPTMONITORING_DIR")
     if not folder:
         raise AssertionError("set OPTMONITORING_DIR to the folder of the built module")
-    return folder
+    return os.path.abspath(folder)
 
 
 def child_environment(**more):

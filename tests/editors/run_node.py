@@ -37,7 +37,7 @@ def main():
         return 0
     version = "%d.%d" % sys.version_info[:2]
     path = [os.path.join(BUILD, "debugpy", version)] if os.environ.get("ADAPTER") == "debugpy" else \
-        [os.environ.get("OPTMONITORING_DIR") or BUILD, os.path.join(ROOT, "debug", "host")]
+        [os.path.abspath(os.environ.get("OPTMONITORING_DIR") or BUILD), os.path.join(ROOT, "debug", "host")]
     environment = dict(os.environ, PYTHON=sys.executable, PYTHONPATH=os.pathsep.join(path),
                        NODE_PATH=os.path.join(PACKAGES, "node_modules"), EDITORS_DIR=PACKAGES,
                        EDITORS_REPORT=options.report or "", EDITORS_INTERPRETER=options.interpreter,

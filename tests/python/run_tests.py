@@ -4,30 +4,46 @@
 
 A NAME is a module, a class or a single test of any folder below: test_stops, test_stops.StopsTest.test_recursion.
 
-Prints every skipped test with its reason. Exit status 0 when all tests passed and at least one ran.
+The environment variable OPTMONITORING_DIR names the folder of the built module (default: build). Prints every skipped test
+with its reason. Exit status 0 when all tests passed and at least one ran, 2 when there is no test of a name.
 """
 import argparse
 import collections
+import importlib
 import json
 import os
 import sys
 import unittest
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-FOLDERS = ["brixdebug", "inject", "package", "editors"]     # those beside this one that have test modules
+TESTS = os.path.dirname(HERE)
+FOLDERS = [HERE] + [os.path.join(TESTS, each) for each in ("brixdebug", "inject", "package", "editors")]
 
 
-def folder_of(name):
-    """The folder of a test's module; this one where there is no such file."""
-    folders = [HERE] + [os.path.join(os.path.dirname(HERE), each) for each in FOLDERS]
-    return next((each for each in folders if os.path.exists(os.path.join(each, name.split(".")[0] + ".py"))), HERE)
+def modules_of(folder):
+    return [name[:-len(".py")] for name in os.listdir(folder) if name.startswith("test_") and name.endswith(".py")]
 
 
-def load(names):
-    for folder in [HERE] + [folder_of(name) for name in names]:
-        if folder not in sys.path:
-            sys.path.insert(0, folder)
-    return unittest.defaultTestLoader.loadTestsFromNames(names)
+def missing(name):
+    """What there is instead of a test that does not exist; None: it does. Its module can be imported from now on."""
+    words = name.split(".")
+    folder = next((each for each in FOLDERS if words[0] in modules_of(each)), None)
+    if folder is None:
+        return "test module %s; there are: %s" % (words[0], " ".join(sorted(sum(map(modules_of, FOLDERS), []))))
+    for each in (HERE, folder):
+        if each not in sys.path:
+            sys.path.insert(0, each)
+    if len(words) == 1:
+        return None
+    module = importlib.import_module(words[0])
+    classes = {each: value for each, value in vars(module).items() if isinstance(value, type)
+               and issubclass(value, unittest.TestCase) and unittest.defaultTestLoader.getTestCaseNames(value)}
+    if words[1] not in classes:
+        return "class %s of tests in %s; there are: %s" % (words[1], words[0], " ".join(sorted(classes)))
+    names = unittest.defaultTestLoader.getTestCaseNames(classes[words[1]])
+    if words[2:] and words[2:] not in [[each] for each in names]:
+        return "test %s in %s; there are: %s" % (".".join(words[2:]), ".".join(words[:2]), " ".join(names))
+    return None
 
 
 class Result(unittest.TextTestResult):
@@ -53,7 +69,13 @@ def main():
     parser.add_argument("--interpreter", default="%d.%d.%d" % sys.version_info[:3])
     parser.add_argument("names", nargs="+", metavar="NAME")
     options = parser.parse_args()
-    result = unittest.TextTestRunner(verbosity=1, resultclass=Result).run(load(options.names))
+    # tests start children in other folders
+    os.environ["OPTMONITORING_DIR"] = os.path.abspath(os.environ.get("OPTMONITORING_DIR") or os.path.join(TESTS, "..", "build"))
+    for instead in filter(None, map(missing, options.names)):
+        sys.stderr.write("run_tests.py: there is no %s\n" % instead)
+        return 2
+    result = unittest.TextTestRunner(verbosity=1, resultclass=Result).run(
+        unittest.defaultTestLoader.loadTestsFromNames(options.names))
     for test, reason in result.skipped:
         print("skipped %s: %s" % (test, reason))
     counts = summary(options.interpreter, result)

@@ -1,4 +1,4 @@
-"""The entries of ctest: each test module has its own, each is run by one make target, and what is said of them beforehand."""
+"""The entries of ctest: each test module has its own, each is run by one make target, and one test is run by its name."""
 
 import glob
 import json
@@ -13,27 +13,18 @@ import unittest
 import support
 
 ROOT = os.path.dirname(os.path.dirname(support.HERE))
-PLAN = os.path.join(ROOT, "tools", "test_plan")
+TOOLS = os.path.join(ROOT, "tools")
+sys.path.insert(0, TOOLS)
+import ctest_entries        # noqa: E402
+
 TARGETS = {"short": "test", "long": "test-long"}
 TEN_MINUTES = 600
+PLAIN_TEST = "InitMakesAnEmptyStringTable"       # of the suite HashTable, which needs no interpreter
 
 
 def read(*names):
     with open(os.path.join(ROOT, *names)) as stream:
         return stream.read()
-
-
-def entries():
-    """{test: [label]} of the build folder."""
-    out = subprocess.check_output(["ctest", "--show-only=json-v1"], cwd=support.module_dir(), universal_newlines=True)
-    return {test["name"]: [label for each in test["properties"] if each["name"] == "LABELS" for label in each["value"]]
-            for test in json.loads(out)["tests"]}
-
-
-def parts(test):
-    """(group, interpreter, module) of a Python test's entry; None for the others."""
-    found = re.match(r"([a-z]+)_(\d[\w.-]*?|any)\.(\w+)$", test)
-    return found and found.groups()
 
 
 def modules(folder):
@@ -45,8 +36,8 @@ def modules(folder):
 class SplitTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.entries = entries()
-        cls.python = {name: parts(name) for name in cls.entries if parts(name)}
+        cls.entries = {entry.name: entry.labels for entry in ctest_entries.entries(support.module_dir())}
+        cls.python = {name: ctest_entries.split(name) for name in cls.entries if ctest_entries.split(name)[2]}
 
     def test_every_entry_has_one_label(self):
         self.assertEqual({name: labels for name, labels in self.entries.items()
@@ -90,31 +81,49 @@ class SplitTest(unittest.TestCase):
         figures = json.loads(read("tests", "durations.json"))
         kinds, seconds = {}, 0
         for name, labels in self.entries.items():
-            group, interpreter, module = parts(name) or (name, "any", None)
-            kind = re.match(r"(?:(\d+\.\d+)\.\d+)?(.*)", interpreter).groups()
+            group, interpreter, module = ctest_entries.split(name)
+            kind = re.match(r"(?:(\d+\.\d+)\.\d+)?(.*)", interpreter or "any").groups()
             if labels == ["short"] and kinds.setdefault(kind, interpreter) == interpreter:
                 seconds += figures.get("%s.%s" % (group, module) if module else group, 0)
         self.assertLess(0, seconds)
         self.assertLess(seconds / 2, TEN_MINUTES)
 
 
-class PlanTest(unittest.TestCase):
-    def setUp(self):
-        self.folder = tempfile.mkdtemp()
-        self.addCleanup(shutil.rmtree, self.folder)
-        with open(os.path.join(self.folder, "ctest"), "w") as stream:
-            stream.write("#!/bin/sh\necho \"$*\" >arguments\ncat tests.json\n")
-        os.chmod(stream.name, 0o755)
-        os.makedirs(os.path.join(self.folder, "Testing", "Temporary"))
+class StandInTest(unittest.TestCase):
+    """With a ctest that says what tests.json has, and a build folder that has nothing."""
 
+    def setUp(self):
+        self.folder = os.path.realpath(tempfile.mkdtemp())
+        self.addCleanup(shutil.rmtree, self.folder)
+        self.script("ctest", "#!/bin/sh\necho \"$*\" >arguments\ncat tests.json\n")
+
+    def script(self, name, text):
+        path = os.path.join(self.folder, name)
+        with open(path, "w") as stream:
+            stream.write(text)
+        os.chmod(path, 0o755)
+        return path
+
+    def run_tool(self, name, *words):
+        """Exit status, standard output, standard error."""
+        done = subprocess.run([sys.executable, os.path.join(TOOLS, name), self.folder, *words], stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE, universal_newlines=True,
+                              env=dict(os.environ, PATH=self.folder + os.pathsep + os.environ["PATH"]))
+        return done.returncode, done.stdout, done.stderr
+
+    def tests(self, *tests):
+        self.script("tests.json", json.dumps({"tests": tests}))
+
+
+class PlanTest(StandInTest):
     def plan(self, tests, record, *options):
         """What is said of these tests, after runs that took {test: seconds}."""
-        with open(os.path.join(self.folder, "tests.json"), "w") as stream:
-            json.dump({"tests": [{"name": name} for name in tests]}, stream)
-        with open(os.path.join(self.folder, "Testing", "Temporary", "CTestCostData.txt"), "w") as stream:
-            stream.write("".join("%s 1 %s\n" % row for row in record.items()) + "---\na_test_that_failed\n")
-        out = subprocess.check_output([sys.executable, PLAN, self.folder, *options], universal_newlines=True,
-                                      env=dict(os.environ, PATH=self.folder + os.pathsep + os.environ["PATH"]))
+        self.tests(*({"name": name} for name in tests))
+        os.makedirs(os.path.join(self.folder, "Testing", "Temporary"), exist_ok=True)
+        self.script("Testing/Temporary/CTestCostData.txt",
+                    "".join("%s 1 %s\n" % row for row in record.items()) + "---\na_test_that_failed\n")
+        status, out, errors = self.run_tool("test_plan", *options)
+        self.assertEqual((status, errors), (0, ""))
         with open(os.path.join(self.folder, "arguments")) as stream:
             self.assertEqual(stream.read().split(), ["--show-only=json-v1", *options])
         return out.replace(", %d at a time" % os.cpu_count(), ", N at a time")
@@ -139,6 +148,108 @@ class PlanTest(unittest.TestCase):
     def test_what_nobody_knows(self):
         self.assertEqual(self.plan(["py_any.test_new", "cpp_plain"], {"cpp_plain": 7}),
                          "Running 2 test modules, N at a time: about 7 seconds, and 1 module without a figure yet.\n")
+
+
+class OneTest(StandInTest):
+    """tools/test_one: which program is run, how, and in which interpreter."""
+
+    SHOW = "import json, os, sys; print(json.dumps([sys.argv[1:], os.environ.get('OF_THE_ENTRY'), os.getcwd()]))\n"
+
+    def setUp(self):
+        StandInTest.setUp(self)
+        runner, hosted = self.script("run_tests.py", self.SHOW), self.script("run_hosted.py", self.SHOW)
+        plain = self.script("plain_tests", "#!/bin/sh\n[ $1 != --gtest_list_tests ] || { printf 'HashTable.\\n  %s\\n"
+                                           "FileOpsSwitch.\\n  Both  # comment\\n'; exit; }\necho $*\nexit 3\n" % PLAIN_TEST)
+        self.inside = os.path.join(self.folder, "inside")
+        os.mkdir(self.inside)
+        self.tests(
+            *(self.entry("%s_%s.%s" % (group, interpreter, module), sys.executable, runner, "--report", "x.json", "--interpreter",
+                         interpreter, module)
+              for group, interpreter, module in (
+                  ("py", "3.12.1", "test_a"), ("py", "3.9.18", "test_a"), ("py", "3.14.10-debug", "test_a"),
+                  ("py", "3.14.2", "test_a"), ("brixdebug", "3.14.2", "test_b"), ("docs", "any", "test_c"))),
+            self.entry("cpp_plain", plain, "--gtest_output=xml:x"),
+            *(self.entry("cpp_" + interpreter, sys.executable, hosted, "lib.so", "*", "x.xml")
+              for interpreter in ("3.9.18", "3.14.2")))
+
+    def entry(self, name, *command):
+        return {"name": name, "command": command, "properties": [
+            {"name": "ENVIRONMENT", "value": ["OF_THE_ENTRY=a=b"]}, {"name": "WORKING_DIRECTORY", "value": self.inside}]}
+
+    def assert_runs(self, words, *expected):
+        status, out, errors = self.run_tool("test_one", *words)
+        self.assertEqual((status, errors), (0, ""))
+        first, shown = out.splitlines()
+        self.assertEqual(first, "%s in Python %s: %s" % (words[0], expected[0], sys.executable))
+        self.assertEqual(json.loads(shown), [expected[1], "a=b", self.inside])
+
+    def assert_refused(self, words, text):
+        self.assertEqual(self.run_tool("test_one", *words), (2, "", "tools/test_one: " + text + "\n"))
+
+    def test_newest_release_is_taken(self):
+        self.assert_runs(["test_a"], "3.14.2", ["--interpreter", "3.14.2", "test_a"])
+
+    def test_interpreter_is_named_in_any_length(self):
+        for python, interpreter in (("3.12", "3.12.1"), ("3.12.1", "3.12.1"), ("3", "3.14.2"), ("3.9", "3.9.18"),
+                                    ("3.14-debug", "3.14.10-debug"), ("3.14.10-debug", "3.14.10-debug")):
+            with self.subTest(python):
+                self.assert_runs(["test_a.A.test_x", python], interpreter, ["--interpreter", interpreter, "test_a.A.test_x"])
+
+    def test_test_that_is_in_one_interpreter_runs_there(self):
+        self.assert_runs(["test_c", "3.9"], "any", ["--interpreter", "any", "test_c"])
+
+    def test_cpp_tests_inside_an_interpreter(self):
+        self.assert_runs(["HashTable.*", "3.9"], "3.9.18", ["lib.so", "HashTable.*"])
+        self.assert_runs(["DprintfFormat.*"], "3.14.2", ["lib.so", "DprintfFormat.*"])
+
+    def test_cpp_tests_without_an_interpreter(self):
+        name = "HashTable." + PLAIN_TEST
+        self.assertEqual(self.run_tool("test_one", name), (
+            3, "%s without an interpreter\n--gtest_filter=%s\n" % (name, name), ""))
+
+    def test_names_that_do_not_exist(self):
+        self.assert_refused(["test_x"], "there is no test module test_x; there are: test_a test_b test_c")
+        self.assert_refused(["test_a", "3.1"], "test_a does not run in Python 3.1, but in: 3.12.1 3.9.18 3.14.10-debug 3.14.2")
+        self.assert_refused(["test_b", "3.14-debug"], "test_b does not run in Python 3.14-debug, but in: 3.14.2")
+        status, out, errors = self.run_tool("test_one", "NoSuchSuite.*")
+        self.assertEqual((status, out), (2, ""))
+        self.assertRegex(errors, r"^tools/test_one: there is no C\+\+ test NoSuchSuite\.\* .* there are: AbsoluteName\.\* .*"
+                                 r"HashTable\.\* ")
+
+
+class RunnerTest(unittest.TestCase):
+    """tests/python/run_tests.py, by which ctest runs every Python test."""
+
+    def run_tests(self, *names, cwd=ROOT, module_dir=None):
+        done = subprocess.run([sys.executable, os.path.join(support.HERE, "run_tests.py"), *names], cwd=cwd,
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, universal_newlines=True,
+                              env=dict(os.environ, OPTMONITORING_DIR=module_dir or support.module_dir()))
+        return done.returncode, done.stdout, done.stderr
+
+    def test_tests_of_several_folders(self):
+        status, out, errors = self.run_tests("test_imports.ImportsTest.test_no_circle", "test_help", cwd="/")
+        self.assertEqual((status, out), (0, ""))
+        self.assertRegex(errors, "\nRan 10 tests in ")
+
+    def test_relative_folder_of_the_module(self):
+        """The test starts children in a folder of their own."""
+        for cwd in (ROOT, os.path.join(ROOT, "tests", "brixdebug")):
+            with self.subTest(cwd):
+                status, _, errors = self.run_tests("test_command_line.LogTest.test_errors", cwd=cwd,
+                                                   module_dir=os.path.relpath(support.module_dir(), cwd))
+                self.assertEqual(status, 0, errors)
+
+    def test_names_that_do_not_exist(self):
+        for name, message in (
+                ("test_imports.Imports", "class Imports of tests in test_imports; there are: ImportsTest"),
+                ("test_imports.ImportsTest.test_x", "test test_x in test_imports.ImportsTest; there are: test_circle_is_found "
+                                                    "test_imports_of_each_kind_are_seen test_no_circle")):
+            with self.subTest(name):
+                self.assertEqual(self.run_tests("test_help", name), (2, "", "run_tests.py: there is no %s\n" % message))
+        status, out, errors = self.run_tests("test_x.A")
+        self.assertEqual((status, out), (2, ""))
+        self.assertRegex(errors, r"^run_tests.py: there is no test module test_x; there are: test_adapter_async .* "
+                                 r"test_workers\n$")
 
 
 if __name__ == "__main__":
