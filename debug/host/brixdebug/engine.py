@@ -402,6 +402,9 @@ class Bdb(compat.TraceBase):
     # Whether `code_is_new` is to be called.
     awaits_code = False
 
+    # Whether threads are to be seen as they begin: see `Suspension.tell_of_threads`.
+    awaits_threads = False
+
     def code_is_new(self, code: CodeType) -> None:
         """`code` runs for the first time, in a thread that has the turn; breakpoints in it still hold."""
 

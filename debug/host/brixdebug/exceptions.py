@@ -19,7 +19,6 @@ TYPE_CHECKING = False
 if TYPE_CHECKING:
     from collections.abc import Callable
     from types import CodeType, FrameType, TracebackType
-    from typing import Any
 
 RAISED, UNCAUGHT = KINDS = ("raised", "uncaught")
 
@@ -256,15 +255,23 @@ def parse_rule(text: str, resolve: Callable[[str], object], kind: str | None = N
     return ExceptionRule(kind, class_name or None, condition, resolve)
 
 
-# ---- Where threads end ----
+# ---- Where threads begin and end ----
 
 # Functions that end a thread by reporting its exception, and the name that they do it by.
 def places_of_uncaught() -> list[tuple[CodeType, set[int]]]:
     """The lines that are reached when an exception ends a thread of `threading`."""
+    code, lines = _lines_that_name("_invoke_excepthook")
+    return [(code, set(lines))] if code is not None and lines else []
+
+
+def places_of_beginning() -> list[tuple[CodeType, set[int]]]:
+    """The line that is reached when a thread of `threading` has begun, and has its name."""
+    code, lines = _lines_that_name("_trace_hook")
+    return [(code, {min(lines)})] if code is not None and lines else []
+
+
+def _lines_that_name(name: str) -> tuple[CodeType | None, list[int]]:
+    """In the function that runs a thread of `threading`; None for one that a library has put there."""
     code = getattr(threading.Thread._bootstrap_inner, "__code__", None)     # type: ignore[attr-defined]
-    if code is None:
-        return []                     # replaced by a library
-    lines = {each.positions.lineno for each in dis.get_instructions(code)
-             if each.argval == "_invoke_excepthook" and each.positions is not None}
-    found: Any = lines - {None}
-    return [(code, found)] if found else []
+    return code, [each.positions.lineno for each in (dis.get_instructions(code) if code is not None else ())
+                  if each.argval == name and each.positions is not None and each.positions.lineno is not None]

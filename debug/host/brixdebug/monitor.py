@@ -16,7 +16,7 @@ from brixbase import dlog
 from brixdebug import internal
 from brixdebug.breakpoints import BreakLines
 from brixdebug.decisions import Decisions
-from brixdebug.exceptions import RAISED, UNCAUGHT, UNHANDLED, places_of_uncaught
+from brixdebug.exceptions import RAISED, UNCAUGHT, UNHANDLED, places_of_beginning, places_of_uncaught
 from brixdebug.libraries import is_library
 from brixdebug.raising import Raiser
 from brixdebug.stops import NOWHERE
@@ -28,7 +28,7 @@ from brixdebug.watching import Watches
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     from collections.abc import Iterable
-    from types import FrameType
+    from types import CodeType, FrameType
 
     from optmonitoring import CPerCodeObject
 
@@ -50,12 +50,13 @@ class Monitor:
         self.decisions = Decisions()
         self.suspension = Suspension(self.switches, self.turn, self.raiser,
                                      self._begin_holding, self._end_holding,
-                                     self._others_were_let_go, self._other_waits)
+                                     self._others_were_let_go, self._other_waits, self._is_muted)
         self._needs_changed = False
         self.watches = Watches()
         self._watched_records: set[CPerCodeObject] = set()    # of the calls whose names are watched
-        # id of a code object -> its lines that are reached when an exception ends a thread
-        self.thread_ends: dict[int, set[int]] = {}
+        # id of a code object -> its lines that are reached when a thread begins, or is ended by an exception
+        self.thread_lines: dict[int, set[int]] = {}
+        self._watched_lives = False, False    # which of them there are
         os.register_at_fork(after_in_child=self._after_fork_in_child)
 
     # -- for debuggers -------------------------------------------------------------
@@ -207,7 +208,8 @@ class Monitor:
         self.raiser.forget_ends()
         self.break_lines.forget()
         self.decisions.forget()
-        self.thread_ends = {}
+        self.thread_lines = {}
+        self._watched_lives = False, False
         self._watched_records = set()
         self.switches.release()
 
@@ -223,6 +225,10 @@ class Monitor:
     def _others_were_let_go(self) -> None:
         if self.debugger is not None and self.suspension.is_holding:
             self.debugger.others_were_let_go()
+
+    def _is_muted(self) -> bool:
+        debugger = self.debugger
+        return debugger is not None and debugger.stop_states.own().is_muted
 
     def _waits_for_turn(self, thread_id: int) -> None:
         self.suspension.evaluation.waits_for_turn(thread_id)
@@ -248,14 +254,14 @@ class Monitor:
             [state for state in debugger.stop_states.all() if not state.is_free]
         is_holding = self.suspension.is_active
         exception_stops = debugger.exception_stops
-        if not (busy or debugger.breaks or debugger.awaits_code or is_holding or exception_stops.is_asked_for
-                or self.watches.active):
-            self._watch_thread_ends(False)
+        if not (busy or debugger.breaks or debugger.awaits_code or debugger.awaits_threads or is_holding
+                or exception_stops.is_asked_for or self.watches.active):
+            self._watch_lives(False, False)
             self._watch_calls()
             self.switches.need_nothing()
             return
         self.switches.claim()         # before a record is made: the hook for new code has to see it
-        self._watch_thread_ends(exception_stops.catches(UNCAUGHT))
+        self._watch_lives(debugger.awaits_threads, exception_stops.catches(UNCAUGHT))
         self._watch_calls()
         self.switches.need(
             is_idle=not (busy or is_holding),
@@ -275,17 +281,23 @@ class Monitor:
     def set_just_my_code(self, is_on: bool) -> None:
         self.switches.is_hidden = _is_of_library if is_on else None
 
-    def _watch_thread_ends(self, is_wanted: bool) -> None:
-        """Have the lines reported, or no longer, where a thread ends by an exception."""
-        if is_wanted == bool(self.thread_ends):
+    def _watch_lives(self, begins: bool, ends: bool) -> None:
+        """Have the lines reported, or no longer, where threads begin, and where they end by an exception."""
+        if self._watched_lives == (begins, ends):
             return
-        ends: dict[int, set[int]] = {}
-        for code, lines in places_of_uncaught():
+        self._watched_lives = begins, ends
+        before, self.thread_lines = self.thread_lines, {}
+        wanted: dict[CodeType, set[int]] = {}
+        for places, is_wanted in (places_of_beginning(), begins), (places_of_uncaught(), ends):
+            for code, lines in places:
+                wanted.setdefault(code, set()).update(lines if is_wanted else ())
+        for code, lines in wanted.items():
             record = optmonitoring.CPerCodeObject.GetPerCodeObject(code, True, sys._getframe())
-            self.switches.want(record, ends=lines if is_wanted else set())
-            if is_wanted:
-                ends[id(code)] = lines
-        self.thread_ends = ends
+            self.switches.want(record, lives=lines)
+            if lines:
+                self.thread_lines[id(code)] = lines
+        if any(lines - before.get(id(code), set()) for code, lines in wanted.items()):
+            self.switches.rearm()
 
     def _watch_calls(self) -> None:
         """Have all lines and returns of the calls reported whose names are watched."""

@@ -24,6 +24,7 @@ if TYPE_CHECKING:
         interruption: Interruption
         exception_stops: ExceptionStops
         awaits_code: bool             # code_is_new is to be called
+        awaits_threads: bool          # threads are to be seen as they begin
         OWN_EVENTS: frozenset[str]    # those that dispatch_own is called for
 
         def trace_dispatch(self, frame: FrameType, event: str, arg: Any) -> Any: ...

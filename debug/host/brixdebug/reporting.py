@@ -109,10 +109,15 @@ class Reporter:
         debugger = self._monitor.debugger
         if debugger is None:
             return
+        is_of_life = frame.f_lineno in self._monitor.thread_lines.get(id(frame.f_code), ())
+        if is_of_life and sys.exception() is None:
+            self._monitor.suspension.thread_lives(_thread.get_ident())
+            if self._switches.is_idle and not debugger.break_anywhere(frame):
+                return                        # a thread that begins pays for nothing else
         state = debugger.stop_states.own()
         if state.is_muted or self._monitor.suspension.is_ending_all and self._end_thread(frame, is_line=True):
             return
-        if frame.f_lineno in self._monitor.thread_ends.get(id(frame.f_code), ()):
+        if is_of_life:
             self._thread_ends(debugger, frame)
         if debugger.decides_early and not state.may_stop_in(frame):
             if points is None:

@@ -15,6 +15,7 @@ import optmonitoring
 from brixbase import dlog
 
 from brixdebug.evaluation import Evaluation
+from brixdebug.lives import Life
 from brixdebug.switches import program_frame, thread_id_of
 
 TYPE_CHECKING = False
@@ -25,6 +26,7 @@ if TYPE_CHECKING:
 
     from optmonitoring import CPerThread
 
+    from brixdebug.lives import Tell
     from brixdebug.raising import Raiser
     from brixdebug.switches import Switches
     from brixdebug.turn import Turn
@@ -79,13 +81,15 @@ def suspend_lock_of(per_thread: CPerThread | None) -> SuspendLock | None:
 class SuspendLock:
     """Stands as the lock of one thread's record: a gate; tells whether the thread waits at it."""
 
-    def __init__(self, evaluation: Evaluation,
-                 on_interruption: Callable[[BaseException], object]) -> None:
+    def __init__(self, evaluation: Evaluation, on_interruption: Callable[[BaseException], object],
+                 is_muted: Callable[[], bool]) -> None:
         self._evaluation = evaluation
         self._on_interruption = on_interruption
+        self._is_muted = is_muted
         self._gate: threading.Lock | None = None      # one for each time that it is closed
         self._waited_at: threading.Lock | None = None
         self.is_watching = False              # the waiter looks at the clock
+        self.lives: dict[Tell, Life] = {}     # who has been told of this thread; goes with its record
 
     @property
     def has_waiter(self) -> bool:
@@ -119,8 +123,8 @@ class SuspendLock:
 
     def acquire(self) -> None:
         """Wait for the gate.  What the handler of a signal raises meanwhile has to wait too."""
-        if is_threading_code(program_frame(sys._getframe(1))):
-            return                            # it goes on until it is out of there
+        if is_threading_code(program_frame(sys._getframe(1))) or self._is_muted():
+            return                            # it goes on until it is out of there: others need what it has locked
         interruption = None
         gate = self._waited_at = self._gate
         while gate is not None and gate is self._gate:
@@ -178,13 +182,16 @@ class Suspension:
 
     def __init__(self, switches: Switches, turn: Turn, raiser: Raiser,
                  begin: Callable[[], bool], end: Callable[[], None],
-                 on_let_go: Callable[[], None], on_waiting: Callable[[int], None]) -> None:
+                 on_let_go: Callable[[], None], on_waiting: Callable[[int], None],
+                 is_muted: Callable[[], bool]) -> None:
         """`begin` is called before threads are held: switches events on, False when nobody gets any.
 
         `end` is called when they go on: what is switched on may be less.  `on_let_go` is
         called when they go on for an expression that is evaluated at the prompt, `on_waiting`
-        with the id of each that waits for its turn meanwhile.
+        with the id of each that waits for its turn meanwhile.  `is_muted`: whether the calling
+        thread is in the middle of the debugger's work.
         """
+        self._is_muted = is_muted
         self._switches = switches
         self._turn = turn
         self._raiser = raiser
@@ -202,6 +209,7 @@ class Suspension:
                                      lambda: turn.waiting_thread_ids, on_waiting)
         self.is_ending_all = False            # every thread ends at its next event
         self._starter_ids: set[int] = set()   # own threads that start further ones
+        self._tell_of_threads: Tell | None = None
         self._own = threading.local()
 
     # -- hooks of the per-thread records ------------------------------------------
@@ -231,18 +239,19 @@ class Suspension:
 
         With `takes_started`, so are the threads that it starts.
         """
-        self._adopt(optmonitoring.CPerThread.GetPerThread(threading.get_ident()), takes_started)
+        self._enter_own(takes_started)        # first: the hook for new records has to see it
+        thread_id = threading.get_ident()
+        optmonitoring.CPerThread.GetPerThread(thread_id).fDebugPolicy = self._debug_policy(thread_id)
 
     @staticmethod
     def adopt_lasting_thread(thread_id: int) -> None:
         """Another thread, which lives as long as the process, is the debugger's own."""
         own_thread_ids.add(thread_id)
 
-    def _adopt(self, own_record: CPerThread, takes_started: bool) -> None:
+    def _enter_own(self, takes_started: bool) -> None:
         thread_id = threading.get_ident()
         self._own.entries = [_OwnThread(thread_ids, thread_id)
                              for thread_ids in ([own_thread_ids, self._starter_ids] if takes_started else [own_thread_ids])]
-        own_record.fDebugPolicy = self._debug_policy(thread_id)
 
     def is_own_thread(self) -> bool:
         """The calling thread is one of the debugger's own."""
@@ -265,10 +274,15 @@ class Suspension:
         try:
             self._give_lock(per_thread)
             if self._is_started_by_own_thread():
-                self._adopt(per_thread, True)
+                self._enter_own(True)
+                per_thread.fDebugPolicy = self._debug_policy(threading.get_ident())
             elif self._is_armed and self._is_holding and not self.evaluation.are_others_free \
                     and not self._runs(thread_id_of(per_thread)):
                 self._hold(per_thread)
+            if self._tell_of_threads is not None and thread_id_of(per_thread) == threading.get_ident():
+                frame = optmonitoring.GetNonInternalFrame()
+                if frame is not None and not is_threading_code(frame):
+                    self.thread_lives(threading.get_ident())
         except Exception:
             dlog.LogException("a new thread")
 
@@ -282,8 +296,41 @@ class Suspension:
             _thread_object(frames.get(thread_id), "start") is begun for thread_id in list(self._starter_ids))
 
     def _give_lock(self, per_thread: CPerThread) -> SuspendLock:
-        lock = per_thread.fSuspendLock = SuspendLock(self.evaluation, self._raiser.raise_in_program)
+        lock = per_thread.fSuspendLock = SuspendLock(self.evaluation, self._raiser.raise_in_program, self._is_muted)
         return lock
+
+    # -- lives of threads -----------------------------------------------------------
+
+    def tell_of_threads(self, tell: Tell | None) -> None:
+        """`tell` is called as threads of the program begin and end, in any thread: it is not to wait.
+
+        Of those that there are it is called at once.  None: nobody is told any longer.
+        """
+        self._tell_of_threads = tell
+        for per_thread in optmonitoring.CPerThread.GetAllPerThreads() if tell is None else ():
+            lock = suspend_lock_of(per_thread)
+            if lock is not None:
+                lock.lives.clear()
+        self._look_for_threads()
+
+    def _look_for_threads(self) -> None:
+        if self._tell_of_threads is not None:
+            for thread_id in reversed(debugged_frames()):    # the interpreter lists the newest first
+                self.thread_lives(thread_id)
+
+    def thread_lives(self, thread_id: int) -> None:
+        """There is such a thread."""
+        tell = self._tell_of_threads
+        if tell is None or thread_id in own_thread_ids:
+            return
+        per_thread = optmonitoring.CPerThread.GetPerThread(thread_id)
+        if per_thread is None:                # it has ended meanwhile
+            return
+        lives = (suspend_lock_of(per_thread) or self._give_lock(per_thread)).lives
+        if tell not in lives:
+            life = Life(thread_id, tell)
+            if lives.setdefault(tell, life) is life:         # only one of two threads gets here
+                life.begin()
 
     # -- holding --------------------------------------------------------------------
 
@@ -353,6 +400,7 @@ class Suspension:
         for thread_id in sys._current_frames():
             if not self._runs(thread_id) and thread_id not in own_thread_ids:
                 self._hold(optmonitoring.CPerThread.GetPerThread(thread_id))
+        self._look_for_threads()
         self._switches.look_at_suspend_locks(True)
         self._watch_running_code()
 
@@ -488,6 +536,7 @@ class Suspension:
 
     def forget_other_threads(self) -> None:
         """After a fork, in the child: nobody is left to be held, or to let go."""
+        self._tell_of_threads = None
         self.alone = set()
         self._next_alone = None
         self._held = {}

@@ -22,8 +22,8 @@ What is switched on under them:
     RAISE, PY_UNWIND               while a thread is stepped
     RAISE                          while exceptions are to stop where they are raised
     RAISE, PY_UNWIND               while they are to stop where they leave the user's code
-    LINE, PY_START, JUMP           in the function of `threading` that ends a thread,
-                                   while exceptions are to stop that end one
+    LINE, PY_START, JUMP           in the function of `threading` that runs a thread, while
+                                   exceptions are to stop that end one, or begins are told of
     LINE, JUMP, PY_START, returns  in the functions of calls whose local names are watched,
     PY_UNWIND                      and the end of such a call by an exception
     LINE, JUMP                     while attributes or global names are watched
@@ -114,7 +114,7 @@ class Switches:
         self._lines_by_code: dict[int, set[int]] = {}     # the same, by ids of code objects, perhaps of dead ones
         self._offsets: dict[Any, set[int]] = {}       # of instructions to be reported
         self._offsets_by_code: dict[int, set[int]] = {}
-        self._ends: dict[Any, set[int]] = {}          # lines where threads end by an exception
+        self._lives: dict[Any, set[int]] = {}          # lines where threads begin, or end by an exception
         self._watched: set[Any] = set()               # all lines and returns are reported
         self._stepping: dict[Any, int] = {}           # local events for stepping
         self._held: set[Any] = set()                  # threads that run the code are held in it
@@ -151,16 +151,16 @@ class Switches:
     # -- what one code object is needed for --------------------------------------------
 
     def want(self, record: CPerCodeObject, *, lines: set[int] | None = None, offsets: set[int] | None = None,
-             ends: set[int] | None = None, stepping: int | None = None,
+             lives: set[int] | None = None, stepping: int | None = None,
              held: bool | None = None, watched: bool | None = None) -> None:
         """Switch on in one code object what it is needed for; None leaves that as it is.
 
-        `lines` are reported, and so are `ends`, where threads end; none when the set is empty.
+        `lines` are reported, and so are `lives`, where threads begin or end; none when the set is empty.
         `stepping` are its local events for frames that are stepped; `held`: threads are to be
         caught in it.  `watched`: all its lines and returns are reported.  `offsets`: its
         instructions that are.
         """
-        for table, wanted in (self._lines, lines), (self._offsets, offsets), (self._ends, ends):
+        for table, wanted in (self._lines, lines), (self._offsets, offsets), (self._lives, lives):
             if wanted:
                 table[record] = wanted
             elif wanted is not None:
@@ -194,7 +194,7 @@ class Switches:
 
     def _reported_lines(self, record: Any) -> set[int]:
         lines = self._lines.get(record, _NO_LINES)
-        return lines | self._ends[record] if record in self._ends else lines
+        return lines | self._lives[record] if record in self._lives else lines
 
     def forget_dead_code(self) -> None:
         """Drop the lines of code objects that exist no longer."""
@@ -290,7 +290,7 @@ class Switches:
             return
         self._reports_all_lines = is_wanted
         self._register_raiser()
-        for record in [*self._lines, *self._ends]:
+        for record in [*self._lines, *self._lives]:
             self._apply(record)
         if is_wanted:
             self.rearm()
@@ -305,7 +305,7 @@ class Switches:
     def _change_idle(self) -> None:
         """All threads run freely now, or no longer."""
         self._register_raiser()
-        for record in [*self._lines, *self._ends]:
+        for record in [*self._lines, *self._lives]:
             self._apply(record)
         if not self.is_idle:
             self.rearm()
@@ -544,7 +544,7 @@ class Switches:
 
     def release(self) -> None:
         """Everything off and given back, and nothing remembered of what was wanted."""
-        for table in self._lines, self._offsets, self._ends:
+        for table in self._lines, self._offsets, self._lives:
             table.clear()
         self._lines_by_code.clear()
         self._offsets_by_code.clear()

@@ -88,6 +88,8 @@ def on_configuration_done(session: Session, request: Request) -> Any:
         raise RequestError("configurationDone comes once, after launch or attach")
     request.answer()
     session.begin_request.answer()
+    if not session.settings.no_debug:
+        session.thread_events.begin()
     session.is_configured = True
     session.server.configured.set()
     return LATER

@@ -17,6 +17,7 @@ from brixdebug.dap.asking import Arguments, RequestError
 from brixdebug.dap.breakpoint_ids import BreakpointIds
 from brixdebug.dap.replies import Replies
 from brixdebug.dap.sources import PathMap
+from brixdebug.dap.thread_events import ThreadEvents
 from brixdebug.dap.tree import Tree
 from brixdebug.dap.wire import MAX_MESSAGE_BYTES, MAX_STRANGERS_BYTES, Wire, WireError
 from brixdebug.monitor import monitor
@@ -142,6 +143,7 @@ class Session:
         self.given: dict[str, Any] = {}              # the arguments of launch or attach, as they came
         self.paths = PathMap([])
         self.tree = Tree(server.boxed)
+        self.thread_events = ThreadEvents(self.debugger, self.tree, self.wire)
         self.is_leaving = False
         self.sources: dict[int, str] = {}            # texts that are in no file
         self.breakpoint_ids = BreakpointIds()
@@ -213,6 +215,7 @@ class Session:
 
     def show_stop(self, stop: Stop) -> bool:
         """False when the client has gone."""
+        self.thread_events.drain()
         self.tree.begin(stop)
         body: dict[str, Any] = {"reason": stop.reason, "threadId": self.thread_number(stop.thread_id),
                                 "allThreadsStopped": True, "preserveFocusHint": False}
@@ -294,6 +297,7 @@ class Session:
     def _leave(self) -> None:
         """The client has gone: the program goes on without it, or ends with it."""
         self.is_configured = False
+        self.thread_events.forget()
         was_taken = self.wire.was_taken
         self.wire.close()
         self.wire.release()

@@ -194,18 +194,11 @@ def _run(program: Program, waits: bool = True) -> None:
         server.debugger.stop_at_entry()
     status = program.run(_main_raised)
     server.debugger.main_has_ended()
-    atexit.register(_say_end, status)
+    atexit.register(server.program_ends, status)     # all threads have ended
     if status == 128 + signal.SIGINT and program.was_interrupted:
         signal.signal(signal.SIGINT, signal.SIG_DFL)
         atexit.register(os.kill, os.getpid(), signal.SIGINT)     # as the interpreter itself ends of it
     sys.exit(status)
-
-
-def _say_end(status: int) -> None:
-    """All threads have ended."""
-    server.end_redirection()
-    server.tell("exited", {"exitCode": status})
-    server.tell("terminated", {})
 
 
 def _main_raised(exception: BaseException, frame: FrameType) -> None:
@@ -218,7 +211,7 @@ def begin_child(text: str) -> None:
     """In a new process, before its `__main__`: `text` is what it has of its parents."""
     server.program = own_name(), "attachForSuspendedLaunch"
     _take_hooks()
-    atexit.register(server.tell, "terminated", {})
+    atexit.register(server.program_ends)
     _family.join(Heritage.from_text(text))
 
 

@@ -84,6 +84,7 @@ class Server:
         """In a forked child: clients, and who waits for them, are the parent's."""
         session, self.session = self.session, None
         if session is not None:
+            session.thread_events.forget()
             session.wire.drop()
         for each in list(self._strangers):
             each.wire.drop()
@@ -176,7 +177,7 @@ class Server:
             source = session.source(frame.f_code.co_filename)
             if source is not None:
                 body["source"] = source
-            session.wire.event("output", body)
+            self.debugger.muted(lambda: session.wire.event("output", body))
 
     def on_let_go(self) -> None:
         self.tell("output", {"category": "console", "output": "The other threads run until this has been evaluated.\n"})
@@ -190,6 +191,16 @@ class Server:
         session = self.session
         if session is not None:
             session.on_watch_end(watch)
+
+    def program_ends(self, *status: int) -> None:
+        """Nothing is told of it after this; `status`: its exit status, where that is known."""
+        self.end_redirection()
+        session = self.session
+        if session is not None:
+            session.thread_events.end()
+        for each in status:
+            self.tell("exited", {"exitCode": each})
+        self.tell("terminated", {})
 
     def tell(self, name: str, body: dict[str, Any]) -> None:
         """An event for the client, if there is one."""

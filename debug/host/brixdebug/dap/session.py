@@ -19,6 +19,7 @@ from brixdebug.libraries import set_rules
 from brixdebug.monitor import monitor
 from brixdebug.statements import end_of_instruction
 from brixdebug.suspension import debugged_frames
+from brixdebug.switches import MonitorError
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -29,6 +30,7 @@ if TYPE_CHECKING:
 
     from brixdebug.exceptions import ExceptionRule
     from brixdebug.libraries import Rule
+    from brixdebug.lives import Tell
     from brixdebug.watching import Change, Watch
 
     class Front(Protocol):
@@ -141,12 +143,23 @@ class ClientDebugger(Bdb):
         self.awaits_code = is_wanted
         monitor.needs_changed(self)
 
+    def tell_of_threads(self, tell: Tell | None) -> None:
+        """Have `tell` called as threads begin and end, and for those that there are; with None no longer.  MonitorError."""
+        self.awaits_threads = tell is not None
+        try:
+            monitor.needs_changed(self)
+        except MonitorError:
+            self.awaits_threads = False
+            raise
+        monitor.suspension.tell_of_threads(tell)
+
     def code_is_new(self, code: CodeType) -> None:
         self._front.on_new_code(code)
 
     def end(self) -> None:
         """The program goes on alone: no breakpoint holds, and no thread is stepped."""
-        self.awaits_code = False
+        self.awaits_code = self.awaits_threads = False
+        monitor.suspension.tell_of_threads(None)
         self.set_own_code(False, [])
         if self.rest is not None:
             self.end_rest(self.rest)

@@ -28,16 +28,21 @@ class Numbers:
     def __init__(self) -> None:
         self._numbers: dict[int, int] = {}
         self._things: dict[int, int] = {}
+        self._last = 0
 
     def has(self, thing: int) -> bool:
         return thing in self._numbers
 
     def of(self, thing: int) -> int:
         if thing not in self._numbers:
-            number = len(self._numbers) + 1
-            self._numbers[thing] = number
-            self._things[number] = thing
+            self._last += 1
+            self._numbers[thing] = self._last
+            self._things[self._last] = thing
         return self._numbers[thing]
+
+    def forget(self, thing: int) -> None:
+        """It is gone; another one in its place gets a number of its own."""
+        self._things.pop(self._numbers.pop(thing, 0), None)
 
     def thing(self, number: int) -> int | None:
         return self._things.get(number)

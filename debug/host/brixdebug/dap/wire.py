@@ -138,20 +138,25 @@ class Wire:
 
     def send(self, message: dict[str, Any]) -> bool:
         """Write a message, whose `seq` is given here; False when the peer has gone."""
+        return self.send_all([message])
+
+    def send_all(self, messages: list[dict[str, Any]]) -> bool:
+        """`send` them together."""
         with self._writing:
-            self._seq += 1
-            message["seq"] = self._seq
-            return self._write(message)
+            for message in messages:
+                self._seq += 1
+                message["seq"] = self._seq
+            return self._write(*messages)
 
     def pass_on(self, message: dict[str, Any]) -> bool:
         """Write a message of somebody else's as it is."""
         with self._writing:
             return self._write(message)
 
-    def _write(self, message: dict[str, Any]) -> bool:
-        self._noted("->", message)
-        body = json.dumps(message).encode()
-        view = memoryview(b"Content-Length: %d\r\n\r\n%s" % (len(body), body))
+    def _write(self, *messages: dict[str, Any]) -> bool:
+        for message in messages:
+            self._noted("->", message)
+        view = memoryview(b"".join(map(_framed, messages)))
         if self.is_closed or self.was_taken:
             self.is_closed = True
             return False
@@ -218,6 +223,11 @@ class Wire:
         close = getattr(self._owner, "detach" if self.was_taken else "close", None)
         if close is not None:
             close()
+
+
+def _framed(message: dict[str, Any]) -> bytes:
+    body = json.dumps(message).encode()
+    return b"Content-Length: %d\r\n\r\n%s" % (len(body), body)
 
 
 def _identity(descriptor: int) -> tuple[int, int] | None:

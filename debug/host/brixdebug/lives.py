@@ -1,0 +1,37 @@
+"""Which threads of the program begin and end, for who wants to know of them.
+
+A thread that `threading` starts is known as it begins, any other by its first event or at the next stop.  The end is
+known by the thread's record, which is emptied then: nothing has to be looked at meanwhile.
+"""
+
+from __future__ import annotations
+
+import itertools
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from collections.abc import Callable
+
+    Tell = Callable[["Life", bool], None]
+
+_serials = itertools.count(1)
+
+
+class Life:
+    """One thread's, kept with its record; goes with it."""
+
+    __slots__ = ("_tell", "has_begun", "serial", "thread_id")
+
+    def __init__(self, thread_id: int, tell: Tell) -> None:
+        self.thread_id = thread_id
+        self.serial = next(_serials)         # ids are used again
+        self.has_begun = False
+        self._tell = tell
+
+    def begin(self) -> None:
+        self.has_begun = True
+        self._tell(self, True)
+
+    def __del__(self) -> None:
+        if self.has_begun:
+            self._tell(self, False)
