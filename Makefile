@@ -217,7 +217,7 @@ format:  ## let clang-format and ruff fix what they can
 	@BUILD=$(BUILD) tools/python_tools ruff clang-format
 	@BUILD=$(BUILD) tools/lint --fix
 
-hooks:  ## check the files of each commit from now on
+hooks:  ## check the files and the message of each commit from now on
 	@tools/setup lint
 	@BUILD=$(BUILD) tools/python_tools ruff clang-format
 	@git config core.hooksPath tools/hooks

@@ -1,4 +1,4 @@
-"""The commit hook: what it refuses, what it lets pass, and that it looks at what is committed."""
+"""The commit hooks: which files and messages they refuse, what they let pass, and that they look at what is committed."""
 
 import os
 import shutil
@@ -9,9 +9,10 @@ import unittest
 import support
 
 ROOT = os.path.dirname(os.path.dirname(support.HERE))
-COPIED = ["tools/lint", "tools/hooks/pre-commit", ".clang-format", ".shellcheckrc", "ruff.toml"]
+COPIED = ["tools/lint", "tools/hooks/pre-commit", "tools/hooks/commit-msg", ".clang-format", ".shellcheckrc", "ruff.toml"]
 GOOD_NATIVE = "int answer(void)\n{\n    return 42;\n}\n"
 BAD_NATIVE = "int answer( void ) { return 42 ; }\n"
+MESSAGE = "unit: change something\n\nIt was wrong.\n"
 
 
 def has_tool(*names):
@@ -26,7 +27,7 @@ needs_ruff = unittest.skipUnless(has_tool("ruff"), "ruff is not here")
 
 
 @unittest.skipUnless(shutil.which("git"), "git is not here")
-class CommitHook(unittest.TestCase):
+class HookTestCase(unittest.TestCase):
     def setUp(self):
         self.folder = tempfile.mkdtemp()
         self.addCleanup(shutil.rmtree, self.folder)
@@ -47,8 +48,8 @@ class CommitHook(unittest.TestCase):
                               universal_newlines=True)
         return done.returncode, done.stdout
 
-    def commit(self, *options):
-        return self.git("commit", "--quiet", "--message", "change", *options)
+    def commit(self, *options, message=MESSAGE):
+        return self.git("commit", "--quiet", "--message", message, *options)
 
     def write(self, name, text):
         os.makedirs(os.path.join(self.folder, os.path.dirname(name)), exist_ok=True)
@@ -74,6 +75,8 @@ class CommitHook(unittest.TestCase):
         self.assertEqual(status, 0, out)
         self.assertEqual(self.commits(), 2)
 
+
+class FilesTest(HookTestCase):
     @needs_clang_format
     def test_layout_of_native_code(self):
         self.stage("debug/tserver/a.cpp", BAD_NATIVE)
@@ -129,6 +132,49 @@ class CommitHook(unittest.TestCase):
         self.stage("notes.txt", "text\n")
         self.git("reset", "--quiet", "HEAD", ".shellcheckrc")
         self.assert_accepted()
+
+
+class MessageTest(HookTestCase):
+    def assert_message(self, message, *complaints):
+        """The message is accepted, or refused with these complaints."""
+        self.stage("notes.txt", str(self.commits()) + message)
+        before = self.commits()
+        status, out = self.commit(message=message)
+        self.assertEqual(out, "".join("commit message: %s\n" % each for each in complaints))
+        self.assertEqual((status == 0, self.commits() - before), (not complaints, 0 if complaints else 1))
+
+    def test_whole_message(self):
+        self.assert_message("unit: change something\n\nIt was wrong.")
+        self.assert_message("tools/lint, tests: change\n\nWhy.\n\nMore of it.")
+
+    def test_length_of_the_subject_in_characters(self):
+        self.assert_message("unit: " + "\u00e4" * 66 + "\n\nWhy.")
+        self.assert_message("unit: " + "x" * 67 + "\n\nWhy.", "the subject has 73 characters; 72 are the limit")
+
+    def test_form_of_the_subject(self):
+        for subject in ("Change something", "unit:", "unit:change", "Unit: change"):
+            with self.subTest(subject):
+                self.assert_message(subject + "\n\nWhy.", "the subject is not of the form `unit: summary`")
+
+    def test_body(self):
+        self.assert_message("unit: change", "a body is missing that says why")
+        self.assert_message("unit: change\nWhy.", "an empty line is missing after the subject", "a body is missing that says why")
+
+    def test_comments_are_no_body(self):
+        self.stage("notes.txt", "text")
+        self.write("message", "unit: change\n\n# Please enter a message\n")
+        status, out = self.git("commit", "--quiet", "--file", "message", "--cleanup=strip")
+        self.assertEqual((status, out, self.commits()), (1, "commit message: a body is missing that says why\n", 1))
+
+    def test_all_that_is_wrong_is_named(self):
+        self.assert_message("x" * 80, "the subject has 80 characters; 72 are the limit",
+                            "the subject is not of the form `unit: summary`", "a body is missing that says why")
+
+    def test_what_is_to_be_taken_apart_and_what_git_writes(self):
+        for message in ("fixup! unit: change", "squash! unit: change", "amend! unit: change",
+                        'Revert "unit: change"\n\nThis reverts commit 1.', "Merge branch 'x'"):
+            with self.subTest(message):
+                self.assert_message(message)
 
 
 if __name__ == "__main__":
