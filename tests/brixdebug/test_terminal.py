@@ -414,7 +414,7 @@ class CommandLineOptionsTest(TerminalTestCase):
     def test_version(self):
         child = run_child("-m", "brixdebug", "--version")
         self.assertEqual((child.returncode, child.stderr), (0, ""))
-        self.assertRegex(child.stdout, r"^brixdebug \S.* on Python %s\n$" % re.escape(sys.version.split()[0]))
+        self.assertRegex(child.stdout, r"^brixdebug \d+\.\d+\.\d+ on Python %s\n$" % re.escape(sys.version.split()[0]))
 
     def test_options_of_the_program_are_its_own(self):
         self.write("import sys\nprint(sys.argv[1:])\n")

@@ -111,6 +111,12 @@ class WheelTest(InstalledTestCase):
         metadata = email.message_from_bytes(wheel_text(r".*/METADATA"))
         self.assertEqual((metadata["Name"], metadata["Requires-Python"]), ("optmonitoring", ">=3.12"))
 
+    def test_version_is_that_of_the_tree(self):
+        with open(os.path.join(ROOT, "debug", "host", "brixdebug", "version.py")) as stream:
+            version = re.search(r'^__version__ = "(.*)"$', stream.read(), re.M).group(1)
+        self.assertEqual(email.message_from_bytes(wheel_text(r".*/METADATA"))["Version"], version)
+        self.assertEqual(os.path.basename(sdist), "optmonitoring-%s.tar.gz" % version)
+
     def test_module_shows_what_is_listed_and_nothing_of_the_tests(self):
         module = os.path.join(self.folder, "optmonitoring.so")
         with open(module, "wb") as stream:

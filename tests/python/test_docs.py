@@ -180,6 +180,16 @@ class Names(unittest.TestCase):
                     self.assertIn(name, presets)
 
 
+class Version(unittest.TestCase):
+    """It stands in brixdebug/version.py, from which the package and the command line take it; the others have to agree."""
+
+    def test_all_say_the_same(self):
+        version = re.search(r'^__version__ = "(\d+\.\d+\.\d+)"$', read("debug/host/brixdebug/version.py"), re.M).group(1)
+        self.assertEqual(re.search(r"^## (\S+?),? ", read("CHANGELOG.md"), re.M).group(1), version)
+        self.assertEqual(re.search(r'^  "version": "(.*)"', read("editors/vscode/package.json"), re.M).group(1), version)
+        self.assertNotRegex(read("pyproject.toml"), r"(?m)^version *=")
+
+
 class Units(unittest.TestCase):
     def test_includes_follow_the_table(self):
         rows = re.findall(r"^\| `(\w+)` \| (nobody|.*?) \| [^|]+ \|$", read("docs/architecture.md"), re.M)

@@ -29,6 +29,7 @@ from brixdebug.commandline import main
 from brixdebug.debugger import Debugger
 from brixdebug.entry import help, pm, post_mortem, run, runcall, runctx, runeval, set_trace
 from brixdebug.streams import NoTerminal
+from brixdebug.version import __version__
 
 _FOR_EDITORS = ("breakpoint", "is_client_connected", "listen", "wait_for_client")
 

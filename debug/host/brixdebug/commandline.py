@@ -15,6 +15,7 @@ from brixdebug.engine import BdbQuit, reporter
 from brixdebug.entry import PDB_NAMES, standard, take_over
 from brixdebug.monitor import monitor
 from brixdebug.sharing import sharing
+from brixdebug.version import __version__
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -91,12 +92,7 @@ Examples:
 
 
 def _version() -> str:
-    from importlib import metadata
-    try:
-        version = metadata.version("optmonitoring")
-    except metadata.PackageNotFoundError:
-        version = "(not installed as a package)"
-    return "brixdebug %s on Python %s" % (version, sys.version.split()[0])
+    return "brixdebug %s on Python %s" % (__version__, sys.version.split()[0])
 
 
 def _show_help(arguments: list[str]) -> None:
