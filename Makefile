@@ -1,4 +1,4 @@
-# The day's commands. `make run` and `make test` do all set-up.
+# Everyday commands. `make run` and `make test` do all set-up.
 
 BUILD ?= build
 JOBS ?= $(shell nproc)
@@ -31,21 +31,32 @@ WATCHED_SESSIONS = files|fork|hooks|log|stops|switching|threads|conditions|evalu
         some-interpreters interpreters fresh clean lint format hooks coverage
 
 help:  ## list the targets
-	@grep -E '^[a-z-]+:.*## ' $(MAKEFILE_LIST) | sed -E 's/:.*## /\t/' | expand -t 16
+	@awk -F ':.*## ' '/^##@ / { printf "%s%s\n", gap, substr($$0, 5); gap = "\n" } \
+	    gap && /^[a-z-]+:.*## / { printf "  %-16s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
 
-setup:  ## install missing system packages, or say which
-	@tools/setup test
-
-build:  ## compile build/optmonitoring.so
-	@tools/setup build
-	@cmake -S . -B $(BUILD) -G Ninja >/dev/null
-	@cmake --build $(BUILD) --target optmonitoring -j $(JOBS)
+##@ Try it
 
 run: build  ## debug a real, threaded program and show the session
 	@python="$$(tools/choose_python)" && $$python examples/debug_session.py --module-dir $(BUILD)
 
 demo: build  ## run real programs under the bare filter and show how many events it let through
 	@python="$$(tools/choose_python)" && $$python examples/filter_demo.py --module-dir $(BUILD)
+
+##@ Build it
+
+build:  ## compile build/optmonitoring.so
+	@tools/setup build
+	@cmake -S . -B $(BUILD) -G Ninja >/dev/null
+	@cmake --build $(BUILD) --target optmonitoring -j $(JOBS)
+
+wheel:  ## make the package: the sdist and the one wheel, in build/package/dist
+	@tools/setup package
+	@BUILD=$(BUILD) tools/make_wheel
+
+vsix:  ## pack the extension for VS Code, in build/package/dist
+	@BUILD=$(BUILD) tools/make_vsix
+
+##@ Check a change
 
 tests-configured: $(if $(PYTHONS),,some-interpreters)
 	@tools/setup test
@@ -56,49 +67,72 @@ tests-built: tests-configured
 
 some-interpreters:
 	@tools/setup build && tools/setup interpreters
-	@tools/interpreters install $(INTERPRETERS) || echo "Not all could be had; the tests go on with those that are here."
-
-test-all:  ## both, and insist on the whole matrix of interpreters
-	@tools/setup test && tools/setup interpreters
-	@tools/interpreters install --all
-	@tools/interpreters check
-	@$(MAKE) --no-print-directory test INTERPRETERS=3.14 PYTHONS=
-	@$(MAKE) --no-print-directory test-long INTERPRETERS=3.14 PYTHONS=
+	@tools/interpreters install $(INTERPRETERS) || echo "Some interpreters could not be installed; the tests run in those found."
 
 test: tests-configured  ## the tests of each change, in every interpreter found (ten minutes)
 	@tools/test_plan $(BUILD) -L '^short$$'
-	@BUILD=$(BUILD) tools/python_tools ruff clang-format || echo "What they check is skipped."
+	@BUILD=$(BUILD) tools/python_tools ruff clang-format || echo "The checks that need them are skipped."
 	@cmake --build $(BUILD) -j $(JOBS)
 	@tools/run_ctest $(BUILD) -L '^short$$'
 
-test-long: tests-configured  ## the other tests that CI runs: tests/split.cmake says which (half an hour)
-	@tools/test_plan $(BUILD) -L '^long$$'
-	@BUILD=$(BUILD) tools/node_packages tests/editors || echo "What they check is skipped."
-	@cmake --build $(BUILD) -j $(JOBS)
-	@tools/run_ctest $(BUILD) -L '^long$$'
-
-test-one:  ## run TEST=test_stops.SameStopsTest or TEST='Dprintf*' (C++), in PYTHON=3.14 (default: the newest)
+test-one:  ## one test: TEST=test_stops.SameStopsTest or TEST='Dprintf*' (C++), PYTHON=3.14 (default: the newest)
 	@tools/setup test
 	@cmake -S . -B $(BUILD) -G Ninja "-DOPTMONITORING_PYTHONS=$(PYTHONS)" >/dev/null
 	@cmake --build $(BUILD) -j $(JOBS) --target optmonitoring \
 	    $(if $(filter test_%,$(TEST)),$(if $(filter test_inject%,$(TEST)),optmonitoring_inject),plain_tests hosted_tests)
 	@tools/test_one $(BUILD) '$(TEST)' $(PYTHON)
 
-test-cpp: tests-built  ## the C++ tests only
+test-long: tests-configured  ## the other tests that CI runs: tests/split.cmake says which (half an hour)
+	@tools/test_plan $(BUILD) -L '^long$$'
+	@BUILD=$(BUILD) tools/node_packages tests/editors || echo "The checks that need them are skipped."
+	@cmake --build $(BUILD) -j $(JOBS)
+	@tools/run_ctest $(BUILD) -L '^long$$'
+
+test-cpp: tests-built  ## all C++ tests
 	@tools/run_ctest $(BUILD) -R '^cpp_'
 
-test-python: tests-built  ## the Python tests of the module only
+test-python: tests-built  ## all Python tests of the module
 	@tools/run_ctest $(BUILD) -R '^py_'
 
-test-brixdebug: tests-built  ## the tests of the debugger only
-	@BUILD=$(BUILD) tools/node_packages tests/editors || echo "What they check is skipped."
+test-brixdebug: tests-built  ## all tests of the debugger and its adapter
+	@BUILD=$(BUILD) tools/node_packages tests/editors || echo "The checks that need them are skipped."
 	@tools/run_ctest $(BUILD) -R '^brixdebug_'
 
+types: build  ## check the stubs against the module, in every interpreter, and the debugger's own types
+	@tools/setup test
+	@cmake -S . -B $(BUILD) -G Ninja "-DOPTMONITORING_PYTHONS=$(PYTHONS)" >/dev/null
+	@tools/run_ctest $(BUILD) -R '^package_types$$'
+
+lint:  ## layout, likely bugs and limits of all files: clang-format, clang-tidy, ruff, shellcheck
+	@tools/setup lint
+	@BUILD=$(BUILD) tools/python_tools ruff clang-format clang-tidy
+	@cmake -S . -B $(BUILD) -G Ninja >/dev/null
+	@BUILD=$(BUILD) tools/lint
+
+format:  ## let clang-format and ruff fix what they can
+	@tools/setup lint
+	@BUILD=$(BUILD) tools/python_tools ruff clang-format
+	@BUILD=$(BUILD) tools/lint --fix
+
+hooks:  ## check the files and the message of each commit from now on
+	@tools/setup lint
+	@BUILD=$(BUILD) tools/python_tools ruff clang-format
+	@git config core.hooksPath tools/hooks
+
+##@ Check it thoroughly
+
+test-all:  ## test and test-long, and insist on the whole matrix of interpreters
+	@tools/setup test && tools/setup interpreters
+	@tools/interpreters install --all
+	@tools/interpreters check
+	@$(MAKE) --no-print-directory test INTERPRETERS=3.14 PYTHONS=
+	@$(MAKE) --no-print-directory test-long INTERPRETERS=3.14 PYTHONS=
+
 test-adapter: tests-built  ## scenarios with VS Code's debug client, in every interpreter from 3.12 on
-	@BUILD=$(BUILD) tools/node_packages tests/editors || echo "What they check is skipped."
+	@BUILD=$(BUILD) tools/node_packages tests/editors || echo "The checks that need them are skipped."
 	@tools/run_ctest $(BUILD) -R '^adapter_'
 
-test-reference: bench-debugpy  ## the same scenarios with debugpy: where it does otherwise, tests/editors/differences.js says why
+test-reference: bench-debugpy  ## those scenarios with debugpy: where it differs, tests/editors/differences.js says why
 	@BUILD=$(BUILD) tools/node_packages tests/editors
 	@python="$$(tools/choose_python)" && ADAPTER=debugpy SCENARIO_MILLISECONDS=30000 \
 	    BUILD=$(BUILD) $$python tests/editors/run_node.py run_scenarios.js
@@ -108,23 +142,11 @@ test-editors: build  ## VS Code in a browser, Emacs and Helix debug a program; p
 	@python="$$(tools/choose_python)" && BUILD=$(BUILD) OPTMONITORING_DIR=$(BUILD) PYTHONPATH=tests/editors \
 	    $$python tests/python/run_tests.py test_editors
 
-inject: tests-built  ## every allocation and every interpreter call failing in turn (some minutes an interpreter)
-	@tools/run_ctest $(BUILD) -R '^inject_'
-
-test-life: tests-built  ## hostile programs, failing hooks, thousands of births and deaths (some minutes an interpreter)
+test-life: tests-built  ## hostile programs, failing hooks, births and deaths (some minutes an interpreter)
 	@tools/run_ctest $(BUILD) -R '^life_'
 
-wheel:  ## make the package: the sdist and the one wheel, in build/package/dist
-	@tools/setup package
-	@BUILD=$(BUILD) tools/make_wheel
-
-vsix:  ## pack the extension for VS Code, in build/package/dist
-	@BUILD=$(BUILD) tools/make_vsix
-
-types: build  ## check the stubs against the module, in every interpreter, and the debugger's own types
-	@tools/setup test
-	@cmake -S . -B $(BUILD) -G Ninja "-DOPTMONITORING_PYTHONS=$(PYTHONS)" >/dev/null
-	@tools/run_ctest $(BUILD) -R '^package_types$$'
+inject: tests-built  ## every allocation and every interpreter call failing in turn (some minutes an interpreter)
+	@tools/run_ctest $(BUILD) -R '^inject_'
 
 cpython-suites: build  ## the interpreters' own test suites under the filter (half an hour or more)
 	@python3 tools/cpython_suites --module-dir $(BUILD)
@@ -160,15 +182,29 @@ valgrind:  ## the C++ tests and a short Python session under memcheck
 	@cmake --build $(BUILD) --target plain_tests optmonitoring -j $(JOBS)
 	@tests/sanitizers/run_valgrind $(BUILD) $$(tools/choose_python)
 
+coverage:  ## which lines of the module the tests reach; tests/coverage_exceptions.txt lists the others
+	@tools/setup test
+	@BUILD=$(BUILD) tools/python_tools gcovr
+	@cmake --preset coverage -B $(BUILD)-coverage "-DOPTMONITORING_PYTHONS=$(or $(PYTHONS),$(shell tools/coverage choose))" >/dev/null
+	@cmake --build $(BUILD)-coverage -j $(JOBS)
+	@find $(BUILD)-coverage -name '*.gcda' -delete
+	@tools/run_ctest $(BUILD)-coverage $(shell tools/coverage tests); tests=$$?; \
+	    BUILD=$(BUILD) tools/coverage report $(BUILD)-coverage && exit $$tests
+
+fresh:  ## `make run` and `make test` on fresh Debian 12 and 13, as root (an hour or more)
+	@tools/fresh_debian --folder $(BUILD)/fresh
+
+##@ Measure it
+
+bench-quick: build  ## the paths with a budget alone, in release builds
+	@tools/setup test
+	@python3 bench/run_bench.py --quick --module-dir $(BUILD) --results $(BUILD)/bench/quick
+
 bench: build  ## what an event costs on every path, instructions and times (some minutes an interpreter)
 	@tools/setup test
 	@python3 bench/run_bench.py --module-dir $(BUILD) --results $(BUILD)/bench \
 	    --debugpy "$(or $(BENCH_DEBUGPY),$(BUILD)/debugpy/{version})"
 	@$(MAKE) --no-print-directory bench-host
-
-bench-quick: build  ## the paths with a budget alone, in release builds
-	@tools/setup test
-	@python3 bench/run_bench.py --quick --module-dir $(BUILD) --results $(BUILD)/bench/quick
 
 bench-host: build  ## what a program pays under the debugger, beside the standard bdb (2 minutes an interpreter)
 	@mkdir -p $(BUILD)/bench
@@ -179,7 +215,7 @@ bench-host: build  ## what a program pays under the debugger, beside the standar
 	        $$python bench/session_cost.py --module-dir $(BUILD) --json $(BUILD)/bench/session-$$name.json < /dev/null || exit 1; \
 	        $$python bench/condition_cost.py --module-dir $(BUILD) --json $(BUILD)/bench/conditions-$$name.json || exit 1; done
 
-bench-growth: build  ## how that, and the memory, grows with what the filter keeps
+bench-growth: build  ## how an event's cost, and the memory, grow with what the filter keeps
 	@python3 bench/growth.py --full --module-dir $(BUILD) --results $(BUILD)/bench
 
 bench-units:  ## the benchmarks of the hash table and the registry
@@ -191,7 +227,7 @@ bench-units:  ## the benchmarks of the hash table and the registry
 	    $(BUILD)-bench/bench/$${unit}_bench --benchmark_out_format=json \
 	        --benchmark_out=$(BUILD)/bench/units-$$unit.json || exit 1; done
 
-bench-debugpy:  ## get debugpy, a peer that `make bench` measures where it is found
+bench-debugpy:  ## get debugpy, which `make bench` measures where it is found
 	@for version in 3.12 3.13 3.14 3.15; do \
 	    python3 -m pip install --quiet --upgrade --target $(BUILD)/debugpy/$$version --python-version $$version \
 	        --only-binary=:all: debugpy || exit 1; done
@@ -202,37 +238,14 @@ bench-pandas:  ## get pandas, whose import `make bench-host` measures where it i
 	        --only-binary=:all: pandas || echo "no pandas for $$version: its row is skipped"; done
 
 bench-docs:  ## measure everything and renew the tables and plots of docs/performance.md
-	@$(MAKE) --no-print-directory bench || echo "Not all is well; the page goes on with what was measured."
+	@$(MAKE) --no-print-directory bench || echo "A measurement failed; the page is made from the others."
 	@$(MAKE) --no-print-directory bench-growth bench-units
 	@python3 bench/write_docs.py --results $(BUILD)/bench
 
-lint:  ## layout, likely bugs and limits of all files: clang-format, clang-tidy, ruff, shellcheck
-	@tools/setup lint
-	@BUILD=$(BUILD) tools/python_tools ruff clang-format clang-tidy
-	@cmake -S . -B $(BUILD) -G Ninja >/dev/null
-	@BUILD=$(BUILD) tools/lint
+##@ Look after the machine
 
-format:  ## let clang-format and ruff fix what they can
-	@tools/setup lint
-	@BUILD=$(BUILD) tools/python_tools ruff clang-format
-	@BUILD=$(BUILD) tools/lint --fix
-
-hooks:  ## check the files and the message of each commit from now on
-	@tools/setup lint
-	@BUILD=$(BUILD) tools/python_tools ruff clang-format
-	@git config core.hooksPath tools/hooks
-
-coverage:  ## which lines of the module the tests reach; the others stand in tests/coverage_exceptions.txt
+setup:  ## install missing system packages, or say which
 	@tools/setup test
-	@BUILD=$(BUILD) tools/python_tools gcovr
-	@cmake --preset coverage -B $(BUILD)-coverage "-DOPTMONITORING_PYTHONS=$(or $(PYTHONS),$(shell tools/coverage choose))" >/dev/null
-	@cmake --build $(BUILD)-coverage -j $(JOBS)
-	@find $(BUILD)-coverage -name '*.gcda' -delete
-	@tools/run_ctest $(BUILD)-coverage $(shell tools/coverage tests); tests=$$?; \
-	    BUILD=$(BUILD) tools/coverage report $(BUILD)-coverage && exit $$tests
-
-fresh:  ## `make run` and `make test` on fresh Debian 12 and 13, as root (an hour or more)
-	@tools/fresh_debian --folder $(BUILD)/fresh
 
 interpreters:  ## list the interpreters found
 	@tools/interpreters list

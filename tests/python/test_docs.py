@@ -138,6 +138,14 @@ class Names(unittest.TestCase):
         documented = set(re.findall(r"\bmake ([a-z][a-z-]*)", read("CONTRIBUTING.md")))
         self.assertEqual(self.make_targets() - documented - {"clean", "setup", "interpreters"}, set())
 
+    def test_help_of_make_has_every_target_in_a_group(self):
+        status, out = run(["make", "--no-print-directory", "help"])
+        self.assertEqual(status, 0, out)
+        groups = [group.splitlines() for group in out.split("\n\n")]
+        self.assertEqual([group[0] for group in groups], re.findall(r"^##@ (.*)", read("Makefile"), re.M))
+        listed = [re.match(r"  ([a-z-]+) +\S", line).group(1) for group in groups for line in group[1:]]
+        self.assertEqual(sorted(listed), sorted(self.make_targets() - {"help"}))
+
     def test_modules_to_be_run(self):
         sys.path.insert(0, HOST)
         self.addCleanup(sys.path.remove, HOST)
