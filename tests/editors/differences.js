@@ -73,6 +73,7 @@ const DIFFERENCES = {
     "an expression that exits does not end the program": "does not answer",
     "a value that is none is refused, and nothing is changed": "answers success",
     "memory of bytes": "has no readMemory",
+    "bytes are written into a bytearray, and not into bytes": "has no writeMemory",
     "modules, with their files": "lists those alone that it has shown frames of",
     "loaded sources": "does not answer loadedSources",
     "the text of code that is in no file": "does not look for it where the program keeps it",

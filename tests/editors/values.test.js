@@ -325,6 +325,15 @@ scenario("memory of bytes", async (s) => {
     assert.equal(body.unreadableBytes, 4);
 });
 
+scenario("bytes are written into a bytearray, and not into bytes", async (s) => {
+    await inFunction(s, "data, fixed = bytearray(4), bytes(4)");
+    const written = async (name, offset) => s.ask("writeMemory", {
+        memoryReference: (await s.local(name)).memoryReference, offset, data: Buffer.from([1, 2]).toString("base64") });
+    assert.deepEqual(await written("data", 1), { offset: 1, bytesWritten: 2 });
+    assert.equal((await s.local("data")).value, "bytearray(b'\\x00\\x01\\x02\\x00')");
+    await assert.rejects(written("fixed", 0), /it is read-only/);
+});
+
 // -- stacks, sources, modules --------------------------------------------------------------------
 
 const DEEP = "def f(n):\n    if n:\n        return f(n - 1)\n    return n  # here\nf(50)\n";

@@ -32,6 +32,7 @@ CAPABILITIES: dict[str, object] = {
     "supportsClipboardContext": True,
     "supportsCancelRequest": True,
     "supportsReadMemoryRequest": True,
+    "supportsWriteMemoryRequest": True,
 }
 
 _CONDITION = "a class, a condition, or both: ValueError, if x > 1, OSError if $_exception.errno == 2"

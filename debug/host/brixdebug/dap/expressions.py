@@ -40,7 +40,7 @@ def on_set_variable(session: Session, request: Request) -> Any:
             node.assign(name, value)
         except BaseException as error:
             raise RequestError("%s cannot be set: %s" % (name, rendering.error_text(error))) from None
-        _say_changed(session)
+        say_changed(session)
         return _described(session, value, None, request)
 
     return request.later(assign, stop.do)
@@ -56,7 +56,7 @@ def on_set_expression(session: Session, request: Request) -> Any:
         place = frame if frame is not None else stop.frame
         value = _evaluate(request, text, place)
         _execute(request, "%s = (%s)" % (target, text), place)
-        _say_changed(session)
+        say_changed(session)
         return _described(session, value, target, request)
 
     return request.later(assign, stop.do)
@@ -84,7 +84,7 @@ def on_evaluate(session: Session, request: Request) -> Any:
             _execute(request, text, frame)
             is_statement = True
         if is_statement:
-            _say_changed(session)
+            say_changed(session)
             return {"result": "", "variablesReference": 0}
         return _evaluated(session, request, value, text, context, frame)
 
@@ -199,7 +199,7 @@ def on_cancel(session: Session, request: Request) -> Any:
     return {}
 
 
-def _say_changed(session: Session) -> None:
+def say_changed(session: Session) -> None:
     """What the client shows of variables and of memory may be old."""
     if session.supports("supportsInvalidatedEvent"):
         session.wire.event("invalidated", {"areas": ["variables"]})

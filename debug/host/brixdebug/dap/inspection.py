@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import base64
 import linecache
 import os
 import traceback
@@ -148,18 +147,6 @@ def on_variables(session: Session, request: Request) -> Any:
     return {"variables": session.tree.rows(result, is_hex, session.tree.frame_of_node(number))}
 
 
-def on_read_memory(session: Session, request: Request) -> Any:
-    reference = request.arguments.needed_text("memoryReference")
-    node = session.tree.node(int(reference)) if reference.isascii() and reference.isdigit() else None
-    if not isinstance(node, variables.BytesNode):
-        raise RequestError("memory %s is gone: the program has gone on" % reference)
-    start = request.arguments.integer("offset", 0)
-    count = request.arguments.needed_integer("count")
-    data = node.read(start, max(0, min(count, 1 << 24)))
-    return {"address": "0x%x" % max(0, start), "data": base64.b64encode(data).decode(),
-            "unreadableBytes": max(0, count - len(data))}
-
-
 # -- exceptions ------------------------------------------------------------------------------------------
 
 def on_exception_info(session: Session, request: Request) -> Any:
@@ -235,7 +222,6 @@ HANDLERS: dict[str, Handler] = {
     "stackTrace": on_stack_trace,
     "scopes": on_scopes,
     "variables": on_variables,
-    "readMemory": on_read_memory,
     "source": on_source,
     "exceptionInfo": on_exception_info,
     "modules": on_modules,

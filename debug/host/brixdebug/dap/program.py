@@ -12,7 +12,7 @@ import sys
 
 from brixdebug import log
 from brixdebug.dap import (beginning, breakpoints, control, data_breakpoints, door, exception_filters, expressions,
-                           function_breakpoints, inspection, moving)
+                           function_breakpoints, inspection, memory, moving)
 from brixdebug.dap.children import Family, own_name
 from brixdebug.dap.heritage import Heritage
 from brixdebug.dap.running import Program
@@ -26,7 +26,7 @@ if TYPE_CHECKING:
     from typing import Any
 
 HANDLERS = {**beginning.HANDLERS, **control.HANDLERS, **inspection.HANDLERS, **breakpoints.HANDLERS,
-            **function_breakpoints.HANDLERS, **data_breakpoints.HANDLERS, **moving.HANDLERS,
+            **function_breakpoints.HANDLERS, **data_breakpoints.HANDLERS, **memory.HANDLERS, **moving.HANDLERS,
             **exception_filters.HANDLERS, **expressions.HANDLERS}
 
 # Set by readline when it is loaded, in the environment that new processes get.

@@ -238,6 +238,6 @@ class Tree:
             about["variablesReference"] = self.add(node, frame)
             if node.indexed_count():
                 about["indexedVariables"] = node.indexed_count()
-        if variables.is_a(value, (bytes, bytearray, memoryview)):
+        if variables.has_memory(value):
             about["memoryReference"] = str(self.add(variables.BytesNode(value)))
         return about

@@ -8,11 +8,12 @@ from __future__ import annotations
 
 import collections
 import itertools
+import sys
 import types
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
-    from collections.abc import Callable, Iterator, Mapping, Sequence
+    from collections.abc import Buffer, Callable, Iterator, Mapping, Sequence
     from typing import Any
 
 _SIMPLE_KEYS = (str, int, bool, float, bytes, type(None))
@@ -326,9 +327,9 @@ def _tried(take: Callable[[], list[Any]]) -> list[Any]:
 
 
 class BytesNode(Node):
-    """Memory to be read: the bytes of an object."""
+    """Memory to be read and written: the bytes of an object."""
 
-    def __init__(self, value: bytes | bytearray | memoryview) -> None:
+    def __init__(self, value: Buffer) -> None:
         self._value = value
 
     @property
@@ -338,11 +339,38 @@ class BytesNode(Node):
 
     @property
     def is_writable(self) -> bool:
-        with memoryview(self._value) as view:
-            return not view.readonly
+        try:
+            with memoryview(self._value) as view:
+                return not view.readonly
+        except ValueError:                   # it has been released
+            return False
 
     def read(self, start: int, count: int) -> bytes:
         """At most `count` bytes from `start` on; nothing outside of the object."""
         with memoryview(self._value) as view:
             data = view.cast("B") if view.c_contiguous else memoryview(view.tobytes())
             return bytes(data[max(0, start):max(0, start + count)])
+
+    def write(self, start: int, data: bytes, is_partial: bool) -> tuple[int, int]:
+        """Where bytes have been written to, and how many; `is_partial`: those that fall inside of the object are enough.
+
+        Raises TypeError for what is read-only, ValueError for what is not in one piece or has been released, LookupError
+        outside of the object.
+        """
+        with memoryview(self._value) as view:
+            if view.readonly:
+                raise TypeError("it is read-only")
+            if not view.c_contiguous:
+                raise ValueError("it is not in one piece")
+            first, end = max(0, start), min(view.nbytes, start + len(data))
+            if first > end or not is_partial and end - first < len(data):
+                raise LookupError("it has %d bytes" % view.nbytes)
+            if first < end:
+                view.cast("B")[first:end] = data[first - start:end - start]
+            return first, end - first
+
+
+def has_memory(value: object) -> bool:
+    """Whether the bytes of `value` are shown as memory."""
+    kind: Any = getattr(sys.modules.get("array"), "array", None)
+    return is_a(value, (bytes, bytearray, memoryview)) or kind is not None and is_a(value, kind)
