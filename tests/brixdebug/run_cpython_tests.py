@@ -26,6 +26,9 @@ import unittest
 import host_support
 
 HERE = pathlib.Path(__file__).resolve().parent
+sys.path.insert(0, str(HERE.parent / "cpython_suites"))
+from cpython_cases import cases_of, listed      # noqa: E402
+
 EXPECTED_FAILURES = HERE / "expected_failures.json"
 MODULES = ("test.test_bdb", "test.test_pdb")
 CASE_SECONDS = 120
@@ -144,14 +147,6 @@ class Result(unittest.TextTestResult):
         pass                       # printed by name, without those that are expected
 
 
-def cases_of(suite):
-    for part in suite:
-        if isinstance(part, unittest.TestSuite):
-            yield from cases_of(part)
-        else:
-            yield part
-
-
 def run(modules, matches, after_case):
     # What the cases print while they run is theirs; the report comes after.
     loader = unittest.defaultTestLoader
@@ -170,17 +165,7 @@ def run(modules, matches, after_case):
     return result
 
 
-# ---- Expected failures ----
-
-def expected_failures():
-    """{name: reason} for the running version."""
-    with open(EXPECTED_FAILURES) as stream:
-        rows = json.load(stream)
-    for row in rows:
-        if not row.get("reason"):
-            raise SystemExit("%s: no reason for %s" % (EXPECTED_FAILURES.name, row["case"]))
-    return {row["case"]: row["reason"] for row in rows if VERSION in row.get("versions", [VERSION])}
-
+# ---- Reporting ----
 
 def report(result, expected):
     """Print what happened; the names of the cases that are in error."""
@@ -189,7 +174,7 @@ def report(result, expected):
         print("skipped %s: %s" % (name, reason))
     for name in sorted(expected.keys() & result.ran):
         if name in result.failed:
-            print("expected failure %s: %s" % (name, expected[name]))
+            print("expected failure %s: %s" % (name, expected[name]["reason"]))
         elif name not in result.skipped_names:
             print("PASSED, BUT EXPECTED TO FAIL: %s" % name)
             wrong.append(name)
@@ -232,7 +217,7 @@ def main():
     if not options.stock:
         use_host_classes()
     result = run(options.modules, options.match, (lambda: None) if options.stock else stop_tracing)
-    expected = {} if options.stock else expected_failures()
+    expected = {} if options.stock else listed(EXPECTED_FAILURES, VERSION)
     wrong = report(result, expected)
     passed = len(result.ran - result.failed.keys() - result.skipped_names.keys())
     print("%d cases: %d passed, %d expected failures, %d skipped, %d wrong" % (

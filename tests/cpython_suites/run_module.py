@@ -19,6 +19,8 @@ import sys
 import types
 import unittest
 
+from cpython_cases import cases_of
+
 HERE = os.path.dirname(os.path.abspath(__file__))
 EVENTS = ("LINE", "PY_START", "PY_RETURN", "PY_YIELD", "PY_RESUME")
 TOOL_ID = sys.monitoring.OPTIMIZER_ID      # tests of tools use the others
@@ -155,14 +157,6 @@ def exceptions_reported():
     dlog = sys.modules.get("brixbase.dlog")
     kinds = {type(error).__name__ for _, error in dlog.exception_calls} if dlog else set()
     return ", ".join(sorted(kinds)) or "nothing"
-
-
-def cases_of(suite):
-    for part in suite:
-        if isinstance(part, unittest.TestSuite):
-            yield from cases_of(part)
-        else:
-            yield part
 
 
 def load_tests(module, names):
