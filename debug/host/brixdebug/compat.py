@@ -19,7 +19,7 @@ if TYPE_CHECKING:
     from types import FrameType
     from typing import Any
 
-    from brixdebug.stops import StopState, StopStates
+    from brixdebug.stops import StopStates
 
 
 def rebind(function: Any, **names: object) -> Any:
@@ -31,6 +31,9 @@ def rebind(function: Any, **names: object) -> Any:
     copy.__qualname__ = function.__qualname__
     return copy
 
+
+# Whether `f_locals` of a function's frame is a copy of its variables.
+LOCALS_ARE_COPIES = sys.version_info < (3, 13)
 
 if sys.version_info >= (3, 13):
     def take_locals(frame: FrameType) -> None:
@@ -150,22 +153,6 @@ class _NoTracer:
         pass
 
 
-class _Enterframe:
-    """What `set_enterframe` returns: for the time of an event, its frame."""
-
-    __slots__ = ("_state", "_frame")
-
-    def __init__(self, state: StopState, frame: FrameType) -> None:
-        self._state = state
-        self._frame = frame
-
-    def __enter__(self) -> None:
-        self._state.enterframe = self._frame
-
-    def __exit__(self, *exc_info: object) -> None:
-        self._state.enterframe = None
-
-
 class TraceBase(bdb.Bdb):
     """`bdb.Bdb` whose events are switched by `start_trace` and `stop_trace` on every version."""
 
@@ -232,7 +219,9 @@ class TraceBase(bdb.Bdb):
 
     if hasattr(bdb.Bdb, "set_enterframe"):
         def set_enterframe(self, frame: FrameType) -> Any:
-            return _Enterframe(self.stop_states.own(), frame)
+            state = self.stop_states.of_thread.own
+            state.enterframe = frame
+            return state                      # which forgets it at the end of the block
 
     # -- events on and off ----------------------------------------------------------------
 
@@ -246,6 +235,9 @@ class TraceBase(bdb.Bdb):
         @monitoring_tracer.setter
         def monitoring_tracer(self, tracer: object) -> None:
             pass               # the standard backends are not used, whichever was asked for
+
+        def restart_events(self) -> None:
+            """Nothing: what is needed is switched on when it changes."""
     else:
         for _name in ("set_quit", "run", "runeval", "runcall"):
             locals()[_name] = rebind(getattr(bdb.Bdb, _name), sys=sys_with_trace_methods)

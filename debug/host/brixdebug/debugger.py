@@ -131,12 +131,13 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
         if processes.is_free():
             processes.pass_by()
             return
+        suspension = monitor.suspension
         with monitor.turn.lock:
-            monitor.suspension.begin(self.waits_for_user())
+            suspension.begin(self.waits_for_user())
             try:
                 self._interact(args, kwargs)
             finally:
-                monitor.suspension.end()
+                suspension.end()
 
     def _interact(self, args: Any, kwargs: Any) -> None:
         self.begin_turn(*args[:2])
@@ -148,12 +149,14 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
                 with self._childs_input():
                     self._read_commands(args, kwargs)
         finally:
-            if self.stop_states.selected is not None:
+            of_thread = self.stop_states.of_thread
+            if of_thread.reached is not of_thread.own:
                 self._leave_selected_thread()
             if streams.capture.is_begun and (self.quitting or all(state.is_free for state in self.stop_states.all())):
                 streams.capture.end_stop(self)
             self.end_turn(args[0])
-        self.raise_interruption()
+        if sharing.interruption is not None:
+            self.raise_interruption()
 
     def _read_commands(self, args: Any, kwargs: Any) -> None:
         self.begin_prompt()
@@ -171,7 +174,7 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
         A process of multiprocessing has the null device as `sys.stdin`; descriptor 0, or the
         terminal that the process belongs to, is what it was.
         """
-        if os.getpid() == _main_pid and not streams.is_worker_of_multiprocessing() and not processes.is_followed():
+        if os.getpid() == _main_pid != processes.followed_pid and not streams.is_worker_of_multiprocessing():
             return not streams.is_put_out_of_use(sys.stdin)
         return _is_on_descriptor_0(sys.stdin) and not streams.is_null(0)
 
@@ -198,8 +201,13 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
 
     def postcmd(self, stop: bool, line: str) -> bool:
         """A child that is forked at the prompt does not stay there, unless it is followed."""
-        monitor.suspension.hold_newcomers()
+        if not stop:
+            monitor.suspension.hold_newcomers()
         stop = super().postcmd(stop, line)
+        if monitor.suspension.evaluation.were_others_free:
+            monitor.suspension.evaluation.were_others_free = False
+            if not stop:
+                self.look_again()
         self._is_leaving = bool(stop)
         return stop or self.is_left_alone
 

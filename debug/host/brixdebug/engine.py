@@ -228,7 +228,7 @@ class Bdb(compat.TraceBase):
             self._keeps_tracing = keeps_tracing
 
     def _set_stopinfo(self, stopframe: FrameType | None, *args: Any, **kwargs: Any) -> None:
-        state = self.stop_states.reached()
+        state = self.stop_states.of_thread.reached
         if stopframe is not None and stopframe is state.stopped_frame and args == (None,) \
                 and kwargs.keys() <= _WHERE_GIVEN and state.steps_over(stopframe):
             self.quitting = False             # `next` after `next`: what is needed is on
@@ -351,13 +351,17 @@ class Bdb(compat.TraceBase):
             return None
 
     def stop_here(self, frame: FrameType) -> bool:
-        if monitor.just_my_code and frame is not self.stopframe \
+        of_thread = self.stop_states.of_thread
+        state = of_thread.reached
+        if not self.skip and state.stopframe is frame and frame.f_lineno >= state.stoplineno == 0:
+            of_thread.own.stopped_frame = frame           # `next`, the most frequent
+            if compat.LOCALS_ARE_COPIES:
+                compat.take_locals(frame)
+            return True
+        if monitor.just_my_code and frame is not state.stopframe \
                 and is_library(frame.f_code.co_filename):
             return False
-        state = self.stop_states.reached()
-        # That of `next`, the most frequent, at once.
-        result = not self.skip and state.stopframe is frame and frame.f_lineno >= state.stoplineno == 0 \
-            or super().stop_here(frame)
+        result = super().stop_here(frame)
         if result:
             self._stop_in(frame)
         return result

@@ -152,7 +152,7 @@ class Monitor:
     def enter_event(self) -> BaseException | None:
         """The calling thread reports; what a signal handler raised while it waited is returned."""
         interruption = self.turn.take()
-        while self.suspension.has_to_stand():
+        while self.suspension.alone and self.suspension.has_to_stand():
             self.turn.lock.release()
             self.suspension.stand()
             interruption = self.turn.take() or interruption
@@ -161,12 +161,13 @@ class Monitor:
 
     def leave_event(self) -> None:
         """The calling thread has reported: the turn is another's."""
-        self.turn.depth -= 1
+        turn = self.turn
+        turn.depth -= 1
         try:
             if (self._needs_changed or self.debugger is None) and not self.is_busy:
                 self.settle()
         finally:
-            self.turn.lock.release()
+            turn.lock.release()
 
     def settle(self) -> None:
         """The end of an event: do what had to wait for it."""

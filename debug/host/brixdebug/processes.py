@@ -27,7 +27,7 @@ ending: BaseException | None = None
 _session_pid: int | None = None
 
 # The one that is a child and is debugged too.
-_followed_pid: int | None = None
+followed_pid: int | None = None
 
 are_children_followed = False
 
@@ -71,12 +71,12 @@ def is_of_session() -> bool:
 
 def follow() -> None:
     """This process is a child that is debugged too."""
-    global _followed_pid
-    _followed_pid = os.getpid()
+    global followed_pid
+    followed_pid = os.getpid()
 
 
 def is_followed() -> bool:
-    return _followed_pid == os.getpid()
+    return followed_pid == os.getpid()
 
 
 def is_free() -> bool:

@@ -109,17 +109,21 @@ class Reporter:
         debugger = self._monitor.debugger
         if debugger is None:
             return
-        is_of_life = frame.f_lineno in self._monitor.thread_lines.get(id(frame.f_code), ())
+        code_id = id(frame.f_code)
+        lines = self._monitor.thread_lines.get(code_id)
+        is_of_life = lines is not None and frame.f_lineno in lines
         if is_of_life and sys.exception() is None:
             self._monitor.suspension.thread_lives(_thread.get_ident())
             if self._switches.is_idle and not debugger.break_anywhere(frame):
                 return                        # a thread that begins pays for nothing else
-        state = debugger.stop_states.own()
+        state = debugger.stop_states.of_thread.own
         if state.is_muted or self._monitor.suspension.is_ending_all and self._end_thread(frame, is_line=True):
             return
         if is_of_life:
             self._thread_ends(debugger, frame)
-        if debugger.decides_early and not state.may_stop_in(frame):
+        if state.stopframe is frame and state.stoplineno == 0 and (id(frame), code_id) in state.traced:
+            self._report(debugger, frame, "line", None)       # `next`, the most frequent
+        elif debugger.decides_early and not state.may_stop_in(frame):
             if points is None:
                 points = debugger.points_at(frame)
             decision = self._decisions.decide(points, frame, debugger.user_log, verdict)
@@ -379,8 +383,9 @@ class Reporter:
             self._report_failed(debugger, frame, error)
         finally:
             self._monitor.leave_event()
-        while self._monitor.suspension.has_to_stand() and not self._monitor.turn.lock._is_owned():
-            self._monitor.suspension.stand()          # another one goes on alone, from this stop
+        suspension = self._monitor.suspension
+        while suspension.alone and suspension.has_to_stand() and not self._monitor.turn.lock._is_owned():
+            suspension.stand()                # another one goes on alone, from this stop
 
     def _report_failed(self, debugger: TracedDebugger, frame: FrameType, error: BaseException) -> None:
         if is_of_signal_handler(error):
@@ -396,26 +401,29 @@ class Reporter:
             debugger.on_own_error(error)
 
     def _dispatch(self, debugger: TracedDebugger, frame: FrameType, name: str, value: object) -> None:
-        state = debugger.stop_states.own()
+        state = debugger.stop_states.of_thread.own
         if state.error_to_raise is not None:
             error, state.error_to_raise = state.error_to_raise, None
             raise error
+        trace_dispatch = debugger.trace_dispatch
         try:
-            dispatch = debugger.dispatch_own if name in debugger.OWN_EVENTS else debugger.trace_dispatch
+            dispatch = debugger.dispatch_own if name in debugger.OWN_EVENTS else trace_dispatch
             trace: Any = dispatch(frame, name, value)
         finally:
             if state.stopped_frame is frame:
                 state.stopped_frame = None
-                compat.give_locals_back(frame)
-                self._watches.renew()
+                if compat.LOCALS_ARE_COPIES:
+                    compat.give_locals_back(frame)
+                if self._watches.active:
+                    self._watches.renew()
             state.decision = None
             state.enterframe = None       # 3.13 keeps it, and with it the frame's variables
         if debugger.interruption.is_wanted and not debugger.quitting:
             debugger.interruption.at_end_of_event(frame)
-        if debugger.quitting or state.is_free and not debugger.breaks:
+        if debugger.quitting or state.stoplineno == -1 and state.is_free and not debugger.breaks:
             state.untrace(frame)
-        elif trace == debugger.trace_dispatch:
-            state.trace(frame)
+        elif trace == trace_dispatch:
+            state.traced.add((id(frame), id(frame.f_code)))
         elif trace is not None:
             state.untrace(frame)
         if name == "return" and not (debugger.quitting or state.is_free):

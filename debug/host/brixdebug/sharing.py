@@ -61,6 +61,7 @@ class Sharing:
 
     def __init__(self) -> None:
         self._roster: Roster | None = None
+        self.is_on = False                    # other processes may want the terminal: there is a roster
         self._pid = 0                         # of the process that has joined
         self._expected: str | None = None     # what another process makes that joins
         self._next_look = 0.0                 # for that, seconds
@@ -68,12 +69,11 @@ class Sharing:
         self.is_waiting = False
         self.on_left_behind: Callable[[], object] | None = None       # whose terminal it was has been killed
         self._is_left_behind = False
-        self._interruption: BaseException | None = None       # of a signal handler: raised when the prompt has ended
+        self.interruption: BaseException | None = None       # of a signal handler: raised when the prompt has ended
 
-    @property
-    def is_on(self) -> bool:
-        """Other processes may want the terminal."""
-        return self._roster is not None
+    def _use(self, roster: Roster | None) -> None:
+        self._roster = roster
+        self.is_on = roster is not None
 
     def expect_others(self) -> None:
         """Join when another process has: looked at before each prompt, which costs next to nothing."""
@@ -83,7 +83,8 @@ class Sharing:
         """From now on other processes may want the terminal."""
         if self._roster is not None:
             return
-        self._roster, self._pid = Roster.find(), os.getpid()
+        self._pid = os.getpid()
+        self._use(Roster.find())
         if self._roster is not None:
             self._enter_row(PROMPTING if self._depth else RUNNING)
             atexit.register(self._leave_for_good, os.getpid())
@@ -93,17 +94,18 @@ class Sharing:
         self.is_waiting = False
         if not monitor.turn.lock._is_owned():
             self._depth = 0                   # the prompt was another thread's
-            self._interruption = None
+            self.interruption = None
         if self._roster is not None and self._pid != os.getpid():
             self._roster.after_fork_in_child()
-            self._roster = None
+            self._use(None)
 
     def follow_parent(self) -> None:
         """In a child that is debugged as its parent is; where that has a prompt the child has one."""
         roster = self._roster
         self.forget_parents()
         if roster is not None:
-            self._roster, self._pid = roster, os.getpid()
+            self._pid = os.getpid()
+            self._use(roster)
             self._enter_row(EVALUATING if self._depth else RUNNING)
 
     def _enter_row(self, state: str) -> None:
@@ -125,13 +127,14 @@ class Sharing:
                 break
             except BaseException as error:
                 if is_of_signal_handler(error):
-                    self._interruption = error
+                    self.interruption = error
                     continue
-                roster, self._roster = self._roster, None
+                roster = self._roster
+                self._use(None)
                 roster.abandon()              # nobody is to wait for what its row says
                 if not isinstance(error, OSError):
                     dlog.LogException("sharing the terminal")
-        if self._interruption is not None and self._depth == 0:
+        if self.interruption is not None and self._depth == 0:
             raise self.pop_interruption()     # type: ignore[misc]
         return result
 
@@ -139,13 +142,14 @@ class Sharing:
         """What a signal handler has raised since the prompt was asked for; None while there is one."""
         if self._depth:
             return None
-        interruption, self._interruption = self._interruption, None
+        interruption, self.interruption = self.interruption, None
         return interruption
 
     def _leave_for_good(self, pid: int) -> None:
         if self._roster is not None and pid == os.getpid():
             self._change(lambda rows: rows.pop(pid, None))
-            roster, self._roster = self._roster, None
+            roster = self._roster
+            self._use(None)
             if roster is not None:
                 roster.remove_if_empty()
 
@@ -153,16 +157,19 @@ class Sharing:
 
     def begin_prompt(self, place: str) -> None:
         if self._depth == 0:
-            self._interruption = None         # the program has ended of something else
+            self.interruption = None         # the program has ended of something else
         self._depth += 1
-        self.take(place)
+        if self._roster is not None:
+            self.take(place)
 
     def look_for_others(self) -> bool:
         """Whether the terminal is shared; commands from a file, which follow each other at once, do not look each time."""
-        if self._roster is None and self._expected is not None and _now() >= self._next_look:
-            self._next_look = _now() + _BETWEEN_LOOKS_SECONDS
-            if os.access(self._expected, os.F_OK):
-                self.join()
+        if self._roster is None and self._expected is not None:
+            now = _now()
+            if now >= self._next_look:
+                self._next_look = now + _BETWEEN_LOOKS_SECONDS
+                if os.access(self._expected, os.F_OK):
+                    self.join()
         return self._roster is not None
 
     def end_prompt(self, is_step: bool) -> None:
@@ -184,7 +191,7 @@ class Sharing:
             try:
                 is_taken = self._wait(ticket, place)
             except BaseException as error:    # of a signal handler: the stop is not lost
-                self._interruption = error
+                self.interruption = error
         self.is_waiting = False
         is_left_behind, self._is_left_behind = self._is_left_behind, False
         if is_left_behind and self.on_left_behind is not None:

@@ -63,26 +63,34 @@ class StopState:
         self.stepped: dict[CPerCodeObject, int] = {}
         # Of frames; not in their `f_trace`, which is the program's own tracer's, and without
         # holding them, for that would keep their variables alive.
-        self._traced: set[tuple[int, int]] = set()
+        self.traced: set[tuple[int, int]] = set()
         self._traced_by_opcodes: set[tuple[int, int]] = set()
+
+    # For the time of an event, with `enterframe` set.
+
+    def __enter__(self) -> None:
+        """Nothing."""
+
+    def __exit__(self, *exc_info: object) -> None:
+        self.enterframe = None
 
     # -- frames whose events are reported while the thread is stepped ------------------
 
     def trace(self, frame: FrameType) -> None:
         """Have the lines, the return and the exceptions of `frame` reported."""
-        self._traced.add(_key(frame))
+        self.traced.add(_key(frame))
 
     def untrace(self, frame: FrameType) -> None:
-        self._traced.discard(_key(frame))
+        self.traced.discard(_key(frame))
         self._traced_by_opcodes.discard(_key(frame))
 
     def untrace_all(self) -> None:
-        self._traced.clear()
+        self.traced.clear()
         self._traced_by_opcodes.clear()
 
     def traces(self, frame: FrameType, debugger: Any) -> bool:
         """A debugger may also have set `f_trace` itself, as with `sys.settrace`."""
-        return (id(frame), id(frame.f_code)) in self._traced or frame.f_trace == debugger.trace_dispatch
+        return (id(frame), id(frame.f_code)) in self.traced or frame.f_trace == debugger.trace_dispatch
 
     def trace_by_opcodes(self, frame: FrameType) -> None:
         self._traced_by_opcodes.add(_key(frame))

@@ -49,6 +49,7 @@ class PytestCapture:
     def __init__(self) -> None:
         self._is_off = False                  # we have switched the capture off
         self._is_entered = False              # the plugins know that a debugger is at work
+        self.is_begun = False                 # there is something for `end_stop` to do: one of these
 
     @staticmethod
     def suspend() -> bool:
@@ -72,15 +73,14 @@ class PytestCapture:
         if self.suspend():
             self._is_off = True
             debugger.message("")              # what pytest has printed ends in the middle of a line
-        self._tell("pytest_enter_pdb", debugger, True)
-
-    @property
-    def is_begun(self) -> bool:
-        """There is something for `end_stop` to do."""
-        return self._is_off or self._is_entered
+        try:
+            self._tell("pytest_enter_pdb", debugger, True)
+        finally:
+            self.is_begun = self._is_off or self._is_entered
 
     def end_stop(self, debugger: Any) -> None:
         """All threads run freely from here on."""
+        self.is_begun = False
         if self._is_off:
             self._is_off = False
             self.resume()
@@ -108,7 +108,10 @@ def exit_of_pytest() -> type[Exception] | None:
 
 def is_worker_of_multiprocessing() -> bool:
     """True in a process whose `sys.stdin` was put out of use by `multiprocessing`."""
-    parent_process = getattr(sys.modules.get("multiprocessing.process"), "parent_process", None)
+    process = sys.modules.get("multiprocessing.process")
+    if process is None:
+        return False
+    parent_process = getattr(process, "parent_process", None)
     return parent_process is not None and parent_process() is not None
 
 

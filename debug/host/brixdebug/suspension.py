@@ -357,14 +357,12 @@ class Suspension:
                 self.alone = set()
                 self._hold_all()
                 self._let_one_go(self.holder)
-        if at_once:
+        if at_once or len(sys._current_frames()) > 1:
             self._arm()
-        else:
-            self.hold_newcomers()
 
     def hold_newcomers(self) -> None:
         """Hold the threads that have come since this one stopped; nothing when there are none."""
-        if not self._is_armed and self._depth and len(sys._current_frames()) > 1:
+        if self._depth and not self._is_armed and len(sys._current_frames()) > 1:
             self._arm()
 
     def _arm(self) -> None:

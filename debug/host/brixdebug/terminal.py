@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import _thread
 import _signal  # type: ignore[import-not-found]
 import contextlib
 import io
@@ -28,9 +29,17 @@ if TYPE_CHECKING:
 # What says in a prompt whose it is.
 _NAMED_PROMPTS = {"(Pdb) ": "(Pdb %d) ", "ipdb> ": "ipdb %d> "}
 
+_threading: Any = threading                    # its main thread without a call
+
 command_loops = {pdb.Pdb.cmdloop.__code__}        # where a command is read or run
 _INTERACTION = pdb.Pdb.interaction.__code__
 _STANDARD_CLASS = pdb.Pdb                         # the name may be ours later
+
+# Up to 3.13's first releases pdb has a table of the variables, which keeps them alive.
+_KEEPS_LOCALS = "curframe_locals" in pdb.Pdb.setup.__code__.co_names
+
+_MANY_LINES = 32
+_NO_FILES = ("<frozen runpy>", "<string>")
 
 _SIGINT = int(signal.SIGINT)
 
@@ -120,6 +129,7 @@ def _is_being_read(stream: Any) -> bool:
 
 _prompting: list[Terminal] = []               # the debuggers that are at a prompt, the innermost last
 _programs_handler: Any = None                 # of SIGINT, what it was before it was ours
+_own_handler: Any = None                      # what it was made then
 
 
 class Terminal(Ends):
@@ -130,6 +140,12 @@ class Terminal(Ends):
     _colored: tuple[Any, bool] = None, False      # a stream, and whether it shows colours
     _named_prompt: str | None = None          # what we have put in the place of the plain one
     _plain_prompt = ""
+
+    def __init__(self, *args: Any, **kwargs: Any) -> None:
+        super().__init__(*args, **kwargs)
+        self._parsed: dict[str, Any] = {}     # line -> what `parseline` makes of it
+        # pdb asks for the times of all files on the stack, and of these in vain at each stop.
+        getattr(self, "_file_mtime_table", {}).update(dict.fromkeys(_NO_FILES))
 
     # -- a terminal for several processes -------------------------------------------------
 
@@ -149,7 +165,7 @@ class Terminal(Ends):
         if not sharing.look_for_others():
             sharing.begin_prompt("")
             return
-        if threading.get_ident() == threading.main_thread().ident:
+        if _is_main_thread():
             self._take_interrupts()
         sharing.begin_prompt(self._place_of(frame, traceback))
         try:
@@ -231,7 +247,7 @@ class Terminal(Ends):
         """The calling thread is at the prompt from now on."""
         self._is_leaving = False
         self.post_mortem_of: Any = None
-        if threading.get_ident() == threading.main_thread().ident:
+        if _is_main_thread():
             self._take_interrupts()
         _prompting.append(self)
 
@@ -243,20 +259,22 @@ class Terminal(Ends):
     def end_prompt(self, is_post_mortem: bool) -> None:
         _prompting.pop()
         self.post_mortem_of = None            # it keeps all variables of the stack alive
-        if "curframe_locals" in vars(self):   # up to 3.13's first releases
-            self.curframe_locals = {}         # it keeps the variables alive
-        if threading.get_ident() != threading.main_thread().ident:
-            return
+        if _KEEPS_LOCALS:
+            self.curframe_locals = {}
         if is_post_mortem:
-            self.give_back_interrupts()
-        elif _is_ours(pdb.Pdb._previous_sigint_handler):      # type: ignore[attr-defined]
+            if _is_main_thread():
+                self.give_back_interrupts()
+            return
+        previous = pdb.Pdb._previous_sigint_handler       # type: ignore[attr-defined]
+        if previous is not None and _is_ours(previous) and _is_main_thread():
             # `continue` has found it; who asks pdb, and pdb itself, is to find the program's.
             pdb.Pdb._previous_sigint_handler = _programs_handler      # type: ignore[attr-defined]
 
-    def forget(self) -> None:
-        super().forget()
-        if "curframe_locals" in vars(self):   # also after the commands of a breakpoint, without a prompt
-            self.curframe_locals = {}
+    if _KEEPS_LOCALS:
+        def forget(self) -> None:
+            """Also after the commands of a breakpoint, without a prompt."""
+            super().forget()
+            self.curframe_locals: Any = {}
 
     def sigint_handler(self, signum: Any, frame: Any) -> None:
         """The handler of SIGINT, in the main thread; prints nothing, for the thread may be in a `print`."""
@@ -283,13 +301,13 @@ class Terminal(Ends):
             raise KeyboardInterrupt
 
     def _take_interrupts(self) -> None:
-        global _programs_handler
+        global _programs_handler, _own_handler
         if self.nosigint:
             return
         handler = _signal.getsignal(_SIGINT)          # that of `signal` makes an enumeration's member of it
-        if not _is_ours(handler):
-            _programs_handler = handler
-            signal.signal(signal.SIGINT, self.sigint_handler)
+        if handler is not _own_handler and not _is_ours(handler):
+            _programs_handler, _own_handler = handler, self.sigint_handler
+            signal.signal(signal.SIGINT, _own_handler)
         # Nothing for pdb to put back.  Written only where it has to be: a write to an attribute of a
         # class makes the interpreter look up all methods of the class, and of those derived from it, anew.
         if pdb.Pdb._previous_sigint_handler is not None:      # type: ignore[attr-defined]
@@ -337,7 +355,7 @@ class Terminal(Ends):
 
         def format_stack_entry(self, frame_lineno: tuple[FrameType, int], lprefix: str = ": ") -> str:
             text = super().format_stack_entry(frame_lineno, lprefix)
-            if not self._has_colors():
+            if self.stdout is self._colored[0] and not self._colored[1] or not self._has_colors():
                 return text
             place, prefix, line = text.rpartition(pdb.line_prefix)
             return place + prefix + colors.highlight(line) if prefix and lprefix == prefix else text
@@ -353,6 +371,15 @@ class Terminal(Ends):
             return names or self.completedefault(text, *place)
 
     # -- reading ---------------------------------------------------------------------------
+
+    def parseline(self, line: str) -> Any:
+        """Once for what is typed over and over."""
+        parsed = self._parsed.get(line)
+        if parsed is None:
+            if len(self._parsed) >= _MANY_LINES:
+                self._parsed.clear()
+            parsed = self._parsed[line] = super().parseline(line)
+        return parsed
 
     def _cmdloop(self) -> None:
         completekey = self.completekey
@@ -380,6 +407,10 @@ class Terminal(Ends):
                 yield
         finally:
             self.stdin, self.use_rawinput = before
+
+
+def _is_main_thread() -> bool:
+    return bool(_thread.get_ident() == _threading._main_thread._ident)
 
 
 def _is_ours(handler: Any) -> bool:

@@ -28,7 +28,15 @@ class Turn:
         if self.lock._is_owned():
             self.lock.acquire()
             return None
-        interruption = None
+        try:
+            if self.lock.acquire(blocking=False):
+                return None                   # as nearly always
+            interruption = None
+        except BaseException as error:
+            interruption = error
+        return self._wait(interruption)
+
+    def _wait(self, interruption: BaseException | None) -> BaseException | None:
         self.waiting_thread_ids.add(_thread.get_ident())
         while not self.lock._is_owned():
             try:

@@ -74,15 +74,6 @@ class EvaluatingCommands(ThreadCommands):
         with monitor.suspension.evaluation:
             super()._msg_val_func(arg, func)
 
-    def postcmd(self, stop: bool, line: str) -> bool:
-        stop = super().postcmd(stop, line)
-        evaluation = monitor.suspension.evaluation
-        if evaluation.were_others_free:
-            evaluation.were_others_free = False
-            if not stop:
-                self.look_again()
-        return stop
-
     def others_were_let_go(self) -> None:
         """Called in another thread, while the one at the prompt evaluates."""
         self.message("The expression has not ended after one second: the other threads run until it ends.")

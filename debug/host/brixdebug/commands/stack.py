@@ -15,6 +15,7 @@ if TYPE_CHECKING:
     from typing import Any
 
 _RUN_OF_COMMAND_LINE = vars(pdb.Pdb)["_run"].__code__
+_RUN = bdb.Bdb.run.__code__
 _STATEMENT = "<string>"       # the file of a statement that is run
 
 
@@ -24,14 +25,16 @@ class StackCommands(CommandBase):
     def get_stack(self, f: FrameType | None, t: Any) -> tuple[list[tuple[FrameType, int]], int]:
         """Without what runs the program: the debugger's own frames, and what called those of the command line."""
         stack, index = super().get_stack(f, t)
-        below, reached = stack[:index], stack[index:]
-        starts = [number for number, (frame, _) in enumerate(below) if _starts_program(frame)]
-        if starts:
-            below = below[starts[-1] + 1:]
-            if below and below[0][0].f_code.co_filename == _STATEMENT:
-                below = below[1:]             # what a script is run by
-        below = [entry for entry in below if not is_debuggers_code(entry[0])]
-        return below + reached, len(below)
+        first = index                         # of the program's entries
+        while first > 0:
+            frame = stack[first - 1][0]
+            if frame.f_code is _RUN and _starts_program(frame):
+                if first < index and stack[first][0].f_code.co_filename == _STATEMENT:
+                    first += 1                # what a script is run by
+                break
+            first -= 1
+        below = [entry for entry in stack[first:index] if not is_debuggers_code(entry[0])]
+        return below + stack[index:], len(below)
 
     def print_stack_trace(self, *count: Any) -> None:
         if not self.just_my_code or any(each is not None for each in count):
@@ -75,5 +78,5 @@ def without_start(traceback: TracebackType | None) -> TracebackType | None:
 def _starts_program(frame: FrameType) -> bool:
     """True for the frame from which the command line runs its program."""
     caller = frame.f_back
-    return frame.f_code is bdb.Bdb.run.__code__ and caller is not None \
+    return frame.f_code is _RUN and caller is not None \
         and caller.f_code is _RUN_OF_COMMAND_LINE
