@@ -5,6 +5,22 @@
 
 #include "optmonitoring_internal.h"
 
+// ---- The order of reads ----
+// All reads here are plain loads, on processors that reorder loads (aarch64) as on those that do not (x86-64).
+// What another thread has written is always seen, and seen whole:
+//
+// Callbacks run under the interpreter lock, and whoever writes what is read here holds that lock too. It is a
+// mutex: its release publishes every write before it, and taking it orders every read behind it. A reader needs no
+// order among its own loads, as nobody writes between them.
+//
+// Nothing here gives the lock up between two reads that belong together. A call that may (code of the program, a
+// suspend lock) comes behind the verdict, or the decision starts over.
+//
+// The interpreter writes its own objects (sets, ints, types) under the same lock. A frame and a storage slot are
+// this thread's own; offsets and constants are written by the import alone.
+//
+// A free-threaded interpreter whose user keeps the lock off is outside of this: see docs/reliability.md.
+
 // ---- A look into sets of line numbers (optmonitoring_linenos.cpp) ----
 
 // Where exact sets and ints keep what the look needs, bytes; set_type is null where it is not possible.
@@ -30,7 +46,7 @@ static inline size_t get_plain_lineno(PyObject* lineno)
     static constexpr uint64_t kStaticFlag = 4;  // of ints that live as long as the interpreter, 3.14 and later
     if (XPy_BorrowTypeInline(lineno) != api.PyLong_Type_ptr)
         return 0;
-    const char* number = reinterpret_cast<const char*>(lineno);
+    const char* number = reinterpret_cast<const char*>(lineno);  // an int never changes once others can see it
     uint64_t tag = *reinterpret_cast<const uint64_t*>(number + gLinenoPeek.int_tag);
     if ((tag & ~kStaticFlag) != kOnePositiveDigit)
         return 0;
@@ -52,6 +68,7 @@ static inline tLinenoFound find_lineno(PyObject* linenos, PyObject* lineno)
     size_t hash = get_plain_lineno(lineno);
     if (XPY_UNLIKELY(hash == 0))  // which entries that were never used have, too
         return kLinenoOpen;
+    // Two loads that must belong to one table: a set that grows gets both anew before its writer gives the lock up.
     const char* set = reinterpret_cast<const char*>(linenos);
     size_t mask = *reinterpret_cast<const size_t*>(set + gLinenoPeek.set_mask);
     const tSetEntry* table = *reinterpret_cast<tSetEntry* const*>(set + gLinenoPeek.set_table);
@@ -90,6 +107,7 @@ static inline PyObject* borrow_ready_per_thread(tModuleState* m)
 {
     if (XPY_UNLIKELY(!m->_gPyTssKey))
         return nullptr;  // the host's log module, imported before the key is made, calls back
+    // The slot is this thread's own; a record that dies elsewhere is marked in the pair under the lock.
     _tPyTssData* pair = static_cast<_tPyTssData*>(api.PyThread_tss_get(m->_gPyTssKey));
     if (XPY_UNLIKELY(!pair || !pair->fPerThreadPtr || pair->fThreadStatePtr != api.PyThreadState_Get()))
         return nullptr;

@@ -131,7 +131,8 @@ struct tClassMark {
     uint32_t version;
 };
 
-// Whether the class is as it was when it was marked.
+// Whether the class is as it was when it was marked. The version and what it vouches for are written under the
+// interpreter lock, which the caller holds: plain loads, in any order.
 static inline bool is_as_marked(const tClassMark* mark, PyTypeObject* cls)
 {
     const char* address = reinterpret_cast<const char*>(cls);

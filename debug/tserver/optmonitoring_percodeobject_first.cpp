@@ -104,6 +104,7 @@ bool is_surely_running(PyThreadState* tstate, PyObject* code)
         frame = static_cast<void**>(XPy_GetFieldAddress(*frame, api.cframe_offsets.current_frame));
     if (!frame || !*frame)
         return false;
+    // Both loads, of the frame and of its code, are of what this thread itself wrote last.
     uintptr_t word = *static_cast<uintptr_t*>(XPy_GetFieldAddress(*frame, gShortcutOffsets.frame_code));
     return (word & ~kMarks) == reinterpret_cast<uintptr_t>(code);
 }
