@@ -2,8 +2,7 @@
 //
 // Newer C libraries publish some old functions under a newer version as well, and the linker takes the newest. The
 // link sends the module's calls of these functions here (--wrap, see CMakeLists.txt), and here they are bound to the
-// version that every one of these libraries has. Only for glibc on x86-64: other machines' first versions have other
-// names.
+// version that every one of these libraries has: the first that glibc had for the processor.
 
 #include <sys/stat.h>
 
@@ -14,13 +13,22 @@ void* old_dlsym(void* handle, const char* name);
 int old_dlclose(void* handle);
 int old_xstat(int version, const char* path, struct stat* result);
 
-__asm__(".symver old_dlopen, dlopen@GLIBC_2.2.5");
-__asm__(".symver old_dlsym, dlsym@GLIBC_2.2.5");
-__asm__(".symver old_dlclose, dlclose@GLIBC_2.2.5");
-__asm__(".symver old_xstat, __xstat@GLIBC_2.2.5");
-
-// What `stat` was before it became a function of the library: this record's version, and what it is filled by.
+// A processor's first version, and the version of the record that `stat` fills, which was handed over before `stat`
+// became a function of the library.
+#if defined(__x86_64__)
+#define FIRST_VERSION "GLIBC_2.2.5"
 static constexpr int kStatVersion = 1;
+#elif defined(__aarch64__)
+#define FIRST_VERSION "GLIBC_2.17"
+static constexpr int kStatVersion = 0;
+#else
+#error "glibc's first version for this processor is to be added"
+#endif
+
+__asm__(".symver old_dlopen, dlopen@" FIRST_VERSION);
+__asm__(".symver old_dlsym, dlsym@" FIRST_VERSION);
+__asm__(".symver old_dlclose, dlclose@" FIRST_VERSION);
+__asm__(".symver old_xstat, __xstat@" FIRST_VERSION);
 
 void* __wrap_dlopen(const char* path, int flags)
 {

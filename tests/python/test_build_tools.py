@@ -193,6 +193,16 @@ Missing:
         self.assertEqual(self.setup("fuzz"), (
             1, "", "Missing:\n  Clang from 14 on, with libFuzzer (Debian: clang libclang-rt-dev)\n"))
 
+    def test_another_machine_needs_compilers_of_its_own(self):
+        for purpose, lines in (
+                ("aarch64", ["  a C++17 compiler for aarch64 (Debian: g++-aarch64-linux-gnu)\n",
+                             "  QEMU, which runs programs for aarch64 (Debian: qemu-user-static)\n"]),
+                ("musl", ["  musl with its headers and its compiler (Debian: musl-tools)\n", "  make (Debian: make)\n"])):
+            status, out, err = self.setup(purpose)
+            self.assertEqual((status, out), (1, ""))
+            for line in lines:
+                self.assertIn(line, err)
+
     def test_root_installs_after_reading_the_lists_where_they_are_not_there(self):
         self.apt_get(user=0)
         self.lack("cmake", "ninja")
@@ -230,6 +240,19 @@ Not here, and done without:
         self.assertEqual(self.setup("interpreters"), (
             0, "", "Not here, and done without:\n  the address and the keys of Debian's archive (Debian: "
                    "ca-certificates debian-archive-keyring python-apt-common): interpreters are not installed\n"))
+
+
+@unittest.skipUnless(shutil.which("cmake") and shutil.which("ninja"), "CMake or Ninja is not here")
+class ProcessorTest(unittest.TestCase):
+    def test_an_unknown_one_is_an_error_that_names_what_to_measure(self):
+        with tempfile.TemporaryDirectory() as build:
+            done = subprocess.run(["cmake", "-S", ROOT, "-B", build, "-G", "Ninja", "-DCMAKE_SYSTEM_NAME=Linux",
+                                   "-DCMAKE_SYSTEM_PROCESSOR=riscv64", "-DOPTMONITORING_TESTS=OFF"],
+                                  stdout=subprocess.PIPE, stderr=subprocess.STDOUT, universal_newlines=True)
+        self.assertEqual(done.returncode, 1)
+        self.assertIn('The module has not been measured on the processor "riscv64".', done.stdout)
+        for named in ("tools/dump_layout", "optmonitoring_fastpath_internal.h", "debug/tserver/old_libc.cpp"):
+            self.assertIn(named, done.stdout)
 
 
 class ContinuousIntegrationTest(StandInsTest):
