@@ -22,7 +22,8 @@ SECONDS = 120           # after which an example is ended: none waits for anythi
 TAGS = {"python", "sh", "console",      # are run
         "text", "mermaid"}              # are not
 
-Block = collections.namedtuple("Block", "page line tag given text")
+# `given`: code that is run before it; `file`: the file of the reader's folder that it is a part of
+Block = collections.namedtuple("Block", "page line tag given file text")
 
 
 def read(page):
@@ -31,19 +32,24 @@ def read(page):
 
 
 def blocks(page):
-    """The fenced blocks of a page. A comment `<!-- given: CODE -->` right above one is run before it."""
-    found, given, start = [], "", None
+    """The fenced blocks of a page.
+
+    A comment `<!-- given: CODE -->` right above one is run before it. `<!-- file: NAME -->` says that a reader puts the block at
+    the end of that file; the sessions after it run in the folder of these files.
+    """
+    found, notes, start = [], {}, None
     for number, line in enumerate(read(page).splitlines(), 1):
         if line.startswith("```") and start is None:
             start, tag, text = number, line[3:].strip(), []
         elif line.startswith("```"):
-            found.append(Block(page, start, tag, given, "\n".join(text) + "\n"))
-            given, start = "", None
+            found.append(Block(page, start, tag, notes.get("given", "").replace("\\n", "\n"), notes.get("file"),
+                               "\n".join(text) + "\n"))
+            notes, start = {}, None
         elif start is not None:
             text.append(line)
         elif line.strip():
-            match = re.match(r"<!-- given: (.*) -->$", line)
-            given = match.group(1).replace("\\n", "\n") if match else ""
+            match = re.match(r"<!-- (given|file): (.*) -->$", line)
+            notes = dict([match.groups()]) if match else {}
     return found
 
 
@@ -87,6 +93,8 @@ class Examples(unittest.TestCase):
 
     def test_python(self):
         for block in each_block("python"):
+            if block.file:
+                continue        # run by a session
             with self.subTest(page=block.page, line=block.line), tempfile.TemporaryDirectory() as folder:
                 status, out = run([sys.executable, "-c", block.given + "\n" + block.text], cwd=folder)
                 self.assertEqual(status, 0, out)
@@ -98,12 +106,35 @@ class Examples(unittest.TestCase):
                 self.assertEqual(status, 0, out)
 
     def test_sessions(self):
-        for block in each_block("console"):
-            for command, expected in console_commands(block.text):
-                with self.subTest(page=block.page, line=block.line, command=command):
-                    _, out = run(["sh", "-c", command])
-                    pattern = ".*".join(map(re.escape, expected.split("...")))
-                    self.assertRegex(out.strip(), re.compile(pattern + r"\Z", re.S))
+        for page in PAGES:
+            with tempfile.TemporaryDirectory() as folder, tempfile.TemporaryDirectory() as programs:
+                with open(os.path.join(programs, "python"), "w") as stream:
+                    stream.write('#!/bin/sh\nexec "%s" "$@"\n' % sys.executable)
+                os.chmod(stream.name, 0o755)
+                where = {"cwd": ROOT}
+                for block in blocks(page):
+                    if block.file:
+                        where = {"cwd": folder, "PATH": programs + os.pathsep + os.environ["PATH"]}
+                        with open(os.path.join(folder, block.file), "a") as stream:
+                            stream.write(block.text)
+                    elif block.tag == "console":
+                        self.check_session(block, where)
+
+    def check_session(self, block, where):
+        for command, expected in console_commands(block.text):
+            with self.subTest(page=block.page, line=block.line, command=command):
+                _, out = run(["sh", "-c", command], **where)
+                pattern = ".*".join(map(re.escape, expected.split("...")))
+                self.assertRegex(out.strip(), re.compile(pattern + r"\Z", re.S))
+
+    def test_every_file_is_run_by_a_session(self):
+        """Or imported by one that is."""
+        for page in PAGES:
+            files = {block.file: block.text for block in blocks(page) if block.file}
+            used = "".join(block.text for block in blocks(page) if block.tag == "console") + "".join(files.values())
+            for name in files:
+                with self.subTest(page=page, file=name):
+                    self.assertRegex(used, r"python %s\b|import %s\b" % (re.escape(name), re.escape(name[:-len(".py")])))
 
     def test_they_are_found(self):
         self.assertTrue(each_block("python"))
