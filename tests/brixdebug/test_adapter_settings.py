@@ -203,6 +203,17 @@ class TrafficTest(AdapterTestCase):
         self.assertIn('"secret": "..."', text)
         self.assertNotIn("very secret", text)
 
+    def test_secret_of_a_child_is_not_written(self):
+        target = self.folder / "traffic.log"
+        client = self.client()
+        client.launch(self.program("import subprocess, sys\nsubprocess.run([sys.executable, '-c', 'pass'])\n"),
+                      logToFile=str(target))
+        client.finish()
+        secret = re.search(r'attach with .* and "secret": "([^"]+)"', client.output["console"])[1]
+        text = target.read_text()
+        self.assertIn(r'and \"secret\": \"...\"', text)
+        self.assertNotIn(secret, text)
+
     def test_file_of_its_own(self):
         client = self.client()
         client.launch(self.program("pass"), logToFile=True)

@@ -16,7 +16,7 @@ from session import line_of
 sys.path[:0] = [module_dir(), str(HOST_DIR)]
 
 from brixdebug.dap.heritage import STARTUP_FOLDER, VARIABLE, Heritage  # noqa: E402
-from brixdebug.dap.wire import Wire  # noqa: E402
+from brixdebug.dap.wire import Wire, WireError  # noqa: E402
 
 INITIALIZE = {"seq": 1, "type": "request", "command": "initialize", "arguments": {"adapterID": "x"}}
 
@@ -292,6 +292,146 @@ class ImpostorTest(AdapterTestCase):
         with connection:
             self.assertEqual(connection.recv(1), b"")        # it is told no secret
         self.assertEqual(child.stdout.read(), "1\n")
+
+
+class DeskTest(AdapterTestCase):
+    """The socket at which children ask for sessions: its name can be seen by all users of the machine."""
+
+    def setUp(self):
+        super().setUp()
+        path = self.program("""\
+            import subprocess, sys
+            child = subprocess.Popen([sys.executable, "-c", "input()"], stdin=subprocess.PIPE)
+            x = 1                           # here
+            def start_child():
+                return subprocess.run([sys.executable, "-c", "print(4 + 5)"], stdout=subprocess.PIPE).stdout
+        """)
+        self.client = self.client()
+        self.client.launch(path, {path: [line_of(path, "here")]}, showReturnValue=False)
+        self.process_id = self.client.wait_for("process")["systemProcessId"]
+        self.frame_id = self.client.wait_for_stop("breakpoint")["frame"]["id"]
+        child_id = self.client.evaluate("child.pid", self.frame_id)
+        with open("/proc/%s/environ" % child_id, "rb") as file:
+            variables = dict(each.split(b"=", 1) for each in file.read().split(b"\0") if each)
+        (self.name, _), = json.loads(variables[VARIABLE.encode()])["desks"]
+
+    def count_threads(self):
+        return len(os.listdir("/proc/%d/task" % self.process_id))
+
+    def come(self, count):
+        found = []
+        for _ in range(count):
+            connection = socket.socket(socket.AF_UNIX)
+            self.addCleanup(connection.close)
+            connection.connect("\0" + self.name)
+            found.append(connection)
+        return found
+
+    def test_who_says_nothing_gets_a_bounded_number_of_threads(self):
+        before = self.count_threads()
+        self.come(100)
+        while self.count_threads() < before + 32:
+            self.client.ask("threads")
+        for _ in range(50):
+            self.client.ask("threads")
+            self.assertLessEqual(self.count_threads(), before + 32)
+
+    @unittest.skipIf(os.geteuid(), "only root can be somebody else")
+    def test_other_users_do_not_keep_children_out(self):
+        before = self.count_threads()
+        os.seteuid(65534)
+        try:
+            others = self.come(20)
+        finally:
+            os.seteuid(0)
+        poll = select.poll()
+        for each in others:
+            poll.register(each, select.POLLIN)
+        sent_away = set()
+        while len(sent_away) < 16:
+            self.assertLessEqual(self.count_threads(), before + 4)
+            for descriptor, _ in poll.poll(100):
+                poll.unregister(descriptor)
+                sent_away.add(descriptor)
+        self.assertEqual(poll.poll(0), [])
+        self.come(10)
+        self.client.ask("evaluate", expression="child.communicate(b'1')", frameId=self.frame_id)
+
+
+class ListenTest(AdapterTestCase):
+    def test_what_cannot_be_is_refused_and_nothing_listens(self):
+        path = self.program("""\
+            import brixdebug
+            def refused(*arguments, **more):
+                try:
+                    return brixdebug.listen(*arguments, **more)
+                except Exception as error:
+                    return "%s: %s" % (type(error).__name__, error)
+            print(refused("x"))
+            print(refused(("127.0.0.1", 0, 0)))
+            print(refused(0, secret=""))
+            print(refused(0, secret=5))
+            print(refused("0.0.0.0:0"))
+            print(refused("192.0.2.1:0", secret="x").partition(":")[0])
+            print(brixdebug.is_client_connected())
+            try:
+                brixdebug.wait_for_client()
+            except RuntimeError as error:
+                print(error)
+            print(refused(0).rpartition(":")[0])
+            for address in (0, "x", "0.0.0.0:0"):
+                print(refused(address))
+        """)
+        done = subprocess.run([sys.executable, str(path)], env=child_environment(), capture_output=True, text=True, timeout=60)
+        listens = "RuntimeError: this program listens for an editor already"
+        self.assertEqual(done.stdout.splitlines(), [
+            "ValueError: a port is a number from 0 to 65535, not 'x'; write [HOST:]PORT or unix:PATH",
+            "ValueError: an address is (host, port), not ('127.0.0.1', 0, 0)",
+            "ValueError: a secret is a text that is not empty",
+            "ValueError: a secret is a text that is not empty",
+            "ValueError: 0.0.0.0:0 can be reached from other machines: give a secret",
+            "OSError", "False", "there is nothing to wait for: call listen() first",
+            "127.0.0.1", listens, listens, listens])
+
+
+class StalledClientTest(AdapterTestCase):
+    def test_program_goes_on_without_a_client_that_reads_nothing(self):
+        path = self.program("""\
+            import brixdebug
+            from brixdebug.dap import beginning
+            beginning.CLIENT_SECONDS = 1
+            print(brixdebug.listen(0), flush=True)
+            brixdebug.wait_for_client()
+            text = "x" * 10000
+            for n in range(3000):
+                y = 1                       # here
+            print("done")
+        """)
+        served = subprocess.Popen([sys.executable, str(path)], env=child_environment(), stdout=subprocess.PIPE, text=True)
+        for end in (served.stdout.close, served.wait, served.kill):
+            self.addCleanup(end)
+        port = int(served.stdout.readline().rpartition(":")[2])
+        connection = socket.create_connection(("127.0.0.1", port))
+        client = Wire(connection.fileno(), connection.fileno(), connection)
+        client.request("initialize", {"adapterID": "x"})
+        client.request("attach", {})
+        client.request("setBreakpoints", {"source": {"path": str(path)}, "breakpoints": [
+            {"line": line_of(path, "here"), "logMessage": "{n} {text}"}]})
+        client.request("configurationDone", {})
+        served.wait(60)
+        self.assertEqual(served.stdout.read(), "done\n")
+        numbers = []
+        while True:                          # what had been said before is not lost
+            try:
+                message = client.read()
+            except WireError:
+                break
+            if message is None:
+                break
+            if message.get("event") == "output":
+                numbers.append(int(message["body"]["output"].split()[0]))
+        self.assertEqual(numbers, list(range(len(numbers))))
+        self.assertGreater(len(numbers), 10)
 
 
 if __name__ == "__main__":

@@ -21,6 +21,7 @@ if TYPE_CHECKING:
 
     from brixdebug.dap.client import Handler, Request, Session
 
+CLIENT_SECONDS = 60           # for a client that takes nothing: the threads of the program wait for it
 OCCUPIED = "Another client is connected to this program."
 
 
@@ -51,7 +52,7 @@ def on_begin(session: Session, request: Request) -> Any:
     session.settings, session.given = settings, request.arguments.values
     session.has_begun = True
     session.wire.max_message_bytes = MAX_MESSAGE_BYTES
-    session.wire.limit_writes(0)
+    session.wire.limit_writes(CLIENT_SECONDS)
     session.paths = PathMap(settings.path_mappings)
     session.debugger.shows_return_values = settings.show_return_value
     session.debugger.set_own_code(settings.just_my_code, [

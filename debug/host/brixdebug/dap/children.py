@@ -34,6 +34,8 @@ if TYPE_CHECKING:
 
 _CLIENT_SECONDS = 60.0        # for the client to come to a child that it has been asked to come to
 _ANSWER_SECONDS = 10.0        # for a process that runs, to say what it has to say
+_MAX_STRANGERS = 32           # of this user or root, at the same time: the next one waits at the socket
+_MAX_OTHERS = 4               # of other users, as whom a child may run by now: the next one is sent away
 _LOOPBACK = "127.0.0.1"
 
 
@@ -45,6 +47,8 @@ class Desk:
         self._entrance: Entrance | None = None
         self._place: tuple[str, str] | None = None
         self._connections: set[socket.socket] = set()        # with children
+        self._room = threading.Semaphore(_MAX_STRANGERS)
+        self._room_for_others = threading.Semaphore(_MAX_OTHERS)
 
     def open(self) -> tuple[str, str]:
         """Name of the socket, and the token to be shown there.  Raises OSError."""
@@ -73,19 +77,33 @@ class Desk:
         self._connections.clear()
 
     def _receive(self, connection: socket.socket) -> None:
-        _thread.start_new_thread(self._serve, (connection, self._place))
+        """A thread for each whose token has still to be looked at, and for each child: other users cannot have many."""
+        is_trusted = door.is_trusted_peer(connection)
+        room = self._room if is_trusted else self._room_for_others
+        if not room.acquire(blocking=is_trusted):
+            connection.close()
+            return
+        try:
+            _thread.start_new_thread(self._serve, (connection, self._place, room))
+        except RuntimeError:                 # there are too many: the child goes on alone
+            room.release()
+            connection.close()
 
-    def _serve(self, connection: socket.socket, place: tuple[str, str] | None) -> None:
+    def _serve(self, connection: socket.socket, place: tuple[str, str] | None, room: threading.Semaphore) -> None:
         monitor.suspension.adopt_thread()
+        child = None
         self._connections.add(connection)
         wire = Wire(connection.fileno(), connection.fileno(), connection)
         wire.max_message_bytes = MAX_STRANGERS_BYTES
         try:
-            request = wire.read(_ANSWER_SECONDS)
-            if request is not None and place is not None:
-                child = Child(Arguments("announce", request.get("arguments")))
-                if door.is_secret(child.token, place[1]):
-                    self._family.introduce(child, request, wire)
+            try:
+                request = wire.read(_ANSWER_SECONDS)
+                if request is not None and place is not None:
+                    child = Child(Arguments("announce", request.get("arguments")))
+            finally:
+                room.release()
+            if request is not None and child is not None and place is not None and door.is_secret(child.token, place[1]):
+                self._family.introduce(child, request, wire)
         except (WireError, RequestError):
             pass
         except Exception:

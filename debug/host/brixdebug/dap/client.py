@@ -306,7 +306,7 @@ class Session:
             self.server.dismiss(self)
             return
         self.server.end_redirection()
-        if self.ends_program and not self.is_leaving and not was_taken:
+        if self.ends_program and not self.is_leaving and not was_taken and not self.wire.has_stalled:
             _end_process()                           # started for a client that died
         self.debugger.in_turn(self._let_go)
         self.server.on_client(False)

@@ -149,7 +149,7 @@ def _reason(error: OSError | UnicodeError) -> object:
 
 
 def is_trusted_peer(connection: socket.socket) -> bool:
-    """Whether who listens at the other end of a Unix socket is this user or root: a name may be somebody else's by now."""
+    """Whether who is at the other end of a Unix socket is this user or root: a name may be somebody else's by now."""
     size = struct.calcsize("@3i")                # process, user, group
     _, user, _ = struct.unpack("@3i", connection.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, size))
     return user in (0, os.geteuid())

@@ -20,10 +20,14 @@ _RETRY_SECONDS = 0.1          # when no connection can be taken: there may be to
 
 class Entrance:
     def __init__(self, listener: socket.socket, take: Callable[[socket.socket], None]) -> None:
-        """`take` is called with each connection, in the thread that waits for them: it is not to wait itself."""
+        """`take` is called with each connection, in the thread that waits for them: while it waits nobody comes in."""
         self._listener: socket.socket | None = listener
         self._take = take
-        _thread.start_new_thread(self._accept_all, (listener,))
+        try:
+            _thread.start_new_thread(self._accept_all, (listener,))
+        except RuntimeError:                 # there are too many
+            listener.close()
+            raise
 
     def close(self) -> None:
         """Nothing listens any more."""

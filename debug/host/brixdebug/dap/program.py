@@ -49,7 +49,13 @@ def listen(address: int | str | tuple[str, int] = 5678, *, secret: str | None = 
     Returns the address, as a text.  Raises ValueError for an address that is none, OSError when nothing can listen
     there, RuntimeError when something listens already.
     """
+    if server.is_listening:
+        raise RuntimeError("this program listens for an editor already")
+    if secret is not None and not (isinstance(secret, str) and secret):
+        raise ValueError("a secret is a text that is not empty")
     if isinstance(address, tuple):
+        if len(address) != 2:
+            raise ValueError("an address is (host, port), not %.80r" % (address,))
         host, port = address
         address = "%s:%d" % ("[%s]" % host if ":" in host else host, port)
     try:
@@ -58,9 +64,8 @@ def listen(address: int | str | tuple[str, int] = 5678, *, secret: str | None = 
             raise ValueError("%s can be reached from other machines: give a secret" % door.show_address(parsed))
     except door.DoorError as error:
         raise ValueError(str(error)) from None
-    if server.is_listening:
-        raise RuntimeError("this program listens for an editor already")
-    server.program = sys.argv[0] if sys.argv else "", "attachForSuspendedLaunch"
+    if server.program == ("", ""):
+        server.program = sys.argv[0] if sys.argv else "", "attachForSuspendedLaunch"
     try:
         return door.show_address(server.listen(parsed, secret))
     except door.DoorError as error:

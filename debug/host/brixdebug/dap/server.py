@@ -58,11 +58,20 @@ class Server:
     # -- clients ------------------------------------------------------------------------------
 
     def listen(self, address: door.Address, secret: str | None) -> door.Address:
-        """Let clients in at `address`, in a thread; where that is.  Raises DoorError."""
+        """Let clients in at `address`, in a thread; where that is.
+
+        Raises RuntimeError when something listens already, DoorError for an address that cannot be; nothing listens then.
+        """
+        with self._door:                             # two threads may ask for it
+            return self._listen(address, secret)
+
+    def _listen(self, address: door.Address, secret: str | None) -> door.Address:
+        if self.is_listening:
+            raise RuntimeError("this program listens for an editor already")
         if secret is None and door.needs_secret(address):
             raise door.DoorError("%s can be reached from other machines: a secret is needed" % door.show_address(address))
         listener, address = door.listen_at(address)
-        self.secret = secret
+        self.secret = secret                         # before anybody comes
         self._entrance = Entrance(listener, self._receive)
         return address
 

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import json
 import os
+import re
 import time
 
 TYPE_CHECKING = False
@@ -11,6 +12,7 @@ if TYPE_CHECKING:
     from typing import Any
 
 _HIDDEN = ("secret",)            # whoever reads the file is not to come in by it
+_HIDDEN_IN_TEXT = re.compile(r'("(?:%s)": )"[^"]*"' % "|".join(_HIDDEN))      # how to attach to a child, for one
 
 
 class TrafficFile:
@@ -40,4 +42,6 @@ class TrafficFile:
 def _shown(value: Any) -> Any:
     if isinstance(value, dict):
         return {name: "..." if name in _HIDDEN else _shown(each) for name, each in value.items()}
+    if isinstance(value, str):
+        return _HIDDEN_IN_TEXT.sub(r'\1"..."', value)
     return [_shown(each) for each in value] if isinstance(value, list) else value

@@ -55,6 +55,7 @@ class Wire:
         self._seq = first - 1
         self.max_message_bytes = MAX_MESSAGE_BYTES
         self.is_closed = False
+        self.has_stalled = False             # the peer has taken nothing for as long as it may
         self._note: Callable[[str, dict[str, Any]], None] | None = None
         self._early: list[tuple[str, dict[str, Any]]] | None = []     # before it is known whether they are noted
 
@@ -131,7 +132,7 @@ class Wire:
     # -- writing -----------------------------------------------------------------------
 
     def limit_writes(self, seconds: int) -> None:
-        """A peer that takes nothing for so long counts as gone; 0: it may take its time.  For sockets alone."""
+        """A peer that takes nothing for so long counts as gone; 0: it may take its time.  For sockets that block, alone."""
         set_option = getattr(self._owner, "setsockopt", None)
         if set_option is not None:
             set_option(socket.SOL_SOCKET, socket.SO_SNDTIMEO, struct.pack("@ll", seconds, 0))
@@ -163,8 +164,9 @@ class Wire:
         while view:
             try:
                 view = view[os.write(self._out, view):]
-            except OSError:
-                self.is_closed = True
+            except OSError as error:
+                self.has_stalled = isinstance(error, BlockingIOError)
+                self.close()                 # the reader is to know
                 return False
         return True
 
