@@ -11,44 +11,62 @@ An author of a debugger finds the engine in `brixdebug.engine`: `Bdb`, to be
 used where `bdb.Bdb` was.
 """
 
+import importlib.util
 import sys
 
 if sys.version_info < (3, 12):
     raise ImportError("brixdebug needs Python 3.12 or later, for sys.monitoring; this is %d.%d"
                       % sys.version_info[:2])
 
-try:
-    import optmonitoring
-except ModuleNotFoundError as error:
-    if error.name != "optmonitoring":
-        raise
+if importlib.util.find_spec("optmonitoring") is None:
     raise ImportError("brixdebug needs the module optmonitoring (the file optmonitoring.so); "
-                      "put the folder that holds it on PYTHONPATH") from None
+                      "put the folder that holds it on PYTHONPATH")
 
-from brixdebug.commandline import main
-from brixdebug.debugger import Debugger
-from brixdebug.entry import help, pm, post_mortem, run, runcall, runctx, runeval, set_trace
-from brixdebug.streams import NoTerminal
 from brixdebug.version import __version__
 
-_FOR_EDITORS = ("breakpoint", "is_client_connected", "listen", "wait_for_client")
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from brixdebug.commandline import main
+    from brixdebug.dap.program import breakpoint, is_client_connected, listen, wait_for_client
+    from brixdebug.debugger import Debugger
+    from brixdebug.debugger import Debugger as Pdb
+    from brixdebug.entry import help, pm, post_mortem, run, runcall, runctx, runeval, set_trace
+    from brixdebug.streams import NoTerminal
 
-
-def __getattr__(name: str) -> object:
-    """What is for editors is imported when it is asked for."""
-    if name in _FOR_EDITORS:
-        from brixdebug.dap import program
-        return getattr(program, name)
-    raise AttributeError("module %r has no attribute %r" % (__name__, name))
-
-
-Pdb = Debugger                # the name of the class in `pdb`
+# Name here -> module, and its name there.  It is imported when the name is asked for: the prompt takes longer to load than
+# all that the debug adapter needs, and either does without the other.
+_HOMES = {
+    "main": ("brixdebug.commandline", "main"),
+    "Debugger": ("brixdebug.debugger", "Debugger"),
+    "Pdb": ("brixdebug.debugger", "Debugger"),           # the name of the class in `pdb`
+    "NoTerminal": ("brixdebug.streams", "NoTerminal"),
+    **{name: ("brixdebug.entry", name) for name in
+       ("help", "pm", "post_mortem", "run", "runcall", "runctx", "runeval", "set_trace")},
+    **{name: ("brixdebug.dap.program", name) for name in
+       ("breakpoint", "is_client_connected", "listen", "wait_for_client")},
+}
 
 __all__ = ["Debugger", "NoTerminal", "Pdb", "help", "main", "pm", "post_mortem", "run", "runcall",
            "runctx", "runeval", "set_trace"]
 
 if sys.version_info >= (3, 14):
-    from pdb import get_default_backend, set_default_backend
+    if TYPE_CHECKING:
+        from pdb import get_default_backend, set_default_backend
 
-    from brixdebug.entry import set_trace_async
+        from brixdebug.entry import set_trace_async
+    _HOMES["get_default_backend"] = "pdb", "get_default_backend"
+    _HOMES["set_default_backend"] = "pdb", "set_default_backend"
+    _HOMES["set_trace_async"] = "brixdebug.entry", "set_trace_async"
     __all__ += ["get_default_backend", "set_default_backend", "set_trace_async"]
+
+
+def __getattr__(name: str) -> object:
+    if name not in _HOMES:
+        raise AttributeError("module %r has no attribute %r" % (__name__, name))
+    module, there = _HOMES[name]
+    value = globals()[name] = getattr(importlib.import_module(module), there)
+    return value
+
+
+def __dir__() -> list[str]:
+    return sorted({*globals(), *_HOMES})

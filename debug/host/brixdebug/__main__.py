@@ -1,6 +1,6 @@
 """`python -m brixdebug`."""
 
-from brixdebug import main
+from brixdebug.commandline import main
 
 if __name__ == "__main__":
     main()

@@ -3,10 +3,8 @@
 from __future__ import annotations
 
 import bdb
-import cmd
 import importlib
 import os
-import pdb
 
 import brixbase
 import optmonitoring
@@ -14,6 +12,9 @@ import optmonitoring
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     from typing import Any
+
+# Files of the standard library, which need not be loaded.
+_OF_DEBUGGERS = "bdb.py", "cmd.py", "pdb.py"
 
 _added: set[str] = set()
 
@@ -30,7 +31,8 @@ def pathname_table() -> dict[Any, bool]:
     """The table that the filter asks: canonical names as keys."""
     names: list[Any] = ["<frozen importlib._bootstrap>", "<frozen importlib._bootstrap_external>",
              "<frozen zipimport>"]
-    files = [bdb.__file__, cmd.__file__, pdb.__file__, importlib.__file__,
+    library = os.path.dirname(bdb.__file__)
+    files = [*(os.path.join(library, name) for name in _OF_DEBUGGERS), importlib.__file__,
              importlib._bootstrap.__file__, importlib._bootstrap_external.__file__]
     for package in (__file__, brixbase.__file__):
         folder = os.path.dirname(os.path.abspath(package))

@@ -2,23 +2,33 @@
 
 from __future__ import annotations
 
-import argparse
 import os
 import sys
 
-from brixdebug import log
 from brixdebug.dap import door
 from brixdebug.dap.adapter import Adapter
 from brixdebug.dap.wire import Wire
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
+    import argparse
     import socket
 
 _STRANGER_SECONDS = 10        # to begin a session
 
 
 def main() -> None:
+    if len(sys.argv) > 1:                # most editors give no options: what those take need not be loaded then
+        _run_with_options()
+    else:
+        Adapter(_standard_streams()).run()
+
+
+def _run_with_options() -> None:
+    import argparse
+
+    from brixdebug import log
+
     parser = argparse.ArgumentParser(
         prog="python -m brixdebug.dap",
         description="A debug adapter for editors, over standard input and output unless a port is given.")
@@ -43,6 +53,8 @@ def main() -> None:
 
 def _hand_log_on(parser: argparse.ArgumentParser, path: str | None, domains: str | None) -> None:
     """Programs get it in their environment; what cannot be is said here."""
+    from brixdebug import log
+
     if path is None:
         if domains is not None:
             parser.error("--log-domains goes with --log FILE")

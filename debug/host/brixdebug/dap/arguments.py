@@ -6,7 +6,6 @@ before works when its `type` is changed.
 
 from __future__ import annotations
 
-import dataclasses
 import os
 import re
 import shlex
@@ -23,34 +22,34 @@ class ArgumentError(Exception):
     """An argument that cannot be used; the text names it."""
 
 
-@dataclasses.dataclass
 class Settings:
     """What a session was asked for; the names are the protocol's, in Python's spelling."""
 
-    request: str
-    program: str | None = None
-    module: str | None = None
-    code: str | None = None
-    args: list[str] = dataclasses.field(default_factory=list)
-    cwd: str | None = None
-    env: dict[str, str | None] = dataclasses.field(default_factory=dict)     # None: not set
-    env_file: str | None = None
-    python: list[str] = dataclasses.field(default_factory=list)        # the command; empty: the adapter's own
-    stop_on_entry: bool = False
-    just_my_code: bool = True
-    console: str = "integratedTerminal"
-    redirect_output: bool | None = None                                # None: as the console needs it
-    show_return_value: bool = True
-    sub_process: bool = True
-    path_mappings: list[tuple[str, str]] = dataclasses.field(default_factory=list)   # editor's, program's
-    rules: list[dict[str, Any]] = dataclasses.field(default_factory=list)
-    connect: dict[str, Any] | None = None
-    listen: dict[str, Any] | None = None
-    process_id: int | None = None
-    log_to_file: bool | str = False
-    no_debug: bool = False
-    secret: str | None = None
-    ignored: list[str] = dataclasses.field(default_factory=list)       # given, and without a meaning here
+    def __init__(self, request: str) -> None:
+        self.request = request
+        self.program: str | None = None
+        self.module: str | None = None
+        self.code: str | None = None
+        self.args: list[str] = []
+        self.cwd: str | None = None
+        self.env: dict[str, str | None] = {}                  # None: not set
+        self.env_file: str | None = None
+        self.python: list[str] = []                           # the command; empty: the adapter's own
+        self.stop_on_entry = False
+        self.just_my_code = True
+        self.console = "integratedTerminal"
+        self.redirect_output: bool | None = None              # None: as the console needs it
+        self.show_return_value = True
+        self.sub_process = True
+        self.path_mappings: list[tuple[str, str]] = []        # editor's, program's
+        self.rules: list[dict[str, Any]] = []
+        self.connect: dict[str, Any] | None = None
+        self.listen: dict[str, Any] | None = None
+        self.process_id: int | None = None
+        self.log_to_file: bool | str = False
+        self.no_debug = False
+        self.secret: str | None = None
+        self.ignored: list[str] = []                          # given, and without a meaning here
 
 
 # -- what an argument may be: each takes name and value, and returns what is kept -------------------

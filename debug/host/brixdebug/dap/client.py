@@ -8,7 +8,6 @@ import os
 import signal
 import threading
 import time
-import urllib.parse
 
 from brixbase import dlog
 
@@ -16,7 +15,7 @@ from brixdebug.dap import arguments
 from brixdebug.dap.asking import Arguments, RequestError
 from brixdebug.dap.breakpoint_ids import BreakpointIds
 from brixdebug.dap.replies import Replies
-from brixdebug.dap.sources import PathMap
+from brixdebug.dap.sources import PathMap, path_of_uri
 from brixdebug.dap.thread_events import ThreadEvents
 from brixdebug.dap.tree import Tree
 from brixdebug.dap.wire import MAX_MESSAGE_BYTES, MAX_STRANGERS_BYTES, Wire, WireError
@@ -273,7 +272,7 @@ class Session:
         if path is None:
             raise RequestError("the source has no path")
         if self.initialize.get("pathFormat") == "uri":
-            path = urllib.parse.unquote(urllib.parse.urlsplit(path).path)
+            path = path_of_uri(path)
         return str(self.paths.to_program(path))
 
     def source(self, filename: str) -> dict[str, Any] | None:

@@ -8,14 +8,12 @@ its owner alone.  Only the loopback and Unix sockets are open without a secret.
 from __future__ import annotations
 
 import fcntl
-import hmac
-import ipaddress
 import os
-import secrets
 import socket
 import stat
 import struct
 import sys
+from _operator import _compare_digest     # `hmac`, which has it too, loads a library of cryptography
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -65,6 +63,8 @@ def needs_secret(address: Address) -> bool:
     """Whether others than the users of this machine may reach it."""
     if isinstance(address, str):
         return False
+    import ipaddress
+
     try:
         return not ipaddress.ip_address(address[0]).is_loopback
     except ValueError:
@@ -171,6 +171,7 @@ def out_of_the_way(connection: socket.socket) -> socket.socket:
 
 
 def new_secret() -> str:
+    import secrets
     return secrets.token_urlsafe(_SECRET_BYTES)
 
 
@@ -205,4 +206,4 @@ def secret_for(address: Address, path: str | None) -> str | None:
 
 def is_secret(given: Any, expected: str) -> bool:
     """Compares in constant time."""
-    return isinstance(given, str) and hmac.compare_digest(given.encode("utf-8", "replace"), expected.encode())
+    return isinstance(given, str) and _compare_digest(given.encode("utf-8", "replace"), expected.encode())

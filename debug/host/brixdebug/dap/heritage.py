@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import dataclasses
 import json
 import os
 
@@ -20,21 +19,20 @@ _HERE = os.path.dirname(os.path.abspath(__file__))
 STARTUP_FOLDER = os.path.join(_HERE, "startup")
 
 
-@dataclasses.dataclass
 class Heritage:
     """Handed down from process to process."""
 
-    desks: list[tuple[str, str]]             # where to ask for a session, the oldest first: name of a socket, and token
-    host: str                                # of this machine, as the client reaches it
-    ends_program: bool                       # the program is nothing without its client
-    prints_to_client: bool                   # the client gets what is printed by another way
+    def __init__(self, desks: list[tuple[str, str]], host: str, ends_program: bool, prints_to_client: bool) -> None:
+        self.desks = desks                       # where to ask for a session, the oldest first: name of a socket, and token
+        self.host = host                         # of this machine, as the client reaches it
+        self.ends_program = ends_program         # the program is nothing without its client
+        self.prints_to_client = prints_to_client # the client gets what is printed by another way
 
     def to_text(self) -> str:
         """For the environment of a new process."""
-        values = dataclasses.asdict(self)
-        values["folders"] = list(dict.fromkeys([os.path.dirname(os.path.dirname(_HERE)),
-                                                os.path.dirname(os.path.abspath(optmonitoring.__file__))]))
-        return json.dumps(values)
+        folders = list(dict.fromkeys([os.path.dirname(os.path.dirname(_HERE)),
+                                     os.path.dirname(os.path.abspath(optmonitoring.__file__))]))
+        return json.dumps({**vars(self), "folders": folders})
 
     @classmethod
     def from_text(cls, text: str) -> Heritage:

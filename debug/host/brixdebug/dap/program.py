@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import argparse
 import atexit
 import io
 import json
@@ -112,6 +111,8 @@ def main(arguments: list[str]) -> None:
 
 def serve(arguments: list[str]) -> None:
     """`--listen` or `--connect`, and the program: a program that editors attach to."""
+    import argparse
+
     parser = argparse.ArgumentParser(prog="python -m brixdebug", allow_abbrev=False, usage=
         "%(prog)s --listen [HOST:]PORT | --connect HOST:PORT  [--wait-for-client] [--secret-file FILE]\n"
         "                           [--log FILE] [--log-domains NAME,...] (-m MODULE | -c CODE | PROGRAM) ARGUMENTS")

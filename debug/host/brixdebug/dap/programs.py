@@ -3,19 +3,15 @@
 from __future__ import annotations
 
 import contextlib
+import importlib.util
 import json
 import os
-import shutil
 import signal
 import socket
 import subprocess
 import sys
-import tempfile
 import time
 
-import optmonitoring
-
-from brixdebug import attach, injection
 from brixdebug.dap import arguments, door
 from brixdebug.dap.output import Pump
 from brixdebug.dap.wire import Wire
@@ -121,20 +117,47 @@ def start(settings: arguments.Settings, emit: Callable[[str, str], object],
         raise ProgramError("'cwd' is no folder: %s" % settings.cwd)
     if settings.program is not None and not os.path.exists(os.path.join(settings.cwd or "", settings.program)):
         raise ProgramError("'program' does not exist: %s" % settings.program)
-    # The module lies where this interpreter has it, which the program's need not know.
-    variables = {**arguments.environment_of(settings), "BRIXDEBUG_FOLDERS": os.path.dirname(optmonitoring.__file__)}
+    variables = {**arguments.environment_of(settings), "BRIXDEBUG_FOLDERS": _folder_of_module()}
     variables.update({name: os.environ[name] for name in _LOG_VARIABLES if name in os.environ})
-    # Nobody but this user gets into the folder, and so at the socket.
-    folder = tempfile.mkdtemp(prefix="brixdebug-")
+    folder = _private_folder()
+    path = os.path.join(folder, "program")
     try:
-        listener, address = door.listen_at(os.path.join(folder, "program"))
+        listener, address = door.listen_at(path)
         with listener:
             command = [*_python(settings), _START_FILE, door.show_address(address), *_program(settings)]
             if settings.console != "internalConsole" and ask_for_terminal is not None:
                 return _start_in_terminal(settings, command, variables, ask_for_terminal, listener, gives_up)
             return _start_here(settings, command, variables, emit, listener, gives_up)
     finally:
-        shutil.rmtree(folder, ignore_errors=True)
+        for remove, name in (os.unlink, path), (os.rmdir, folder):
+            with contextlib.suppress(OSError):
+                remove(name)
+
+
+def _folder_of_module() -> str:
+    """Where this interpreter has the native module, which the program's need not know; it is not loaded for that."""
+    spec = importlib.util.find_spec("optmonitoring")
+    assert spec is not None and spec.origin is not None          # the package has looked
+    return os.path.dirname(spec.origin)
+
+
+def _private_folder() -> str:
+    """A new one for a socket, into which nobody but this user gets, where programs have their temporary files.
+
+    `tempfile` takes longer to be imported than all that a launch needs.
+    """
+    name = "brixdebug-" + os.urandom(8).hex()
+    reasons = []
+    for folder in (*map(os.environ.get, ("TMPDIR", "TEMP", "TMP")), "/tmp", "/var/tmp", "."):
+        if folder:
+            path = os.path.join(os.path.abspath(folder), name)
+            try:
+                os.mkdir(path, 0o700)
+            except OSError as error:
+                reasons.append(str(error))
+            else:
+                return path
+    raise ProgramError("there is no folder for temporary files: %s" % "; ".join(reasons))
 
 
 def _python(settings: arguments.Settings) -> list[str]:
@@ -234,6 +257,8 @@ def connect(settings: arguments.Settings, say: Callable[[str], object], gives_up
 
 
 def _attach_to_process(process_id: int, say: Callable[[str], object], gives_up: Callable[[], bool]) -> Program:
+    from brixdebug import attach, injection          # a launch does without them
+
     try:
         connection = attach.reach(process_id, "from brixdebug.dap import program", "program.serve_attached(end)",
                                   lambda text: say("%s.\n" % text), gives_up)

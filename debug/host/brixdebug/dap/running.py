@@ -9,7 +9,6 @@ import runpy
 import signal
 import sys
 import types
-import zipfile
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -18,6 +17,9 @@ if TYPE_CHECKING:
     from typing import Any
 
 _runpy: Any = runpy
+
+_ZIP_END = b"PK\5\6"                         # begins the last record of a zip file, which may end in a comment
+_MOST_ZIP_END = 22 + 0xffff
 
 
 def _cached(path: str | None) -> dict[str, str | None]:
@@ -51,7 +53,7 @@ class Program:
             sys.argv[:] = ["-c", *arguments]
             self._load = lambda: compile(name, "<string>", "exec", dont_inherit=True)
             self.name = "-c"
-        elif os.path.isdir(name) or zipfile.is_zipfile(name):
+        elif os.path.isdir(name) or _is_zip_file(name):
             sys.path[0:0] = [name]
             sys.argv[:] = [name, *arguments]
             _, spec, code = _runpy._get_main_module_details()
@@ -82,6 +84,17 @@ class Program:
             on_exception(error, sys._getframe())
             return _report(error)
         return 0
+
+
+def _is_zip_file(path: str) -> bool:
+    """Whether the interpreter takes it for one, by its end; `zipfile` is not imported for other files."""
+    with open(path, "rb") as file:
+        file.seek(max(0, os.path.getsize(path) - _MOST_ZIP_END))
+        if _ZIP_END not in file.read():
+            return False
+    import zipfile
+
+    return zipfile.is_zipfile(path)
 
 
 def _compiled(path: str) -> CodeType:

@@ -13,7 +13,8 @@ import threading
 
 import optmonitoring
 
-from brixdebug import compat, entry
+from brixdebug import compat
+from brixdebug.dap import standard_pdb
 from brixdebug.engine import Bdb
 from brixdebug.libraries import set_rules
 from brixdebug.monitor import monitor
@@ -167,6 +168,7 @@ class ClientDebugger(Bdb):
         self.clear_all_breaks()
         for state in self.stop_states.all():
             state.run_freely()
+        standard_pdb.give_up()
         monitor.stop(self)
 
     def stop_at_entry(self) -> None:
@@ -175,7 +177,7 @@ class ClientDebugger(Bdb):
         self.set_step()
 
     def start_trace(self) -> None:
-        entry.take_over()
+        standard_pdb.take_over()
         super().start_trace()
 
     def set_trace(self, frame: FrameType | None = None, **pdbs_own: Any) -> None:

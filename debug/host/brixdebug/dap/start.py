@@ -8,6 +8,7 @@ what the program imports is its own interpreter's affair.
 
 from __future__ import annotations
 
+import gc
 import os
 import sys
 
@@ -23,10 +24,12 @@ def _import_debugger() -> ModuleType:
     sys.path[0] = os.path.dirname(os.path.dirname(here))     # this folder was put there for this file
     added = [each for each in folders if each and each not in sys.path]
     sys.path[1:1] = added
+    gc.disable()                             # there is nothing to collect yet, and much to look through
     try:
         from brixdebug.dap import program
     except ImportError as error:
         raise SystemExit("brixdebug: %s" % error)
+    gc.enable()
     del sys.path[:1 + len(added)]
     return program
 

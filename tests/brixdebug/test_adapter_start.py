@@ -1,0 +1,129 @@
+"""What a session with an editor loads before the program runs, and `pdb` in such a program."""
+
+import subprocess
+import sys
+import unittest
+import zipfile
+
+from dap_client import AdapterTestCase
+from host_support import LOCK_WARNING, check_child, child_environment
+from session import without_addresses
+
+# Each of these takes longer to be imported than the program's own start; pdb loads most of them from 3.14 on.
+NOT_FOR_THE_PROGRAM = "pdb", "asyncio", "argparse", "tempfile", "zipfile", "urllib.parse", "brixdebug.debugger"
+NOT_FOR_THE_ADAPTER = *NOT_FOR_THE_PROGRAM, "optmonitoring", "logging", "traceback", "inspect", "dataclasses", "secrets"
+LOADED = "import sys; print([name for name in %r if name in sys.modules])"
+
+
+class LoadedModulesTest(AdapterTestCase):
+    def test_program_has_what_a_session_needs_alone(self):
+        client = self.client()
+        client.launch(self.program(LOADED % (NOT_FOR_THE_PROGRAM,)))
+        client.finish()
+        self.assertEqual(client.output["stdout"], "[]\n")
+
+    def test_adapter_has_what_a_launch_needs_alone(self):
+        printed = check_child(self, "-c", "import brixdebug.dap.__main__; " + LOADED % (NOT_FOR_THE_ADAPTER,))
+        self.assertEqual(printed, "[]\n")
+
+    def test_what_the_package_exports_is_loaded_when_it_is_asked_for(self):
+        printed = check_child(self, "-c", """if 1:
+            import sys, brixdebug
+            print("brixdebug.debugger" in sys.modules, set(brixdebug.__all__) <= set(dir(brixdebug)))
+            from brixdebug import *
+            print(Pdb is Debugger is brixdebug.Debugger, Debugger.__module__, brixdebug.listen.__module__)
+            try:
+                brixdebug.nothing
+            except AttributeError as error:
+                print(error)
+        """)
+        self.assertEqual(printed, "False True\nTrue brixdebug.debugger brixdebug.dap.program\n"
+                                  "module 'brixdebug' has no attribute 'nothing'\n")
+
+
+class PdbTest(AdapterTestCase):
+    def test_its_calls_stop_in_the_editor(self):
+        for call in "import pdb; pdb.set_trace()", "from pdb import set_trace; set_trace()":
+            with self.subTest(call):
+                client = self.client()
+                client.launch(self.program("first = 1\n%s\nafter = 1\n" % call))
+                self.assertEqual(client.wait_for_stop("breakpoint")["frame"]["line"], 3)
+                client.go_on()
+                self.assertEqual(client.finish(), 0)
+
+    def test_import_leaves_nothing_behind(self):
+        text = """\
+            import sys
+            import pdb
+            print(sys.meta_path, pdb.__loader__, pdb.__spec__.loader is pdb.__loader__, pdb.__spec__.origin)
+        """
+        path = self.program(text)
+        plain = check_child(self, str(path))
+        client = self.client()
+        client.launch(path)
+        self.assertEqual(client.finish(), 0)
+        self.assertEqual(without_addresses(client.output["stdout"]), without_addresses(plain))
+
+    def test_module_is_found_by_name_alone(self):
+        path = self.program("""\
+            import importlib.util, runpy
+            spec = importlib.util.find_spec("pdb")
+            print(spec.origin == spec.loader.get_filename("pdb"), "set_trace" in spec.loader.get_source("pdb"))
+            print("set_trace" in runpy.run_module("pdb"))
+        """)
+        client = self.client()
+        client.launch(path)
+        self.assertEqual(client.finish(), 0)
+        self.assertEqual(client.output["stdout"], "True True\nTrue\n")
+
+    def test_nothing_waits_for_it_when_the_editor_has_left(self):
+        path = self.program("""\
+            import brixdebug, sys, time
+            print(brixdebug.listen(0), file=sys.stderr, flush=True)
+            brixdebug.wait_for_client()
+            waited = [each for each in sys.meta_path if type(each).__module__.startswith("brixdebug")]
+            brixdebug.breakpoint()
+            while waited[0] in sys.meta_path:
+                time.sleep(0.01)
+            print("the end")
+        """)
+        command = [sys.executable, "-W", "ignore:%s:RuntimeWarning" % LOCK_WARNING, str(path)]
+        with subprocess.Popen(command, env=child_environment(), stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                              text=True) as served:
+            port = int(served.stderr.readline().rpartition(":")[2])
+            client = self.client()
+            client.begin("attach", {"connect": {"port": port}})
+            client.wait_for_stop("breakpoint")
+            client.ask("disconnect")
+            self.assertEqual(served.communicate(), ("the end\n", ""))
+
+
+class ProgramsFileTest(AdapterTestCase):
+    def test_zip_file_that_ends_in_a_comment(self):
+        path = self.folder / "program.py"
+        with zipfile.ZipFile(path, "w") as archive:
+            archive.writestr("__main__.py", "print('from the archive')\n")
+            archive.comment = b"x" * 60_000
+        client = self.client()
+        client.launch(path)
+        self.assertEqual(client.finish(), 0)
+        self.assertEqual(client.output["stdout"], "from the archive\n")
+
+    def test_text_in_which_a_zip_file_would_end(self):
+        client = self.client()
+        client.launch(self.program("print('a program')  # PK\5\6\n"))
+        self.assertEqual(client.finish(), 0)
+        self.assertEqual(client.output["stdout"], "a program\n")
+
+    def test_editor_that_names_files_by_uris(self):
+        path = self.program("first = 1\nsecond = 2\n", "a b%41é.py")
+        client = self.client()
+        client.begin("launch", {"program": str(path), "console": "internalConsole"}, pathFormat="uri",
+                     breakpoints=[("file://%s/a%%20b%%2541%%C3%%A9.py" % self.folder, [2])])
+        self.assertEqual(client.wait_for_stop("breakpoint")["frame"]["line"], 2)
+        client.go_on()
+        self.assertEqual(client.finish(), 0)
+
+
+if __name__ == "__main__":
+    unittest.main()
