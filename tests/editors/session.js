@@ -22,7 +22,7 @@ const path = require("node:path");
 const { test } = require("node:test");
 const { DebugClient } = require("@vscode/debugadapter-testsupport");
 const { Conversation } = require("./protocol");
-const { DIFFERENCES } = require("./differences");
+const { DIFFERENCES, SOMETIMES } = require("./differences");
 
 const ADAPTER = process.env.ADAPTER || "brixdebug";
 const IS_OWN = ADAPTER === "brixdebug";
@@ -393,10 +393,15 @@ async function run(body, t) {
         assert.deepEqual(sessions.flatMap((each) => each.conversation.problems), []);
 }
 
-/** A test that a session of its own runs.  With the reference adapter, those of `differences.js` have to fail. */
+/** A test that a session of its own runs.  With the reference adapter, those of `differences.js` have to fail, or may. */
 function scenario(title, body) {
     const difference = IS_OWN ? undefined : DIFFERENCES[title];
+    const sometimes = IS_OWN ? undefined : SOMETIMES[title];
     test(title, { timeout: 3 * MILLISECONDS }, async (t) => {
+        if (sometimes !== undefined) {
+            await run(body, t).catch(() => t.diagnostic(`differs: ${sometimes}`));
+            return;
+        }
         if (difference === undefined) {
             await run(body, t);
             return;
