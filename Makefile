@@ -121,7 +121,7 @@ hooks:  ## check the files and the message of each commit from now on
 
 ##@ Check it thoroughly
 
-test-all:  ## test and test-long, and insist on the whole matrix of interpreters
+test-all:  ## test and test-long, and insist on the full matrix of interpreters
 	@tools/setup test && tools/setup interpreters
 	@tools/interpreters install --all
 	@tools/interpreters check

@@ -2,7 +2,7 @@
 
     FOLDER = third_party.folder("pytest==9.2.0")       None of it is in the interpreter itself
 
-Where a package cannot be had the test is skipped, with what pip says as the reason.
+Where a package cannot be installed the test is skipped, with what pip says as the reason.
 """
 
 import hashlib
@@ -39,7 +39,7 @@ def folder(*wanted):
             except packaging_tools.PackagingError as error:
                 shutil.rmtree(new, ignore_errors=True)
                 reason = str(error).strip().splitlines()
-                raise unittest.SkipTest("%s cannot be had: %s" % (" and ".join(wanted), reason[-1]))
+                raise unittest.SkipTest("%s cannot be installed: %s" % (" and ".join(wanted), reason[-1]))
     return found
 
 

@@ -28,7 +28,7 @@ def main():
     parser.add_argument("arguments", nargs=argparse.REMAINDER)
     options = parser.parse_args()
     if not os.path.exists(os.path.join(PACKAGES, "installed.json")):
-        reason = "Node and its packages could not be had (tools/node_packages tests/editors)"
+        reason = "Node and its packages could not be installed (tools/node_packages tests/editors)"
         print("%s: skipped: %s" % (options.suite, reason))
         if options.report:
             with open(options.report, "w") as file:

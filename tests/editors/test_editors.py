@@ -108,7 +108,7 @@ class HelixTest(EditorTestCase):
     def test_in_a_terminal(self):
         command = self.from_debian("usr/lib/hx/hx")
         if shutil.which("tmux") is None:
-            self.skipTest("tmux is not here")
+            self.skipTest("tmux is not installed")
         settings = self.folder / ".config" / "helix" / "languages.toml"
         settings.parent.mkdir(parents=True)
         settings.write_text(setting_for("Helix"))

@@ -150,7 +150,7 @@ class SetupTest(StandInsTest):
                 self.assertEqual(self.setup(purpose), (0, "", ""))
 
     def test_unknown_purpose(self):
-        self.assertEqual(self.setup("lunch"), (2, "", "tools/setup: unknown: lunch\n"))
+        self.assertEqual(self.setup("lunch"), (2, "", "tools/setup: unknown purpose: lunch\n"))
 
     def test_without_apt_everything_missing_is_named_by_what_it_is(self):
         self.lack(*self.WHATS)
@@ -167,7 +167,7 @@ class SetupTest(StandInsTest):
     def test_what_only_a_part_needs_is_done_without(self):
         self.lack("clang", "valgrind", "gdb", "dpkg-source", "readelf")
         self.assertEqual(self.setup("test"), (0, "", """\
-Not here, and done without:
+Not installed, and optional:
   dpkg-source (Debian: dpkg-dev): interpreters that are compiled are not installed
   valgrind (Debian: valgrind libc6-dbg): instructions are not counted
   gdb (Debian: gdb): attaching is not tested on 3.12 and 3.13
@@ -181,7 +181,7 @@ Not here, and done without:
         status, out, err = self.setup("test")
         self.assertEqual((status, out), (1, ""))
         self.assertEqual(err, """\
-Not here, and done without:
+Not installed, and optional:
   pip for python3 (Debian: python3-pip): the package is not tested
   venv for python3 (Debian: python3-venv): ruff and clang-format are not run
 Missing:
@@ -222,7 +222,7 @@ Missing:
 E: Unable to locate package valgrind
 E: Unable to locate package libc6-dbg
 E: Unable to locate package libclang-rt-dev
-Not here, and done without:
+Not installed, and optional:
   valgrind (Debian: valgrind libc6-dbg): instructions are not counted
 """)
 
@@ -238,11 +238,11 @@ Not here, and done without:
         self.apt_get(user=1000)
         self.script("python3", "#!/bin/sh\nexit 1\n")                   # tools/interpreters knows none
         self.assertEqual(self.setup("interpreters"), (
-            0, "", "Not here, and done without:\n  the address and the keys of Debian's archive (Debian: "
+            0, "", "Not installed, and optional:\n  the address and the keys of Debian's archive (Debian: "
                    "ca-certificates debian-archive-keyring python-apt-common): interpreters are not installed\n"))
 
 
-@unittest.skipUnless(shutil.which("cmake") and shutil.which("ninja"), "CMake or Ninja is not here")
+@unittest.skipUnless(shutil.which("cmake") and shutil.which("ninja"), "CMake or Ninja is not installed")
 class ProcessorTest(unittest.TestCase):
     def test_an_unknown_one_is_an_error_that_names_what_to_measure(self):
         with tempfile.TemporaryDirectory() as build:
@@ -291,7 +291,7 @@ class SkippedPartsTest(StandInsTest):
             self.assertEqual(json.load(stream), {"interpreter": "X", "suite": "cpython", "passed": 0, "failed": 0,
                                                  "skipped": {reason: 2}})
 
-    @unittest.skipUnless(shutil.which("cmake") and shutil.which("ninja"), "CMake or Ninja is not here")
+    @unittest.skipUnless(shutil.which("cmake") and shutil.which("ninja"), "CMake or Ninja is not installed")
     def test_no_clang(self):
         for folder in ("/usr/bin", "/bin", *os.environ["PATH"].split(os.pathsep)):
             for name in os.listdir(folder) if os.path.isdir(folder) else ():

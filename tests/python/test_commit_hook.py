@@ -21,12 +21,12 @@ def has_tool(*names):
     return any(shutil.which(name, path=os.pathsep.join([tools, os.environ.get("PATH", "")])) for name in names)
 
 
-needs_clang_format = unittest.skipUnless(has_tool("clang-format", "clang-format-14"), "clang-format 14 is not here")
-needs_shellcheck = unittest.skipUnless(shutil.which("shellcheck"), "shellcheck is not here")
-needs_ruff = unittest.skipUnless(has_tool("ruff"), "ruff is not here")
+needs_clang_format = unittest.skipUnless(has_tool("clang-format", "clang-format-14"), "clang-format 14 is not installed")
+needs_shellcheck = unittest.skipUnless(shutil.which("shellcheck"), "shellcheck is not installed")
+needs_ruff = unittest.skipUnless(has_tool("ruff"), "ruff is not installed")
 
 
-@unittest.skipUnless(shutil.which("git"), "git is not here")
+@unittest.skipUnless(shutil.which("git"), "git is not installed")
 class HookTestCase(unittest.TestCase):
     def setUp(self):
         self.folder = tempfile.mkdtemp()

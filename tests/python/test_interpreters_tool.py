@@ -219,7 +219,7 @@ class CheckTest(ToolTest):
 
     def test_whole_matrix(self):
         self.make_matrix()
-        self.assertEqual(self.run_tool("check"), (0, "The whole matrix is here: 15 interpreters.\n", ""))
+        self.assertEqual(self.run_tool("check"), (0, "The full matrix is installed: 15 interpreters.\n", ""))
 
     def test_each_missing_one_is_named(self):
         self.make_matrix()
@@ -228,7 +228,7 @@ class CheckTest(ToolTest):
         status, out, err = self.run_tool("check")
         self.assertEqual((status, out), (1, ""))
         self.assertEqual(err.splitlines()[0],
-                         "Missing of the whole matrix: 2.7 release, 3.12 release, 3.11 debug+tracerefs.")
+                         "Missing from the full matrix: 2.7 release, 3.12 release, 3.11 debug+tracerefs.")
 
 
 class InstallTest(ToolTest):
@@ -468,7 +468,7 @@ class InstallTest(ToolTest):
             self.assertIn(".work/3.14", self.left_over())
             process.send_signal(number)
             self.assertEqual(process.wait(), 130)
-            self.assertEqual(process.stderr.read(), "interpreters: interrupted; nothing half-made is left\n")
+            self.assertEqual(process.stderr.read(), "interpreters: interrupted; nothing is left half installed\n")
             self.assertEqual(self.left_over(), [])
             self.wait_for_end(child)
             os.remove(os.path.join(self.base, "pid"))
