@@ -1,5 +1,6 @@
 """Expressions under the debug adapter: long ones, those that need other threads, cancelled ones, whole values."""
 
+import os
 import unittest
 
 from dap_client import AdapterTestCase
@@ -86,6 +87,67 @@ class ExpressionTest(AdapterTestCase):
         self.assertEqual(client.wait_for_answer(running)["message"], "cancelled")
         client.ask("cancel", requestId=running)              # answered already
         self.finish(client)
+
+    def test_wait_in_c_code_of_the_main_thread_is_cancelled(self):
+        client = self.stopped(supportsProgressReporting=True)
+        client.evaluate("import time, signal; held = threading.Lock(); held.acquire()", self.frame_id)
+        for text in ("time.sleep(1000)", "held.acquire()", "[held.acquire() for _ in 'x']"):
+            running = client.send("evaluate", expression=text, frameId=self.frame_id, context="repl")
+            client.wait_for("progressStart")
+            client.ask("cancel", requestId=running)
+            self.assertEqual(client.wait_for_answer(running)["message"], "cancelled")
+            self.assertEqual(client.evaluate("1 + 1", self.frame_id), "2")
+        self.assertEqual(client.evaluate("signal.getsignal(signal.SIGURG) is signal.SIG_DFL", self.frame_id), "False")
+        self.assertNotIn("The expression that was cancelled", client.output["console"])
+        self.finish(client)
+
+    def test_wait_in_c_code_of_another_thread_ends_by_itself(self):
+        fifo = self.folder / "fifo"
+        os.mkfifo(fifo)
+        path = self.program("""\
+            import threading
+            def work():
+                x = 1                           # here
+            thread = threading.Thread(target=work)
+            thread.start()
+            thread.join()
+        """, "waits.py")
+        client = self.client()
+        client.launch(path, {path: [line_of(path, "here")]}, {"supportsProgressReporting": True})
+        stop = client.wait_for_stop("breakpoint")
+        frame_id, thread_id = stop["frame"]["id"], stop["threadId"]
+        running = client.send("evaluate", expression="open(%r).read()" % str(fifo), frameId=frame_id, context="repl")
+        waiting = client.send("evaluate", expression="1", frameId=frame_id, context="repl")
+        client.wait_for("progressStart")
+        client.ask("cancel", requestId=running)
+        self.assertEqual(client.wait_for_answer(running)["message"], "cancelled")
+        stuck = "an expression that was cancelled has not ended: it is inside C code that cannot be interrupted"
+        self.assertEqual(client.wait_for_answer(waiting)["message"], stuck)
+        self.assertEqual(client.output["console"].splitlines()[-1],
+                         "The expression that was cancelled is inside C code that cannot be interrupted. "
+                         "Until it comes back, requests that need its thread are refused.")
+        for command in ("continue", "next"):
+            self.assertEqual(client.refused(command, threadId=thread_id), stuck)
+        self.assertEqual(client.place(thread_id), ("work", line_of(path, "here")))
+        fifo.write_text("")
+        while not client.output["console"].endswith("The expression that was cancelled has ended.\n"):
+            self.assertTrue(client.take())
+        self.assertEqual(client.evaluate("1", frame_id), "1")
+        self.assertEqual(client.evaluate("thread.is_alive()", frame_id), "True")
+        client.go_on(thread_id=thread_id)
+        self.assertEqual(client.finish(), 0)
+
+    def test_session_with_an_expression_that_does_not_end_can_be_left(self):
+        client = self.stopped(supportsProgressReporting=True)
+        client.evaluate("import hashlib", self.frame_id)
+        running = client.send("evaluate", expression="hashlib.pbkdf2_hmac('sha256', b'', b'', 2**31 - 1)", frameId=self.frame_id)
+        waiting = client.send("evaluate", expression="1", frameId=self.frame_id)
+        client.wait_for("progressStart")
+        client.ask("cancel", requestId=running)
+        self.assertEqual(client.wait_for_answer(running)["message"], "cancelled")
+        self.assertFalse(client.wait_for_answer(waiting)["success"])
+        client.ask("disconnect", terminateDebuggee=True)
+        self.assertEqual(client.process.wait(60), 0)
 
     def test_progress_is_for_clients_that_show_it(self):
         client = self.stopped()

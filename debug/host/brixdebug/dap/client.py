@@ -14,6 +14,7 @@ from brixbase import dlog
 from brixdebug.dap import arguments
 from brixdebug.dap.asking import Arguments, RequestError
 from brixdebug.dap.breakpoint_ids import BreakpointIds
+from brixdebug.dap.cancelling import Running
 from brixdebug.dap.replies import Replies
 from brixdebug.dap.sources import PathMap, path_of_uri
 from brixdebug.dap.thread_events import ThreadEvents
@@ -113,6 +114,8 @@ class Request:
             if self._to_answer:
                 self.run(handler)
 
+        if self.session.is_stuck:
+            raise RequestError(_STUCK)
         self.session.pending[self.message["seq"]] = self
         if do(task) is False:
             raise RequestError("the program is running", "notStopped")
@@ -120,6 +123,7 @@ class Request:
 
 
 LATER: Any = object()
+_STUCK = "an expression that was cancelled has not ended: it is inside C code that cannot be interrupted"
 
 
 class Session:
@@ -147,7 +151,7 @@ class Session:
         self.sources: dict[int, str] = {}            # texts that are in no file
         self.breakpoint_ids = BreakpointIds()
         self.pending: dict[int, Request] = {}        # by their numbers: not answered, but by another thread later
-        self.running: Request | None = None          # that runs code of the user's
+        self.running: Running | None = None          # a request that runs code of the user's
         self.kept: dict[str, Any] = {}               # what the handlers of requests keep for this client
         self.on_watch_end: Callable[[Watch], None] = lambda watch: None
         self.show_change: Callable[[Change], str] = lambda change: ""
@@ -161,6 +165,27 @@ class Session:
     def has_gone(self) -> bool:
         """The client has left, or its connection has ended."""
         return self.is_leaving or self.wire.is_closed
+
+    # -- expressions ----------------------------------------------------------------------------
+
+    def runs(self, request: Request) -> Running:
+        """A context manager around code of the user's that `request` runs."""
+        self.running = Running(request, self._on_stuck, self._on_stuck_end)
+        return self.running
+
+    @property
+    def is_stuck(self) -> bool:
+        """A cancelled expression has not ended, and with it the thread that serves requests."""
+        return self.running is not None and self.running.is_stuck
+
+    def _on_stuck(self) -> None:
+        self.say("The expression that was cancelled is inside C code that cannot be interrupted. Until it comes back, "
+                 "requests that need its thread are refused.\n")
+        for each in list(self.pending.values()):
+            each.refuse(_STUCK)
+
+    def _on_stuck_end(self) -> None:
+        self.say("The expression that was cancelled has ended.\n")
 
     # -- reading --------------------------------------------------------------------------------
 

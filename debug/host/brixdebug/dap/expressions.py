@@ -136,10 +136,10 @@ def _run(request: Request, call: Callable[[], Any]) -> Any:
     session = request.session
     evaluation = monitor.suspension.evaluation
     progress = _Progress(request) if session.supports("supportsProgressReporting") else None
-    session.running = request
+    running = session.runs(request)
     evaluation.were_others_free = False
     try:
-        with evaluation:
+        with evaluation, running:
             if request.is_answered:          # cancelled before it could be interrupted
                 raise KeyboardInterrupt
             return call()
@@ -194,8 +194,8 @@ def on_cancel(session: Session, request: Request) -> Any:
     cancelled = session.pending.get(seq)
     if cancelled is not None:
         cancelled.refuse("cancelled", "cancelled")           # first: what begins now sees it
-        if session.running is cancelled:
-            monitor.suspension.evaluation.interrupt()
+        if session.running is not None and session.running.request is cancelled:
+            session.running.cancel()
     return {}
 
 
