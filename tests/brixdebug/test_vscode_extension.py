@@ -88,6 +88,13 @@ class ExtensionTest(unittest.TestCase):
                 self.assertEqual(body["type"], DEBUGGER["type"])
                 self.assertEqual(arguments.parse(body["request"], body).ignored, [])
 
+    def test_each_way_to_attach_is_offered(self):
+        bodies = [filled(each["body"]) for each in DEBUGGER["configurationSnippets"]]
+        ways = [set(body) - {"name", "type", "request"} for body in bodies if body["request"] == "attach"]
+        self.assertEqual(ways, [{"connect"}, {"processId"}])
+        process, = [body for body in bodies if "processId" in body]
+        self.assertEqual(arguments.parse("attach", process).process_id, 4711)
+
     def test_packed_extension_has_all_that_it_names(self):
         folder = scratch_folder(self)
         path = subprocess.run([sys.executable, str(ROOT / "tools" / "make_vsix"), str(folder)], check=True,
