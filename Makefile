@@ -27,7 +27,7 @@ WATCHED_SESSIONS = files|fork|hooks|log|stops|switching|threads|conditions|evalu
 
 .PHONY: help setup build run demo test test-long test-one test-all test-cpp test-python test-brixdebug test-life test-adapter \
         test-reference test-editors cpython-suites wheel vsix types inject fuzz asan tsan valgrind bench bench-quick \
-        bench-host bench-growth bench-units bench-debugpy bench-pandas bench-docs tests-configured tests-built \
+        bench-host bench-adapter bench-growth bench-units bench-debugpy bench-pandas bench-docs tests-configured tests-built \
         some-interpreters interpreters fresh clean lint format hooks coverage
 
 help:  ## list the targets
@@ -204,7 +204,7 @@ bench: build  ## what an event costs on every path, instructions and times (some
 	@tools/setup test
 	@python3 bench/run_bench.py --module-dir $(BUILD) --results $(BUILD)/bench \
 	    --debugpy "$(or $(BENCH_DEBUGPY),$(BUILD)/debugpy/{version})"
-	@$(MAKE) --no-print-directory bench-host
+	@$(MAKE) --no-print-directory bench-host bench-adapter
 
 bench-host: build  ## what a program pays under the debugger, beside the standard bdb (2 minutes an interpreter)
 	@mkdir -p $(BUILD)/bench
@@ -214,6 +214,14 @@ bench-host: build  ## what a program pays under the debugger, beside the standar
 	            --json $(BUILD)/bench/host-$$name.json < /dev/null || exit 1; \
 	        $$python bench/session_cost.py --module-dir $(BUILD) --json $(BUILD)/bench/session-$$name.json < /dev/null || exit 1; \
 	        $$python bench/condition_cost.py --module-dir $(BUILD) --json $(BUILD)/bench/conditions-$$name.json || exit 1; done
+
+bench-adapter: build  ## what somebody pays who debugs in an editor, beside debugpy (3 minutes an interpreter)
+	@mkdir -p $(BUILD)/bench
+	@tools/interpreters list --cmake --min 3.12 | awk -F'|' '$$3 == "release" { print $$1, $$4 }' | \
+	    while read -r name python; do \
+	        $$python bench/adapter_cost.py --module-dir $(BUILD) --packages $(BUILD)/pandas \
+	            --debugpy "$(or $(BENCH_DEBUGPY),$(BUILD)/debugpy/{version})" \
+	            --json $(BUILD)/bench/adapter-$$name.json < /dev/null || exit 1; done
 
 bench-growth: build  ## how an event's cost, and the memory, grow with what the filter keeps
 	@python3 bench/growth.py --full --module-dir $(BUILD) --results $(BUILD)/bench
@@ -232,7 +240,7 @@ bench-debugpy:  ## get debugpy, which `make bench` measures where it is found
 	    python3 -m pip install --quiet --upgrade --target $(BUILD)/debugpy/$$version --python-version $$version \
 	        --only-binary=:all: debugpy || exit 1; done
 
-bench-pandas:  ## get pandas, whose import `make bench-host` measures where it is found
+bench-pandas:  ## get pandas, whose import is measured where it is found
 	@for version in 3.12 3.13 3.14 3.15; do \
 	    python3 -m pip install --quiet --upgrade --target $(BUILD)/pandas/$$version --python-version $$version \
 	        --only-binary=:all: pandas || echo "no pandas for $$version: its row is skipped"; done

@@ -1,10 +1,12 @@
-"""The client of a debug adapter: sets one breakpoint, prints the line of every stop, and lets the program go on.
+"""The client of a debug adapter.
 
     python3 debug_client.py PORT FILE LINE CONDITION
 
-Speaks the Debug Adapter Protocol with the adapter on the port of this machine.  An empty condition stops always.  A
-stop is printed before the program goes on, so that a program whose code goes on finds its line printed.  Ends when the
-adapter closes the connection.
+Speaks the Debug Adapter Protocol with the adapter on the port of this machine: sets one breakpoint, prints the line of
+every stop, and lets the program go on.  An empty condition stops always.  A stop is printed before the program goes on, so
+that a program whose code goes on finds its line printed.  Ends when the adapter closes the connection.
+
+adapter_cost.py talks through the same class to adapters that it starts.
 """
 
 import json
@@ -15,10 +17,9 @@ CONNECT_TIMEOUT = 60        # seconds
 
 
 class Client:
-    def __init__(self, port):
-        self.socket = socket.create_connection(("127.0.0.1", port), CONNECT_TIMEOUT)
-        self.socket.settimeout(None)
-        self.stream = self.socket.makefile("rb")
+    def __init__(self, reader, writer):
+        """Binary files, `writer` without a buffer."""
+        self.reader, self.writer = reader, writer
         self.sequence = 0
         self.waiting = []           # events that came while an answer was waited for
 
@@ -26,24 +27,27 @@ class Client:
         self.sequence += 1
         body = json.dumps({"seq": self.sequence, "type": "request", "command": command, "arguments": arguments})
         data = body.encode()
-        self.socket.sendall(b"Content-Length: %d\r\n\r\n%s" % (len(data), data))
+        self.writer.write(b"Content-Length: %d\r\n\r\n%s" % (len(data), data))
         return self.sequence
 
     def read(self):
         """The next message; None at the end."""
         length = None
         while True:
-            line = self.stream.readline()
+            line = self.reader.readline()
             if not line:
                 return None
             if line == b"\r\n":
-                return json.loads(self.stream.read(length))
+                return json.loads(self.reader.read(length))
             name, _, value = line.partition(b":")
             if name.lower() == b"content-length":
                 length = int(value)
 
     def request(self, command, **arguments):
-        sequence = self.send(command, **arguments)
+        return self.answer_to(self.send(command, **arguments), command)
+
+    def answer_to(self, sequence, command):
+        """The body of the answer to what `send` has sent."""
         while True:
             message = self.read()
             if message is None:
@@ -64,17 +68,26 @@ class Client:
             if message["type"] == "event" and message["event"] == wanted:
                 return message
 
+    def begin(self, command, arguments, path, line, condition=None):
+        """A session with one breakpoint: launch or attach, up to the end of the configuration."""
+        self.request("initialize", adapterID="bench", pathFormat="path", linesStartAt1=True, columnsStartAt1=True,
+                     supportsVariableType=True, supportsVariablePaging=True)
+        begun = self.send(command, **arguments)          # answered only after the configuration
+        if self.next_event("initialized") is None:
+            raise SystemExit("debug_client.py: %s failed" % command)
+        breakpoint = dict({"line": line}, **{"condition": condition} if condition else {})
+        answer = self.request("setBreakpoints", source={"path": path}, breakpoints=[breakpoint])
+        if not answer["breakpoints"][0]["verified"]:
+            raise SystemExit("debug_client.py: the breakpoint was refused: %s" % answer)
+        self.request("configurationDone")
+        return begun
+
 
 def run(port, path, line, condition):
-    client = Client(port)
-    client.request("initialize", adapterID="bench", pathFormat="path", linesStartAt1=True)
-    client.send("attach", justMyCode=False)      # answered only after the configuration
-    client.next_event("initialized")
-    breakpoint = dict({"line": line}, **{"condition": condition} if condition else {})
-    answer = client.request("setBreakpoints", source={"path": path}, breakpoints=[breakpoint])
-    if not answer["breakpoints"][0]["verified"]:
-        raise SystemExit("debug_client.py: the breakpoint was refused: %s" % answer)
-    client.request("configurationDone")
+    connection = socket.create_connection(("127.0.0.1", port), CONNECT_TIMEOUT)
+    connection.settimeout(None)
+    client = Client(connection.makefile("rb"), connection.makefile("wb", buffering=0))
+    client.begin("attach", {"justMyCode": False}, path, line, condition)
     while True:
         event = client.next_event("stopped")
         if event is None:

@@ -13,8 +13,10 @@ import glob
 import json
 import os
 import re
+import statistics
 import sys
 
+import adapter_cost
 import growth
 import run_bench
 import svg_plot
@@ -33,6 +35,7 @@ class Results:
         self.paths = self._of_releases(folder, "paths-")
         self.growth = self._of_releases(folder, "growth-")
         self.first = self._of_releases(folder, "first-")
+        self.adapter = self._of_releases(folder, "adapter-")
         self.units = [benchmark for path in sorted(glob.glob(os.path.join(folder, "units-*.json")))
                       for benchmark in self._read(path)["benchmarks"] if benchmark["run_type"] == "iteration"]
 
@@ -45,7 +48,7 @@ class Results:
         found = [self._read(path) for path in glob.glob(os.path.join(folder, prefix + "*.json"))]
         found = [result for result in found if result.get("flavour", "release") == "release"]
         for result in found:
-            result.setdefault("python", result["version"])      # first_event.py knows no other name
+            result.setdefault("python", result.get("version"))      # first_event.py knows no other name
         return sorted(found, key=lambda result: [int(part) for part in result["python"].split(".")])
 
 
@@ -198,6 +201,25 @@ def _record_bytes(results):
         yield title, name, sorted(set.intersection(*(set(allocated) for allocated, _ in values))), values
 
 
+def adapter(results):
+    """Of each situation the medians, and the ratio with its aim."""
+    rows = []
+    for situation, (title, what, unit, factor, base, most) in adapter_cost.SITUATIONS.items():
+        rows.append(["%s: %s" % (title, what)] + [""] * len(results.adapter))
+        for who in adapter_cost.MEASURES[situation][1]:
+            cells = [result["seconds"].get(situation, {}).get(who) for result in results.adapter]
+            rows.append(["%s, %s" % (who, unit)] + [number_text(statistics.median(seconds) * factor) if seconds else NONE
+                                                    for seconds in cells])
+        ratios = [adapter_cost.ratio(result["seconds"], situation, adapter_cost.OWN, base) for result in results.adapter]
+        rows.append(["brixdebug to %s; the aim: at most %.3g" % (base, most)]
+                    + [NONE if ratio is None else ("%.3f" if ratio < 0.1 else "%.2f") % ratio for ratio in ratios])
+    return markdown_table([""] + [result["python"] for result in results.adapter], rows)
+
+
+def number_text(value):
+    return grouped(value, "%.0f" if value >= 100 else "%.1f")
+
+
 # name in the benchmark -> (title, whether a run handles all entries)
 UNITS = {
     "BM_InsertString": ("hash table: insert a name", True),
@@ -248,6 +270,7 @@ TABLES = {
     "first_by_threads": (first_by_threads, "growth"),
     "memory": (memory, "growth"),
     "units": (units, "units"),
+    "adapter": (adapter, "adapter"),
 }
 
 
