@@ -105,6 +105,7 @@ const SOMETIMES = {
     "a folder has the globals, the path and the arguments that it has without a debugger": "has no __annotations__ before 3.14",
     "step in goes into a generator, and next over its yield stays in it": "goes to the caller from some version on",
     "100 threads reach a breakpoint": "a stopped thread may not be found for an expression",
+    "what was printed before a stop is shown before it": "may show it later",
     "a log point with a condition": "shows messages after what the program has printed later",
     "1,000 breakpoints": "may take longer than a scenario waits",
 };
