@@ -150,6 +150,22 @@ class PlanTest(StandInTest):
                          "Running 2 test modules, N at a time: about 7 seconds, and 1 module without a figure yet.\n")
 
 
+    def test_kept_figures_are_averages_over_the_interpreters(self):
+        for name in ("tools/test_plan", "tools/ctest_entries.py"):
+            os.makedirs(os.path.join(self.folder, "tree", os.path.dirname(name)), exist_ok=True)
+            shutil.copy(os.path.join(ROOT, name), os.path.join(self.folder, "tree", name))
+        os.mkdir(os.path.join(self.folder, "tree", "tests"))
+        figures = self.script("tree/tests/durations.json", json.dumps({"cpp": 9, "py.test_a": 9}))
+        os.makedirs(os.path.join(self.folder, "Testing", "Temporary"))
+        self.script("Testing/Temporary/CTestCostData.txt", "py_3.12.1.test_a 4 1.25\npy_3.14.10-debug.test_a 1 2.5\n"
+                                                           "fuzz_hash 1 3\npy_any.test_b 0 0\n---\n")
+        done = subprocess.run([sys.executable, os.path.join(self.folder, "tree", "tools", "test_plan"), "--keep", self.folder],
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, universal_newlines=True)
+        self.assertEqual((done.returncode, done.stdout), (0, ""))
+        with open(figures) as stream:
+            self.assertEqual(json.load(stream), {"cpp": 9, "fuzz_hash": 3.0, "py.test_a": 1.9})
+
+
 class OneTest(StandInTest):
     """tools/test_one: which program is run, how, and in which interpreter."""
 
