@@ -137,7 +137,7 @@ test-reference: bench-debugpy  ## those scenarios with debugpy: where it differs
 	@python="$$(tools/choose_python)" && ADAPTER=debugpy SCENARIO_MILLISECONDS=30000 \
 	    BUILD=$(BUILD) $$python tests/editors/run_node.py run_scenarios.js
 
-test-editors: build  ## VS Code in a browser, Emacs and Helix debug a program; pictures in build/pictures
+test-editors: build  ## VS Code in a browser, Emacs and Helix debug a program, Neovim reads its settings; pictures in build/pictures
 	@BUILD=$(BUILD) tools/editors
 	@python="$$(tools/choose_python)" && BUILD=$(BUILD) OPTMONITORING_DIR=$(BUILD) PYTHONPATH=tests/editors \
 	    $$python tests/python/run_tests.py test_editors

@@ -6,6 +6,7 @@ tools/editors could not get is skipped.
 
 import contextlib
 import glob
+import json
 import os
 import pathlib
 import re
@@ -86,6 +87,40 @@ class EmacsTest(EditorTestCase):
         for text in ("a breakpoint is set", "the stack is shown", "variables are shown",
                      "a step shows what it has assigned", "the session ends"):
             self.assertIn(text + "\n", done.stdout)
+
+
+SHOW_DAP = """\
+local settings, target = arg[1], arg[2]
+local dap = { adapters = {}, configurations = {} }
+package.preload["dap"] = function() return dap end
+dofile(settings)
+vim.fn.writefile({ vim.json.encode(dap) }, target)
+"""
+
+
+class NeovimTest(EditorTestCase):
+    """nvim-dap is in no registry: a stand-in takes what the page tells its users to write down."""
+
+    def test_settings(self):
+        command = self.from_debian("usr/bin/nvim")
+        settings, script, target = (self.folder / name for name in ("settings.lua", "show.lua", "dap.json"))
+        settings.write_text(setting_for("Neovim"))
+        script.write_text(SHOW_DAP)
+        share = DEBIAN / "usr/share/nvim/runtime"
+        done = subprocess.run([*command, "--headless", "-l", str(script), str(settings), str(target)], timeout=SECONDS,
+                              env=self.environment(VIMRUNTIME=str(share), LUA_PATH=str(DEBIAN / "usr/share/lua/5.1/?.lua")),
+                              capture_output=True, text=True)
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
+        dap = json.loads(target.read_text())
+        self.assertEqual(dap["adapters"], {
+            "brixdebug": {"type": "executable", "command": "python", "args": ["-m", "brixdebug.dap"]}})
+        self.assertEqual([each["request"] for each in dap["configurations"]["python"]], ["launch", "attach"])
+        sys.path[:0] = [os.environ.get("OPTMONITORING_DIR") or str(BUILD), str(ROOT / "debug" / "host")]
+        from brixdebug.dap import arguments
+        for each in dap["configurations"]["python"]:
+            with self.subTest(each["name"]):
+                self.assertEqual(each["type"], "brixdebug")
+                self.assertEqual(arguments.parse(each["request"], each).ignored, [])
 
 
 class HelixTest(EditorTestCase):
