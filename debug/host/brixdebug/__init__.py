@@ -18,11 +18,14 @@ if sys.version_info < (3, 12):
     raise ImportError("brixdebug needs Python 3.12 or later, for sys.monitoring; this is %d.%d"
                       % sys.version_info[:2])
 
-if importlib.util.find_spec("optmonitoring") is None:
+from brixdebug import builds
+from brixdebug.version import __version__
+
+_module = importlib.util.find_spec("optmonitoring")
+if _module is None:
     raise ImportError("brixdebug needs the module optmonitoring (the file optmonitoring.so); "
                       "put the folder that holds it on PYTHONPATH")
-
-from brixdebug.version import __version__
+builds.check(_module.origin)
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
