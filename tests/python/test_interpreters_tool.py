@@ -12,7 +12,8 @@ import time
 import unittest
 
 TOOL = os.path.join(os.path.dirname(os.path.abspath(__file__)), os.pardir, os.pardir, "tools", "interpreters")
-NAMES = "3.14 3.15 3.14-debug 3.15-debug 3.13-freethreaded 3.11-tracerefs"
+NAMES = ("3.14 3.15 3.14-debug 3.15-debug 3.13-freethreaded 3.11-tracerefs 3.13-aarch64 3.14-aarch64 3.15-aarch64 "
+         "3.13-musl")
 
 # Runs the tool with what a package knows about Debian's archive replaced.
 RUN_TOOL = """
@@ -27,7 +28,8 @@ sys.exit(names["main"]())
 # Stands in for an interpreter: answers the tool's question about itself, and passes every check.
 INTERPRETER = """#!/bin/sh
 [ "$1" = -ES ] || exit 0
-echo '{"executable": "%(executable)s", "version": [%(version)s], "cpython": %(cpython)s, "flavour": "%(flavour)s"}'
+echo '{"executable": "%(executable)s", "version": [%(version)s], "cpython": %(cpython)s, "flavour": "%(flavour)s", \
+"multiarch": "%(multiarch)s"}'
 """
 
 # Stands in for apt-get. Writes down its arguments; what a test wants to fail, it puts in front.
@@ -39,6 +41,14 @@ case "$*" in
 *" update") cp "${2%%/*}/sources.list" %(base)s/sources ;;
 *" --download-only -o Dir::Cache::archives="*) folder=${6#*=}; echo > "$folder/package_1.deb" ;;
 esac
+"""
+
+# Stands in for the emulator: writes down what it runs, and under which name.
+QEMU = """#!/bin/sh
+echo "$*" >> %(base)s/emulated
+shift 2
+[ "$1" != -0 ] || shift 2
+exec "$@"
 """
 
 # Stands in for dpkg: "unpacks" an interpreter of the version in its name, a loader and nothing else.
@@ -75,10 +85,10 @@ class ToolTest(unittest.TestCase):
         os.chmod(path, 0o755)
         return path
 
-    def interpreter(self, path, version, flavour="release", executable=None, cpython=True):
+    def interpreter(self, path, version, flavour="release", executable=None, cpython=True, multiarch="arch"):
         return self.script(path, INTERPRETER % {
             "executable": executable or path, "version": version.replace(".", ", "), "flavour": flavour,
-            "cpython": json.dumps(cpython)})
+            "cpython": json.dumps(cpython), "multiarch": multiarch})
 
     def pyenv_interpreter(self, name, version):
         return self.interpreter(os.path.join(self.make_folder("pyenv", "versions", name, "bin"), "python"), version)
@@ -312,6 +322,62 @@ class InstallTest(ToolTest):
             "bin", "bin/python3.14", "3.14", "3.14/usr", "3.14/usr/bin", "3.14/usr/bin/patchelf",
             "3.14/usr/bin/python3.14", "3.14/usr/bin/python3.15", "3.14/usr/lib", "3.14/usr/lib/arch",
             "3.14/usr/lib/arch/ld-linux-arch.so.2", "3.14/usr/share"]))
+
+    def for_another_processor(self, multiarch="aarch64-linux-gnu"):
+        self.script(os.path.join(self.bin, "qemu-aarch64-static"), QEMU % {"base": self.base})
+        self.interpreter(os.path.join(self.base, "interpreter-14"), "3.14.2", executable="'$0'", multiarch=multiarch)
+        self.apt_get('case "$*" in *" update") cp "$2" {}/conf ;; esac'.format(self.base))
+
+    def test_interpreter_of_another_machine_is_listed_for_that_alone(self):
+        self.for_another_processor()
+        self.assertEqual(self.run_tool("install", "3.14-aarch64")[0], 0)
+        self.assertIn('APT::Architecture "arm64";\nAPT::Architectures {"arm64";};\n', self.read("conf"))
+        self.environment["PATH"] = self.bin
+        self.assertEqual(self.listed(), [])
+        self.assertEqual(self.listed("--machine", "musl"), [])
+        self.environment["PATH"] = os.pathsep.join([self.bin, "/usr/bin", "/bin"])
+        self.assertEqual(self.listed("--machine", "aarch64"), [
+            {"name": "3.14.2-aarch64", "version": [3, 14, 2], "flavour": "release",
+             "command": [os.path.join(self.folder, "aarch64", "bin", "python3.14")]}])
+
+    def test_emulated_interpreter_keeps_its_name_and_is_started_through_it(self):
+        self.for_another_processor()
+        self.assertEqual(self.run_tool("install", "3.14-aarch64")[0], 0)
+        os.remove(os.path.join(self.base, "emulated"))
+        command = os.path.join(self.folder, "aarch64", "3.14", "usr", "bin", "python3.14")
+        done = subprocess.run([command, "-ES", "two words"], env=self.environment, stdout=subprocess.PIPE)
+        self.assertEqual(done.returncode, 0)
+        self.assertEqual(self.read("emulated"),
+                         "-cpu cortex-a72 -0 {0} {0}-aarch64-linux-gnu -ES two words\n".format(command))
+
+    def test_interpreter_of_another_machine_is_checked_for_being_one(self):
+        self.for_another_processor(multiarch="x86_64-linux-gnu")
+        status, _, err = self.run_tool("install", "3.14-aarch64")
+        self.assertEqual(status, 1)
+        self.assertIn("is not the interpreter wanted: it says ", err)
+        self.assertEqual(self.left_over(), ["aarch64"])
+
+    def test_lacking_emulator_is_named_before_anything_is_fetched(self):
+        self.environment["PATH"] = self.bin
+        status, _, err = self.run_tool("install", "3.14-aarch64")
+        self.assertEqual((status, err), (
+            1, "interpreters: 3.14-aarch64: this machine lacks qemu-aarch64 (Debian: qemu-user-static)\n"))
+        self.assertFalse(os.path.exists(os.path.join(self.base, "apt-calls")))
+
+    def test_lacking_compiler_of_another_c_library_is_named(self):
+        self.environment["PATH"] = self.bin
+        for program in ("dpkg-source", "gcc", "make"):
+            self.script(os.path.join(self.bin, program), "#!/bin/sh\n")
+        status, _, err = self.run_tool("install", "3.13-musl")
+        self.assertEqual((status, err), (
+            1, "interpreters: 3.13-musl: this machine lacks autoreconf (Debian: autoconf), libtoolize (Debian: libtool), "
+               "musl-gcc (Debian: musl-tools)\n"))
+
+    def test_all_means_those_of_this_machine(self):
+        self.apt_get('case "$*" in *" update") exit 100 ;; esac')
+        self.environment["PATH"] = self.bin
+        status, _, err = self.run_tool("install", "--all")
+        self.assertEqual((status, re.findall(r"^interpreters: (\S+):", err, re.MULTILINE)), (1, NAMES.split()[:6]))
 
     def test_executable_is_bound_to_the_place_it_ends_up_in(self):
         self.assertEqual(self.run_tool("install", "3.14")[0], 0)
