@@ -8,6 +8,10 @@ PYTHONS ?=
 # Interpreters that `make test` gets when they are missing; see `tools/interpreters`.
 INTERPRETERS ?= 3.14 3.15 3.14-debug
 
+# Those of other machines, for `make test-aarch64` and `make test-musl`.
+AARCH64_INTERPRETERS ?= 3.13-aarch64 3.14-aarch64 3.15-aarch64
+MUSL_INTERPRETERS ?= 3.13-musl
+
 # How long `make fuzz` fuzzes each unit.
 FUZZ_SECONDS ?= 60
 
@@ -26,13 +30,13 @@ WATCHED_HOSTS ?= $(or $(PYTHONS),$(shell tools/interpreters list --cmake --min 3
 WATCHED_SESSIONS = files|fork|hooks|log|stops|switching|threads|conditions|evaluation
 
 .PHONY: help setup build run demo test test-long test-one test-all test-cpp test-python test-brixdebug test-life test-adapter \
-        test-reference test-editors cpython-suites wheel vsix types inject fuzz asan tsan valgrind bench bench-quick \
-        bench-host bench-adapter bench-growth bench-units bench-debugpy bench-pandas bench-docs tests-configured tests-built \
+        test-reference test-editors test-aarch64 test-musl cpython-suites wheel vsix types inject fuzz asan tsan \
+        valgrind bench bench-quick bench-host bench-adapter bench-growth bench-units bench-debugpy bench-pandas bench-docs tests-configured tests-built \
         some-interpreters interpreters fresh clean lint format hooks coverage
 
 help:  ## list the targets
 	@awk -F ':.*## ' '/^##@ / { printf "%s%s\n", gap, substr($$0, 5); gap = "\n" } \
-	    gap && /^[a-z-]+:.*## / { printf "  %-16s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
+	    gap && /^[a-z0-9-]+:.*## / { printf "  %-16s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
 
 ##@ Try it
 
@@ -121,12 +125,13 @@ hooks:  ## check the files and the message of each commit from now on
 
 ##@ Check it thoroughly
 
-test-all:  ## test and test-long, and insist on the full matrix of interpreters
+test-all:  ## test, test-long and other machines, and insist on the full matrix of interpreters
 	@tools/setup test && tools/setup interpreters
 	@tools/interpreters install --all
 	@tools/interpreters check
 	@$(MAKE) --no-print-directory test INTERPRETERS=3.14 PYTHONS=
 	@$(MAKE) --no-print-directory test-long INTERPRETERS=3.14 PYTHONS=
+	@$(MAKE) --no-print-directory test-aarch64 test-musl PYTHONS=
 
 test-adapter: tests-built  ## scenarios with VS Code's debug client, in every interpreter from 3.12 on
 	@BUILD=$(BUILD) tools/node_packages tests/editors || echo "The checks that need them are skipped."
@@ -141,6 +146,20 @@ test-editors: build  ## VS Code in a browser, Emacs and Helix debug a program, N
 	@BUILD=$(BUILD) tools/editors
 	@python="$$(tools/choose_python)" && BUILD=$(BUILD) OPTMONITORING_DIR=$(BUILD) PYTHONPATH=tests/editors \
 	    $$python tests/python/run_tests.py test_editors
+
+test-aarch64:  ## all that depends on the processor, and sessions, in interpreters for aarch64, which QEMU runs
+	@tools/setup aarch64 && tools/setup interpreters
+	@tools/interpreters install $(AARCH64_INTERPRETERS)
+	@cmake --preset aarch64 -B $(BUILD)-aarch64 "-DOPTMONITORING_PYTHONS=$(PYTHONS)" >/dev/null
+	@cmake --build $(BUILD)-aarch64 --target optmonitoring plain_tests hosted_tests -j $(JOBS)
+	@tools/run_ctest $(BUILD)-aarch64
+
+test-musl:  ## all that depends on the C library, and sessions, in an interpreter with musl
+	@tools/setup musl && tools/setup interpreters
+	@tools/interpreters install $(MUSL_INTERPRETERS)
+	@cmake --preset musl -B $(BUILD)-musl "-DOPTMONITORING_PYTHONS=$(PYTHONS)" >/dev/null
+	@cmake --build $(BUILD)-musl --target optmonitoring -j $(JOBS)
+	@tools/run_ctest $(BUILD)-musl
 
 test-life: tests-built  ## hostile programs, failing hooks, births and deaths (some minutes an interpreter)
 	@tools/run_ctest $(BUILD) -R '^life_'

@@ -169,6 +169,23 @@ class ToolTest(unittest.TestCase):
             self.assertEqual(status, 1)
             self.assertIn("not of this interpreter, which is ", errors)
 
+    def test_what_the_compiler_makes_is_run_by_the_emulator(self):
+        expected = dump_or_skip()
+        folder = tempfile.mkdtemp()
+        self.addCleanup(shutil.rmtree, folder)
+        emulator, calls = os.path.join(folder, "emulator"), os.path.join(folder, "calls")
+        with open(emulator, "w") as stream:
+            stream.write("#!/bin/sh\necho \"$1\" >> %s\nshift\nexec \"$@\"\n" % calls)
+        os.chmod(emulator, 0o755)
+        before = os.environ.get("EMULATOR", "")
+        os.environ["EMULATOR"] = "%s word %s" % (emulator, before)
+        try:
+            self.assertEqual(dump_or_skip(), expected)
+        finally:
+            os.environ["EMULATOR"] = before
+        with open(calls) as stream:
+            self.assertEqual(stream.read(), "word\n")
+
     def test_rows_of_the_thread_state_end_with_the_thread_id(self):
         rows = dump_or_skip("--rows", sys.executable)["rows"]
         self.assertEqual(rows[0], ["next" if VERSION < (3, 0) else "prev", 8])
