@@ -314,6 +314,34 @@ import signal
             self.assertEqual((session.prompting_pid, session.do("p n")), (self.pids[n], "%d\n" % n))
         self.end(session, "4 77 6")
 
+    def test_child_of_a_child(self):
+        program = write_program(scratch_folder(self), """\
+            import os
+            def hit():
+                return 1                     # line
+            child = os.fork()
+            if child == 0:
+                hit()
+                grandchild = os.fork()
+                hit()
+                if grandchild:
+                    os.waitpid(grandchild, 0)
+                os._exit(0)
+            os.waitpid(child, 0)
+            """)
+        session = Session(self, "-W", "ignore::DeprecationWarning", "-m", "brixdebug", program)
+        session.prompt()
+        session.do("break %d" % line_of(program, "line"))
+        session.do("set follow-fork on")
+        names = []
+        for _ in range(3):
+            session.do("continue")
+            names.append(session.prompting_pid)
+            self.assertEqual(session.do("p os.getpid()"), "%d\n" % names[-1])
+        self.assertEqual(len(set(names)), 2, "a child twice, and its child: %s" % names)
+        self.assertIn("The program finished", session.do("continue"))
+        self.assertEqual(session.end("quit")[1], 0)
+
     def test_program_without_a_name(self):
         session = self.start(CHILDREN.replace("os._exit(hit", "import sys; sys.argv[:1] = [[None], [1]][n % 2]; os._exit(hit"))
         self.let_come(session, 1, 2)
