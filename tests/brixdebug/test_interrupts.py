@@ -418,6 +418,24 @@ class BusyTest(InterruptTestCase):
 
 class PromptTest(InterruptTestCase):
 
+    def test_handler_that_never_ends_after_quit(self):
+        """A handler that has caught `quit` and stays in itself is left to Ctrl-C."""
+        session = self.start("""\
+            import time
+            try:
+                here = 1
+            except BaseException:
+                print("caught", flush=True)
+                while True:
+                    time.sleep(1000)
+            """)
+        session.do("next")
+        session.do("next")
+        session.send("quit")
+        session.wait_for("caught")
+        session.interrupt_in_c_code()
+        self.assertEqual(session.end()[1], 0)
+
     def test_at_the_prompt(self):
         session = self.start("print('end')\n")
         for times in 1, 2:
