@@ -316,6 +316,26 @@ class CaughtQuitTest(TerminalTestCase):
                 self.assertNotIn("not reached", printed)
                 self.assertTrue(line is None or line in printed, printed)
 
+    def test_at_a_try_inside_of_another_block(self):
+        # what is raised at the very line of a `try` has no handlers, not even those of the blocks around it
+        printed = self.ended("""\
+            import contextlib
+            def step():
+                pass
+            def work():
+                with contextlib.closing(End()):
+                    while True:
+                        try:
+                            step()
+                        except ValueError:
+                            pass
+            class End:
+                def close(self):
+                    print("end of work")
+            work()
+            """, "break 7")
+        self.assertEqual(printed[1:], ["end of work"])
+
     def test_in_a_worker_and_beside_one(self):
         program = """\
             import contextlib, threading

@@ -49,7 +49,7 @@ class Catcher:
         if self._passes < _MOST_PASSES and _is_handed_on(frame):
             self._passes += 1
             return False
-        if self._caught < _VERY_OFTEN and frame.f_lineno in _cleaning_lines(frame.f_code.co_filename):
+        if self._caught < _VERY_OFTEN and frame.f_lineno in _lines_of_blocks(frame.f_code.co_filename)[0]:
             return False
         self._caught += 1
         self._handlers = 0
@@ -57,6 +57,14 @@ class Catcher:
             self._most_handlers += 1
             self._handlers = self._most_handlers
         return True
+
+
+def is_without_handlers(frame: FrameType) -> bool:
+    """True at the line of a `try` inside another block: what is raised just there passes by the handlers of that block.
+
+    The line cannot fail by itself, so the interpreter has no handlers for it.
+    """
+    return frame.f_lineno in _lines_of_blocks(frame.f_code.co_filename)[1]
 
 
 def comes_of_quit(error: BaseException | None) -> bool:
@@ -81,16 +89,24 @@ def _is_handed_on(frame: FrameType) -> bool:
 
 
 @functools.lru_cache(maxsize=64)
-def _cleaning_lines(filename: str) -> frozenset[int]:
-    """The lines of `finally` blocks and of `with`, which is reached again when its block ends; none without a source."""
+def _lines_of_blocks(filename: str) -> tuple[frozenset[int], frozenset[int]]:
+    """The lines that clean up, and those without the handlers of the blocks around them; none without a source.
+
+    The first are those of `finally` blocks and of `with`, which is reached again when its block
+    ends, the second those of each `try` inside another block.
+    """
     try:
         tree = ast.parse("".join(linecache.getlines(filename)))
     except (SyntaxError, ValueError):
-        return frozenset()
-    lines: set[int] = set()
+        return frozenset(), frozenset()
+    cleaning: set[int] = set()
+    without_handlers: set[int] = set()
     for node in ast.walk(tree):
         if isinstance(node, (ast.Try, ast.TryStar)) and node.finalbody:
-            lines.update(range(node.finalbody[0].lineno, (node.finalbody[-1].end_lineno or 0) + 1))
+            cleaning.update(range(node.finalbody[0].lineno, (node.finalbody[-1].end_lineno or 0) + 1))
         elif isinstance(node, (ast.With, ast.AsyncWith)):
-            lines.update(range(node.lineno, max(node.lineno + 1, node.body[0].lineno)))
-    return frozenset(lines)
+            cleaning.update(range(node.lineno, max(node.lineno + 1, node.body[0].lineno)))
+        if isinstance(node, (ast.Try, ast.TryStar, ast.With, ast.AsyncWith)):
+            without_handlers.update(inner.lineno for inner in ast.walk(node)
+                                    if isinstance(inner, (ast.Try, ast.TryStar)) and inner is not node)
+    return frozenset(cleaning), frozenset(without_handlers)

@@ -15,6 +15,7 @@ from brixbase import dlog
 
 from brixdebug import compat
 from brixdebug.decisions import PASSED, UNDECIDED
+from brixdebug.ending import is_without_handlers
 from brixdebug.exceptions import RAISED, UNHANDLED
 from brixdebug.raising import is_of_signal_handler
 from brixdebug.suspension import ends_by_itself
@@ -363,6 +364,8 @@ class Reporter:
         thread_id = _thread.get_ident()
         if thread_id in self._raiser.finished_thread_ids or ends_by_itself(frame):
             return True
+        if is_line and is_without_handlers(frame):
+            return True                       # at the next line
         if thread_id not in self._raiser.ended_thread_ids:
             self._raiser.raise_in_program(bdb.BdbQuit())
         elif is_line:
@@ -396,13 +399,16 @@ class Reporter:
             state.untrace(frame)
             state.run_freely()
             self._monitor.needs_changed(debugger)
-            self._raiser.raise_in_program(error)
+            if not (self._monitor.suspension.is_ending_all and is_without_handlers(frame)):
+                self._raiser.raise_in_program(error)      # else the thread is ended at its next line
         else:
             debugger.on_own_error(error)
 
     def _dispatch(self, debugger: TracedDebugger, frame: FrameType, name: str, value: object) -> None:
         state = debugger.stop_states.of_thread.own
         if state.error_to_raise is not None:
+            if name == "line" and is_without_handlers(frame):
+                return                        # at the next line
             error, state.error_to_raise = state.error_to_raise, None
             raise error
         trace_dispatch = debugger.trace_dispatch
