@@ -82,8 +82,9 @@ test: tests-configured  ## the tests of each change, in every interpreter found 
 test-one:  ## one test: TEST=test_stops.SameStopsTest or TEST='Dprintf*' (C++), PYTHON=3.14 (default: the newest)
 	@tools/setup test
 	@cmake -S . -B $(BUILD) -G Ninja "-DOPTMONITORING_PYTHONS=$(PYTHONS)" >/dev/null
-	@cmake --build $(BUILD) -j $(JOBS) --target optmonitoring \
-	    $(if $(filter test_%,$(TEST)),$(if $(filter test_inject%,$(TEST)),optmonitoring_inject),plain_tests hosted_tests)
+	@cmake --build $(BUILD) -j $(JOBS) --target optmonitoring $(if $(filter test_inject%,$(TEST)),optmonitoring_inject, \
+	    $(if $(filter test_% %.test.js,$(TEST)),,plain_tests hosted_tests))
+	@$(if $(filter %.test.js,$(TEST)),BUILD=$(BUILD) tools/node_packages tests/editors)
 	@tools/test_one $(BUILD) '$(TEST)' $(PYTHON)
 
 test-long: tests-configured  ## the other tests that CI runs: tests/split.cmake says which (half an hour)

@@ -173,7 +173,7 @@ class OneTest(StandInTest):
 
     def setUp(self):
         StandInTest.setUp(self)
-        runner, hosted = self.script("run_tests.py", self.SHOW), self.script("run_hosted.py", self.SHOW)
+        runner, hosted, node = [self.script(name, self.SHOW) for name in ("run_tests.py", "run_hosted.py", "run_node.py")]
         plain = self.script("plain_tests", "#!/bin/sh\n[ $1 != --gtest_list_tests ] || { printf 'HashTable.\\n  %s\\n"
                                            "FileOpsSwitch.\\n  Both  # comment\\n'; exit; }\necho $*\nexit 3\n" % PLAIN_TEST)
         self.inside = os.path.join(self.folder, "inside")
@@ -185,6 +185,7 @@ class OneTest(StandInTest):
                   ("py", "3.12.1", "test_a"), ("py", "3.9.18", "test_a"), ("py", "3.14.10-debug", "test_a"),
                   ("py", "3.14.2", "test_a"), ("brixdebug", "3.14.2", "test_b"), ("docs", "any", "test_c"))),
             self.entry("cpp_plain", plain, "--gtest_output=xml:x"),
+            self.entry("adapter_3.14.2.scenarios", sys.executable, node, "--report", "x.json", "run_scenarios.js"),
             *(self.entry("cpp_" + interpreter, sys.executable, hosted, "lib.so", "*", "x.xml")
               for interpreter in ("3.9.18", "3.14.2")))
 
@@ -213,6 +214,12 @@ class OneTest(StandInTest):
 
     def test_test_that_is_in_one_interpreter_runs_there(self):
         self.assert_runs(["test_c", "3.9"], "any", ["--interpreter", "any", "test_c"])
+
+    def test_file_of_scenarios(self):
+        self.assert_runs(["stepping.test.js", "3.14"], "3.14.2", ["run_scenarios.js", "stepping.test.js"])
+        status, out, errors = self.run_tool("test_one", "nothing.test.js")
+        self.assertEqual((status, out), (2, ""))
+        self.assertRegex(errors, r"^tools/test_one: there are no scenarios nothing.test.js; there are: .* stepping.test.js .*\n$")
 
     def test_cpp_tests_inside_an_interpreter(self):
         self.assert_runs(["HashTable.*", "3.9"], "3.9.18", ["lib.so", "HashTable.*"])
