@@ -229,6 +229,16 @@ class Version(unittest.TestCase):
         self.assertNotRegex(read("pyproject.toml"), r"(?m)^version *=")
 
 
+class Changes(unittest.TestCase):
+    def test_newest_version_has_each_change_once_in_its_section(self):
+        newest = read("CHANGELOG.md").split("\n## ")[1]
+        before, *sections = newest.split("\n### ")
+        self.assertEqual(re.findall(r"^- .*", before, re.M), [])
+        self.assertEqual(sorted(section.splitlines()[0] for section in sections), ["Added", "Changed", "Fixed"])
+        entries = collections.Counter(re.findall(r"^- .*(?:\n  .*)*", newest, re.M))
+        self.assertEqual([entry for entry, count in entries.items() if count > 1], [])
+
+
 class Units(unittest.TestCase):
     def test_includes_follow_the_table(self):
         rows = re.findall(r"^\| `(\w+)` \| (nobody|.*?) \| [^|]+ \|$", read("docs/architecture.md"), re.M)
