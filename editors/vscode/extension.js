@@ -26,6 +26,8 @@ const configurations = {
             if (python)
                 configuration.python = python;
         }
+        if (configuration.request === "launch" && !configuration.cwd && folder)
+            configuration.cwd = folder.uri.fsPath;       // where the user looks for modules
         return configuration;
     },
 };

@@ -7,8 +7,8 @@ const { run } = require("node:test");
 const { spec } = require("node:test/reporters");
 const { writeReport } = require("./report");
 
-// How programs let clients in and how children come to sessions of their own is each adapter's own affair.
-const OWN_FILES = ["attaching.test.js", "children.test.js"];
+// How programs let clients in, how children come to sessions of their own, and what the extension adds is each adapter's own affair.
+const OWN_FILES = ["attaching.test.js", "children.test.js", "extension.test.js"];
 
 function files(named) {
     const isOwn = (process.env.ADAPTER || "brixdebug") === "brixdebug";
