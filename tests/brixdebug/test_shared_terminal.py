@@ -342,6 +342,26 @@ import signal
         self.assertIn("The program finished", session.do("continue"))
         self.assertEqual(session.end("quit")[1], 0)
 
+    def test_completion_of_a_process(self):
+        program = write_program(scratch_folder(self), """\
+            import os
+            pid = os.fork()
+            if pid == 0:
+                child = 1                    # line
+                os._exit(0)
+            os.waitpid(pid, 0)
+            """)
+        session = Session(self, "-W", "ignore::DeprecationWarning", "-m", "brixdebug", program, terminal=True,
+                          TERM="xterm", PYTHON_BASIC_REPL="1", NO_COLOR="1")
+        session.prompt()
+        session.do("break %d" % line_of(program, "line"))
+        session.do("set follow-fork on")
+        session.do("continue")
+        session.write(b"process \t\n")
+        self.assertIn("Process %d is running: it gets the prompt when it stops" % session.process.pid, session.prompt())
+        session.do("continue")
+        self.assertEqual(session.end("quit")[1], 0)
+
     def test_program_without_a_name(self):
         session = self.start(CHILDREN.replace("os._exit(hit", "import sys; sys.argv[:1] = [[None], [1]][n % 2]; os._exit(hit"))
         self.let_come(session, 1, 2)
