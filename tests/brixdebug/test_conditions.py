@@ -18,6 +18,20 @@ LOOP = """\
 """
 
 
+class StatementTest(unittest.TestCase):
+    def test_place_of_a_statement_keeps_no_code_alive(self):
+        check_child(self, write_program(scratch_folder(self), """\
+            import gc, weakref
+            from brixdebug.statements import offset_in
+            gc.disable()
+            code = compile("a = 1; b = 2", "program.py", "exec")
+            assert offset_in(code, (1, 7, 1, 12)) > offset_in(code, (1, 0, 1, 5))
+            reference = weakref.ref(code)
+            del code
+            assert reference() is None
+            """))
+
+
 class CommandsTest(unittest.TestCase):
     def setUp(self):
         self.path = write_program(scratch_folder(self), LOOP)

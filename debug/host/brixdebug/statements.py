@@ -5,7 +5,6 @@ from __future__ import annotations
 import ast
 import bisect
 import dis
-import functools
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -52,7 +51,6 @@ def end_of_instruction(code: CodeType, offset: int) -> int:
     return offsets[index] if index < len(offsets) else len(code.co_code)
 
 
-@functools.lru_cache(maxsize=256)
 def offset_in(code: CodeType, span: Span) -> int | None:
     """The first instruction of a statement; None when `code` has none of it, or no columns."""
     for index, (line, end_line, column, end_column) in enumerate(code.co_positions()):
