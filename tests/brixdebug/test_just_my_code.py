@@ -98,6 +98,14 @@ class JustMyCodeTest(unittest.TestCase):
         self.assertFalse([line for line in shown if line.startswith("  [")])
         self.assertTrue([line for line in shown if line.endswith("encode()")])
 
+    def test_where_after_restart(self):
+        """What runs the program is not shown as a library's either."""
+        child = run_session("-m", "brixdebug", self.path, commands=[
+            "break %d" % line_of(self.path, "double"), "set just-my-code on", "restart", "continue", "where", "q"])
+        self.assertEqual(child.stderr, "")
+        self.assertEqual(child.stdout.count("double()"), 2, child.stdout)
+        self.assertNotIn("<string>", child.stdout)
+
     def test_exceptions_of_libraries_stop_where_ones_own_code_gets_them(self):
         with self.path.open("a") as file:
             file.write('\ndef broken():\n    try:\n        json.loads("{")\n    except ValueError:\n        pass\nbroken()\n')

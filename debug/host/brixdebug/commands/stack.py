@@ -26,13 +26,12 @@ class StackCommands(CommandBase):
         """Without what runs the program: the debugger's own frames, and what called those of the command line."""
         stack, index = super().get_stack(f, t)
         first = index                         # of the program's entries
-        while first > 0:
-            frame = stack[first - 1][0]
-            if frame.f_code is _RUN and _starts_program(frame):
-                if first < index and stack[first][0].f_code.co_filename == _STATEMENT:
-                    first += 1                # what a script is run by
-                break
+        while first > 0 and not (stack[first - 1][0].f_code is _RUN and _starts_program(stack[first - 1][0])):
             first -= 1
+        # What a script is run by; with a step in one's own code the stack begins there.
+        if first < index and stack[first][0].f_code.co_filename == _STATEMENT \
+                and (first > 0 or _starts_program(stack[0][0].f_back)):
+            first += 1
         below = [entry for entry in stack[first:index] if not is_debuggers_code(entry[0])]
         return below + stack[index:], len(below)
 
@@ -75,8 +74,7 @@ def without_start(traceback: TracebackType | None) -> TracebackType | None:
     return programs or whole
 
 
-def _starts_program(frame: FrameType) -> bool:
+def _starts_program(frame: FrameType | None) -> bool:
     """True for the frame from which the command line runs its program."""
-    caller = frame.f_back
-    return frame.f_code is _RUN and caller is not None \
-        and caller.f_code is _RUN_OF_COMMAND_LINE
+    return frame is not None and frame.f_code is _RUN \
+        and frame.f_back is not None and frame.f_back.f_code is _RUN_OF_COMMAND_LINE
