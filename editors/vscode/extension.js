@@ -32,11 +32,14 @@ const configurations = {
     },
 };
 
+/** What a session's configuration names, or for a child's session that of the program which has started it. */
+const namedInterpreter = (session) => session &&
+    (session.configuration.python || session.configuration.pythonPath || namedInterpreter(session.parentSession));
+
 const adapters = {
     async createDebugAdapterDescriptor(session) {
-        const { python, pythonPath } = session.configuration;
         const own = vscode.workspace.getConfiguration(TYPE, session.workspaceFolder).get("adapterPython");
-        const [command] = [own || python || pythonPath || await chosenInterpreter(session.workspaceFolder) || "python3"].flat();
+        const [command] = [own || namedInterpreter(session) || await chosenInterpreter(session.workspaceFolder) || "python3"].flat();
         return new vscode.DebugAdapterExecutable(command, ["-m", "brixdebug.dap"]);
     },
 };

@@ -6,15 +6,16 @@ const Module = require("node:module");
 const path = require("node:path");
 const test = require("node:test");
 
-const registered = {};
+const registered = {}, adapters = {};
 const vscode = {
     commands: { executeCommand: async () => "/chosen/python" },
     debug: {
         registerDebugConfigurationProvider: (type, provider) => { registered[type] = provider; return {}; },
-        registerDebugAdapterDescriptorFactory: () => ({}),
+        registerDebugAdapterDescriptorFactory: (type, factory) => { adapters[type] = factory; return {}; },
     },
     window: {},
-    workspace: {},
+    workspace: { getConfiguration: () => ({ get: () => undefined }) },
+    DebugAdapterExecutable: class { constructor(command, args) { Object.assign(this, { command, args }); } },
 };
 const load = Module._load;
 Module._load = (name, ...rest) => name === "vscode" ? vscode : load(name, ...rest);
@@ -33,4 +34,13 @@ test("what a configuration says itself holds", async () => {
     const given = { ...MODULE, cwd: "/elsewhere", python: "/own/python" };
     assert.deepEqual(await resolve("/work", { ...given }), given);
     assert.deepEqual(await resolve("/work", { ...ATTACH }), ATTACH);
+});
+
+test("sessions of children have the adapter of the program that started them", async () => {
+    const program = { configuration: { ...MODULE, python: ["/own/python", "-X", "dev"] } };
+    const child = { configuration: ATTACH, parentSession: program };
+    for (const session of [program, child, { configuration: ATTACH, parentSession: child }])
+        assert.deepEqual({ ...await adapters.brixdebug.createDebugAdapterDescriptor(session) },
+            { command: "/own/python", args: ["-m", "brixdebug.dap"] });
+    assert.equal((await adapters.brixdebug.createDebugAdapterDescriptor({ configuration: ATTACH })).command, "/chosen/python");
 });
