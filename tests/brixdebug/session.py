@@ -8,6 +8,7 @@
 Nothing here sleeps in place of a condition: each wait is for text, or for the end of the child, and has an end itself.
 """
 
+import itertools
 import os
 import pty
 import re
@@ -116,9 +117,12 @@ class Session:
         # A terminal shows what is typed.
         return printed.partition("\n")[2] if self._terminal else printed
 
-    def do_until(self, command, text, times=2000):
-        """Give the command over and over until it prints `text`."""
-        for _ in range(times):
+    def do_until(self, command, text, times=None):
+        """Give the command over and over until it prints `text`: so often at most, or for as long as a session may be silent."""
+        deadline = time.monotonic() + SECONDS
+        for number in itertools.count():
+            if times is None and time.monotonic() > deadline or number == times:
+                break
             printed = self.do(command)
             if text in printed:
                 return printed

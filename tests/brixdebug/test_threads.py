@@ -231,7 +231,7 @@ class HoldingTest(ThreadsTestCase):
         self.wait_until_held(session, 3)
         self.assertStandStill(session)
         session.do("next")
-        session.do_until("next", "# next", 1000)     # they went on: the loop has ended
+        session.do_until("next", "# next")           # they went on: the loop has ended
         self.wait_until_held(session, 3)
         self.assertStandStill(session)
         self.assertEnds(session, "done")
