@@ -45,9 +45,10 @@ class Running:
                  traceback: TracebackType | None) -> None:
         with self._lock:
             self._has_ended.set()
+            was_stuck, self.is_stuck = self.is_stuck, False
         if self._before is not None:
             signal.signal(_SIGNAL, self._before)
-        if self.is_stuck:
+        if was_stuck:
             self._on_end()
 
     def cancel(self) -> None:
@@ -74,6 +75,6 @@ class Running:
         if self._has_ended.wait(_END_SECONDS):
             return
         with self._lock:
-            self.is_stuck = not self._has_ended.is_set()
-        if self.is_stuck:
+            is_stuck = self.is_stuck = not self._has_ended.is_set()
+        if is_stuck:
             self._on_stuck()
