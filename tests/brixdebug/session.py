@@ -118,13 +118,16 @@ class Session:
         return printed.partition("\n")[2] if self._terminal else printed
 
     def do_until(self, command, text, times=None):
-        """Give the command over and over until it prints `text`: so often at most, or for as long as a session may be silent."""
+        """Give the command over and over until it prints `text`, or something of which `text` is true.
+
+        So often at most, or for as long as a session may be silent.
+        """
         deadline = time.monotonic() + SECONDS
         for number in itertools.count():
             if times is None and time.monotonic() > deadline or number == times:
                 break
             printed = self.do(command)
-            if text in printed:
+            if text(printed) if callable(text) else text in printed:
                 return printed
         self._test.fail("%r never came from %r; the session so far:\n%s" % (text, command, self.seen[-SHOWN:]))
 

@@ -35,11 +35,7 @@ class ThreadsTestCase(unittest.TestCase):
         self.assertEqual(session.end("quit")[1], 0)
 
     def wait_until_held(self, session, count):
-        for _ in range(2000):
-            printed = session.do("threads")
-            if printed.count(" held ") == count:
-                return
-        self.fail("not held:\n" + printed)
+        session.do_until("threads", lambda printed: printed.count(" held ") == count)
 
     @staticmethod
     def number_of(session, name):
