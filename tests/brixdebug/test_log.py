@@ -20,6 +20,30 @@ class LogTestCase(unittest.TestCase):
         return check_child(self, script)
 
 
+class ThreadsTest(LogTestCase):
+
+    def test_no_line_is_lost_where_threads_log_at_once(self):
+        self.run_script("""\
+            import sys, threading
+            from brixdebug import log
+            log.open_log(LOG, ["breakpoints"])
+            sys.setswitchinterval(1e-6)
+            def work(number):
+                for n in range(2000):
+                    log.breakpoints(lambda: "%d: %d\\n" % (number, n))
+            threads = [threading.Thread(target=work, args=(number,)) for number in range(4)]
+            for thread in threads:
+                thread.start()
+            for thread in threads:
+                thread.join()
+            log.close_log()
+            """)
+        lines = self.log.read_text().splitlines()
+        for number in map(str, range(4)):
+            self.assertEqual([line for line in lines if line.startswith(number)],
+                             ["%s: %d" % (number, n) for n in range(2000)])
+
+
 class DlogTest(LogTestCase):
 
     def logged(self, text):

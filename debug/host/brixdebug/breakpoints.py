@@ -18,6 +18,7 @@ import weakref
 import optmonitoring
 from brixbase import dlog
 
+from brixdebug import log
 from brixdebug.raising import is_of_signal_handler
 from brixdebug.statements import offset_in
 
@@ -33,11 +34,6 @@ if TYPE_CHECKING:
     from brixdebug.raising import Raiser
     from brixdebug.turn import Turn
     from brixdebug.switches import Switches
-
-
-def log(text: Callable[[], str]) -> None:
-    """Tell the log, domain "breakpoints"; `text` is a callable that is called when somebody reads it."""
-    optmonitoring.dprintf(optmonitoring.kLogBreakpoints, text)
 
 
 def is_pseudo_file(filename: str) -> bool:
@@ -95,7 +91,7 @@ class BreakLines:
         grown = bool(lines)
         for record in records:
             grown |= self._enable_lines(debugger, record)
-        log(lambda: self._lines_without_code(filename, lines, records))
+        log.breakpoints(lambda: self._lines_without_code(filename, lines, records))
         return grown
 
     def _lines_without_code(self, filename: str, lines: dict[int, Any],
@@ -248,14 +244,14 @@ class BreakLines:
             return False
         lines = self._lines(debugger, record, code)
         if lines and record.fIsInternal:
-            log(lambda: "%s is the debugger's own code: no breakpoint holds there\n"
+            log.breakpoints(lambda: "%s is the debugger's own code: no breakpoint holds there\n"
                 % _code_text(code))
             lines = None
         offsets = self._offsets(debugger, record, code, lines or set())
         before, offsets_before = self._switches.lines_of(record), self._switches.offsets_of(record)
         if lines == before and offsets == offsets_before:
             return False
-        log(lambda: "lines to stop at in %s: %s\n" % (
+        log.breakpoints(lambda: "lines to stop at in %s: %s\n" % (
             _code_text(code), ", ".join(map(str, sorted(lines or ()))) or "none"))
         self._switches.want(record, lines=lines or set(), offsets=offsets)
         return lines is not None and not lines <= (before or set()) or not offsets <= offsets_before

@@ -11,7 +11,6 @@ import _thread
 import bdb
 import sys
 
-import optmonitoring
 
 from brixdebug import conditions, log
 from brixdebug.raising import is_of_signal_handler
@@ -245,9 +244,5 @@ def count_anew() -> None:
 
 
 def _log_decision(breakpoint: Any, frame: FrameType, text: str) -> None:
-    if not log.current_mask:
-        return
-    optmonitoring.dprintf(
-        optmonitoring.kLogBreakpoints,
-        lambda: "breakpoint %d at %s:%d reached in %s(): %s\n" % (
-            breakpoint.number, frame.f_code.co_filename, frame.f_lineno, frame.f_code.co_name, text))
+    log.breakpoints(lambda: "breakpoint %d at %s:%d reached in %s(): %s\n" % (
+        breakpoint.number, frame.f_code.co_filename, frame.f_lineno, frame.f_code.co_name, text))

@@ -5,13 +5,14 @@ from __future__ import annotations
 import contextlib
 import io
 import os
+import threading
 
 import optmonitoring
 from brixbase import dlog
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
-    from collections.abc import Iterable
+    from collections.abc import Callable, Iterable
 
 _MASKS = {
     "other": optmonitoring.kLogOther,
@@ -33,6 +34,26 @@ DEFAULT_DOMAINS = ("core", "exceptions", "internal_failures")
 _log_file: io.TextIOWrapper | None = None
 
 current_mask = 0              # of the domains that `open_log` was given; 0 without a log
+
+# The module drops what a thread logs while another one is writing.
+_writing = threading.RLock()
+
+
+def _forget_writers() -> None:
+    """In a forked child: another thread of the parent may have been writing."""
+    global _writing
+    _writing = threading.RLock()
+
+
+os.register_at_fork(after_in_child=_forget_writers)
+
+
+def breakpoints(text: Callable[[], str]) -> None:
+    """Log in the domain "breakpoints"; `text` is called when somebody reads it."""
+    if current_mask & optmonitoring.kLogBreakpoints:
+        line = text()
+        with _writing:
+            optmonitoring.dprintf(optmonitoring.kLogBreakpoints, line)
 
 
 def domain_mask(domains: Iterable[str]) -> int:

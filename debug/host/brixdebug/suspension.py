@@ -14,6 +14,7 @@ import threading
 import optmonitoring
 from brixbase import dlog
 
+from brixdebug import log
 from brixdebug.evaluation import Evaluation
 from brixdebug.lives import Life
 from brixdebug.switches import program_frame, thread_id_of
@@ -229,8 +230,7 @@ class Suspension:
     def _debug_policy(self, thread_id: int) -> int:
         if thread_id not in own_thread_ids:
             return 1
-        optmonitoring.dprintf(
-            optmonitoring.kLogBreakpoints,
+        log.breakpoints(
             lambda: "thread %d is the debugger's own: no breakpoint holds there\n" % thread_id)
         return 0
 
