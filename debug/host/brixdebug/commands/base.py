@@ -29,7 +29,7 @@ else:
 _EXPRESSION_STARTS = tuple("=.([,:+-*/%@&|^<>!")
 
 # Commands that do something without an argument.
-_BARE_COMMANDS = {"threads", "catch", "unwatch", "processes"}
+_BARE_COMMANDS = {"threads", "catch", "unwatch"}
 
 
 class CommandBase(_Debugger):
