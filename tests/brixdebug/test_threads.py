@@ -3,7 +3,7 @@
 import re
 import unittest
 
-from host_support import scratch_folder
+from host_support import check_child, scratch_folder
 from session import Session, line_of, run_session, write_program
 
 
@@ -642,6 +642,52 @@ class EndTest(ThreadsTestCase):
         session.prompt()
         session.do_until("next", "here = 2", 3)
         self.assertEqual(session.end("continue"), ("done\n", 0))
+
+
+class LockAtEndTest(unittest.TestCase):
+    """A lock that a daemon thread had when the interpreter ended it."""
+
+    def test_nobody_waits_for_a_thread_that_was_ended(self):
+        program = write_program(scratch_folder(self), """\
+            import _thread, sys, threading
+            is_over = False
+            sys.is_finalizing = lambda: is_over
+            from brixdebug.locks import LockAtEnd
+            lock, has_it = LockAtEnd(_thread.RLock()), threading.Event()
+            def work():
+                with lock:
+                    has_it.set()
+                    threading.Event().wait()
+            threading.Thread(target=work, daemon=True).start()
+            has_it.wait()
+            print(lock.acquire(blocking=False), lock._is_owned())
+            threading.Timer(0.2, lambda: globals().update(is_over=True)).start()
+            with lock:
+                print("the end", is_over, lock._is_owned())
+            """)
+        self.assertEqual(check_child(self, program), "False False\nthe end True True\n")
+
+    def test_it_is_the_lock_until_then(self):
+        program = write_program(scratch_folder(self), """\
+            import _thread, threading
+            from brixdebug.locks import LockAtEnd
+            lock = LockAtEnd(_thread.RLock())
+            count = 0
+            def work():
+                global count
+                for _ in range(200):
+                    with lock, lock:
+                        before = count
+                        assert lock._is_owned()
+                        count = before + 1
+            threads = [threading.Thread(target=work) for _ in range(4)]
+            for thread in threads:
+                thread.start()
+            for thread in threads:
+                thread.join()
+            print(count, lock._is_owned())
+            """)
+        self.assertEqual(check_child(self, program), "800 False\n")
 
 
 if __name__ == "__main__":

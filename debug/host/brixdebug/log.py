@@ -37,6 +37,7 @@ current_mask = 0              # of the domains that `open_log` was given; 0 with
 
 # The module drops what a thread logs while another one is writing.
 _writing = threading.RLock()
+_MOST_SECONDS = 1.0           # a thread that the interpreter's end has ended in a write never goes on
 
 
 def _forget_writers() -> None:
@@ -52,8 +53,12 @@ def breakpoints(text: Callable[[], str]) -> None:
     """Log in the domain "breakpoints"; `text` is called when somebody reads it."""
     if current_mask & optmonitoring.kLogBreakpoints:
         line = text()
-        with _writing:
+        is_alone = _writing.acquire(timeout=_MOST_SECONDS)
+        try:
             optmonitoring.dprintf(optmonitoring.kLogBreakpoints, line)
+        finally:
+            if is_alone:
+                _writing.release()
 
 
 def domain_mask(domains: Iterable[str]) -> int:

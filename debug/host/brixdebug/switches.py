@@ -54,6 +54,7 @@ import sys
 
 import optmonitoring
 
+from brixdebug.locks import LockAtEnd
 from brixdebug.places import SwitchedOff
 
 TYPE_CHECKING = False
@@ -395,6 +396,7 @@ class Switches:
         with self.lock:
             self._is_ending = True
             self._find_without_filter(False)
+        self.lock = LockAtEnd(self.lock)
 
     # Nothing is called before DISABLE is answered, so no other thread gets between.
 

@@ -3,6 +3,9 @@
 from __future__ import annotations
 
 import _thread
+import atexit
+
+from brixdebug.locks import LockAtEnd
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -17,11 +20,15 @@ class Turn:
         """`on_wait` is called by a thread that begins to wait, with its id."""
         self._on_wait = on_wait
         self._begin_anew()
+        atexit.register(self._end)
 
     def _begin_anew(self) -> None:
         self.lock: Any = _thread.RLock()      # held by the one thread that reports
         self.depth = 0                        # its events inside events
         self.waiting_thread_ids: set[int] = set()     # of the threads that wait for the lock
+
+    def _end(self) -> None:
+        self.lock = LockAtEnd(self.lock)
 
     def take(self) -> BaseException | None:
         """Take the lock.  The exception of a signal handler meanwhile is returned: the event is not lost."""

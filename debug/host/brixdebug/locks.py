@@ -1,0 +1,43 @@
+"""Locks at the interpreter's end: a daemon thread is ended wherever it is, and never releases what it has."""
+
+from __future__ import annotations
+
+import sys
+
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from typing import Any
+
+_LOOK_SECONDS = 0.05
+
+
+class LockAtEnd:
+    """In the place of a lock once the program's own handlers of the exit have run; to be used in the same way.
+
+    It is that lock, until the other threads have been ended.  After that there is nobody left to wait for.
+    """
+
+    def __init__(self, lock: Any) -> None:
+        self._lock = lock
+        self._is_finalizing = sys.is_finalizing          # the modules are taken apart meanwhile
+
+    def acquire(self, blocking: bool = True) -> bool:
+        if not blocking:
+            return bool(self._lock.acquire(False)) or self._is_finalizing()
+        while not self._lock.acquire(True, _LOOK_SECONDS):
+            if self._is_finalizing():
+                break
+        return True
+
+    def release(self) -> None:
+        if self._lock._is_owned():
+            self._lock.release()
+
+    def _is_owned(self) -> bool:
+        return bool(self._lock._is_owned()) or self._is_finalizing()
+
+    def __enter__(self) -> bool:
+        return self.acquire()
+
+    def __exit__(self, *exc_info: object) -> None:
+        self.release()
