@@ -161,11 +161,14 @@ class Session:
         for _ in range(times):
             self.interrupt()
 
-    def interrupt_sleeping(self):
-        """An interrupt of a child whose main thread sleeps in C code, up to where it has dealt with it and sleeps again."""
-        sleeps = self._wait_until_main_thread_sleeps()
-        self.process.send_signal(signal.SIGINT)
-        self._wait_until_main_thread_sleeps(sleeps)
+    def interrupt_sleeping(self, pid=None):
+        """An interrupt of a child whose main thread sleeps in C code, up to where it has dealt with it and sleeps again.
+
+        PID: of a child's own child.
+        """
+        sleeps = self._wait_until_main_thread_sleeps(pid=pid)
+        os.kill(pid or self.process.pid, signal.SIGINT)
+        self._wait_until_main_thread_sleeps(sleeps, pid)
 
     def _wait_until_main_thread_sleeps(self, sleeps_before=-1, pid=None):
         """How often it has gone to sleep; more than SLEEPS_BEFORE.  PID: of a child's own child."""

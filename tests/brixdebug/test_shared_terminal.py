@@ -284,7 +284,7 @@ def four(n):
             "os._exit(hit(n))", "import threading; seen = []; t = threading.Thread(target=lambda: seen.append(hit(n))); "
             "t.start(); t.join(); os._exit(seen[0])"), terminal=True)
         self.let_come(session, 1)
-        session.interrupt_at_prompt()
+        session.interrupt_sleeping(self.pids[1])
         self.let_come(session, 2)
         for n in 1, 2:
             session.do("continue")
