@@ -667,6 +667,36 @@ class LockAtEndTest(unittest.TestCase):
             """)
         self.assertEqual(check_child(self, program), "False False\nthe end True True\n")
 
+    def test_code_that_runs_at_the_very_end_under_breakpoints(self):
+        program = write_program(scratch_folder(self), """\
+            import atexit, sys, threading
+            is_over = False
+            sys.is_finalizing = lambda: is_over
+            go, has_them = threading.Event(), threading.Event()
+            def late():                          # called after the debugger's own
+                global is_over
+                go.set()
+                has_them.wait()
+                is_over = True
+                exec(compile("def last(): print('last')\\nlast()", sys.argv[0], "exec"))
+            atexit.register(late)
+            import brixdebug
+            from brixdebug.monitor import monitor
+            def work():
+                go.wait()
+                with monitor.turn.lock, monitor.switches.lock:
+                    has_them.set()
+                    threading.Event().wait()
+            brixdebug.set_trace()
+            threading.Thread(target=work, daemon=True).start()
+            print("end")                         # line
+            """)
+        session = Session(self, program)
+        session.prompt()
+        session.do("break %d" % line_of(program, "line"))
+        session.do("continue")
+        self.assertEqual(session.end("continue"), ("end\nlast\n", 0))
+
     def test_it_is_the_lock_until_then(self):
         program = write_program(scratch_folder(self), """\
             import _thread, threading
