@@ -244,5 +244,7 @@ def count_anew() -> None:
 
 
 def _log_decision(breakpoint: Any, frame: FrameType, text: str) -> None:
+    if not log.current_mask:
+        return
     log.breakpoints(lambda: "breakpoint %d at %s:%d reached in %s(): %s\n" % (
         breakpoint.number, frame.f_code.co_filename, frame.f_lineno, frame.f_code.co_name, text))
