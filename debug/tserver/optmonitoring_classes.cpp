@@ -212,7 +212,7 @@ int delete_item_if_present(PyObject* mapping, PyObject* key)
     return result < 0 && !clear_if_raised(api.PyExc_KeyError) ? -1 : 0;
 }
 
-// ---- The new-record hook ----
+// ---- Hooks ----
 
 static int call_new_object_callback(PyObject* callback, PyObject* new_object)
 {
@@ -232,6 +232,21 @@ int CallNewObjectCallback_direct(tDPData* dp, PyObject* cls, tClassAttr* attribu
         return fail_int(dp, "Exception in CallNewObjectCallback_direct\n");
     return 0;
 }
+
+PyObject* call_hook_setter(PyTypeObject* cls, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames,
+                           int (*worker)(tModuleState*, PyObject*), const char* failure)
+{
+    tModuleState* m = state_of_class(cls);
+    if (!m)
+        return nullptr;
+    PyObject* callback;
+    const tFastArgInfo infos[] = {{"callback", 0, nullptr, &callback}, {nullptr, 0, nullptr, nullptr}};
+    if (get_fastargs(infos, args, static_cast<size_t>(nargs), kwnames) < 0 || worker(m, callback) < 0)
+        return fail_null(m->dp, failure);
+    return new_none();
+}
+
+// ---- Constructors ----
 
 int refuse_keywords(PyObject* self, PyObject* kwargs, const char* class_name)
 {

@@ -169,6 +169,10 @@ PyObject* make_none(void);
 // Calls the class's new-record hook, if any, with the tracing counter raised. 0, or -1 with an exception pending.
 int CallNewObjectCallback_direct(tDPData* dp, PyObject* cls, tClassAttr* attribute, PyObject* new_object);
 
+// A class's method that sets a hook: one argument, which WORKER stores. FAILURE is reported when either fails.
+PyObject* call_hook_setter(PyTypeObject* cls, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames,
+                           int (*worker)(tModuleState*, PyObject*), const char* failure);
+
 // The registries are the host's to replace, so any mapping may stand there: item access, where KeyError means absent.
 // 1 with *ITEM [new], 0 when absent, -1 with an exception pending.
 int get_item_if_present(PyObject* mapping, PyObject* key, PyObject** item);

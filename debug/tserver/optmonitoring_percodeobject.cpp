@@ -225,15 +225,8 @@ static PyObject* CPerCodeObject_SetNewPerCodeObjectCreatedCallback(PyObject*, Py
                                                                    PyObject* const* args, Py_ssize_t nargs,
                                                                    PyObject* kwnames)
 {
-    tModuleState* m = state_of_class(cls);
-    if (!m)
-        return nullptr;
-    PyObject* callback;
-    const tFastArgInfo infos[] = {{"callback", 0, nullptr, &callback}, {nullptr, 0, nullptr, nullptr}};
-    if (get_fastargs(infos, args, static_cast<size_t>(nargs), kwnames) < 0 ||
-        CPerCodeObject_SetNewPerCodeObjectCreatedCallback_direct(m, callback) < 0)
-        return fail_null(m->dp, "Exception in CPerThread_SetNewPerCodeObjectCreatedCallback()\n");
-    return new_none();
+    return call_hook_setter(cls, args, nargs, kwnames, CPerCodeObject_SetNewPerCodeObjectCreatedCallback_direct,
+                            "Exception in CPerThread_SetNewPerCodeObjectCreatedCallback()\n");
 }
 
 static PyObject* CPerCodeObject_cb_code_object_dealloc(PyObject* self, PyTypeObject* cls, PyObject* const* args,

@@ -207,18 +207,17 @@ static PyObject* CPerFile_GetAllPerFiles(PyObject*, PyTypeObject* cls, PyObject*
     return all ? all : fail_null(m->dp, "Exception in CPerFile_GetAllPerFiles()\n");
 }
 
+static int set_new_per_file_created_callback(tModuleState* m, PyObject* callback)
+{
+    return set_class_attr(m->CPerFile, &new_per_file_created_callback, callback);
+}
+
 static PyObject* CPerFile_SetNewPerFileCreatedCallback(PyObject*, PyTypeObject* cls, PyObject* const* args,
                                                        Py_ssize_t nargs, PyObject* kwnames)
 {
-    tModuleState* m = state_of_class(cls);
-    if (!m)
-        return nullptr;
-    PyObject* callback;
-    const tFastArgInfo infos[] = {{"callback", 0, nullptr, &callback}, {nullptr, 0, nullptr, nullptr}};
-    if (get_fastargs(infos, args, static_cast<size_t>(nargs), kwnames) < 0 ||
-        set_class_attr(reinterpret_cast<PyObject*>(cls), &new_per_file_created_callback, callback) < 0)
-        return fail_null(m->dp, "Exception in CPerFile_GetPerFile()\n");  // Kept: the text names another function
-    return new_none();
+    // Kept: the text names another function.
+    return call_hook_setter(cls, args, nargs, kwnames, set_new_per_file_created_callback,
+                            "Exception in CPerFile_GetPerFile()\n");
 }
 
 // ---- Instance methods ----

@@ -417,39 +417,25 @@ static int CPerThread_SetGetThreadNameCallback_direct(tModuleState* m, PyObject*
     return 0;
 }
 
-// The three setters: one argument, a worker, a failure text.
-static PyObject* call_setter(PyTypeObject* cls, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames,
-                             int (*worker)(tModuleState*, PyObject*), const char* failure)
-{
-    tModuleState* m = state_of_class(cls);
-    if (!m)
-        return nullptr;
-    PyObject* callback;
-    const tFastArgInfo infos[] = {{"callback", 0, nullptr, &callback}, {nullptr, 0, nullptr, nullptr}};
-    if (get_fastargs(infos, args, static_cast<size_t>(nargs), kwnames) < 0 || worker(m, callback) < 0)
-        return fail_null(m->dp, failure);
-    return new_none();
-}
-
 static PyObject* CPerThread_SetDebugPolicyCallback(PyObject*, PyTypeObject* cls, PyObject* const* args,
                                                    Py_ssize_t nargs, PyObject* kwnames)
 {
-    return call_setter(cls, args, nargs, kwnames, CPerThread_SetDebugPolicyCallback_direct,
-                       "Exception in CPerThread_SetDebugPolicyCallback()\n");
+    return call_hook_setter(cls, args, nargs, kwnames, CPerThread_SetDebugPolicyCallback_direct,
+                            "Exception in CPerThread_SetDebugPolicyCallback()\n");
 }
 
 static PyObject* CPerThread_SetNewPerThreadCreatedCallback(PyObject*, PyTypeObject* cls, PyObject* const* args,
                                                            Py_ssize_t nargs, PyObject* kwnames)
 {
-    return call_setter(cls, args, nargs, kwnames, CPerThread_SetNewPerThreadCreatedCallback_direct,
-                       "Exception in CPerThread_SetNewPerThreadCreatedCallback()\n");
+    return call_hook_setter(cls, args, nargs, kwnames, CPerThread_SetNewPerThreadCreatedCallback_direct,
+                            "Exception in CPerThread_SetNewPerThreadCreatedCallback()\n");
 }
 
 static PyObject* CPerThread_SetGetThreadNameCallback(PyObject*, PyTypeObject* cls, PyObject* const* args,
                                                      Py_ssize_t nargs, PyObject* kwnames)
 {
-    return call_setter(cls, args, nargs, kwnames, CPerThread_SetGetThreadNameCallback_direct,
-                       "Exception in CPerThread_SetGetThreadNameCallback()\n");
+    return call_hook_setter(cls, args, nargs, kwnames, CPerThread_SetGetThreadNameCallback_direct,
+                            "Exception in CPerThread_SetGetThreadNameCallback()\n");
 }
 
 // ---- Instance methods ----
