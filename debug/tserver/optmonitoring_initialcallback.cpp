@@ -510,19 +510,14 @@ static PyMethodDef kMethods[] = {
     {nullptr, nullptr, 0, nullptr},
 };
 
-#define MEMBER(name, field, type, flags)                                                       \
-    {                                                                                          \
-        name, type, offsetof(CInitialCallbackBody, field), flags, kDocCInitialCallback_##field \
-    }
 static PyMemberDef kMembers[] = {
-    MEMBER("_mod", mod, kMemberObject, kMemberReadOnly),
-    MEMBER("_fSecondCallback", fSecondCallback, kMemberObject, kMemberReadOnly),
-    MEMBER("_fCanReturnDisable", fCanReturnDisable, kMemberInt, kMemberReadOnly),
-    MEMBER("fAnySuspendThread", fAnySuspendThread, kMemberInt, 0),
-    MEMBER("fSteppingEventsNeededEveryThread", fSteppingEventsNeededEveryThread, kMemberInt, 0),
+    NAMED_MEMBER("_mod", CInitialCallback, mod, kMemberObject, kMemberReadOnly),
+    NAMED_MEMBER("_fSecondCallback", CInitialCallback, fSecondCallback, kMemberObject, kMemberReadOnly),
+    NAMED_MEMBER("_fCanReturnDisable", CInitialCallback, fCanReturnDisable, kMemberInt, kMemberReadOnly),
+    MEMBER(CInitialCallback, fAnySuspendThread, kMemberInt, 0),
+    MEMBER(CInitialCallback, fSteppingEventsNeededEveryThread, kMemberInt, 0),
     {nullptr, 0, 0, 0, nullptr},
 };
-#undef MEMBER
 
 static PyType_Slot kSlots[] = {CLASS_SLOTS(CInitialCallback)};
 

@@ -354,6 +354,14 @@ typedef PyObject* (*tDefiningClassMethod)(PyObject* self, PyTypeObject* cls, PyO
 // A method's function for its table; a macro, so that the tables are constants and need no start-up code.
 #define AS_METHOD(function) reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(function))
 
+// A row of a class's member table: a field of its body, with the text that `help()` shows. NAMED_MEMBER: the name in
+// Python is another one.
+#define MEMBER(cls, field, type, flags) NAMED_MEMBER(#field, cls, field, type, flags)
+#define NAMED_MEMBER(name, cls, field, type, flags)                        \
+    {                                                                      \
+        name, type, offsetof(cls##Body, field), flags, kDoc##cls##_##field \
+    }
+
 // The slots of one of the four classes.
 #define CLASS_SLOTS(cls)                                                                                        \
     {kSlotTpMethods, kMethods}, {kSlotTpInit, reinterpret_cast<void*>(cls##_init)}, {kSlotTpMembers, kMembers}, \

@@ -266,21 +266,16 @@ PyObject* make_death_callback(PyObject* self, PyTypeObject* cls)
 
 // ---- The class ----
 
-#define MEMBER(name, type, flags)                                                         \
-    {                                                                                     \
-#name, type, offsetof(CPerCodeObjectBody, name), flags, kDocCPerCodeObject_##name \
-    }
 static PyMemberDef kMembers[] = {
-    MEMBER(fCodeObjectWeakRef, kMemberObject, kMemberReadOnly),
-    MEMBER(fCanonicalPathname, kMemberObject, kMemberReadOnly),
-    MEMBER(fPathnameToReport, kMemberObject, kMemberReadOnly),
-    MEMBER(fIsInternal, kMemberObject, kMemberReadOnly),
-    MEMBER(fEnabledBpLinenos, kMemberObject, 0),
-    MEMBER(fSteppingEventsNeededCount, kMemberSsize, 0),
-    MEMBER(fReturnEventsNeededCount, kMemberSsize, 0),
+    MEMBER(CPerCodeObject, fCodeObjectWeakRef, kMemberObject, kMemberReadOnly),
+    MEMBER(CPerCodeObject, fCanonicalPathname, kMemberObject, kMemberReadOnly),
+    MEMBER(CPerCodeObject, fPathnameToReport, kMemberObject, kMemberReadOnly),
+    MEMBER(CPerCodeObject, fIsInternal, kMemberObject, kMemberReadOnly),
+    MEMBER(CPerCodeObject, fEnabledBpLinenos, kMemberObject, 0),
+    MEMBER(CPerCodeObject, fSteppingEventsNeededCount, kMemberSsize, 0),
+    MEMBER(CPerCodeObject, fReturnEventsNeededCount, kMemberSsize, 0),
     {nullptr, 0, 0, 0, nullptr},
 };
-#undef MEMBER
 
 static PyType_Slot kSlots[] = {CLASS_SLOTS(CPerCodeObject)};
 

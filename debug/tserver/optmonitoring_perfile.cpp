@@ -268,15 +268,13 @@ static PyMethodDef kMethods[] = {
     {nullptr, nullptr, 0, nullptr},
 };
 
-#define MEMBER(name)                                                                             \
-    {                                                                                            \
-#name, kMemberObject, offsetof(CPerFileBody, name), kMemberReadOnly, kDocCPerFile_##name \
-    }
 static PyMemberDef kMembers[] = {
-    MEMBER(fCanonicalPathname), MEMBER(fBpSetByLineno),      MEMBER(fKnownPerCodeObjects),
-    MEMBER(fChecksum),          {nullptr, 0, 0, 0, nullptr},
+    MEMBER(CPerFile, fCanonicalPathname, kMemberObject, kMemberReadOnly),
+    MEMBER(CPerFile, fBpSetByLineno, kMemberObject, kMemberReadOnly),
+    MEMBER(CPerFile, fKnownPerCodeObjects, kMemberObject, kMemberReadOnly),
+    MEMBER(CPerFile, fChecksum, kMemberObject, kMemberReadOnly),
+    {nullptr, 0, 0, 0, nullptr},
 };
-#undef MEMBER
 
 static PyType_Slot kSlots[] = {CLASS_SLOTS(CPerFile)};
 

@@ -482,28 +482,23 @@ static PyMethodDef kMethods[] = {
     {nullptr, nullptr, 0, nullptr},
 };
 
-#define MEMBER(name, type, flags)                                                 \
-    {                                                                             \
-#name, type, offsetof(CPerThreadBody, name), flags, kDocCPerThread_##name \
-    }
 static PyMemberDef kMembers[] = {
-    MEMBER(mod, kMemberObject, kMemberReadOnly),
-    MEMBER(fThreadId, kMemberObject, kMemberReadOnly),
-    MEMBER(fSteppingEventsNeeded, kMemberBool, 0),
-    MEMBER(fOuterMostFrame, kMemberObject, 0),
-    MEMBER(fStopFrame, kMemberObject, 0),
-    MEMBER(fDontStopLinenoRange, kMemberObject, 0),
-    MEMBER(fReturnFrame, kMemberObject, 0),
-    MEMBER(fStopAtNextLine, kMemberObject, 0),
-    MEMBER(fDebugPolicy, kMemberInt, 0),
-    MEMBER(fSuspendLock, kMemberObject, 0),
-    MEMBER(fCheckSuspendLock, kMemberInt, 0),
-    MEMBER(fThreadName, kMemberObject, kMemberReadOnly),
-    MEMBER(fExitingWithException, kMemberInt, 0),
-    MEMBER(fSteppingCodeObjects, kMemberObject, 0),
+    MEMBER(CPerThread, mod, kMemberObject, kMemberReadOnly),
+    MEMBER(CPerThread, fThreadId, kMemberObject, kMemberReadOnly),
+    MEMBER(CPerThread, fSteppingEventsNeeded, kMemberBool, 0),
+    MEMBER(CPerThread, fOuterMostFrame, kMemberObject, 0),
+    MEMBER(CPerThread, fStopFrame, kMemberObject, 0),
+    MEMBER(CPerThread, fDontStopLinenoRange, kMemberObject, 0),
+    MEMBER(CPerThread, fReturnFrame, kMemberObject, 0),
+    MEMBER(CPerThread, fStopAtNextLine, kMemberObject, 0),
+    MEMBER(CPerThread, fDebugPolicy, kMemberInt, 0),
+    MEMBER(CPerThread, fSuspendLock, kMemberObject, 0),
+    MEMBER(CPerThread, fCheckSuspendLock, kMemberInt, 0),
+    MEMBER(CPerThread, fThreadName, kMemberObject, kMemberReadOnly),
+    MEMBER(CPerThread, fExitingWithException, kMemberInt, 0),
+    MEMBER(CPerThread, fSteppingCodeObjects, kMemberObject, 0),
     {nullptr, 0, 0, 0, nullptr},
 };
-#undef MEMBER
 
 static PyType_Slot kSlots[] = {CLASS_SLOTS(CPerThread)};
 
