@@ -12,6 +12,9 @@ from session import without_addresses
 # Each of these takes longer to be imported than the program's own start; pdb loads most of them from 3.14 on.
 NOT_FOR_THE_PROGRAM = "pdb", "asyncio", "argparse", "tempfile", "zipfile", "urllib.parse", "brixdebug.debugger"
 NOT_FOR_THE_ADAPTER = *NOT_FOR_THE_PROGRAM, "optmonitoring", "logging", "traceback", "inspect", "dataclasses", "secrets"
+CALLS_OF_PDB = ("import pdb; pdb.set_trace()", "from pdb import set_trace; set_trace()",
+                "import pdb; pdb.Pdb().set_trace()", "from pdb import Pdb; Pdb().set_trace()",
+                "import brixdebug; brixdebug.Pdb().set_trace()")
 LOADED = "import sys; print([name for name in %r if name in sys.modules])"
 
 
@@ -43,13 +46,62 @@ class LoadedModulesTest(AdapterTestCase):
 
 class PdbTest(AdapterTestCase):
     def test_its_calls_stop_in_the_editor(self):
-        for call in "import pdb; pdb.set_trace()", "from pdb import set_trace; set_trace()":
+        for call in CALLS_OF_PDB:
             with self.subTest(call):
                 client = self.client()
                 client.launch(self.program("first = 1\n%s\nafter = 1\n" % call))
                 self.assertEqual(client.wait_for_stop("breakpoint")["frame"]["line"], 3)
                 client.go_on()
-                self.assertEqual(client.finish(), 0)
+                self.assertEqual((client.finish(), client.output), (0, {}))
+
+    def test_its_calls_stop_in_every_thread(self):
+        client = self.client()
+        client.launch(self.program("""\
+            import pdb, threading
+
+            def work(call):
+                call()
+                return 1
+
+            for call in pdb.set_trace, lambda: pdb.Pdb(nosigint=True).set_trace(__import__("sys")._getframe(1)):
+                thread = threading.Thread(target=work, args=(call,))
+                thread.start()
+                thread.join()
+        """))
+        for _ in range(2):
+            stopped = client.wait_for_stop("breakpoint")
+            self.assertEqual((stopped["frame"]["name"], stopped["frame"]["line"]), ("work", 5))
+            self.assertNotEqual(stopped["threadId"], 1)
+            client.go_on()
+        self.assertEqual((client.finish(), client.output), (0, {}))
+
+    @unittest.skipIf(sys.version_info < (3, 14), "pdb.set_trace_async came with 3.14")
+    def test_awaited_calls_stop_in_the_editor(self):
+        client = self.client()
+        client.launch(self.program("""\
+            import asyncio, pdb
+
+            async def work():
+                await pdb.set_trace_async()
+                await pdb.Pdb().set_trace_async()
+                return 1
+
+            asyncio.run(work())
+        """))
+        for line in 5, 6:
+            stopped = client.wait_for_stop("breakpoint")
+            self.assertEqual((stopped["frame"]["name"], stopped["frame"]["line"]), ("work", line))
+            client.go_on()
+        self.assertEqual((client.finish(), client.output), (0, {}))
+
+    def test_its_calls_do_nothing_at_a_stop(self):
+        client = self.client()
+        client.launch(self.program("import pdb\nbreakpoint()\nafter = 1\n"))
+        stopped = client.wait_for_stop("breakpoint")
+        for call in "pdb.set_trace()", "pdb.Pdb().set_trace()":
+            self.assertEqual(client.evaluate(call, stopped["frame"]["id"]), "")
+        client.go_on()
+        self.assertEqual((client.finish(), client.output), (0, {}))
 
     def test_import_leaves_nothing_behind(self):
         text = """\

@@ -142,6 +142,16 @@ scenario("breakpoint() stops", async (s) => {
     assert.ok([2, 3].includes(frame.line), `line ${frame.line}`);
 });
 
+scenario("a prompt that the program opens itself is a stop", async (s) => {
+    await s.debug(s.write("program.py", "import pdb\npdb.Pdb().set_trace()\npdb.set_trace()\ny = 2\n"));
+    for (const line of [3, 4]) {
+        assert.equal((await s.stopped("breakpoint")).frame.line, line);
+        await s.goOn();
+    }
+    assert.equal(await s.ended(), 0);
+    assert.equal(s.printed.stdout, undefined);
+});
+
 // -- conditions ------------------------------------------------------------------------------
 
 scenario("a condition", async (s) => {

@@ -50,6 +50,7 @@ const DIFFERENCES = {
     "information: the exceptions of a group": "shows no inner exceptions",
     "information without an exception is refused": "answers with the text that there is none",
     // breakpoints
+    "a prompt that the program opens itself is a stop": "the prompt opens on the program's standard output",
     "a breakpoint on a comment holds at the next statement": "moves it back, to the def",
     "a breakpoint after the last statement is not verified, with the reason": "verifies it",
     "a breakpoint in a file that is not there is not verified, with the reason": "has a text of its own",

@@ -67,6 +67,8 @@ def __getattr__(name: str) -> object:
     if name not in _HOMES:
         raise AttributeError("module %r has no attribute %r" % (__name__, name))
     module, there = _HOMES[name]
+    if not module.startswith("brixdebug.dap."):
+        importlib.import_module("pdb")        # before what derives from it: it loads the prompt in an editor's session
     value = globals()[name] = getattr(importlib.import_module(module), there)
     return value
 

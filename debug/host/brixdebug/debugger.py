@@ -100,11 +100,13 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
         if processes.is_free():
             processes.pass_by()
             return
+        if frame is None:
+            frame = sys._getframe().f_back
+        if _stop_in_editor(frame):
+            return
         self.is_left_alone = False            # this process wants it, whatever its parent is
         if self.use_rawinput:
             streams.check_terminal()
-        if frame is None:
-            frame = sys._getframe().f_back
         interruption = monitor.turn.take()    # another thread may be at the prompt
         try:
             if self.use_rawinput and not processes.is_of_session():
@@ -117,6 +119,13 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
             monitor.turn.lock.release()
         if interruption is not None:
             raise interruption
+
+    if sys.version_info >= (3, 14):
+        async def set_trace_async(self, frame: FrameType | None = None, *, commands: Iterable[str] | None = None) -> None:
+            if frame is None:
+                frame = sys._getframe().f_back
+            if not _stop_in_editor(frame):
+                await super().set_trace_async(frame, commands=commands)
 
     def _to_be_entered(self) -> Debugger:
         """This one, unless another thread has entered one that was made for the same purpose."""
@@ -278,6 +287,15 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
         finally:
             if isinstance(monitor.debugger, Debugger) and monitor.debugger is not self:
                 monitor.debugger.stop_trace()         # one that the program has entered
+
+
+def _stop_in_editor(frame: FrameType | None) -> bool:
+    """Whether the process is debugged without a prompt: the calling thread stops in `frame` there."""
+    debugger = monitor.debugger
+    if debugger is None or not debugger.replaces_prompts:
+        return False
+    debugger.set_trace(frame)
+    return True
 
 
 def _nested(debugger: Debugger) -> Debugger:

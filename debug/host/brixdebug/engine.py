@@ -96,6 +96,9 @@ class Bdb(compat.TraceBase):
     # Whether a child that the program forks is debugged too.
     follows_fork = False
 
+    # Whether a prompt that the program asks for is a stop of this debugger, which has none.
+    replaces_prompts = False
+
     # Whether this process is such a child, and runs without the debugger.
     is_left_alone = False
 

@@ -99,6 +99,8 @@ if sys.version_info >= (3, 14):
             if header is not None:
                 debugger.message(header)
             await debugger.set_trace_async(sys._getframe().f_back, commands=commands)
+        elif debugger is not None:
+            debugger.set_trace(sys._getframe().f_back)        # of an engine without a prompt
 
 
 def help() -> None:

@@ -115,6 +115,8 @@ class Stop:
 class ClientDebugger(Bdb):
     """`bdb.Bdb` whose stops wait for a client."""
 
+    replaces_prompts = True
+
     def __init__(self, front: Front) -> None:
         super().__init__()
         self._front = front
