@@ -11,23 +11,22 @@ from session import Session, write_program
 GUIDE = Path(__file__).resolve().parent.parent.parent / "docs" / "debugger.md"
 SECTION = "## The commands that pdb has not"
 
-# Prints the commands of the prompt, those of pdb, and those that do something without an argument.
+# Prints the commands of the prompt, and those of pdb.
 SHOW = """
 import json, pdb
 import brixdebug
-from brixdebug.commands.base import _BARE_COMMANDS
 
 def commands(cls):
     return [name[len("do_"):] for name in dir(cls) if name.startswith("do_")]
 
-print(json.dumps([commands(brixdebug.Debugger), commands(pdb.Pdb), sorted(_BARE_COMMANDS)]))
+print(json.dumps([commands(brixdebug.Debugger), commands(pdb.Pdb)]))
 """
 
 
 class CommandsTest(unittest.TestCase):
     def setUp(self):
-        there, of_pdb, bare = json.loads(check_child(self, "-c", SHOW))
-        self.added, self.bare = set(there) - set(of_pdb), set(bare)
+        there, of_pdb = json.loads(check_child(self, "-c", SHOW))
+        self.added = set(there) - set(of_pdb)
         self.assertIn("threads", self.added)
 
     def test_help_describes_each(self):
@@ -44,8 +43,23 @@ class CommandsTest(unittest.TestCase):
         cells = re.findall(r"^\| (`.*?) \|", section, re.M)
         self.assertEqual({re.match(r"`(\w+)", cell).group(1) for cell in cells}, self.added)
 
-    def test_those_without_an_argument_are_commands(self):
-        self.assertEqual(self.bare - self.added, set())
+    def test_bare_name_of_a_variable(self):
+        """It is the command where that does something without an argument, and else the variable."""
+        session = Session(self, "-m", "brixdebug", write_program(scratch_folder(self), "pass\n"))
+        session.prompt()
+        needs_argument = {name: session.do(name).startswith("***") for name in sorted(self.added)}
+        self.assertEqual({needs_argument["threads"], needs_argument["thread"]}, {True, False})
+        for name, is_variable in needs_argument.items():
+            with self.subTest(name):
+                session.do("!%s = 'of the program'" % name)
+                note = "(the command; the program's variable is !%s)\n" % name
+                answer = session.do(name)
+                if is_variable:
+                    self.assertEqual(answer, "'of the program'\n")
+                else:
+                    self.assertEqual(answer[:len(note)], note)
+                self.assertEqual(session.do("!" + name), "'of the program'\n")
+        session.end("quit")
 
 
 if __name__ == "__main__":

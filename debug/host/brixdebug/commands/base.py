@@ -29,7 +29,7 @@ else:
 _EXPRESSION_STARTS = tuple("=.([,:+-*/%@&|^<>!")
 
 # Commands that do something without an argument.
-_BARE_COMMANDS = {"threads", "catch", "unwatch"}
+_BARE_COMMANDS = {"threads", "catch", "set", "watch", "unwatch"}
 
 
 class CommandBase(_Debugger):

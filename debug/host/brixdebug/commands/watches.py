@@ -23,6 +23,7 @@ class WatchCommands(ThreadCommands):
 
     def do_watch(self, arg: str) -> None:
         """watch EXPRESSION [if CONDITION]
+        watch
 
         Stop when the value of the expression has changed; with CONDITION, when that
         is true then.  Local names are those of this call of this function: the watch
