@@ -336,6 +336,29 @@ class CaughtQuitTest(TerminalTestCase):
             """, "break 7")
         self.assertEqual(printed[1:], ["end of work"])
 
+    def test_at_a_try_on_one_line_inside_of_another_block(self):
+        # the call of that line is not made any more
+        for line in "try: print('not reached')", "try: here = 1; print('not reached')", "try: here = seen.append(1)":
+            for handler in ("except ValueError: pass", "finally: print('end of try')"):
+                with self.subTest(line, handler=handler):
+                    printed = self.ended("""\
+                        import contextlib
+                        seen = []
+                        def work():
+                            with contextlib.closing(End()):
+                                try:
+                                    while True:
+                                        %s
+                                        %s
+                                finally:
+                                    print("end of loop", seen)
+                        class End:
+                            def close(self):
+                                print("end of work")
+                        work()
+                        """ % (line, handler), "break 7")
+                    self.assertEqual(printed[1:], ["end of try"] * ("finally" in handler) + ["end of loop []", "end of work"])
+
     def test_in_a_worker_and_beside_one(self):
         program = """\
             import contextlib, threading

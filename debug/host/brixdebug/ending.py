@@ -15,7 +15,10 @@ import sys
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
+    from collections.abc import Iterator
     from types import FrameType
+
+_UNIT = 2                     # bytes, of which places in code are counted
 
 # How often a call may catch it before handlers are ended too, and before all lines are alike.
 _OFTEN = 2
@@ -62,9 +65,11 @@ class Catcher:
 def is_without_handlers(frame: FrameType) -> bool:
     """True at the line of a `try` inside another block: what is raised just there passes by the handlers of that block.
 
-    The line cannot fail by itself, so the interpreter has no handlers for it.
+    The instruction of a `try` cannot fail by itself, so the interpreter has no handlers for it.  There is none
+    where statements follow on the line: the first of their instructions is reached then.
     """
-    return frame.f_lineno in _lines_of_blocks(frame.f_code.co_filename)[1]
+    return frame.f_lineno in _lines_of_blocks(frame.f_code.co_filename)[1] \
+        and not _has_handler(frame.f_code.co_exceptiontable, frame.f_lasti)
 
 
 def comes_of_quit(error: BaseException | None) -> bool:
@@ -86,6 +91,28 @@ def _is_handed_on(frame: FrameType) -> bool:
         return True
     loop = frame.f_locals.get("self")
     return bool(getattr(loop, "_ready", ())) or getattr(loop, "_stopping", False)
+
+
+def _has_handler(table: bytes, offset: int) -> bool:
+    """Whether an exception at this instruction is handled in its code, by the code's table of exceptions."""
+    parts = iter(table)
+    for first in parts:
+        start = _number(first & 0x7f, parts)  # the bit left out marks the first byte of an entry
+        length = _number(next(parts), parts)
+        if start <= offset // _UNIT < start + length:
+            return True
+        for _ in range(2):                    # the handler, and what it finds on the stack
+            _number(next(parts), parts)
+    return False
+
+
+def _number(first: int, parts: Iterator[int]) -> int:
+    """One of the table: six bits in each byte, and one that says whether more follow."""
+    value, byte = first & 0x3f, first
+    while byte & 0x40:
+        byte = next(parts)
+        value = value << 6 | byte & 0x3f
+    return value
 
 
 @functools.lru_cache(maxsize=64)
