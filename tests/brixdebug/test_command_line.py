@@ -101,6 +101,17 @@ class ArgumentsTest(CommandLineTestCase):
             with self.subTest(arguments):
                 self.assertSame(*arguments, commands=["continue", "where", "continue", "quit"])
 
+    def test_module_of_the_current_folder_with_the_installed_command(self):
+        """The command is a script in a folder of its own: `-m` finds what `python -m` does."""
+        self.write("import sys\nprint(sys.path[0])\n")
+        (self.folder / "bin").mkdir()
+        command = write_program(self.folder / "bin", "import brixdebug\nbrixdebug.main()\n", "brixdebug")
+        found = run_session(command, "-m", "program", commands=["continue", "quit"], cwd=self.folder)
+        self.assertEqual((found.returncode, found.stderr), (0, ""))
+        self.assertIn(PROMPT + str(self.folder) + "\n", found.stdout)
+        safe = run_session("-P", command, "-m", "program", commands=["continue", "quit"], cwd=self.folder)
+        self.assertEqual((safe.returncode, safe.stdout), (1, "ImportError: No module named program\n"))
+
     def test_wrong_command_lines(self):
         self.write(PROGRAM)
         for arguments in ([], ["no_such_script.py"], ["."], ["--no-such-option", self.program], ["-c"]):

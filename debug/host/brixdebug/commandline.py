@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import os
 import pdb
 import sys
 import threading
@@ -263,6 +264,15 @@ def _is_for_editors(arguments: list[str]) -> bool:
     return bool(rest) and rest[0].partition("=")[0] in ("--listen", "--connect")
 
 
+def _search_modules_here() -> None:
+    """As `python -m` does: the installed command has begun as a script, so its own folder comes first.
+
+    pdb puts the folder of the program there where the program is a script.
+    """
+    if getattr(sys.modules["__main__"], "__spec__", None) is None and not sys.flags.safe_path:
+        sys.path[0] = os.getcwd()
+
+
 def main() -> None:
     """The command line: pdb's, and `--log FILE` and `--log-domains NAMES` among its options."""
     arguments = sys.argv[1:]
@@ -277,6 +287,7 @@ def main() -> None:
     if attached is not None:
         from brixdebug import attach
         sys.exit(attach.main(*attached))
+    _search_modules_here()
     program_arguments: list[str] = []
     if _MIXES_OPTIONS:
         program_arguments = _take_program_arguments(arguments)
