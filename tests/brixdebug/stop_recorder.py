@@ -1,8 +1,10 @@
-"""Runs a program under a debugger class with a script of commands and writes down every stop.
+"""Runs programs under a debugger class with a script of commands and writes down every stop.
 
-    PYTHON stop_recorder.py SESSION_FILE RESULT_FILE
+Each line of standard input is a JSON list of sessions that run side by side: [SESSION_FILE, RESULT_FILE, OUTPUT_FILE] for
+each. A session has a process of its own, which is forked once all that is common to them has been imported; what it prints
+goes to the output file. When all have ended, a line with the list of their exit statuses is printed.
 
-The session is a JSON object:
+The session file holds a JSON object:
 
     base         "settrace": bdb.Bdb on sys.settrace (see SettraceBdb); "samefile": the same, with files told apart by what
                  they are and not by name; "engine": brixdebug.engine.Bdb
@@ -229,7 +231,12 @@ def run(session):
             "breakpoints": [[each.number, each.hits] for each in bdb.Breakpoint.bpbynumber if each]}
 
 
-def main(session_file, result_file):
+def record(session_file, result_file, output_file):
+    for name, flags, number in ((os.devnull, os.O_RDONLY, 0), (output_file, os.O_WRONLY, 1)):
+        opened = os.open(name, flags)
+        os.dup2(opened, number)
+        os.close(opened)
+    os.dup2(1, 2)
     with open(session_file, encoding="utf-8") as stream:
         session = json.load(stream)
     result = run(session)
@@ -237,5 +244,17 @@ def main(session_file, result_file):
         json.dump(result, stream)
 
 
+def main():
+    with open(0, "rb", buffering=0, closefd=False) as requests:     # a session's own standard input is not read from
+        for request in requests:
+            children = []
+            for files in json.loads(request):
+                child = os.fork()
+                if child == 0:
+                    return record(*files)
+                children.append(child)
+            print(json.dumps([os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) for child in children]), flush=True)
+
+
 if __name__ == "__main__":
-    main(*sys.argv[1:])
+    main()

@@ -1,6 +1,6 @@
 """The host's engine stops exactly where bdb on sys.settrace stops.
 
-Each program of `programs` runs twice for every session, each time in a process and a folder of its own: once under
+Each program of `programs` runs twice for every session, each time in a forked process and a folder of its own: once under
 `bdb.Bdb` on `sys.settrace`, once under the engine. The stops, the program's output, its end and the breakpoints' counts
 have to be the same. Breakpoints are the comments "# stop" in a program's files:
 
@@ -14,7 +14,9 @@ Where bdb itself goes wrong, the expected stops are those of a class derived fro
 import json
 import os
 import re
+import select
 import shutil
+import signal
 import subprocess
 import sys
 import unittest
@@ -81,8 +83,8 @@ class StopsTestCase(unittest.TestCase):
     def check(self, program, session, oracle="settrace", prepare=None):
         """Run both, compare, and give back what the engine's run had."""
         folder = scratch_folder(self)
-        children = [self.start(folder, base, program, dict(session), prepare) for base in (oracle, "engine")]
-        expected, seen = [self.finish(*child) for child in children]
+        expected, seen = self.record({base: self.prepare(folder / base, base, program, dict(session), prepare)
+                                      for base in (oracle, "engine")})
         self.assertLess(len(expected["stops"]), STOPS_LIMIT)
         first = next((at for at, pair in enumerate(zip(expected["stops"], seen["stops"])) if pair[0] != pair[1]),
                      min(len(expected["stops"]), len(seen["stops"])))
@@ -93,31 +95,56 @@ class StopsTestCase(unittest.TestCase):
         self.assertEqual(seen, expected)
         return seen
 
-    def start(self, scratch, base, program, session, prepare):
-        folder = scratch / base
+    def prepare(self, folder, base, program, session, prepare):
+        """The files of a session in this new folder's parent: the session's own, and where its result and its output go."""
         session["program"] = copy_program(program, folder)
         if prepare is not None:
             prepare(folder)
         if session.pop("break", False):
             session["breakpoints"] = marked_breakpoints(folder)
         session.update(base=base, folder=str(folder), locals=LOCALS)
-        session_file, result_file = scratch / (base + ".session"), scratch / (base + ".result")
-        session_file.write_text(json.dumps(session))
-        child = subprocess.Popen(
-            [sys.executable, "-W", "ignore::RuntimeWarning", HERE / "stop_recorder.py", session_file, result_file],
-            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-            env=child_environment())
-        return base, child, result_file
+        files = [folder.with_suffix(suffix) for suffix in (".session", ".result", ".output")]
+        files[0].write_text(json.dumps(session))
+        files[2].touch()
+        return files
 
-    def finish(self, base, child, result_file):
-        try:
-            out, _ = child.communicate(timeout=SECONDS)
-        except subprocess.TimeoutExpired:
-            child.kill()
-            out, _ = child.communicate()
-            self.fail("%s: hung, it printed:\n%s" % (base, out))
-        self.assertEqual((child.returncode, out[:2000]), (0, ""), base)
-        return json.loads(result_file.read_text())
+    def record(self, sessions):
+        """Run the sessions, {base: files}, and give back their results."""
+        statuses = recorder.run([[str(file) for file in files] for files in sessions.values()])
+        ends = {base: (status, files[2].read_text()[:2000]) for (base, files), status in zip(sessions.items(), statuses)}
+        self.assertEqual(ends, {base: (0, "") for base in sessions})
+        return [json.loads(files[1].read_text()) for files in sessions.values()]
+
+
+class Recorder:
+    """The process of stop_recorder.py, which all tests share."""
+
+    def __init__(self):
+        self.process = None
+
+    def run(self, sessions):
+        """The exit statuses of sessions, each a list of files; "hung" for all when one does not end or the recorder dies."""
+        if self.process is None:
+            self.process = subprocess.Popen(
+                [sys.executable, "-W", "ignore::RuntimeWarning", HERE / "stop_recorder.py"], stdin=subprocess.PIPE,
+                stdout=subprocess.PIPE, text=True, env=child_environment(), start_new_session=True)
+        print(json.dumps(sessions), file=self.process.stdin, flush=True)
+        ready, _, _ = select.select([self.process.stdout], [], [], SECONDS)
+        answer = self.process.stdout.readline() if ready else ""
+        if not answer:
+            self.end()
+        return json.loads(answer) if answer else ["hung"] * len(sessions)
+
+    def end(self):
+        """End it, and sessions that run."""
+        if self.process is not None:
+            with self.process:
+                os.killpg(self.process.pid, signal.SIGKILL)
+            self.process = None
+
+
+recorder = Recorder()
+tearDownModule = recorder.end
 
 
 class SameStopsTest(StopsTestCase):
