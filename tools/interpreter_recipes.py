@@ -1,4 +1,5 @@
-"""What tools/interpreters can install, and how: a table, and what the interpreters of other machines need besides.
+"""What tools/interpreters can install, and how: a table, what an interpreter runs once it is installed, and what those of
+other machines need besides.
 
 A name is VERSION, VERSION-FLAVOUR or VERSION-MACHINE. The machines are others than this one in their processor or in their
 C library; their interpreters have lists of their own, so that nothing takes them for this machine's.
@@ -40,6 +41,30 @@ INSTALLABLE = collections.OrderedDict([
     ("3.15-aarch64", packaged("3.15")),
     ("3.13-musl", Compiled("trixie", "python3.13", ["--disable-test-modules"], "bin/python3.13")),
 ])
+
+# What an installed interpreter runs first: it has to work, and names the modules it lacks.
+CHECK = """
+import ctypes, json, subprocess, sys, threading
+ctypes.CDLL(None)
+thread = threading.Thread(target=json.dumps, args=([],))
+thread.start(), thread.join()
+child = subprocess.check_output([sys.executable, "-c", "import sys; print(sys.executable)"], universal_newlines=True)
+assert child.strip() == sys.executable, (child, sys.executable)
+assert sys.version_info < (3, 12) or sys.monitoring
+lacking = []
+for name in ("ssl", "zlib", "bz2", "lzma", "sqlite3"):
+    try:
+        __import__(name)
+    except ImportError:
+        lacking.append(name)
+print(" ".join(lacking))
+"""
+
+# Debian's packages hold no bytecode. Without it, and where writing it is switched off, each start compiles what it imports.
+WRITE_BYTECODE = """
+import compileall, os, re
+compileall.compile_dir(os.path.dirname(os.__file__), quiet=2, rx=re.compile("/(test|idlelib)/"))
+"""
 
 THIS_MACHINE = Machine(None, "", (), [], None, [])
 MACHINES = {

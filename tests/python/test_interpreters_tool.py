@@ -27,7 +27,7 @@ sys.exit(names["main"]())
 
 # Stands in for an interpreter: answers the tool's question about itself, and passes every check.
 INTERPRETER = """#!/bin/sh
-[ "$1" = -ES ] || exit 0
+[ "$1" = -ES ] || { %(other)s; }
 echo '{"executable": "%(executable)s", "version": [%(version)s], "cpython": %(cpython)s, "flavour": "%(flavour)s", \
 "multiarch": "%(multiarch)s"}'
 """
@@ -85,10 +85,11 @@ class ToolTest(unittest.TestCase):
         os.chmod(path, 0o755)
         return path
 
-    def interpreter(self, path, version, flavour="release", executable=None, cpython=True, multiarch="arch"):
+    def interpreter(self, path, version, flavour="release", executable=None, cpython=True, multiarch="arch",
+                    other="exit 0"):
         return self.script(path, INTERPRETER % {
             "executable": executable or path, "version": version.replace(".", ", "), "flavour": flavour,
-            "cpython": json.dumps(cpython), "multiarch": multiarch})
+            "cpython": json.dumps(cpython), "multiarch": multiarch, "other": other})
 
     def pyenv_interpreter(self, name, version):
         return self.interpreter(os.path.join(self.make_folder("pyenv", "versions", name, "bin"), "python"), version)
@@ -393,6 +394,22 @@ class InstallTest(ToolTest):
         self.assertEqual(self.run_tool("install", "3.14"), (
             0, "3.14: is there: {}/bin/python3.14\n".format(self.folder), ""))
         self.assertEqual(self.read("apt-calls"), before)
+
+    def test_library_is_compiled_once_it_is_installed_and_where_it_is_not_yet(self):
+        library = self.make_folder("library")
+        for name in ("os.py", "json/decoder.py", "test/test_os.py"):
+            os.makedirs(os.path.dirname(os.path.join(library, name)), exist_ok=True)
+            self.script(os.path.join(library, name), "pass\n")
+        start = "import os, sys; os.__file__ = sys.argv[1]; exec(sys.argv[2])"
+        self.interpreter(os.path.join(self.base, "interpreter-14"), "3.14.2", executable="'$0'",
+                         other='case "$2" in *compileall*) exec {} -c "{}" {}/os.py "$2" ;; esac; exit 0'.format(
+                             sys.executable, start, library))
+        for _ in range(2):
+            self.assertEqual(self.run_tool("install", "3.14")[0], 0)
+            compiled = sorted(os.path.relpath(os.path.join(folder, name.split(".")[0]), library)
+                              for folder, _, names in os.walk(library) for name in names if name.endswith(".pyc"))
+            self.assertEqual(compiled, ["__pycache__/os", "json/__pycache__/decoder"])
+            shutil.rmtree(os.path.join(library, "__pycache__"))
 
     def test_two_names_in_one_run_read_the_package_lists_once(self):
         status, out, err = self.run_tool("install", "3.14", "3.15")
