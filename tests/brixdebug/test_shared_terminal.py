@@ -8,7 +8,7 @@ import signal
 import textwrap
 import unittest
 
-from host_support import check_child, scratch_folder
+from host_support import check_child, run_child, scratch_folder
 from session import Session, line_of, write_program
 
 # Each child waits for a letter in its pipe before it comes to the breakpoint, and ends with the status N + 4.
@@ -465,10 +465,12 @@ class RosterTest(unittest.TestCase):
         sharing = sharing.sharing
         """
 
-    def lines(self, text):
+    def write(self, text):
         folders = [str(scratch_folder(self)) for _ in range(2)]
-        program = write_program(scratch_folder(self), textwrap.dedent(self.PRELUDE) % folders + textwrap.dedent(text))
-        return check_child(self, program, input="").splitlines()
+        return write_program(scratch_folder(self), textwrap.dedent(self.PRELUDE) % folders + textwrap.dedent(text))
+
+    def lines(self, text):
+        return check_child(self, self.write(text), input="").splitlines()
 
     def test_umask(self):
         """The folder can be entered, now and by every later process."""
@@ -524,6 +526,108 @@ class RosterTest(unittest.TestCase):
             sharing.begin_prompt("here")
             print(*[(row.state, row.is_alive()) for row in sharing.rows()])
             """), ["('at the prompt', True)"])
+
+    def test_change_inside_of_a_change(self):
+        """By the handler of a signal: both hold."""
+        self.assertEqual(self.lines("""\
+            import signal
+            sharing.join()
+            def inner(rows):
+                rows[os.getpid()].name = "inner"
+                rows[1] = roster.Row(1, roster.begin_of(1), 0, "running")
+            signal.signal(signal.SIGUSR1, lambda *args: sharing._change(inner))
+            def outer(rows):
+                signal.raise_signal(signal.SIGUSR1)
+                rows[os.getpid()].place = "outer"
+            sharing._change(outer)
+            for row in sharing.rows():
+                print(row.pid == os.getpid(), row.name, row.place)
+            """), ["False  ", "True inner outer"])
+
+    def test_change_inside_of_one_that_begins_or_ends(self):
+        for name in "open", "fstat", "pread", "ftruncate", "close":
+            with self.subTest(name):
+                self.assertEqual(self.lines("""\
+                    import signal
+                    sharing.join()
+                    def inner(rows):
+                        rows[1] = roster.Row(1, roster.begin_of(1), 0, "running")
+                    signal.signal(signal.SIGUSR1, lambda *args: sharing._change(inner))
+                    real = os.NAME
+                    def with_signal(*args):
+                        os.NAME = real
+                        result = real(*args)
+                        signal.raise_signal(signal.SIGUSR1)
+                        return result
+                    def outer(rows):
+                        rows[os.getpid()].place = "outer"
+                    os.NAME = with_signal
+                    sharing._change(outer)
+                    print([row.place for row in sharing.rows()])
+                    """.replace("NAME", name)), ["['', 'outer']"])
+
+    FORKED = """\
+        import fcntl, glob, threading
+        begun, parent = threading.Event(), os.getpid()
+        def wait():
+            if os.getpid() == parent:
+                begun.set()
+                threading.Event().wait()
+        CHANGE
+        threading.Thread(target=change, daemon=True).start()
+        begun.wait()
+        if os.fork() == 0:
+            while os.getppid() == parent:
+                os.sched_yield()
+            with open(*glob.glob(paths[0] + "/*")) as file:
+                fcntl.flock(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
+            sharing.join()
+            print(sharing.is_on, flush=True)
+            os._exit(0)
+        os.kill(parent, 9)
+        """
+
+    def test_fork_in_the_middle_of_a_change_of_another_thread(self):
+        """The parent is killed then: its lock is not the child's."""
+        for change in """\
+                sharing.join()
+                change = lambda: sharing._change(lambda rows: wait())
+                """, """\
+                real, change = roster._read, sharing.join
+                roster._read = lambda descriptor: (wait(), real(descriptor))[1]
+                """:
+            with self.subTest(change):
+                text = textwrap.dedent(self.FORKED).replace("CHANGE\n", textwrap.dedent(change))
+                child = run_child("-W", "ignore::DeprecationWarning", self.write(text), input="")
+                self.assertEqual((child.stdout, child.stderr), ("True\n", ""))
+
+    def test_fork_by_a_handler_in_the_middle_of_a_change(self):
+        """The change is the parent's, and the child's own where it is followed."""
+        for is_followed in False, True:
+            with self.subTest(is_followed=is_followed):
+                self.assertEqual(self.lines("""\
+                    import signal, warnings
+                    warnings.simplefilter("ignore")
+                    sharing.join()
+                    parent, child = os.getpid(), None
+                    def fork(*args):
+                        global child
+                        child = os.fork()
+                        if child == 0 and %s:
+                            sharing.join()
+                    signal.signal(signal.SIGUSR1, fork)
+                    def outer(rows):
+                        if child is None:
+                            signal.raise_signal(signal.SIGUSR1)
+                        rows[os.getpid()].place = "edited"
+                    sharing._change(outer)
+                    if child == 0:
+                        print("child", sharing.is_on, flush=True)
+                        os.read(0, 1)
+                        os._exit(0)
+                    os.waitpid(child, 0)
+                    print([(row.pid == parent, row.place) for row in sharing.rows()])
+                    """ % is_followed), ["child %s" % is_followed, "[(True, 'edited')]"])
 
 
 class ReloaderTest(unittest.TestCase):

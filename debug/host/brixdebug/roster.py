@@ -25,6 +25,9 @@ if TYPE_CHECKING:
 _FOLDERS = "/dev/shm", "/tmp"
 _TIOCGDEV = 0x80045432        # the number of the terminal that a descriptor is, also of /dev/tty
 _SIZE = 1 << 20               # of a file, at most
+_NONE = -1                    # in place of a descriptor
+
+_changing: list[Roster] = []  # once for each call that changes one
 
 
 class Row:
@@ -153,13 +156,21 @@ def _make_safe(path: str) -> bool:
     return True
 
 
+class ForkedMeanwhile(OSError):
+    """Raised in the child of a process that was in the middle of a change."""
+
+
 class Roster:
     """The file; its name may come to stand for another file, which is noticed."""
 
     def __init__(self, path: str) -> None:
         self._path = path
         self._lock = threading.RLock()        # of the threads of this process
-        self._descriptor: int | None = None   # while the file is locked
+        self._depth = 0                       # changes inside of changes
+        self._descriptor = _NONE              # while the file is locked
+        self._rows: dict[int, Row] | None = None      # while they are changed
+        self._written = ""                    # what stands in the file then
+        self._writes = 0                      # how often that was
 
     @classmethod
     def find(cls) -> Roster | None:
@@ -198,49 +209,96 @@ class Roster:
             os.close(descriptor)
 
     def change(self, edit: Callable[[dict[int, Row]], T]) -> T:
-        """What `edit` returns, which looks at the rows and changes them; nobody else does so meanwhile."""
-        with self._lock:
-            try:
-                self._open_locked()
-                assert self._descriptor is not None
-                rows = _read(self._descriptor)
-                before = "".join(row.format() for row in rows.values())
-                result = edit(rows)
-                after = "".join(row.format() for row in rows.values())
-                if after != before:
-                    data = after.encode("utf-8", "replace")
-                    os.pwrite(self._descriptor, data, 0)
-                    os.ftruncate(self._descriptor, len(data))
-                return result
-            finally:
-                self._close()
+        """What `edit` returns, which looks at the rows and changes them; nobody else does so meanwhile.
+
+        A handler of a signal may come in between.  It may change the rows too, so `edit` goes through lists of them.
+        Where it forks, the child gets an OSError, and has changed nothing.
+        """
+        pid = os.getpid()
+        _changing.append(self)                # before the lock is taken, which a child has a copy of
+        try:
+            with self._lock:
+                return self._change_locked(edit, pid)
+        except ValueError:                    # no descriptor any more
+            if pid != os.getpid():
+                raise ForkedMeanwhile from None
+            raise
+        finally:
+            if pid == os.getpid():
+                _changing.remove(self)
+
+    def _change_locked(self, edit: Callable[[dict[int, Row]], T], pid: int) -> T:
+        self._depth += 1
+        try:
+            self._open_locked()
+            rows = self._rows
+            if self._depth == 1 or rows is None:
+                rows = self._read_rows()
+            result = edit(rows)
+            if pid != os.getpid():
+                raise ForkedMeanwhile
+            self._write()
+            return result
+        finally:
+            if pid == os.getpid():
+                self._depth -= 1
+                if self._depth == 0:
+                    self._rows = None
+                    self._close()
+
+    def _read_rows(self) -> dict[int, Row]:
+        writes = -1
+        while writes != self._writes:         # those of a change inside of this one
+            writes = self._writes
+            rows = _read(self._descriptor)
+            text = _format(rows)
+        self._rows, self._written = rows, text
+        return rows
+
+    def _write(self) -> None:
+        text = _format(self._rows or {})
+        if text != self._written:
+            data = text.encode("utf-8", "replace")
+            os.pwrite(self._descriptor, data, 0)
+            os.ftruncate(self._descriptor, len(data))
+            self._written = text
+            self._writes += 1
 
     def _open_locked(self) -> None:
+        """Locked anew where it is open, which takes no time: the change around this one may not have come to that."""
         folder = os.path.dirname(self._path)
         while True:
-            # The last one to leave has removed it, and what is there now may be another user's.
-            if not _make_safe(folder):
-                raise PermissionError("%s is not ours" % folder)
-            try:
-                self._descriptor = os.open(self._path, os.O_RDWR | os.O_CREAT | os.O_CLOEXEC | os.O_NOFOLLOW, 0o600)
-            except FileNotFoundError:         # it has been removed meanwhile
-                continue
+            if self._descriptor < 0:
+                # The last one to leave has removed it, and what is there now may be another user's.
+                if not _make_safe(folder):
+                    raise PermissionError("%s is not ours" % folder)
+                try:
+                    descriptor = os.open(self._path, os.O_RDWR | os.O_CREAT | os.O_CLOEXEC | os.O_NOFOLLOW, 0o600)
+                except FileNotFoundError:     # it has been removed meanwhile
+                    continue
+                if self._descriptor < 0:
+                    self._descriptor = descriptor
+                else:                         # a change inside of this one has opened it
+                    os.close(descriptor)
             fcntl.flock(self._descriptor, fcntl.LOCK_EX)
             if os.fstat(self._descriptor).st_nlink:
                 return
             self._close()                     # somebody has removed it meanwhile
 
     def _close(self) -> None:
-        descriptor, self._descriptor = self._descriptor, None
-        if descriptor is not None:
-            fcntl.flock(descriptor, fcntl.LOCK_UN)        # also for the copy that a child has
-            os.close(descriptor)
+        if self._descriptor >= 0:
+            fcntl.flock(self._descriptor, fcntl.LOCK_UN)        # also for the copy that a child has
+            descriptor, self._descriptor = self._descriptor, _NONE
+            if descriptor >= 0:
+                os.close(descriptor)
 
     def after_fork_in_child(self) -> None:
-        """Another thread of the parent may have been in the middle of a change."""
+        """The parent was in the middle of a change, in another thread or in a handler of a signal in this one."""
         self._lock = threading.RLock()
-        descriptor, self._descriptor = self._descriptor, None
-        if descriptor is not None:
+        self._depth = 0
+        self._rows = None
+        descriptor, self._descriptor = self._descriptor, _NONE
+        if descriptor >= 0:
             os.close(descriptor)
 
     def abandon(self) -> None:
@@ -252,11 +310,22 @@ class Roster:
     def remove_if_empty(self) -> None:
         """Remove the file when no process of it lives, and the folder after the last file."""
         def edit(rows: dict[int, Row]) -> None:
-            if not any(row.is_alive() for row in rows.values()):
+            if not any(row.is_alive() for row in list(rows.values())):
                 os.unlink(self._path)
         with contextlib.suppress(OSError):
             self.change(edit)
             os.rmdir(os.path.dirname(self._path))
+
+
+def forget_changes() -> None:
+    """In a child: those that its parent was in the middle of."""
+    for roster in _changing:
+        roster.after_fork_in_child()
+    _changing.clear()
+
+
+def _format(rows: dict[int, Row]) -> str:
+    return "".join([row.format() for row in list(rows.values())])
 
 
 def _read(descriptor: int) -> dict[int, Row]:

@@ -19,7 +19,7 @@ from brixbase import dlog
 from brixdebug.evaluation import SECONDS
 from brixdebug.monitor import monitor
 from brixdebug.raising import is_of_signal_handler
-from brixdebug.roster import Roster, Row, begin_of, expected_path
+from brixdebug.roster import Roster, Row, begin_of, expected_path, forget_changes
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -95,8 +95,8 @@ class Sharing:
         if not monitor.turn.lock._is_owned():
             self._depth = 0                   # the prompt was another thread's
             self.interruption = None
+        forget_changes()
         if self._roster is not None and self._pid != os.getpid():
-            self._roster.after_fork_in_child()
             self._use(None)
 
     def follow_parent(self) -> None:
@@ -120,7 +120,7 @@ class Sharing:
 
         It is done whatever a signal handler of the program raises meanwhile, for the others rely on it.
         """
-        result = None
+        result, pid = None, os.getpid()
         while self._roster is not None:
             try:
                 result = self._roster.change(edit)
@@ -128,6 +128,9 @@ class Sharing:
             except BaseException as error:
                 if is_of_signal_handler(error):
                     self.interruption = error
+                    continue
+                if os.getpid() != pid:        # a child by now, which may have no part in this
+                    pid = os.getpid()
                     continue
                 roster = self._roster
                 self._use(None)
@@ -199,9 +202,8 @@ class Sharing:
                 self.on_left_behind()
 
     def _wait(self, ticket: float, place: str | None) -> bool:
-        pid = os.getpid()
         while True:
-            waits_for = self._change(lambda rows: self._try(rows, pid, ticket, place))
+            waits_for = self._change(lambda rows: self._try(rows, os.getpid(), ticket, place))
             if not waits_for:
                 return True
             _sleep(min(_LOOK_SECONDS * waits_for, _MOST_LOOK_SECONDS))
@@ -215,12 +217,12 @@ class Sharing:
             own.ticket = ticket
         if own.state not in _HAVING:
             own.state = WAITING
-            before = [row for row in rows.values() if row is not own and _goes_before(row, own)]
+            before = [row for row in list(rows.values()) if row is not own and _goes_before(row, own)]
             while before and not before[0].is_alive():
                 before.pop(0)
             if before:
                 return len(before)
-            for row in rows.values():
+            for row in list(rows.values()):
                 if row.state in _HAVING:
                     self._is_left_behind |= not row.is_alive()
                     row.state = _HAVING[row.state]
@@ -228,10 +230,8 @@ class Sharing:
         return 0
 
     def _go_on(self, state: str) -> None:
-        pid = os.getpid()
-
         def edit(rows: dict[int, Row]) -> None:
-            own = _own_row(rows, pid)
+            own = _own_row(rows, os.getpid())
             own.state, own.since = state, _now()
         self._change(edit)
 
@@ -255,7 +255,7 @@ class Sharing:
                 return "Process %d is the one at the prompt" % pid
             if other.state != WAITING:
                 return "Process %d is %s: it gets the prompt when it stops" % (pid, other.state)
-            other.ticket = min(row.ticket for row in rows.values()) - 1.0
+            other.ticket = min(row.ticket for row in list(rows.values())) - 1.0
             own.state = RUNNING
             return None
         refusal: str | None = self._change(edit)
@@ -269,7 +269,7 @@ class Sharing:
         """Of the living, in the order of their beginnings."""
         def edit(rows: dict[int, Row]) -> list[Row]:
             _drop_dead(rows)
-            return sorted(filter(Row.is_alive, rows.values()), key=lambda row: (row.began, row.pid))
+            return sorted(filter(Row.is_alive, list(rows.values())), key=lambda row: (row.began, row.pid))
         return self._change(edit) or []
 
     @property
@@ -296,8 +296,9 @@ def _own_row(rows: dict[int, Row], pid: int) -> Row:
 
 def _drop_dead(rows: dict[int, Row]) -> None:
     """But for one that had the terminal: whoever takes that has to know."""
-    for row in [row for row in rows.values() if row.state not in _HAVING and not row.is_alive()]:
-        del rows[row.pid]
+    for row in list(rows.values()):
+        if row.state not in _HAVING and not row.is_alive():
+            rows.pop(row.pid, None)
 
 
 def shown_state(row: Row) -> str:
