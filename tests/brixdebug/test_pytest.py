@@ -147,6 +147,30 @@ class BreakpointTest(PytestTestCase):
         self.assertNotIn("still in the test", printed)
         self.assertNotIn("\nin the fixture\n", session.seen)
 
+    def test_between_two_tests(self):
+        """pytest shows its progress there, and keeps standard input to itself all the same."""
+        self.write(TESTS)
+        hooks = write_program(self.folder, """\
+            def pytest_runtest_logreport(report):
+                text = "%s of %s" % (report.when, report.nodeid)
+                return None                  # between
+            """, "conftest.py")
+        for capture in "fd", "sys", "no":
+            with self.subTest(capture):
+                session = self.start(arguments=["--capture=" + capture])
+                session.do("break %s:%d" % (hooks, line_of(hooks, "between")))
+                for when, shown in ("setup", ""), ("call", "."):
+                    printed = session.do("continue")
+                    self.assertIn("> %s(%d)pytest_runtest_logreport()" % (hooks, line_of(hooks, "between")), printed)
+                    if capture != "no":
+                        self.assertEqual(printed.partition("\n")[0], shown)
+                    self.assertEqual(session.do("p text"), "'%s of test_program.py::test_one'\n" % when)
+                session.do("clear 1")
+                printed = self.check_all_pass(session, 4)
+                if capture != "no":
+                    self.assertNotIn("still in the test", printed)
+                    self.assertRegex(printed, r"^\.{3} +\[100%\]\n4 passed")
+
     def test_what_is_printed_while_stepping_is_seen(self):
         self.write(TESTS)
         session = self.start("one")

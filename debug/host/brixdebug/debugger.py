@@ -65,12 +65,12 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
     gives_way = False                          # made because there was none, and not entered so far
 
     def __init__(self, *args: Any, **kwargs: Any) -> None:
-        was_captured = streams.capture.suspend()      # the streams to be kept are the terminal's
+        resume_capture = streams.capture.suspend()    # the streams to be kept are the terminal's
         try:
             super().__init__(*args, **kwargs)
         finally:
-            if was_captured:
-                streams.capture.resume()
+            if resume_capture is not None:
+                resume_capture()
         self._is_own_error_shown = False
         self.exception_stops.add(ExceptionRule(UNCAUGHT))
         self.exception_stops.is_asked_for = self._ends_program

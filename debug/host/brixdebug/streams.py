@@ -7,6 +7,7 @@ the test's.  Nothing of pytest is imported here; who runs it has it in `sys.modu
 
 from __future__ import annotations
 
+import functools
 import os
 import stat
 import sys
@@ -15,6 +16,7 @@ from brixdebug import processes
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
+    from collections.abc import Callable
     from typing import Any, TextIO
 
 
@@ -43,47 +45,58 @@ def _is_capturing(manager: Any) -> bool:
     return False
 
 
+def _has_input(manager: Any) -> bool:
+    """Whether it keeps standard input to itself, as it does between two tests, where it captures no output."""
+    capture = getattr(manager, "_global_capturing", None)
+    return getattr(capture, "in_", None) is not None and not getattr(capture, "_in_suspended", True)
+
+
+def _take_input_back(manager: Any) -> None:
+    """Undo that it was suspended between two tests, unless pytest captures again by itself."""
+    if not _is_capturing(manager):
+        manager.resume_global_capture()
+        manager.suspend_global_capture(in_=False)
+
+
 class PytestCapture:
     """What pytest has been told of a stop."""
 
     def __init__(self) -> None:
-        self._is_off = False                  # we have switched the capture off
+        self._resume: Callable[[], object] | None = None      # we have switched the capture off
         self._is_entered = False              # the plugins know that a debugger is at work
         self.is_begun = False                 # there is something for `end_stop` to do: one of these
 
     @staticmethod
-    def suspend() -> bool:
-        """The standard streams are the terminal's; False when they were already."""
+    def suspend() -> Callable[[], object] | None:
+        """The standard streams are the terminal's: what undoes that, None when they were already."""
         manager = _capture_manager()
-        if not _is_capturing(manager):
-            return False
-        manager.suspend(in_=True)
-        return True
-
-    @staticmethod
-    def resume() -> None:
-        manager = _capture_manager()
-        if manager is not None:
-            manager.resume()
+        if _is_capturing(manager):
+            manager.suspend(in_=True)
+            return manager.resume             # type: ignore[no-any-return]
+        if _has_input(manager):
+            manager.suspend_global_capture(in_=True)
+            return functools.partial(_take_input_back, manager)
+        return None
 
     def begin_stop(self, debugger: Any) -> None:
         """`debugger` is going to prompt."""
         if "_pytest.debugging" not in sys.modules:
             return
-        if self.suspend():
-            self._is_off = True
+        resume = self.suspend()
+        if resume is not None:
+            self._resume = resume
             debugger.message("")              # what pytest has printed ends in the middle of a line
         try:
             self._tell("pytest_enter_pdb", debugger, True)
         finally:
-            self.is_begun = self._is_off or self._is_entered
+            self.is_begun = self._resume is not None or self._is_entered
 
     def end_stop(self, debugger: Any) -> None:
         """All threads run freely from here on."""
         self.is_begun = False
-        if self._is_off:
-            self._is_off = False
-            self.resume()
+        resume, self._resume = self._resume, None
+        if resume is not None:
+            resume()
         self._tell("pytest_leave_pdb", debugger, False)
 
     def _tell(self, hook: str, debugger: Any, is_entered: bool) -> None:
