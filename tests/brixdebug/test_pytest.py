@@ -221,6 +221,19 @@ class BreakpointTest(PytestTestCase):
         self.assertEqual(session.do("p third"), "3\n")
         self.check_all_pass(session, 3)
 
+    def test_quit_at_calls_in_the_tests(self):
+        """pytest makes a debugger of its own there; its end is the session's."""
+        self.write(STOPPING.replace("CALL", "breakpoint()"))
+        for command in "quit", "EOF":
+            with self.subTest(command):
+                session = self.session("brixdebug")
+                session.prompt()
+                self.assertIn(self.place("first", "test_first"), session.do("continue"))
+                printed, status = session.end(command)
+                self.assertNotIn("restarted", printed)
+                self.assertNotIn("passed", printed)
+                self.assertEqual(status, 0)
+
     def test_on_a_terminal(self):
         self.write(TESTS)
         session = Session(self, "-m", "brixdebug", "-m", "pytest", "-q", "-p", "no:cacheprovider", self.program.name,
@@ -329,6 +342,10 @@ class CallTest(PytestTestCase):
         self.assertEqual(session.do("p number"), "5\n")
         self.assertIn("MainThread", session.do("threads"))
         self.assertIn("1 failed", session.do("continue"))
+        self.assertIn(self.break_place("fails", "test_fails"), session.do("continue"))
+        printed, status = session.end("quit")
+        self.assertNotIn("restarted", printed)
+        self.assertEqual(status, 0)
 
     def test_thread_of_a_test(self):
         self.write("""\

@@ -95,6 +95,14 @@ class CommandLineTest(EntryTestCase):
                     self.assertEqual(session.do("p before"), "%d\n" % (n + 1))
                 self.check_end(session, "end\n")
 
+    def test_quit_at_each_way_in_ends_the_session(self):
+        for name, call in CALLS.items():
+            with self.subTest(name):
+                self.write(ENTRY.replace("CALL", call))
+                session = self.start()
+                session.do("continue")
+                self.assertEqual(session.end("quit"), ("", 0))
+
     def test_it_is_the_same_session(self):
         """What was displayed, named and set before is there after a stop at `breakpoint()`."""
         self.write(ENTRY.replace("CALL", "breakpoint()"))

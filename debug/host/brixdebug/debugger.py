@@ -60,6 +60,8 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
     # Called when a debugger begins to get events.
     on_start: Callable[[], None] = staticmethod(lambda: None)
 
+    _session: Debugger | None = None           # the one that runs the program
+
     _is_nested = False                         # made by the command `debug`
 
     gives_way = False                          # made because there was none, and not entered so far
@@ -246,7 +248,7 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
     def do_quit(self, arg: str) -> bool | None:
         is_done = super().do_quit(arg)
         if is_done:
-            self._end_tests()
+            self._end_session()
         return is_done
 
     do_q = do_exit = do_quit
@@ -254,17 +256,24 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
     def do_EOF(self, arg: str) -> bool | None:
         is_done = super().do_EOF(arg)
         if is_done:
-            self._end_tests()
+            self._end_session()
         return is_done
 
-    def _end_tests(self) -> None:
-        """pytest would take the end of a session for a failure of the test, and go on with the next."""
+    def _end_session(self) -> None:
+        """What the program or pytest has made a debugger for is part of the session that runs the program.
+
+        pytest itself would take the end of a session for a failure of the test, and go on with the next.
+        """
+        if self._is_nested:
+            return
         kind = streams.exit_of_pytest()
-        if kind is not None and not self._is_nested \
-                and threading.get_ident() == threading.main_thread().ident:
+        if Debugger._session is not None and (kind is not None or self.post_mortem_of is None):
+            Debugger._session._user_requested_quit = True
+        if kind is not None and threading.get_ident() == threading.main_thread().ident:
             raise kind("Quitting debugger")
 
     def _run(self, target: Any) -> None:
+        Debugger._session = self
         if hasattr(target, "filename"):
             filename = str(target.filename)
         else:
