@@ -36,6 +36,7 @@ const DIFFERENCES = {
     "refused: code that cannot be split": SHELL,
     // steps and threads
     "what a function returned is shown after it": "shows it in a group of its own, which it names otherwise",
+    "what calls returned is shown after the step over them": "shows it in a group of its own, the last value for each name",
     "a step off a raise goes on in the caller's handler": "loses the step: the program runs on",
     "steps in a loop": "calls a step that ends at a breakpoint's line a stop at the breakpoint",
     "step in goes into the class's __init__": "names functions without their class",

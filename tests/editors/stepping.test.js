@@ -78,6 +78,24 @@ scenario("what a function returned is shown after it", async (s) => {
     assert.deepEqual([row.name, row.value], ["(return) inner", "2"]);
 });
 
+scenario("what calls returned is shown after the step over them", async (s) => {
+    await standing(s, `\
+def one(n):
+    return n + 1
+def two(n):
+    return [n]
+x = two(one(1)) + two(5)    # here
+y = len(x)
+z = 1
+`);
+    const returned = async () => (await s.variables((await s.scope()).variablesReference)).filter(
+        (each) => each.name.startsWith("(return) ")).map((each) => [each.name, each.value]);
+    await s.step("next");
+    assert.deepEqual(await returned(), [["(return) one", "2"], ["(return) two", "[2]"], ["(return) two", "[5]"]]);
+    await s.step("next");
+    assert.deepEqual(await returned(), []);
+});
+
 scenario("a step off a raise goes on in the caller's handler", async (s) => {
     await standing(s, "def fail():\n    raise ValueError  # here\ntry:\n    fail()\nexcept ValueError:\n    x = 1\n");
     const lines = [];

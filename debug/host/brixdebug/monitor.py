@@ -19,6 +19,7 @@ from brixdebug.decisions import Decisions
 from brixdebug.exceptions import RAISED, UNCAUGHT, UNHANDLED, places_of_beginning, places_of_uncaught
 from brixdebug.libraries import is_library
 from brixdebug.raising import Raiser
+from brixdebug.returns import PassedReturns
 from brixdebug.stops import NOWHERE
 from brixdebug.suspension import Suspension, debugged_frames
 from brixdebug.switches import STEP_LOCAL_EVENTS, MonitorError, Switches
@@ -46,6 +47,7 @@ class Monitor:
         self.switches = Switches(self._install_hooks, self._remove_hooks)
         self.turn = Turn(self._waits_for_turn)
         self.raiser = Raiser(self.switches, self._raised)
+        self.returns = PassedReturns(self.switches)
         self.break_lines = BreakLines(self.switches, self.raiser, self.turn, lambda: self.suspension.is_own_thread())
         self.decisions = Decisions()
         self.suspension = Suspension(self.switches, self.turn, self.raiser,
@@ -212,6 +214,7 @@ class Monitor:
         self.thread_lines = {}
         self._watched_lives = False, False
         self._watched_records = set()
+        self.returns.end()
         self.switches.release()
 
     def _begin_holding(self) -> bool:
@@ -253,6 +256,8 @@ class Monitor:
             return
         busy = [] if debugger.quitting else \
             [state for state in debugger.stop_states.all() if not state.is_free]
+        if not busy:
+            self.returns.end()
         is_holding = self.suspension.is_active
         exception_stops = debugger.exception_stops
         if not (busy or debugger.breaks or debugger.awaits_code or debugger.awaits_threads or is_holding

@@ -29,6 +29,8 @@ What is switched on under them:
     LINE, JUMP                     while attributes or global names are watched
     LINE, JUMP, returns            in the code objects of frames that are stepped
     LINE, PY_START, JUMP           in all running code, while a thread is at the prompt
+    CALL                           for the raiser alone, in the code of frames that are stepped,
+    PY_RETURN                      and in the functions called there, to show what they return
 
 While all threads run freely the second callbacks switch off, place by place, what
 is no breakpoint (DISABLE), and the program pays for nothing but the lines that have
@@ -122,7 +124,9 @@ class Switches:
         self._local_events: dict[Any, int] = {}       # what is on for that
         self._global_events = 0
         self._raiser_events = 0
-        self._raising: set[int] = set()               # ids of threads with an exception to raise
+        self._raising: dict[int, CodeType] = {}       # id of a thread with an exception to raise -> the code to do it in
+        self._told: dict[int, tuple[CodeType, int]] = {}     # id of a code object -> it, and events that `tell_of_calls` wants
+        self._call_callbacks: dict[int, Callable[..., object]] = {}
         self._any_stops_anywhere = False
         self._is_holding = False
         self._reports_all_lines = False
@@ -252,12 +256,18 @@ class Switches:
             del self._local_events[record]
         code = record.fCodeObjectWeakRef()
         if code is not None:
-            sys.monitoring.set_local_events(RAISER_TOOL_ID, code, self._raisers(record, events))
+            sys.monitoring.set_local_events(RAISER_TOOL_ID, code, self._raisers(record, code, events))
             sys.monitoring.set_local_events(self._filter_tool_id, code, events)
 
-    def _raisers(self, record: CPerCodeObject, events: int) -> int:
+    def _raisers(self, record: CPerCodeObject, code: CodeType, events: int) -> int:
         """The raiser's local events: not each instruction for the sake of one, which it would never switch off."""
-        return events & ~_events.INSTRUCTION if record in self._offsets else events
+        if record in self._offsets:
+            events &= ~_events.INSTRUCTION
+        if self._told:
+            events |= self._told.get(id(code), (code, 0))[1]
+        if self._raising and any(each is code for each in self._raising.values()):
+            events |= STEP_LOCAL_EVENTS
+        return events
 
     # -- what all code is needed for ------------------------------------------------------
 
@@ -472,7 +482,7 @@ class Switches:
     def begin_raising(self, code: CodeType, callback: Callable[..., object]) -> None:
         """`callback` is called by the raiser soon, in the calling thread, which runs `code` or leaves it."""
         with self.lock:
-            self._raising.add(_thread.get_ident())
+            self._raising[_thread.get_ident()] = code
             self.claim()
             sys.monitoring.set_events(RAISER_TOOL_ID, self._raiser_events | _UNWIND_EVENTS)
             sys.monitoring.set_local_events(
@@ -485,12 +495,12 @@ class Switches:
     def end_raising(self, code: CodeType) -> None:
         """The calling thread has its exception."""
         with self.lock:
-            self._raising.discard(_thread.get_ident())
+            self._raising.pop(_thread.get_ident(), None)
             self._register_raiser()
             record: Any = optmonitoring.CPerCodeObject.GetPerCodeObject(code, False)
             sys.monitoring.set_events(RAISER_TOOL_ID, self._raiser_events)
             sys.monitoring.set_local_events(RAISER_TOOL_ID, code,
-                                            self._raisers(record, self._local_events.get(record, 0)))
+                                            self._raisers(record, code, self._local_events.get(record, 0)))
 
     def _register_raiser(self) -> None:
         """The raiser's callbacks while it has nothing to raise: none, or what switches places off."""
@@ -501,8 +511,39 @@ class Switches:
             callbacks = dict.fromkeys((_events.PY_START, _events.PY_RESUME), self._on_raiser_call)
             if not self._reports_all_lines:
                 callbacks.update({_events.LINE: self._on_raiser_line, _events.JUMP: self._on_raiser_jump})
-        for event in self._second_callbacks:
+        if self._told:
+            callbacks.update(self._call_callbacks)
+        for event in [*self._second_callbacks, *self._call_callbacks]:
             sys.monitoring.register_callback(RAISER_TOOL_ID, event, callbacks.get(event))
+
+    # -- calls that steps pass over ----------------------------------------------------------
+
+    def report_calls_to(self, callbacks: dict[int, Callable[..., object]]) -> None:
+        """What the raiser is asked for by `tell_of_calls` goes to these, by event."""
+        self._call_callbacks = callbacks
+
+    def tell_of_calls(self, code: CodeType, events: int) -> None:
+        """Have these events of one code object too.  Called with the lock."""
+        self.claim()
+        is_first = not self._told
+        self._told[id(code)] = code, self._told.get(id(code), (code, 0))[1] | events
+        if is_first:
+            self._register_raiser()
+        sys.monitoring.set_local_events(RAISER_TOOL_ID, code,
+                                        sys.monitoring.get_local_events(RAISER_TOOL_ID, code) | events)
+
+    def tells_of_returns(self, code: CodeType) -> bool:
+        return bool(self._told.get(id(code), (code, 0))[1] & _events.PY_RETURN)
+
+    def tell_of_no_calls(self) -> None:
+        """Called with the lock."""
+        told, self._told = self._told, {}
+        for code, _ in told.values():
+            record: Any = optmonitoring.CPerCodeObject.GetPerCodeObject(code, False)
+            sys.monitoring.set_local_events(RAISER_TOOL_ID, code,
+                                            self._raisers(record, code, self._local_events.get(record, 0)))
+        if told:
+            self._register_raiser()
 
     def _on_raiser_line(self, code: CodeType, line: int) -> Any:
         if line in self._lines_by_code.get(id(code), _NO_LINES):
@@ -570,6 +611,7 @@ class Switches:
         if self._filter_tool_id is None:
             return
         self._passing = _NO_NAMES
+        self.tell_of_no_calls()
         self._set_events(0, 0)
         for record in list(self._local_events):
             self._set_local_events(record, 0)
@@ -587,7 +629,8 @@ class Switches:
         """Locks of other threads will never be released, and nothing is raised in them."""
         if not self.lock._is_owned():
             self.lock = _thread.RLock()
-        self._raising &= {_thread.get_ident()}
+        own_id = _thread.get_ident()
+        self._raising = {own_id: self._raising[own_id]} if own_id in self._raising else {}
         self._process_id = os.getpid()
 
 

@@ -64,7 +64,7 @@ def _go_on(session: Session, request: Request, stop: Stop, only: int | None, bod
 
 
 def _on_step(session: Session, request: Request, choose: Callable[[FrameType], Callable[[], None]],
-             target: int | None = None) -> Any:
+             target: int | None = None, passes_calls: bool = True) -> Any:
     stop = session.stop()
     if request.arguments.text("granularity") == "instruction":
         raise RequestError("steps go from line to line; those of single instructions are not supported")
@@ -78,7 +78,7 @@ def _on_step(session: Session, request: Request, choose: Callable[[FrameType], C
 
     def step(session: Session, request: Request) -> Any:
         session.check_stop(stop)
-        session.debugger.step(stop, thread_id, frame, choose(frame), target)
+        session.debugger.step(stop, thread_id, frame, choose(frame), target, passes_calls)
         _go_on(session, request, stop, only, None)
         return LATER
 
@@ -94,7 +94,7 @@ def on_step_in(session: Session, request: Request) -> Any:
 
 
 def on_step_out(session: Session, request: Request) -> Any:
-    return _on_step(session, request, lambda frame: lambda: session.debugger.set_return(frame))
+    return _on_step(session, request, lambda frame: lambda: session.debugger.set_return(frame), passes_calls=False)
 
 
 def on_pause(session: Session, request: Request) -> Any:

@@ -93,28 +93,32 @@ def on_scopes(session: Session, request: Request) -> Any:
     return {"scopes": scopes}
 
 
+_RETURNED = "(return) "       # begins the name of a row that is no variable
+
+
 def _locals(frame: FrameType) -> Any:
     return frame.f_locals
 
 
 class _LocalsNode(variables.Node):
-    """The variables of a frame, after what the function called last has returned."""
+    """The variables of a frame, after what the functions called last have returned."""
 
-    def __init__(self, returned: tuple[str, Any], names: variables.NamesNode) -> None:
-        self._returned = returned
+    def __init__(self, returned: list[tuple[str, object]], names: variables.NamesNode) -> None:
+        self._returned = [variables.Child(_RETURNED + name, value, None, "virtual") for name, value in returned]
         self._names = names
 
     def named(self) -> list[variables.Child]:
-        name, value = self._returned
-        return [variables.Child("(return) %s" % name, value, None, "virtual"), *self._names.named()]
+        return [*self._returned, *self._names.named()]
 
     def assign(self, name: str, value: Any) -> None:
+        if name.startswith(_RETURNED):
+            raise LookupError("it is what a function has returned")
         self._names.assign(name, value)
 
 
 def _with_returned(session: Session, frame: FrameType, names: variables.NamesNode) -> variables.Node:
     stop = session.debugger.stop
-    if stop is None or stop.returned is None or stop.frame is not frame:
+    if stop is None or not stop.returned or stop.returned_to is not frame:
         return names
     return _LocalsNode(stop.returned, names)
 

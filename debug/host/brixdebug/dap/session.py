@@ -64,7 +64,7 @@ class Stop:
     """All threads stand still, because of one of them: a thread that does what it is given until they may go on."""
 
     def __init__(self, thread_id: int, frame: FrameType | None, reason: str, text: str = "",
-                 breakpoint_number: int | None = None, returned: tuple[str, Any] | None = None,
+                 breakpoint_number: int | None = None, returned: Sequence[tuple[str, object]] = (),
                  exception: BaseException | None = None, is_uncaught: bool = False, column: int | None = None,
                  changes: Sequence[Change] = (), below: FrameType | None = None) -> None:
         self.thread_id = thread_id
@@ -74,7 +74,8 @@ class Stop:
         self.breakpoint_number = breakpoint_number
         self.changes = changes               # of watched values
         self.column = column                 # of the statement in `frame` that is next, in bytes; None: the line's first
-        self.returned = returned             # name of the function that has just returned, and its value
+        self.returned = list(returned)       # names of the functions that the step before has called or left, and their values
+        self.returned_to: FrameType | None = frame   # whose variables they are shown with
         self.exception = exception
         self.is_uncaught = is_uncaught       # the stack is that of the exception, which has been left
         self.is_rest = False                 # of other threads than the one that goes on alone
@@ -233,7 +234,7 @@ class ClientDebugger(Bdb):
         if caller is None:                   # the thread, or the program, ends
             self.set_continue()
             return
-        returned = (frame.f_code.co_qualname, value) if self.shows_return_values else None
+        returned = [(frame.f_code.co_qualname, value)] if self.shows_return_values else []
         self._wait(Stop(threading.get_ident(), caller, "step", returned=returned))
 
     def user_log(self, frame: FrameType, breakpoint: bdb.Breakpoint, text: str) -> None:
@@ -299,6 +300,7 @@ class ClientDebugger(Bdb):
 
     def _wait_muted(self, stop: Stop) -> None:
         with monitor.turn.lock, monitor.suspension.others_held():
+            self._take_passed_returns(stop)
             rest, self.rest, self.stop = self.rest, None, stop
             if rest is not None:
                 rest.go_on()
@@ -313,6 +315,19 @@ class ClientDebugger(Bdb):
                     self._begin_rest(stop)
                 self.stop = None
             self._front.on_went_on(stop)
+
+    @staticmethod
+    def _take_passed_returns(stop: Stop) -> None:
+        """What the step has passed over that ends here."""
+        step = monitor.returns.end().get(stop.thread_id)
+        if step is None or not step.values:
+            return
+        stop.returned[:0] = step.values
+        if stop.reason != "step":             # it ends early, and its frame may still be there
+            frame = stop.frame
+            while frame is not None and not step.is_in(frame):
+                frame = frame.f_back
+            stop.returned_to = frame
 
     def pause(self, thread_id: int) -> None:
         """Hold all threads now, those in C code when they come back; where `thread_id` is, is what the user sees."""
@@ -421,20 +436,22 @@ class ClientDebugger(Bdb):
     # -- going on --------------------------------------------------------------------------------
 
     def step(self, stop: Stop, thread_id: int, frame: FrameType, set_stop: Callable[[], None],
-             target: int | None = None) -> None:
+             target: int | None = None, passes_calls: bool = False) -> None:
         """A task of `stop`: `set_stop`, a method like `set_next`, is meant for `thread_id` at `frame`.
 
-        `target`: the instruction of the call to step into.
+        `target`: the instruction of the call to step into.  `passes_calls`: what they return is shown after it.
         """
         if target is not None:
             self._targets[thread_id] = frame, target
         own_id = threading.get_ident()
         if thread_id == own_id:
             set_stop()
-            return
-        if stop.thread_id == own_id:
-            self.set_continue()               # the one that stopped goes on
-        self._step_other(thread_id, frame, set_stop)
+        else:
+            if stop.thread_id == own_id:
+                self.set_continue()           # the one that stopped goes on
+            self._step_other(thread_id, frame, set_stop)
+        if passes_calls and self.shows_return_values:
+            monitor.returns.begin(thread_id, frame)
 
     def end_thread(self, thread_id: int) -> None:
         """SystemExit is raised in a thread at its next event; a task of a stop, or with the turn.
