@@ -179,37 +179,22 @@ class EngineTest(unittest.TestCase):
         return check_child(self, path)
 
     def test_hits_of_several_threads_are_counted_exactly(self):
-        out = self.run_engine("""
-            import sys
-            sys.setswitchinterval(1e-6)
-            debugger.set_break(__file__, line, cond="index < 0")
-            traced(in_threads, 4, 5000)
-            print(Breakpoint.bpbynumber[1].hits, debugger.stops)
-        """)
-        self.assertEqual(out, "20000 0\n")
-
-    def test_hits_to_be_ignored_are_counted_exactly(self):
-        out = self.run_engine("""
-            import sys
-            sys.setswitchinterval(1e-6)
-            debugger.set_break(__file__, line)
-            Breakpoint.bpbynumber[1].ignore = 15000
-            traced(in_threads, 4, 5000)
-            print(Breakpoint.bpbynumber[1].ignore, debugger.stops)
-        """)
-        self.assertEqual(out, "0 5000\n")
-
-    def test_one_of_several_threads_has_the_hit(self):
-        out = self.run_engine("""
-            import sys
-            from brixdebug.conditions import HitCondition
-            sys.setswitchinterval(1e-6)
-            debugger.set_break(__file__, line)
-            Breakpoint.bpbynumber[1].hit_condition = HitCondition.parse("% 5000")
-            traced(in_threads, 4, 5000)
-            print(debugger.stops)
-        """)
-        self.assertEqual(out, "4\n")
+        for condition, setting, shown, expected in (
+                ("index < 0", "", "breakpoint.hits, debugger.stops", "20000 0"),
+                (None, "breakpoint.ignore = 15000", "breakpoint.ignore, debugger.stops", "0 5000"),
+                (None, "breakpoint.hit_condition = HitCondition.parse('% 5000')", "debugger.stops", "4")):
+            with self.subTest(setting or condition):
+                out = self.run_engine("""
+                    import sys
+                    from brixdebug.conditions import HitCondition
+                    sys.setswitchinterval(1e-6)
+                    debugger.set_break(__file__, line, cond={!r})
+                    breakpoint = Breakpoint.bpbynumber[1]
+                    {}
+                    traced(in_threads, 4, 5000)
+                    print({})
+                """.format(condition, setting, shown))
+                self.assertEqual(out, expected + "\n")
 
     def test_a_condition_is_evaluated_once_for_a_hit(self):
         out = self.run_engine("""

@@ -283,70 +283,44 @@ class SignalTest(HooksTestCase):
     """What the handler of a signal raises belongs to the program, wherever the debugger was at that moment."""
 
     def test_no_exception_of_a_handler_is_lost(self):
-        """A timer interrupts a loop whose every pass evaluates a condition, most of the time in the debugger's own code."""
-        self.check("""\
-            import signal, sys
-            from brixdebug import engine
-            class Alarm(Exception): pass
-            count = 0
-            def handler(*args):
-                global count
-                count += 1
-                raise Alarm
-            class Debugger(engine.Bdb):
-                def user_line(self, frame):
-                    raise AssertionError
-            def loop():
-                n = 0
-                while True:
-                    n += 1
-            debugger = Debugger()
-            debugger.stop_states.own().run_freely()
-            debugger.set_break(__file__, 15, cond="n < 0")
-            debugger.start_trace()
-            signal.signal(signal.SIGVTALRM, handler)
-            caught = 0
-            while caught < 200:
-                try:
-                    signal.setitimer(signal.ITIMER_VIRTUAL, 0.0005 + caught * 1e-6)
-                    loop()
-                except Alarm:
-                    caught += 1
-            print(caught == count)
-            debugger.stop_trace()
-            """, expected="True\n")
+        """A timer interrupts a loop whose every pass evaluates a condition, most of the time in the debugger's own code.
 
-    def test_in_a_debugger_with_a_prompt(self):
-        """Here an error of the debugger's own would not reach the program: it must be told apart."""
-        self.check("""\
-            import signal, sys, io
-            import brixdebug
-            class Alarm(Exception): pass
-            count = 0
-            def handler(*args):
-                global count
-                count += 1
-                raise Alarm
-            def loop():
-                n = 0
-                while True:
-                    n += 1
-            output = io.StringIO()
-            debugger = brixdebug.Debugger(stdout=output)
-            debugger.stop_states.own().run_freely()
-            debugger.set_break(__file__, 12, cond="n < 0")
-            debugger.start_trace()
-            signal.signal(signal.SIGVTALRM, handler)
-            caught = 0
-            while caught < 200:
-                try:
-                    signal.setitimer(signal.ITIMER_VIRTUAL, 0.0005 + caught * 1e-6)
-                    loop()
-                except Alarm:
-                    caught += 1
-            print(caught == count, repr(output.getvalue()))
-            debugger.stop_trace()
-            """, expected="True ''\n")
+        In a debugger with a prompt an error of its own would not reach the program: it must be told apart."""
+        for debugger in ("Engine()", "brixdebug.Debugger(stdout=output)"):
+            with self.subTest(debugger):
+                self.check("""\
+                    import io, signal
+                    import brixdebug
+                    from brixdebug import engine
+                    class Alarm(Exception): pass
+                    class Engine(engine.Bdb):
+                        def user_line(self, frame):
+                            raise AssertionError
+                    count = 0
+                    def handler(*args):
+                        global count
+                        count += 1
+                        raise Alarm
+                    def loop():
+                        n = 0
+                        while True:
+                            n += 1
+                    output = io.StringIO()
+                    debugger = %s
+                    debugger.stop_states.own().run_freely()
+                    debugger.set_break(__file__, 16, cond="n < 0")
+                    debugger.start_trace()
+                    signal.signal(signal.SIGVTALRM, handler)
+                    caught = 0
+                    while caught < 200:
+                        try:
+                            signal.setitimer(signal.ITIMER_VIRTUAL, 0.0005 + caught * 1e-6)
+                            loop()
+                        except Alarm:
+                            caught += 1
+                    print(caught == count, repr(output.getvalue()))
+                    debugger.stop_trace()
+                    """ % debugger, expected="True ''\n")
 
     def test_interrupt_of_a_thread_that_waits_to_report(self):
         """It reports its stop first: neither the stop nor the exception is lost."""

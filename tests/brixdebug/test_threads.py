@@ -139,20 +139,22 @@ class BreakpointTest(ThreadsTestCase):
         self.assertEqual(names, {"0", "1", "2", "3"})
         self.assertEnds(session, "done")
 
-    def test_counts_of_many_threads_are_exact(self):
-        """50 threads pass 20 times; every tenth pass fulfils the condition, and the first 90 of these are ignored."""
+    def write_many(self):
+        """50 threads pass the breakpoint 20 times each."""
         self.write("""\
             import threading
             def run():
                 for n in range(20):
                     passed = n               # line
-            def main():
-                threads = [threading.Thread(target=run) for _ in range(50)]
-                for thread in threads: thread.start()
-                for thread in threads: thread.join()
-                print("done")
-            main()
+            threads = [threading.Thread(target=run) for _ in range(50)]
+            for thread in threads: thread.start()
+            for thread in threads: thread.join()
+            print("done")                    # end
             """)
+
+    def test_counts_of_many_threads_are_exact(self):
+        """Every tenth pass fulfils the condition, and the first 90 of these are ignored."""
+        self.write_many()
         session = self.start("line if n % 10 == 3")
         session.do("ignore 1 90")
         for _ in range(10):
@@ -162,16 +164,7 @@ class BreakpointTest(ThreadsTestCase):
         # `ignore` reports 1000 passes: each evaluated the condition.
 
     def test_every_pass_of_many_threads_is_counted(self):
-        self.write("""\
-            import threading
-            def run():
-                for n in range(20):
-                    passed = n               # line
-            threads = [threading.Thread(target=run) for _ in range(50)]
-            for thread in threads: thread.start()
-            for thread in threads: thread.join()
-            end = True                       # end
-            """)
+        self.write_many()
         session = self.start("line if False", "end")
         self.assertStopped(session.do("continue"), "end")
         self.assertIn("breakpoint already hit 1000 times", session.do("break"))
