@@ -99,8 +99,8 @@ PyObject* get_code_name(PyObject* code)
     return XPy_NewRef(borrow_code_name(code));
 }
 
-// Reads the attribute by the descriptor that the type of code objects, which nobody can change, has for it: without a
-// search for the name. [new], or null, perhaps with an exception pending.
+// Reads the attribute through its descriptor in the type of code objects, which nobody can change: no search for the
+// name. [new], or null, perhaps with an exception pending.
 static PyObject* get_filename_by_descriptor(PyObject* code)
 {
     typedef PyObject* (*tDescrGet)(PyObject*, PyObject*, PyObject*);

@@ -161,7 +161,7 @@ static uint32_t bucket_count(const CUt_HashTable* table)
     return static_cast<uint32_t>(table->mask) + 1;
 }
 
-// The size of the array to grow into: numBuckets, but for the case that so many failures have made it overflow.
+// The size of the array to grow into: numBuckets, unless failed growths have made that overflow.
 static uint32_t grown_size(const CUt_HashTable* table)
 {
     uint32_t needed = kGrowthFactor * bucket_count(table);

@@ -144,7 +144,7 @@ static PyObject* get_repr_guarded(tSingleDPData* channel, PyObject* obj)
     return repr;
 }
 
-// Writes the message if the repr can be had; else false with the repr's exception pending.
+// Writes the message; false, with the repr's exception pending, when there is no repr.
 static bool write_repr(int mask, PyThreadState* tstate, const char* prefix, PyObject* obj, const char* suffix)
 {
     tUntraced untraced(tstate);

@@ -56,7 +56,7 @@ static inline size_t get_plain_lineno(PyObject* lineno)
 // The line is no member, is one, or only the interpreter's own look-up can find out.
 enum tLinenoFound { kLinenoOpen, kLinenoAbsent, kLinenoPresent };
 
-// Goes on from the first entry, where that is taken. HASH is not 0; MASK is the size of the table less one.
+// Goes on behind the first entry when that is taken. HASH is not 0; MASK is the size of the table less one.
 tLinenoFound find_lineno_behind(const tSetEntry* table, size_t mask, size_t hash);
 
 // Looks for LINENO in LINENOS without running code of the program. Mostly the entry where the look-up begins is
@@ -66,9 +66,10 @@ static inline tLinenoFound find_lineno(PyObject* linenos, PyObject* lineno)
     if (XPY_UNLIKELY(XPy_BorrowTypeInline(linenos) != gLinenoPeek.set_type))
         return kLinenoOpen;
     size_t hash = get_plain_lineno(lineno);
-    if (XPY_UNLIKELY(hash == 0))  // which entries that were never used have, too
+    if (XPY_UNLIKELY(hash == 0))  // entries that were never used have this hash too
         return kLinenoOpen;
-    // Two loads that must belong to one table: a set that grows gets both anew before its writer gives the lock up.
+    // Both loads must belong to one table: a growing set gets a new mask and a new table before its writer releases
+    // the lock.
     const char* set = reinterpret_cast<const char*>(linenos);
     size_t mask = *reinterpret_cast<const size_t*>(set + gLinenoPeek.set_mask);
     const tSetEntry* table = *reinterpret_cast<tSetEntry* const*>(set + gLinenoPeek.set_table);

@@ -101,7 +101,7 @@ static tStep answer_with(tEvent* event, PyObject* answer)
     return kAnswered;
 }
 
-// An event that carries no arguments fails; one whose first argument is no code object is not to come again.
+// An event without arguments fails; one whose first argument is not a code object is switched off.
 static tStep check_arguments(tEvent* event)
 {
     tModuleState* m = event->ctx.m;

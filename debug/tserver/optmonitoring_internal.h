@@ -1,4 +1,4 @@
-// Shared by the files of the monitoring unit alone: words of the interpreter's tables, what the four classes share,
+// Shared by the files of the monitoring unit alone: constants of the interpreter, what the four classes share,
 // and the functions that one file has for the others.
 
 #ifndef OPTMONITORING_OPTMONITORING_INTERNAL_H
@@ -124,7 +124,7 @@ static inline PyTypeObject* as_type(PyObject* cls)
 // Releases the object members of the class's member table in table order, each set to null first.
 void clear_object_members(PyObject* obj);
 
-// A state of a class that some finding was made in: it holds for as long as nobody has changed the class, because the
+// The state of a class when something was found out about it. That holds until somebody changes the class: the
 // interpreter takes a class's version away as soon as an attribute is set.
 struct tClassMark {
     PyTypeObject* cls;  // null: no finding
@@ -143,7 +143,7 @@ static inline bool is_as_marked(const tClassMark* mark, PyTypeObject* cls)
 // Once per process, after the binding layer has started up.
 void init_class_versions(void);
 
-// Marks the class as it is; nothing is marked where the interpreter gives classes no versions that are of use.
+// Marks the class as it is now; does nothing where the interpreter gives classes no usable versions.
 void mark_class(tClassMark* mark, PyTypeObject* cls);
 
 // An attribute of a class: a registry, or a host hook.

@@ -52,7 +52,7 @@ static tLinenoFound scan(const tSetEntry* table, size_t mask, size_t hash)
     return found;
 }
 
-// Whether the interpreter's look-up would not go on behind the entry without comparing.
+// Whether the interpreter's look-up ends at this entry, or compares the key before it goes on.
 static inline bool is_end(const tSetEntry* entry, size_t hash)
 {
     return entry->hash == static_cast<Py_ssize_t>(hash) || !entry->key;

@@ -178,8 +178,8 @@ static int update_pathname_inner(tModuleState* m, PyObject* record, PyObject* fr
         api.PyErr_Clear();
     if (!XPy_IsInstance(code.borrow(), api.PyCode_Type_ptr))
         return 0;  // the code object is dead
-    // Kept: the record itself is passed where the code object is expected, so that the update, and with it every
-    // look-up with a frame of a record that was made without one, fails.
+    // Kept: the record itself is passed where the code object is expected, so the update fails. With it fails every
+    // look-up with a frame when the record was made without one.
     XPyOwned to_report(CPerCodeObject_GetPathnameToUse_direct(m, record, frame, 0));
     XPyOwned canonical(to_report ? CPerCodeObject_GetPathnameToUse_direct(m, record, frame, 1) : nullptr);
     if (!canonical)

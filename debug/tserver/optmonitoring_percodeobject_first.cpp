@@ -8,7 +8,7 @@
 
 typedef PyObject* (*tNew)(PyTypeObject*, PyObject*, PyObject*);
 
-static tClassMark plainly_constructed;  // the class makes records as its own functions do, nobody's else
+static tClassMark plainly_constructed;  // nobody has replaced the class's construction
 static tNew make_instance;              // its __new__ then
 
 void CPerCodeObject_ForgetFindings(tModuleState* m)
@@ -33,7 +33,7 @@ static PyObject* make_blank(PyTypeObject* cls)
     return no_args ? make_instance(cls, no_args, nullptr) : nullptr;
 }
 
-// Finds out whether the class constructs plainly, and marks it so.
+// Marks the class if nobody has replaced how it makes records.
 XPY_COLD static void examine_class(PyTypeObject* cls)
 {
     void* make = api.PyType_GetSlot(cls, kSlotTpNew);
@@ -104,7 +104,7 @@ bool is_surely_running(PyThreadState* tstate, PyObject* code)
         frame = static_cast<void**>(XPy_GetFieldAddress(*frame, api.cframe_offsets.current_frame));
     if (!frame || !*frame)
         return false;
-    // Both loads, of the frame and of its code, are of what this thread itself wrote last.
+    // Plain loads will do: this thread itself wrote the frame's address and its code.
     uintptr_t word = *static_cast<uintptr_t*>(XPy_GetFieldAddress(*frame, gShortcutOffsets.frame_code));
     return (word & ~kMarks) == reinterpret_cast<uintptr_t>(code);
 }

@@ -228,7 +228,7 @@ void InitShortcutOffsets(void)
     gShortcutOffsets = {-1, -1, -1, -1, -1, -1};
     if (const XPy_FieldWithSize* frame = find_layout(kInterpreterFrameLayouts))
         gShortcutOffsets.frame_code = FindFieldOffset("f_executable", frame);
-    // Without a known place of the count the build is free-threaded: what others may change is not read in place.
+    // No known place of the count: the build is free-threaded, and what others may change is not read in place.
     if (api.pyobject_offsets.refcnt == -1)
         return;
     if (const XPy_FieldWithSize* set = find_layout(kSetLayouts)) {
