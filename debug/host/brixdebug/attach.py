@@ -1,8 +1,7 @@
 """`brixdebug -p PID`: a prompt at this terminal for a program that runs already.
 
-The program is made to connect to a socket in a folder that nobody else can enter; who
-else may come to it is sent away by the number of his process.  Its own terminal and
-streams stay its own.
+The program connects to a socket in a folder that nobody else can enter; any other process
+that connects is refused by its id.  The program keeps its own terminal and streams.
 """
 
 from __future__ import annotations
@@ -32,7 +31,7 @@ if TYPE_CHECKING:
 _ANSWER_SECONDS = 5.0
 _LOOK_SECONDS = 0.5              # between looks whether it is still there
 
-# Runs in the program.  What has been given up on finds no socket, and says nothing.
+# Runs in the program.  Once the other end has given up there is no socket, and this does nothing.
 _SCRIPT = """\
 def attach():
     import json, socket, sys
@@ -90,8 +89,8 @@ def reach(pid: int, load: str, call: str, say: Callable[[str], object],
           gives_up: Callable[[], bool] = lambda: False) -> socket.socket:
     """Have the program connect, and wait until it does, or until `gives_up()`.
 
-    There, `load` imports what `call` needs, which has the other end as `end`.  `say` is called once when
-    that takes long, with a sentence without its end.  Raises InjectionError.
+    In the program, `load` imports what `call` needs, and `call` finds the connection as `end`.  `say` is called
+    once when this takes long, with the beginning of a sentence.  Raises InjectionError.
     """
     with _private_folder(pid) as folder:
         address, script = os.path.join(folder, "socket"), os.path.join(folder, "attach.py")

@@ -152,7 +152,7 @@ class AttachedDebugger(Debugger):
 def serve(end: socket.socket, injected: FrameType, commands: list[str]) -> None:
     """Open a prompt for the other end of the socket; `injected` is the frame of the code that calls this.
 
-    The calling thread stops at the next line of what it was in the middle of.
+    The calling thread stops at the next line that it executes.
     """
     connection = Connection(end)
     frame = injected.f_back

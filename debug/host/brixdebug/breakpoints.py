@@ -1,10 +1,9 @@
-"""What the filter is told of breakpoints: which lines of which code objects.
+"""What the filter has to know of breakpoints: which lines of which code objects.
 
-A debugger's breakpoints are names and line numbers; what can be told to the
-filter and to the interpreter is a set of lines for each code object.  Between the
-two stand the module's per-file records, which know all code objects of a file
-that ran so far; code that runs later is caught by the hook for new records,
-before its first event is decided.
+A debugger's breakpoints are names and line numbers; the filter and the interpreter
+take a set of lines for each code object.  Between the two stand the module's per-file
+records, which know all code objects of a file that ran so far; code that runs later is
+caught by the hook for new records, before its first event is decided.
 """
 
 from __future__ import annotations
@@ -163,7 +162,7 @@ class BreakLines:
             self._raiser.raise_in_program(interruption)
 
     def await_code(self, code: CodeType) -> None:
-        """No line of `code` is passed by before its breakpoints are switched on.
+        """Wait until the breakpoints of `code` are switched on: no line of it may run before.
 
         Another thread may have made its record, and the hook for new records may still run there.
         """
@@ -174,7 +173,7 @@ class BreakLines:
             self.on_new_code(record)
 
     def _look_at(self, code: CodeType, frame: FrameType) -> BaseException | None:
-        """Code begins in a file that is not passed over: it is from here on when nobody waits in it."""
+        """Code begins to run in a file that is not passed over.  From here on it is, if nobody waits in it."""
         return _to_the_end("the search for code", self._look_at_file, code, frame)
 
     def _look_at_file(self, code: CodeType, frame: FrameType) -> None:
@@ -196,9 +195,9 @@ class BreakLines:
                     self._switches.pass_over(filename)
 
     def _is_passed_by_name(self, filename: Any) -> bool:
-        """Pass over a file that its absolute name tells, if there are no breakpoints in it.
+        """Pass over a file if its absolute name is enough to see that there are no breakpoints in it.
 
-        No record of the code is made: it is found by the code's hash, which takes all of a module's code in.
+        No record of the code is made: it would be found by the code's hash, which covers all code of a module.
         """
         if type(filename) is not str or not os.path.isabs(filename) or is_pseudo_file(filename):
             return False

@@ -1,5 +1,5 @@
-"""Which machine a build of the module is for: of one for another machine the loader says that there is no such file, or
-that another file has an invalid header."""
+"""Which machine a build of the module is for: the loader says of a build for another one that there is no such file, or
+that a library has an invalid header."""
 
 import os
 import sys

@@ -1,4 +1,4 @@
-"""The command line: pdb's, and the options that it has not."""
+"""The command line: pdb's, with more options."""
 
 from __future__ import annotations
 
@@ -97,7 +97,7 @@ def _version() -> str:
 
 
 def _show_help(arguments: list[str]) -> None:
-    """What is asked for by an option before the program; does not come back then."""
+    """Show what an option before the program asks for, and exit; return where there is none."""
     options = iter(arguments)
     for option in options:
         if option in ("-h", "--help"):
@@ -143,7 +143,7 @@ def _take_program_arguments(arguments: list[str]) -> list[str]:
 
 
 def _giving_back(debugger_class: Any, arguments: list[str]) -> Callable[..., Any]:
-    """Makes the debugger, which pdb does once sys.argv is the program's."""
+    """Gives sys.argv its arguments back when pdb makes the debugger: sys.argv is the program's then."""
     def make(*args: Any, **keywords: Any) -> Any:
         sys.argv += arguments
         return debugger_class(*args, **keywords)

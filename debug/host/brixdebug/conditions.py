@@ -209,7 +209,7 @@ def describe(error: BaseException) -> str:
 
 
 def _replacement_field(text: str, start: int) -> tuple[int, CodeType]:
-    """Where the expression in braces at `start` ends, and its code."""
+    """The end of the expression in braces at `start`, and its code."""
     problem = "'{' without '}'"
     end = text.find("}", start)
     while end >= 0:

@@ -2,7 +2,7 @@
 
 The rules are those of `bdb.effective`, and beside them hit conditions and texts to be logged.
 A breakpoint that does not stop is decided here at once, in the thread that reached it: no
-turn is waited for, and no variable is read but those of its condition.
+turn is waited for, and only the variables of its condition are read.
 """
 
 from __future__ import annotations

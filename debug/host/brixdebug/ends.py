@@ -1,4 +1,4 @@
-"""How a session ends, or begins again: `quit` and `restart` in any thread, a prompt that nobody can type at."""
+"""How a session ends, or begins again: `quit` and `restart` in any thread, a prompt without anybody to type."""
 
 from __future__ import annotations
 

@@ -211,7 +211,7 @@ class _Clock:
 
 
 def _end_wait(thread_id: int) -> None:
-    """A condition knows waiters that have gone: it is done so to those that a signal interrupts."""
+    """Release the lock of the waiter; a condition ignores waiters that have gone, as after a signal."""
     frame = sys._current_frames().get(thread_id)
     if frame is not None and frame.f_code is threading.Condition.wait.__code__:
         waiter = frame.f_locals.get("waiter")

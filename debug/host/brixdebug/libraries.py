@@ -1,4 +1,4 @@
-"""Which code is the user's own, and which a library's: told by the pathname and its kind, or by a rule."""
+"""Which code is the user's own, and which a library's: decided by the pathname and its kind, or by a rule."""
 
 from __future__ import annotations
 
@@ -23,7 +23,7 @@ _TYPED = ("<stdin>", "<console>", "<doctest ", "<ipython-input-", "<python-input
 _answers: dict[str, bool] = {}        # file name -> whether it is a library's
 _library_folders: tuple[str, ...] = ()
 _rules: tuple[Rule, ...] = ()
-_decides_by_place = True              # what no rule names is told by its pathname
+_decides_by_place = True              # what no rule names is decided by its pathname
 
 
 class Rule:

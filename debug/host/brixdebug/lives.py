@@ -1,7 +1,7 @@
-"""Which threads of the program begin and end, for who wants to know of them.
+"""Reports which threads of the program begin and end.
 
-A thread that `threading` starts is known as it begins, any other by its first event or at the next stop.  The end is
-known by the thread's record, which is emptied then: nothing has to be looked at meanwhile.
+A thread that `threading` starts is noticed as it begins, any other at its first event or at the next stop.  Its end is
+noticed by its record, which is cleared then: nothing is polled.
 """
 
 from __future__ import annotations

@@ -128,13 +128,12 @@ def close_log() -> None:
 
 
 def _open(path: str) -> io.TextIOWrapper:
-    """A text file that has nothing of its own to lose or to lock.
+    """An unbuffered text file: nothing is lost on kill, nothing is locked across fork.
 
-    There is no buffer: a killed process leaves all it wrote, and a forked child
-    can neither write its parent's lines again nor wait for a lock that another
-    thread of the parent had.  Written in native code, it takes no Python call.
-    The descriptor is not the file's own: a log that is open when the process ends
-    is not to be warned of.
+    A forked child can neither write its parent's lines again nor wait for a lock
+    that another thread of the parent had.  Writing is native code, without a call
+    of a Python function.  The file does not own the descriptor, so there is no
+    warning about a log that is still open when the process ends.
     """
     descriptor = os.open(path, os.O_WRONLY | os.O_CREAT | os.O_APPEND, 0o666)
     return io.TextIOWrapper(io.FileIO(descriptor, "a", closefd=False), encoding="utf-8",

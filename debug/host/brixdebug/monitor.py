@@ -1,7 +1,7 @@
 """The debugger that traces now, and what it needs to have switched on.
 
-What its threads were told to stop at, its breakpoints and the threads that are held
-are brought together here, and handed to `switches`.
+What its threads stop at, its breakpoints and the threads that are held come together
+here, and are handed to `switches`.
 """
 
 from __future__ import annotations

@@ -1,7 +1,7 @@
 """Exceptions that the debugger raises in the program, and those that signal handlers raise in the debugger.
 
-No exception leaves a native callback.  What has to get out of one waits here until the
-raiser, a second tool (see `switches`), is called for the same event.
+No exception leaves a native callback.  One that has to reach the program waits here until
+the raiser, a second tool (see `switches`), is called for the same event.
 """
 
 from __future__ import annotations

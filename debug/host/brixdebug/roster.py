@@ -81,7 +81,7 @@ def begin_of(pid: int) -> int | None:
 
 
 def _terminal_name() -> str | None:
-    """Of what descriptor 0 is; of the controlling terminal where it is the null device."""
+    """The name of the terminal at descriptor 0; of the controlling terminal if that is the null device."""
     for path in None, "/dev/tty":
         try:
             descriptor = os.dup(0) if path is None else os.open(path, os.O_RDONLY)
@@ -102,13 +102,13 @@ def _terminal_name() -> str | None:
 
 
 def _own_name() -> str | None:
-    """Of the file for this process's terminal."""
+    """The name of the file for this process's terminal."""
     name = _terminal_name()
     return None if name is None else "%d-%s%s" % (os.getpgrp(), name, _namespace_suffix())
 
 
 def _namespace_suffix() -> str:
-    """How the names of the files end whose process ids are ours: containers may have folders in common."""
+    """The end of file names in our namespace of process ids: containers may have folders in common."""
     try:
         return "-%d" % os.stat("/proc/self/ns/pid").st_ino
     except OSError:
@@ -137,7 +137,7 @@ def _is_safe(path: str) -> bool:
 
 
 def _make_safe(path: str) -> bool:
-    """Have a folder at `path` that is safe, made where there is none; False where that cannot be."""
+    """Make `path` a safe folder, or see that it is one; False where neither succeeds."""
     while not _is_safe(path):
         try:
             os.mkdir(path, 0o700)

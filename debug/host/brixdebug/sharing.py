@@ -2,8 +2,8 @@
 
 A process has the terminal as long as it stands at its prompt.  While it evaluates an
 expression, or makes a step, it keeps the terminal for a second; then whoever waits takes it,
-and it gets it back when it stands again.  There is nobody who gives the terminal to the next
-one: those who wait look at the roster, so that a process may end at any moment.
+and it gets it back when it stands again.  Nobody hands the terminal on: those who wait look
+at the roster, so a process may end at any moment.
 """
 
 from __future__ import annotations
@@ -90,7 +90,7 @@ class Sharing:
             atexit.register(self._leave_for_good, os.getpid())
 
     def forget_parents(self) -> None:
-        """In a child: what is its parent's.  It may be debugged some day, by a debugger of its own."""
+        """In a child: forget what is its parent's.  The child may get a debugger of its own later."""
         self.is_waiting = False
         if not monitor.turn.lock._is_owned():
             self._depth = 0                   # the prompt was another thread's
@@ -295,7 +295,7 @@ def _own_row(rows: dict[int, Row], pid: int) -> Row:
 
 
 def _drop_dead(rows: dict[int, Row]) -> None:
-    """But for one that had the terminal: whoever takes that has to know."""
+    """Drop the rows of dead processes, but not one that had the terminal: whoever takes it has to know."""
     for row in list(rows.values()):
         if row.state not in _HAVING and not row.is_alive():
             rows.pop(row.pid, None)

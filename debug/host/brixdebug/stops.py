@@ -140,7 +140,7 @@ class StopState:
 
 
 def _key(frame: FrameType) -> tuple[int, int]:
-    """Tells a frame from others that live; another at its place has other code, mostly."""
+    """Tells a frame from others that are alive; a later one at its address has other code, mostly."""
     return id(frame), id(frame.f_code)
 
 

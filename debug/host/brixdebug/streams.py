@@ -59,7 +59,7 @@ def _take_input_back(manager: Any) -> None:
 
 
 class PytestCapture:
-    """What pytest has been told of a stop."""
+    """What pytest knows of a stop."""
 
     def __init__(self) -> None:
         self._resume: Callable[[], object] | None = None      # we have switched the capture off

@@ -302,9 +302,9 @@ class Suspension:
     # -- lives of threads -----------------------------------------------------------
 
     def tell_of_threads(self, tell: Tell | None) -> None:
-        """`tell` is called as threads of the program begin and end, in any thread: it is not to wait.
+        """`tell` is called when threads of the program begin and end, in any thread: it must not block.
 
-        Of those that there are it is called at once.  None: nobody is told any longer.
+        For those that there are it is called at once.  None: nothing is reported any longer.
         """
         self._tell_of_threads = tell
         for per_thread in optmonitoring.CPerThread.GetAllPerThreads() if tell is None else ():
@@ -319,7 +319,7 @@ class Suspension:
                 self.thread_lives(thread_id)
 
     def thread_lives(self, thread_id: int) -> None:
-        """There is such a thread."""
+        """Whether there is such a thread."""
         tell = self._tell_of_threads
         if tell is None or thread_id in own_thread_ids:
             return

@@ -97,7 +97,7 @@ _PASSED_LIMIT = 100_000         # a program may name each of its texts in its ow
 
 
 class MonitorError(RuntimeError):
-    """The events cannot be had; the text is for the user."""
+    """The events are not available; the text is for the user."""
 
 
 class Switches:

@@ -326,7 +326,7 @@ class Watches:
         return []
 
     def take_changes(self, frame: FrameType, watches: Iterable[Watch]) -> list[Change]:
-        """The changes to stop for; each is told of once.  One thread at a time calls this."""
+        """The changes to stop for; each is returned once.  One thread at a time calls this."""
         changes = []
         for each in watches:
             old, new = each.value, each.look()
@@ -368,7 +368,7 @@ class Watches:
     # -- at the end of a call ----------------------------------------------------------------
 
     def over(self) -> list[Watch]:
-        """Those of objects that are gone."""
+        """The watches whose objects are gone."""
         return [each for each in self.active if each.is_over]
 
     def of_call(self, frame: FrameType) -> list[Watch]:

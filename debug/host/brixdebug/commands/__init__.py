@@ -1,4 +1,4 @@
-"""The commands that pdb has not, by what they are about; a debugger's class gets them by inheriting."""
+"""The commands that pdb lacks, by subject; a debugger's class inherits them."""
 
 from brixdebug.commands.breakpoints import BreakpointCommands
 from brixdebug.commands.completion import CompletionCommands

@@ -20,7 +20,7 @@ _REPLACED_VARIABLE = '__pdb_convenience_variables["%s"]' % EXCEPTION_VARIABLE[1:
 
 
 class ExceptionCommands(ThreadCommands):
-    """Says at which exceptions to stop, and shows one that has ended a thread."""
+    """Chooses the exceptions to stop at, and shows one that has ended a thread."""
 
     def do_catch(self, arg: str) -> None:
         """catch [raised | uncaught] [CLASS] [if CONDITION]
