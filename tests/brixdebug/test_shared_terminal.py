@@ -645,6 +645,39 @@ class ReloaderTest(unittest.TestCase):
             os.read(read, 1)                     # server
         """
 
+    CHANGING = """\
+        import os, subprocess, sys
+        runs = int(os.environ.get("RUNS", 0))
+        if not runs:
+            status = 3
+            while status == 3:
+                runs += 1
+                os.environ["RUNS"] = str(runs)
+                status = subprocess.call([sys.executable, *sys.orig_argv[1:]], close_fds=False)
+            sys.exit(status)
+        place = "server"                         # served
+        if runs < 4:
+            sys.exit(3 if runs < 3 else END)
+        """
+
+    def test_end_of_the_server(self):
+        """It ends as it does without the debugger: with the status that has the reloader start the next."""
+        for end, status in ("7", "7"), ("None", "0"):
+            with self.subTest(end):
+                program = write_program(scratch_folder(self), self.CHANGING.replace("END", end))
+                line = line_of(program, "served")
+                session = Session(self, "-m", "brixdebug", "-c", "break %d" % line, "-c", "continue", program, terminal=True)
+                children = set()
+                for _ in range(3):
+                    self.assertIn("> %s(%d)<module>()" % (program, line), session.prompt())
+                    children.add(session.prompting_pid)
+                    session.send("continue")
+                self.assertIn("Exit status: %s\n" % status, session.prompt())
+                self.assertIsNone(session.prompting_pid)
+                self.assertEqual(len(children - {None}), 3)
+                self.assertEqual(session.seen.count("Exit status"), 1)
+                self.assertEqual(session.end("quit")[1], 0)
+
     def start(self):
         program = write_program(scratch_folder(self), self.PROGRAM)
         session = Session(self, "-m", "brixdebug", "-c", "continue", program, terminal=True)

@@ -50,14 +50,17 @@ class _CommandLineDebugger(Debugger):
             super()._run(target)
         except BaseException as raised:
             has_quit = self._user_requested_quit and (isinstance(raised, SystemExit) or comes_of_quit(raised))
-            if not (has_quit or processes.is_child()):
+            if processes.is_session_of_program() and not has_quit and isinstance(raised, SystemExit):
+                processes.ending = raised         # a reloader waits for it, to start the next
+            elif not (has_quit or processes.is_child()):
                 raise
             error = raised
         finally:
             monitor.main_thread_has_ended()
         if processes.is_child():
-            self._user_requested_quit = True      # there is no next run of a child
             processes.ending = error
+        if processes.is_child() or processes.is_session_of_program():
+            self._user_requested_quit = True      # there is no next run
 
 
 class _ScriptTarget(_StandardTarget):

@@ -19,7 +19,7 @@ if TYPE_CHECKING:
 
 _first_pid = os.getpid()
 
-# What ended the program in this child; None: it came to its last line.
+# What ended the program, where there is no next run; None: it came to its last line.
 ending: BaseException | None = None
 
 
@@ -79,6 +79,11 @@ def is_followed() -> bool:
     return followed_pid == os.getpid()
 
 
+def is_session_of_program() -> bool:
+    """True in the process of a command line that the program of another one has started."""
+    return _session_pid == os.getpid() == followed_pid
+
+
 def is_free() -> bool:
     """True in a child of the command line's process that runs without the debugger."""
     return _session_pid is not None and os.getpid() != _session_pid and not is_followed()
@@ -100,8 +105,8 @@ def is_child() -> bool:
 
 
 def end_child() -> None:
-    """Called when a run of the program has ended: a child ends of what ended the program."""
-    if is_child() and ending is not None:
+    """Called when the session has ended: a child ends of what ended the program."""
+    if ending is not None and (is_child() or is_session_of_program()):
         _raise_as_without_debugger(ending)
 
 
