@@ -8,7 +8,7 @@ import sys
 import unittest
 
 from host_support import scratch_folder
-from session import Session, write_program
+from session import Session, line_of, write_program
 
 INTERRUPTED = "Program interrupted. (Use 'cont' to resume)."
 
@@ -41,6 +41,40 @@ class InterruptTestCase(unittest.TestCase):
 
     def end(self, session):
         self.assertEqual(session.end("quit")[1], 0)
+
+
+class PromptOfAWorkerTest(InterruptTestCase):
+    """Ctrl-C at the prompt of another thread than the main one is for that prompt."""
+
+    def test_main_thread_that_cannot_look_at_it(self):
+        """It has begun to wait for a lock, in C code that no signal ends: it looks when it has the lock."""
+        session = self.start("""\
+            import ctypes, functools, sys, threading
+            libc = ctypes.CDLL(None)
+            mutex = ctypes.create_string_buffer(64)
+            class Gate:
+                acquire = release = locked = __exit__ = print
+                __enter__ = functools.partial(libc.pthread_mutex_lock, mutex)
+            Gate.__enter__()
+            condition = threading.Condition(Gate)
+            main = threading.get_ident()
+            def work():
+                while sys._current_frames()[main].f_code is not threading.Condition.__enter__.__code__:
+                    pass
+                here = 1                         # line
+                libc.pthread_mutex_unlock(mutex)
+            threading.Thread(target=work).start()
+            condition.__enter__()
+            print("entered")
+            """, terminal=True)
+        session.do("break %d" % line_of(self.program, "line"))
+        self.assertIn("work()", session.do("continue"))
+        session.interrupt_sleeping()
+        printed = session.do("continue")
+        self.assertNotIn(INTERRUPTED, printed)
+        self.assertIn("entered\n", printed)
+        self.assertIn("The program finished", printed)
+        self.end(session)
 
 
 class BlockedTest(InterruptTestCase):

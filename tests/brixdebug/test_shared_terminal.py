@@ -285,6 +285,8 @@ def four(n):
             "t.start(); t.join(); os._exit(seen[0])"), terminal=True)
         self.let_come(session, 1)
         session.interrupt_sleeping(self.pids[1])
+        session.wait_until_asleep(self.pids[0])
+        os.kill(self.pids[0], signal.SIGINT)  # at its prompt, which may have ended when its main thread gets to run
         self.let_come(session, 2)
         for n in 1, 2:
             session.do("continue")

@@ -100,10 +100,12 @@ class Interruption:
             self.knock()
 
     def knock(self) -> None:
-        """Have the handler of SIGINT called in the main thread."""
-        self._is_knock = True
+        """Have the handler of SIGINT called in the main thread: once, where a Ctrl-C has not been looked at yet."""
         # A real signal, for it ends what the thread waits for in the kernel.
-        signal.pthread_kill(threading.main_thread().ident or 0, signal.SIGINT)
+        kill, thread_id, number = signal.pthread_kill, threading.main_thread().ident or 0, signal.SIGINT
+        # One after the other without a call in between, where the main thread could run the handler.
+        self._is_knock = True
+        kill(thread_id, number)
 
 
 def is_debuggers_code(frame: FrameType | None) -> bool:

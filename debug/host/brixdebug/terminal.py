@@ -12,10 +12,13 @@ import signal
 import sys
 import threading
 
+import optmonitoring
+
 from brixdebug import colors, processes
 from brixdebug.ends import Ends
 from brixdebug.monitor import monitor
 from brixdebug.sharing import sharing
+from brixdebug.suspension import is_threading_code
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -261,14 +264,32 @@ class Terminal(Ends):
         self.post_mortem_of = None            # it keeps all variables of the stack alive
         if _KEEPS_LOCALS:
             self.curframe_locals = {}
+        if not _is_main_thread():
+            self._use_up_interrupt()
+            return
         if is_post_mortem:
-            if _is_main_thread():
-                self.give_back_interrupts()
+            self.give_back_interrupts()
             return
         previous = pdb.Pdb._previous_sigint_handler       # type: ignore[attr-defined]
-        if previous is not None and _is_ours(previous) and _is_main_thread():
+        if previous is not None and _is_ours(previous):
             # `continue` has found it; who asks pdb, and pdb itself, is to find the program's.
             pdb.Pdb._previous_sigint_handler = _programs_handler      # type: ignore[attr-defined]
+
+    def _use_up_interrupt(self) -> None:
+        """The prompt of a worker thread ends: a Ctrl-C that was for it is not to stop the main thread later.
+
+        That thread calls the handler, and may not have come to it: it had just begun to wait in C code, or waits for
+        the interpreter lock.  A knock makes it look, and what it finds counts as the knock.  It is done only where it
+        waits for a lock, as in `join`, or at its gate: other calls of the program may end of a signal.
+        """
+        frame = sys._current_frames().get(threading.main_thread().ident or 0)
+        if frame is not None and (is_threading_code(frame) or optmonitoring.IsInternalFrame(frame)) \
+                and self.waits_for_user() and _is_ours(signal.getsignal(signal.SIGINT)):
+            self._traced().interruption.knock()
+
+    def _traced(self) -> Terminal:
+        """The debugger that gets the events; in a program with another one that is derived from `bdb`, this one."""
+        return monitor.debugger if isinstance(monitor.debugger, Terminal) else self
 
     if _KEEPS_LOCALS:
         def forget(self) -> None:
@@ -278,7 +299,7 @@ class Terminal(Ends):
 
     def sigint_handler(self, signum: Any, frame: Any) -> None:
         """The handler of SIGINT, in the main thread; prints nothing, for the thread may be in a `print`."""
-        traced: Any = monitor.debugger if isinstance(monitor.debugger, Terminal) else self
+        traced = self._traced()
         is_knock = traced.interruption.take_knock()
         if not is_knock and sharing.is_anothers:
             return            # typed at the prompt of another process
