@@ -77,6 +77,7 @@ class Client:
         self._answers = {}                   # seq -> response
         self.events = []                     # those that nobody has waited for yet
         self.output = {}                     # category -> text so far
+        self.output_places = []              # path and line of the output that has them
         self.on_request = {}                 # command of a reverse request -> function of its arguments -> body
         self._messages = queue.Queue()
         threading.Thread(target=self._read_all, daemon=True).start()
@@ -162,6 +163,8 @@ class Client:
             if message["event"] == "output":
                 body = message["body"]
                 self.output[body["category"]] = self.output.get(body["category"], "") + body["output"]
+                if "source" in body:
+                    self.output_places.append((body["source"]["path"], body["line"]))
             else:
                 self.events.append(message)
         else:

@@ -167,15 +167,6 @@ class ProgramsFileTest(AdapterTestCase):
         self.assertEqual(client.finish(), 0)
         self.assertEqual(client.output["stdout"], "a program\n")
 
-    def test_editor_that_names_files_by_uris(self):
-        path = self.program("first = 1\nsecond = 2\n", "a b%41é.py")
-        client = self.client()
-        client.begin("launch", {"program": str(path), "console": "internalConsole"}, pathFormat="uri",
-                     breakpoints=[("file://%s/a%%20b%%2541%%C3%%A9.py" % self.folder, [2])])
-        self.assertEqual(client.wait_for_stop("breakpoint")["frame"]["line"], 2)
-        client.go_on()
-        self.assertEqual(client.finish(), 0)
-
 
 if __name__ == "__main__":
     unittest.main()

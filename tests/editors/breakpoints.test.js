@@ -281,3 +281,10 @@ scenario("lines counted from 0", async (s) => {
     assert.equal(await s.evaluate("x"), "1");
 });
 
+scenario("files named by URIs", async (s) => {
+    const file = s.write("a b%41é.py", "x = 1\ny = 2\n");
+    const uri = require("node:url").pathToFileURL(file).href;
+    await s.debug(file, { [uri]: [2] }, { initialize: { pathFormat: "uri" } });
+    const { frame } = await s.stopped("breakpoint");
+    assert.equal(require("node:url").fileURLToPath(frame.source.path), file);
+});

@@ -51,6 +51,7 @@ const DIFFERENCES = {
     "information: the exceptions of a group": "shows no inner exceptions",
     "information without an exception is refused": "answers with the text that there is none",
     // breakpoints
+    "files named by URIs": "refuses an editor that does so",
     "a prompt that the program opens itself is a stop": "the prompt opens on the program's standard output",
     "a breakpoint on a comment holds at the next statement": "moves it back, to the def",
     "a breakpoint after the last statement is not verified, with the reason": "verifies it",

@@ -11,9 +11,8 @@ import sys
 import threading
 import time
 
-from brixdebug.dap import arguments, door, programs
+from brixdebug.dap import arguments, capabilities, door, programs
 from brixdebug.dap.asking import Arguments, RequestError
-from brixdebug.dap.capabilities import CAPABILITIES, EXCEPTION_FILTERS
 from brixdebug.dap.replies import Replies
 from brixdebug.dap.traffic import TrafficFile
 from brixdebug.dap.wire import MAX_MESSAGE_BYTES, MAX_STRANGERS_BYTES, Wire, WireError
@@ -115,10 +114,14 @@ class Adapter:
         if self._initialize is not None:
             self._client.refuse(message, "initialize comes once")
             return
+        try:
+            body = capabilities.answer(Arguments("initialize", message.get("arguments")), is_adapter=True)
+        except RequestError as error:
+            self._client.refuse(message, str(error))
+            return
         self._initialize = message
         self._swallowed.add(message["seq"])
-        self._client.respond(message, dict(CAPABILITIES, supportsRestartRequest=True,
-                                           exceptionBreakpointFilters=EXCEPTION_FILTERS))
+        self._client.respond(message, body)
 
     def _pass_to_program(self, message: dict[str, Any]) -> None:
         """The program's response refers to the client's own number."""

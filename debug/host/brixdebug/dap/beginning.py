@@ -4,9 +4,8 @@ from __future__ import annotations
 
 import os
 
-from brixdebug.dap import arguments, door
+from brixdebug.dap import arguments, capabilities, door
 from brixdebug.dap.asking import RequestError
-from brixdebug.dap.capabilities import CAPABILITIES, EXCEPTION_FILTERS
 from brixdebug.dap.client import LATER
 from brixdebug.dap.redirect import flush_streams
 from brixdebug.dap.sources import PathMap
@@ -28,8 +27,10 @@ OCCUPIED = "Another client is connected to this program."
 def on_initialize(session: Session, request: Request) -> Any:
     if session.initialize:
         raise RequestError("initialize comes once")
-    session.initialize = {"linesStartAt1": True, "columnsStartAt1": True, **request.arguments.values}
-    return dict(CAPABILITIES, exceptionBreakpointFilters=EXCEPTION_FILTERS)
+    body = capabilities.answer(request.arguments)
+    given = {name: value for name, value in request.arguments.values.items() if value is not None}
+    session.initialize = {"linesStartAt1": True, "columnsStartAt1": True, **given}
+    return body
 
 
 def on_begin(session: Session, request: Request) -> Any:

@@ -16,7 +16,7 @@ from brixdebug.dap.asking import Arguments, RequestError
 from brixdebug.dap.breakpoint_ids import BreakpointIds
 from brixdebug.dap.cancelling import Running
 from brixdebug.dap.replies import Replies
-from brixdebug.dap.sources import PathMap, path_of_uri
+from brixdebug.dap.sources import PathMap, path_of_uri, uri_of_path
 from brixdebug.dap.thread_events import ThreadEvents
 from brixdebug.dap.tree import Tree
 from brixdebug.dap.wire import MAX_MESSAGE_BYTES, MAX_STRANGERS_BYTES, Wire, WireError
@@ -293,12 +293,20 @@ class Session:
         """The program's name of a file that the client names."""
         path = source.text("path")
         if path is None:
-            path = self.sources.get(source.integer("sourceReference", 0))
-        if path is None:
-            raise RequestError("the source has no path")
-        if self.initialize.get("pathFormat") == "uri":
-            path = path_of_uri(path)
-        return str(self.paths.to_program(path))
+            name = self.sources.get(source.integer("sourceReference", 0))
+            if name is None:
+                raise RequestError("the source has no path")
+            return name
+        return self.paths.to_program(path_of_uri(path) if self._has_uris else path)
+
+    def client_path(self, path: str) -> str:
+        """The client's name of a file of the program."""
+        path = self.paths.to_client(os.path.abspath(path))
+        return uri_of_path(path) if self._has_uris else path
+
+    @property
+    def _has_uris(self) -> bool:
+        return self.initialize.get("pathFormat") == "uri"
 
     def source(self, filename: str) -> dict[str, Any] | None:
         """The client's name of a file of the program; None for what has no text."""
@@ -306,8 +314,7 @@ class Session:
             if not linecache.getlines(filename):
                 return None
             return {"name": filename, "sourceReference": self._source_number(filename)}
-        path = os.path.abspath(filename)
-        return {"name": os.path.basename(path), "path": self.paths.to_client(path)}
+        return {"name": os.path.basename(os.path.abspath(filename)), "path": self.client_path(filename)}
 
     def _source_number(self, filename: str) -> int:
         for number, known in self.sources.items():

@@ -218,6 +218,9 @@ def _is_complete(text: str) -> bool:
 def on_completions(session: Session, request: Request) -> Any:
     text = request.arguments.needed_text("text")
     column = request.arguments.needed_integer("column") - session.client_column(1)
+    if request.arguments.integer("line") is not None:        # else the column counts from the beginning of the text
+        before = text.split("\n")[:max(0, session.program_line(request.arguments.integer("line")) - 1)]
+        column += sum(len(each) + 1 for each in before)
     stop = session.stop()
     frame = frame_of(session, request).frame if request.arguments.integer("frameId") is not None else stop.frame
     line = text[:max(0, column)].split("\n")[-1]

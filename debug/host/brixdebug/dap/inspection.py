@@ -207,7 +207,7 @@ def on_modules(session: Session, request: Request) -> Any:
         path = names.get("__file__")
         row: dict[str, Any] = {"id": name, "name": name}
         if isinstance(path, str):
-            row["path"] = session.paths.to_client(os.path.abspath(path))
+            row["path"] = session.client_path(path)
         version = names.get("__version__")
         if isinstance(version, str):
             row["version"] = version
