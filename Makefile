@@ -27,7 +27,7 @@ WATCHED_HOSTS ?= $(or $(PYTHONS),$(shell tools/interpreters list --cmake --min 3
                    awk -F'|' '$$3 == "release" { print $$1; exit }'),$(WATCHED_PYTHONS))
 
 # Sessions of the debugger that work the module hardest; what only the prompt does is the same without a sanitizer.
-WATCHED_SESSIONS = files|fork|hooks|log|stops|switching|threads|conditions|evaluation
+WATCHED_SESSIONS = files|fork|log|own_errors|stops|switching|threads|conditions|evaluation
 
 .PHONY: help setup build run demo test test-long test-one test-all test-cpp test-python test-brixdebug test-life test-adapter \
         test-reference test-editors test-aarch64 test-musl cpython-suites wheel wheels vsix types inject fuzz asan tsan \

@@ -11,11 +11,11 @@ import traceback
 from brixdebug import compat, ipython, log, processes
 from brixdebug.commands.stack import without_start
 from brixdebug.debugger import Debugger
-from brixdebug.ending import comes_of_quit
 from brixdebug.engine import BdbQuit, reporter
 from brixdebug.entry import PDB_NAMES, standard, take_over
 from brixdebug.monitor import monitor
 from brixdebug.sharing import sharing
+from brixdebug.thread_ends import comes_of_quit
 from brixdebug.version import __version__
 
 TYPE_CHECKING = False

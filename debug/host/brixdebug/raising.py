@@ -15,8 +15,8 @@ import sys
 import optmonitoring
 from brixbase import dlog
 
-from brixdebug.ending import Catcher
 from brixdebug.switches import program_frame
+from brixdebug.thread_ends import Catcher
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:

@@ -15,11 +15,11 @@ from brixbase import dlog
 
 from brixdebug import compat
 from brixdebug.decisions import PASSED, UNDECIDED
-from brixdebug.ending import is_without_handlers
 from brixdebug.exceptions import RAISED, UNHANDLED
 from brixdebug.raising import is_of_signal_handler
 from brixdebug.suspension import ends_by_itself
 from brixdebug.switches import line_at, program_frame
+from brixdebug.thread_ends import is_without_handlers
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:

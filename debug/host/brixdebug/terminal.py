@@ -15,8 +15,8 @@ import threading
 import optmonitoring
 
 from brixdebug import colors, processes
-from brixdebug.ends import Ends
 from brixdebug.monitor import monitor
+from brixdebug.session_ends import Ends
 from brixdebug.sharing import sharing
 from brixdebug.suspension import is_threading_code
 

@@ -8,7 +8,7 @@ from host_support import check_child, run_child, scratch_folder
 from session import Session, line_of, run_session, write_program
 
 
-class HooksTestCase(unittest.TestCase):
+class OwnErrorsTestCase(unittest.TestCase):
 
     def setUp(self):
         self.folder = scratch_folder(self)
@@ -37,7 +37,7 @@ PROGRAM = """\
     """
 
 
-class OwnErrorTest(HooksTestCase):
+class OwnErrorTest(OwnErrorsTestCase):
     """Errors of the debugger's own: the program goes on as if nothing had happened, the log says what did."""
 
     BREAK = {
@@ -148,7 +148,7 @@ BREAKER = textwrap.dedent("""\
     """)
 
 
-class BdbExceptionTest(HooksTestCase):
+class BdbExceptionTest(OwnErrorsTestCase):
     """An exception of a user_ method lands in the program, at the very line, as with bdb."""
 
     SUBCLASS = """\
@@ -229,7 +229,7 @@ class BdbExceptionTest(HooksTestCase):
         self.assertGreater(len(outputs[0]), 45)
 
 
-class ConditionTest(HooksTestCase):
+class ConditionTest(OwnErrorsTestCase):
 
     def session(self, module, *commands):
         child = run_session("-m", module, self.program, commands=commands, cwd=self.folder)
@@ -279,7 +279,7 @@ class ConditionTest(HooksTestCase):
         session.end("quit")
 
 
-class SignalTest(HooksTestCase):
+class SignalTest(OwnErrorsTestCase):
     """What the handler of a signal raises belongs to the program, wherever the debugger was at that moment."""
 
     def test_no_exception_of_a_handler_is_lost(self):
@@ -451,7 +451,7 @@ class SignalTest(HooksTestCase):
             """, expected="(False, True)\n")
 
 
-class RecordsTest(HooksTestCase):
+class RecordsTest(OwnErrorsTestCase):
 
     def test_info_duplicates(self):
         for name in "one", "two", "other":
