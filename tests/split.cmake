@@ -5,7 +5,7 @@
 # A row: label, pattern of test names. The first pattern that fits decides; tests/python/test_entries.py checks the outcome.
 
 # What a debugger is least allowed to get wrong, and where versions of Python differ most.
-set(brixdebug_core "test_(stops|threads|switching|adapter_launch)")
+set(brixdebug_core "test_(stops|threads|locks|switching|adapter_launch)")
 # Other people's programs, CPython's own tests, and adapter sessions that wait for processes to time out or to die.
 set(brixdebug_slow "run_cpython_tests|test_(other_tools|pytest|adapter_(children|process_faults|strangers))")
 

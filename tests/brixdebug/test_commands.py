@@ -1,4 +1,4 @@
-"""The commands that the prompt adds to pdb's are described: by `help`, and in the user's guide."""
+"""The commands that the prompt adds to pdb's: all are described, by `help` and in the user's guide; `info`."""
 
 import json
 import re
@@ -59,6 +59,40 @@ class CommandsTest(unittest.TestCase):
                 else:
                     self.assertEqual(answer[:len(note)], note)
                 self.assertEqual(session.do("!" + name), "'of the program'\n")
+        session.end("quit")
+
+
+class InfoTest(unittest.TestCase):
+    def setUp(self):
+        self.folder = scratch_folder(self)
+
+    def start(self, text):
+        self.program = write_program(self.folder, text)
+        session = Session(self, "-m", "brixdebug", self.program, cwd=self.folder)
+        session.prompt()
+        return session
+
+    def test_duplicates(self):
+        for name in "one", "two", "other":
+            write_program(self.folder, "value = 1\n" if name != "other" else "value = 2\n", name + ".py")
+        session = self.start("import one, two, other\nhere = 1\n")
+        session.do("break one.py:1")
+        self.assertIn("one.py(1)", session.do("continue"))
+        self.assertIn("Breakpoint", session.do("break %s:2" % self.program))
+        session.do("continue")
+        self.assertEqual(session.do("info duplicates"),
+                         "Equal contents:\n    %s\n    %s\n" % (self.folder / "one.py", self.folder / "two.py"))
+        topics = "*** info duplicates, info processes, info threads, info watches is what there is\n"
+        self.assertEqual(session.do("info"), topics)
+        self.assertEqual(session.do("info breakpoints"), topics)
+        self.assertIn("equal contents", session.do("help info"))
+        session.do("info = [3]")
+        self.assertEqual(session.do("info[0]"), "3\n")
+        session.end("quit")
+
+    def test_without_duplicates(self):
+        session = self.start("here = 1\n")
+        self.assertEqual(session.do("info duplicates"), "No two files have equal contents.\n")
         session.end("quit")
 
 
