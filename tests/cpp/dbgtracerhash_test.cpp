@@ -83,24 +83,34 @@ TEST(HashTable, FindInAnEmptyTableIsNull)
     EXPECT_EQ(nullptr, CU_ArrayFind(&arrays, array_key(0).c_str()));
 }
 
+// The new entry of KEY in an empty TABLE, by CREATE: one block of the heap, in bucket 3.
+static CUt_HashEntry* create_and_check(tTestTable* table, const char* key, size_t key_size,
+                                       CUt_HashEntry* (*create)(CUt_HashTable*, const char*, int*))
+{
+    int is_new = -1;
+    tHeapWatch watch;
+    CUt_HashEntry* entry = create(table, key, &is_new);
+    watch.stop();
+    EXPECT_EQ(1, is_new);
+    EXPECT_EQ(1, watch.allocations());
+    EXPECT_EQ(kFixedPart + key_size, watch.requested(1));
+    EXPECT_EQ(entry, table->buckets[3]);
+    EXPECT_EQ(1u, table->numEntries);
+    if (!entry)
+        return nullptr;
+    EXPECT_EQ(nullptr, entry->nextPtr);
+    EXPECT_EQ(table, entry->tablePtr);
+    EXPECT_EQ(&table->staticBuckets[3], entry->bucketPtr);
+    EXPECT_EQ(nullptr, entry->clientData);
+    return entry;
+}
+
 TEST(HashTable, CreateFillsAllFieldsOfAStringEntry)
 {
     tTestTable table;
     char key[] = "ab";  // 97 * 9 + 98 = 971, bucket 3
-    int is_new = -1;
-    tHeapWatch watch;
-    CUt_HashEntry* entry = CU_StringCreate(&table, key, &is_new);
-    watch.stop();
+    CUt_HashEntry* entry = create_and_check(&table, key, sizeof(key), CU_StringCreate);
     ASSERT_NE(nullptr, entry);
-    EXPECT_EQ(1, is_new);
-    EXPECT_EQ(1, watch.allocations());
-    EXPECT_EQ(kFixedPart + 3, watch.requested(1));
-    EXPECT_EQ(nullptr, entry->nextPtr);
-    EXPECT_EQ(&table, entry->tablePtr);
-    EXPECT_EQ(&table.staticBuckets[3], entry->bucketPtr);
-    EXPECT_EQ(nullptr, entry->clientData);
-    EXPECT_EQ(entry, table.buckets[3]);
-    EXPECT_EQ(1u, table.numEntries);
     key[0] = 'x';  // the entry has its own copy
     EXPECT_STREQ("ab", text_of(entry));
 }
@@ -109,20 +119,8 @@ TEST(HashTable, CreateFillsAllFieldsOfAnArrayEntry)
 {
     tTestTable table(16);
     const std::string key = array_key(28);
-    int is_new = -1;
-    tHeapWatch watch;
-    CUt_HashEntry* entry = CU_ArrayCreate(&table, key.c_str(), &is_new);
-    watch.stop();
+    CUt_HashEntry* entry = create_and_check(&table, key.c_str(), 16, CU_ArrayCreate);
     ASSERT_NE(nullptr, entry);
-    EXPECT_EQ(1, is_new);
-    EXPECT_EQ(1, watch.allocations());
-    EXPECT_EQ(kFixedPart + 16, watch.requested(1));
-    EXPECT_EQ(nullptr, entry->nextPtr);
-    EXPECT_EQ(&table, entry->tablePtr);
-    EXPECT_EQ(&table.staticBuckets[3], entry->bucketPtr);
-    EXPECT_EQ(nullptr, entry->clientData);
-    EXPECT_EQ(entry, table.buckets[3]);
-    EXPECT_EQ(1u, table.numEntries);
     EXPECT_EQ(key, std::string(text_of(entry), 16));
 }
 

@@ -135,46 +135,31 @@ class BothPaths(FilterTestCase):
             self.assert_reported(KeyError, "'second'")
             forget_handled_exception()
 
-    def test_errno_of_the_program(self):
+    def check_errno(self, before, after, fails=False):
+        """The program's errno around an event whose second callback sets it to EBADF."""
         variable = errno_variable()
 
         def second(code, line):
             variable.value = errno.EBADF
+            if fails:
+                raise KeyError("second")
 
         self.thread.fSteppingEventsNeeded = True
         callback = self.callback("PY_START", second)
         for _ in self.each_path():
-            variable.value = errno.ENOENT
+            variable.value = before
             callback.Callback(self.code, 0)
-            self.assertEqual(variable.value, errno.ENOENT)
+            self.assertEqual(variable.value, after)
+            forget_handled_exception()
+
+    def test_errno_of_the_program(self):
+        self.check_errno(errno.ENOENT, errno.ENOENT)
 
     def test_keeps_the_errno_of_the_second_callback_where_it_was_0(self):
-        variable = errno_variable()
-
-        def second(code, line):
-            variable.value = errno.EBADF
-
-        self.thread.fSteppingEventsNeeded = True
-        callback = self.callback("PY_START", second)
-        for _ in self.each_path():
-            variable.value = 0
-            callback.Callback(self.code, 0)
-            self.assertEqual(variable.value, errno.EBADF)
+        self.check_errno(0, errno.EBADF)
 
     def test_errno_where_the_second_callback_fails(self):
-        variable = errno_variable()
-
-        def second(code, line):
-            variable.value = errno.EBADF
-            raise KeyError("second")
-
-        self.thread.fSteppingEventsNeeded = True
-        callback = self.callback("PY_START", second)
-        for _ in self.each_path():
-            variable.value = errno.ENOENT
-            callback.Callback(self.code, 0)
-            self.assertEqual(variable.value, errno.ENOENT)
-            forget_handled_exception()
+        self.check_errno(errno.ENOENT, errno.ENOENT, fails=True)
 
     def test_a_thread_to_be_held(self):
         self.addCleanup(setattr, self.thread, "fCheckSuspendLock", 0)
