@@ -361,6 +361,55 @@ class LineTest(TerminalTestCase):
         self.assertNotIn("\x1b[", self.run_commands(self.PROGRAM, "list", "quit").stdout)
 
 
+class ReplacedOutputTest(TerminalTestCase):
+    """The program has put something of its own in the place of `sys.stdout`: the prompt does not go through it."""
+
+    PROGRAM = """\
+        import sys, threading
+        lock, begun, done, written = threading.Lock(), threading.Event(), [], []
+        class Output:
+            def write(self, text):
+                with lock:
+                    written.append(text)
+            def flush(self):
+                pass
+        def work():
+            begun.wait()
+            value = 7
+            done.append(value)                   # worker
+        standard, sys.stdout = sys.stdout, Output()
+        thread = threading.Thread(target=work)
+        thread.start()
+        with lock:
+            begun.set()
+            while not done:
+                pass
+        thread.join()
+        print("end")
+        sys.stdout = standard
+        print(written)
+        """
+
+    def test_it_needs_a_lock_of_a_held_thread(self):
+        for terminal in False, True:
+            with self.subTest(terminal=terminal):
+                session = self.start(self.PROGRAM, "break 12", terminal=terminal)
+                self.assertIn("> %s(12)work()" % self.program, session.do("continue"))
+                self.assertEqual(session.do("p value"), "7\n")
+                session.do_until("threads", "held")
+                self.assertIn("['end', '\\n']\n", session.do("continue"))
+                self.assertEqual(session.end("quit")[1], 0)
+
+    def test_it_is_none(self):
+        session = self.start("import sys\nstandard, sys.stdout = sys.stdout, None\nn = 7\nsys.stdout = standard\n",
+                             "break 3", "continue")
+        self.assertEqual(session.do("p n if False else 8"), "8\n")
+        session.do("next")
+        self.assertEqual(session.do("p n"), "7\n")
+        session.do("continue")
+        self.assertEqual(session.end("quit")[1], 0)
+
+
 class WarningsTest(TerminalTestCase):
 
     def test_they_name_the_users_line(self):

@@ -409,7 +409,8 @@ class Terminal(Ends):
         try:
             if not _is_being_read(self.stdin):
                 try:
-                    return super()._cmdloop()
+                    with self._own_output():
+                        return super()._cmdloop()
                 except RuntimeError as error:
                     if str(error) != _BUSY_INPUT:
                         raise
@@ -417,6 +418,32 @@ class Terminal(Ends):
                 super()._cmdloop()
         finally:
             self.completekey = completekey
+
+    @contextlib.contextmanager
+    def _own_output(self) -> Iterator[None]:
+        """The prompt is shown where all else of the debugger is, not by what the program has made `sys.stdout`.
+
+        That may log what it is given, or need a lock that a held thread has.
+        """
+        if not self._is_output_replaced():
+            yield
+            return
+        before: Any = self.stdin, self.use_rawinput
+        self.stdin, self.use_rawinput = sys.stdin, False      # type: ignore[assignment]
+        try:
+            yield
+        finally:
+            self.stdin, self.use_rawinput = before
+
+    def _is_output_replaced(self) -> bool:
+        """Whether `input` would hand its prompt to something of the program's."""
+        if sys.stdout is self.stdout or not self.use_rawinput or type(self).cmdloop is not _STANDARD_CLASS.cmdloop \
+                or sys.stdin is None or sys.stdin.closed:
+            return False
+        try:
+            return sys.stdout.fileno() != 1 or not os.isatty(1)
+        except Exception:                     # it is the program's
+            return True
 
     @contextlib.contextmanager
     def _plain_input(self) -> Iterator[None]:
