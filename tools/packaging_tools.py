@@ -72,7 +72,7 @@ def pip(folder, python, *arguments, **more):
 
 
 def reaches_index(folder=FOLDER):
-    """Whether packages can be had; without, the answer is what pip says."""
+    """Whether packages can be fetched, and if not, what pip says."""
     with tempfile.TemporaryDirectory() as scratch:
         try:
             pip(folder, sys.executable, "download", "--quiet", "--no-cache-dir", "--no-deps", "--retries", "1",

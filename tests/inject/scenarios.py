@@ -114,7 +114,7 @@ def _find_faults(om):
 RULES_BROKEN = ("without setting an exception", "with an exception set", "without exception")
 
 
-# what names are refused with when their text cannot be had
+# what names without a text are refused with
 NO_TEXT = ("cannot be converted to UTF-8", "has an embedded null character")
 
 
@@ -304,7 +304,7 @@ class Scenarios(object):
             om.CPerCodeObject(inputs["code"], inputs["frame"])
             return True
 
-        # a checksum that cannot be had counts as none
+        # a checksum that fails counts as none
         no_checksum = judge_function([(a, None)])
         yield self.scenario("CPerCodeObject()", construct_code, code)
         yield self.scenario("record of a code object", get_record, code)

@@ -20,7 +20,7 @@ DIST = os.path.join(FOLDER, "dist")
 
 
 def need_index():
-    """Skip the module's tests where packages cannot be had."""
+    """Skip the module's tests where packages cannot be fetched."""
     reached, text = packaging_tools.reaches_index()
     if not reached:
         print(text)

@@ -77,7 +77,7 @@ class Monitor:
     def stop(self, debugger: TracedDebugger) -> None:
         """`debugger` gets no more events; everything that was taken is given back."""
         if self.debugger is not debugger or self.suspension.is_ending_all:
-            return            # the process ends, and its other threads have still to be told
+            return            # the process ends, and its other threads have yet to be ended
         with self.switches.lock:
             self._trace(None)
             for state in debugger.stop_states.all():

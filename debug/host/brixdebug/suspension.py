@@ -90,7 +90,7 @@ class SuspendLock:
         self._gate: threading.Lock | None = None      # one for each time that it is closed
         self._waited_at: threading.Lock | None = None
         self.is_watching = False              # the waiter looks at the clock
-        self.lives: dict[Tell, Life] = {}     # who has been told of this thread; goes with its record
+        self.lives: dict[Tell, Life] = {}     # who knows of this thread; goes with its record
 
     @property
     def has_waiter(self) -> bool:

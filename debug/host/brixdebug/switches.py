@@ -23,7 +23,7 @@ What is switched on under them:
     RAISE                          while exceptions are to stop where they are raised
     RAISE, PY_UNWIND               while they are to stop where they leave the user's code
     LINE, PY_START, JUMP           in the function of `threading` that runs a thread, while
-                                   exceptions are to stop that end one, or begins are told of
+                                   exceptions are to stop that end one, or begins are reported
     LINE, JUMP, PY_START, returns  in the functions of calls whose local names are watched,
     PY_UNWIND                      and the end of such a call by an exception
     LINE, JUMP                     while attributes or global names are watched
@@ -132,7 +132,7 @@ class Switches:
         self._reports_all_lines = False
         # Tells of which code objects steps pass by; None: of none.
         self.is_hidden: Callable[[CPerCodeObject], bool] | None = None
-        self._hides = False                   # the filter is told of them now
+        self._hides = False                   # the filter knows of them now
         self._process_id = os.getpid()
         self._passed: set[str] = set()        # `co_filename`s of files in which nobody waits
         self._passing: AbstractSet[str] = _NO_NAMES   # these, while code is found without the filter
