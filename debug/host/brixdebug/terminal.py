@@ -429,7 +429,7 @@ class Terminal(Ends):
             yield
             return
         before: Any = self.stdin, self.use_rawinput
-        self.stdin, self.use_rawinput = sys.stdin, False      # type: ignore[assignment]
+        self.stdin, self.use_rawinput = sys.stdin, False
         try:
             yield
         finally:
