@@ -6,7 +6,7 @@ import unittest
 import zipfile
 
 from dap_client import AdapterTestCase
-from host_support import LOCK_WARNING, check_child, child_environment
+from host_support import LOCK_WARNING, check_child, child_environment, run_child
 from session import without_addresses
 
 # Each of these takes longer to be imported than the program's own start; pdb loads most of them from 3.14 on.
@@ -24,6 +24,12 @@ class LoadedModulesTest(AdapterTestCase):
         client.launch(self.program(LOADED % (NOT_FOR_THE_PROGRAM,)))
         client.finish()
         self.assertEqual(client.output["stdout"], "[]\n")
+
+    def test_program_that_waits_for_an_editor_has_little_more(self):
+        path = self.program(LOADED % (NOT_FOR_THE_PROGRAM,))
+        child = run_child("-m", "brixdebug", "--listen", "0", path)
+        self.assertEqual(child.stdout, "['argparse']\n")
+        self.assertRegex(child.stderr, r"\Abrixdebug: listening at 127\.0\.0\.1:\d+\n\Z")
 
     def test_adapter_has_what_a_launch_needs_alone(self):
         printed = check_child(self, "-c", "import brixdebug.dap.__main__; " + LOADED % (NOT_FOR_THE_ADAPTER,))

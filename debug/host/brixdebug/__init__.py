@@ -29,7 +29,7 @@ builds.check(_module.origin)
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
-    from brixdebug.commandline import main
+    from brixdebug.__main__ import main
     from brixdebug.dap.program import breakpoint, is_client_connected, listen, wait_for_client
     from brixdebug.debugger import Debugger
     from brixdebug.debugger import Debugger as Pdb
@@ -39,7 +39,7 @@ if TYPE_CHECKING:
 # Name here -> module, and its name there.  It is imported when the name is asked for: the prompt takes longer to load than
 # all that the debug adapter needs, and either does without the other.
 _HOMES = {
-    "main": ("brixdebug.commandline", "main"),
+    "main": ("brixdebug.__main__", "main"),
     "Debugger": ("brixdebug.debugger", "Debugger"),
     "Pdb": ("brixdebug.debugger", "Debugger"),           # the name of the class in `pdb`
     "NoTerminal": ("brixdebug.streams", "NoTerminal"),
@@ -48,6 +48,8 @@ _HOMES = {
     **{name: ("brixdebug.dap.program", name) for name in
        ("breakpoint", "is_client_connected", "listen", "wait_for_client")},
 }
+
+_WITHOUT_PROMPT = "brixdebug.__main__", "brixdebug.dap.program"
 
 __all__ = ["Debugger", "NoTerminal", "Pdb", "help", "main", "pm", "post_mortem", "run", "runcall",
            "runctx", "runeval", "set_trace"]
@@ -67,7 +69,7 @@ def __getattr__(name: str) -> object:
     if name not in _HOMES:
         raise AttributeError("module %r has no attribute %r" % (__name__, name))
     module, there = _HOMES[name]
-    if not module.startswith("brixdebug.dap."):
+    if module not in _WITHOUT_PROMPT:
         importlib.import_module("pdb")        # before what derives from it: it loads the prompt in an editor's session
     value = globals()[name] = getattr(importlib.import_module(module), there)
     return value

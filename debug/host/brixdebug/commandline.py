@@ -14,6 +14,7 @@ from brixdebug.debugger import Debugger
 from brixdebug.engine import BdbQuit, reporter
 from brixdebug.entry import PDB_NAMES, standard, take_over
 from brixdebug.monitor import monitor
+from brixdebug.options import take_own_options
 from brixdebug.sharing import sharing
 from brixdebug.thread_ends import comes_of_quit
 from brixdebug.version import __version__
@@ -171,30 +172,6 @@ def _leave_options_to_program(arguments: list[str]) -> None:
         arguments.insert(index, "--")
 
 
-def _take_own_options(arguments: list[str]) -> dict[str, str]:
-    """Take `--log FILE`, `--log-domains NAMES` and `--ipython` from the options before the program."""
-    options = {}
-    index = 0
-    while index < len(arguments) and arguments[index].startswith("-"):
-        name, has_value, value = arguments[index].partition("=")
-        if name in ("--log", "--log-domains"):
-            del arguments[index]
-            if not has_value:
-                if index == len(arguments):
-                    raise SystemExit("brixdebug: error: %s needs a value" % name)
-                value = arguments.pop(index)
-            options[name] = value
-        elif arguments[index] == "--ipython":
-            options[arguments.pop(index)] = ""
-        elif arguments[index] in ("-c", "--command"):
-            index += 2
-        elif arguments[index] in ("-m", "--"):
-            break
-        else:
-            index += 1
-    return options
-
-
 def _open_log(options: dict[str, str]) -> None:
     try:
         log.open_as_asked(options.get("--log"), options.get("--log-domains"))
@@ -261,12 +238,6 @@ def _debugger_class(has_ipython: bool) -> Any:
         raise SystemExit("brixdebug: error: --ipython needs IPython: %s" % error) from None
 
 
-def _is_for_editors(arguments: list[str]) -> bool:
-    rest = list(arguments)
-    _take_own_options(rest)
-    return bool(rest) and rest[0].partition("=")[0] in ("--listen", "--connect")
-
-
 def _search_modules_here() -> None:
     """As `python -m` does: the installed command has begun as a script, so its own folder comes first.
 
@@ -279,12 +250,8 @@ def _search_modules_here() -> None:
 def main() -> None:
     """The command line: pdb's, and `--log FILE` and `--log-domains NAMES` among its options."""
     arguments = sys.argv[1:]
-    if _is_for_editors(arguments):
-        from brixdebug.dap import program
-        program.serve(arguments)
-        return
     _show_help(arguments)
-    options = _take_own_options(arguments)
+    options = take_own_options(arguments)
     _open_log(options)
     attached = _attach_options(arguments)
     if attached is not None:
