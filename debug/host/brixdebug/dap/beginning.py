@@ -5,20 +5,20 @@ from __future__ import annotations
 import os
 
 from brixdebug.dap import arguments, capabilities, door
-from brixdebug.dap.asking import RequestError
-from brixdebug.dap.client import LATER
-from brixdebug.dap.redirect import flush_streams
-from brixdebug.dap.sources import PathMap
-from brixdebug.dap.traffic import TrafficFile
+from brixdebug.monitor import monitor
 from brixdebug.dap.wire import MAX_MESSAGE_BYTES
 from brixdebug.libraries import Rule
-from brixdebug.monitor import monitor
+from brixdebug.dap.asking import RequestError
+from brixdebug.dap.session import LATER
+from brixdebug.dap.sources import PathMap
+from brixdebug.dap.traffic import TrafficFile
+from brixdebug.dap.redirect import flush_streams
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     from typing import Any
 
-    from brixdebug.dap.client import Handler, Request, Session
+    from brixdebug.dap.session import Handler, Request, Session
 
 CLIENT_SECONDS = 60           # for a client that takes nothing: the threads of the program wait for it
 OCCUPIED = "Another client is connected to this program."

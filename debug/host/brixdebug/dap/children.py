@@ -18,19 +18,19 @@ import threading
 from brixbase import dlog
 
 from brixdebug.dap import arguments, door, fork_warning, spawning
+from brixdebug.monitor import monitor
+from brixdebug.dap.wire import MAX_STRANGERS_BYTES, Wire, WireError
 from brixdebug.dap.asking import Arguments, RequestError
 from brixdebug.dap.entrance import Entrance
 from brixdebug.dap.heritage import PATH_VARIABLE, STARTUP_FOLDER, VARIABLE, Heritage
-from brixdebug.dap.wire import MAX_STRANGERS_BYTES, Wire, WireError
-from brixdebug.monitor import monitor
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     from types import FrameType, TracebackType
     from typing import Any
 
-    from brixdebug.dap.client import Session
     from brixdebug.dap.server import Server
+    from brixdebug.dap.session import Session
 
 _CLIENT_SECONDS = 60.0        # for the client to come to a child that it has been asked to come to
 _ANSWER_SECONDS = 10.0        # for a process that runs, to say what it has to say

@@ -6,11 +6,11 @@ import os
 import signal
 import threading
 
-from brixdebug.dap.asking import RequestError
-from brixdebug.dap.redirect import flush_streams
-from brixdebug.dap.client import LATER
 from brixdebug.monitor import monitor
+from brixdebug.dap.asking import RequestError
 from brixdebug.suspension import debugged_frames
+from brixdebug.dap.session import LATER
+from brixdebug.dap.redirect import flush_streams
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -18,8 +18,8 @@ if TYPE_CHECKING:
     from types import FrameType
     from typing import Any
 
-    from brixdebug.dap.client import Handler, Request, Session
-    from brixdebug.dap.session import Stop
+    from brixdebug.dap.session import Handler, Request, Session
+    from brixdebug.dap.stopping import Stop
 
 
 def _thread_id(session: Session, request: Request) -> int:

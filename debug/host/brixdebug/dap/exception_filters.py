@@ -13,7 +13,7 @@ if TYPE_CHECKING:
     from typing import Any
 
     from brixdebug.dap.asking import Arguments
-    from brixdebug.dap.client import Handler, Request, Session
+    from brixdebug.dap.session import Handler, Request, Session
 
 _KINDS = {"raised": RAISED, "uncaught": UNCAUGHT, "userUnhandled": UNHANDLED}      # by filters
 _FILTERS = {"always": "raised", "unhandled": "uncaught", "userUnhandled": "userUnhandled"}     # by break modes

@@ -7,9 +7,9 @@ import codeop
 import rlcompleter
 
 from brixdebug.dap import rendering
+from brixdebug.monitor import monitor
 from brixdebug.dap.asking import RequestError
 from brixdebug.dap.inspection import frame_of
-from brixdebug.monitor import monitor
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -17,7 +17,7 @@ if TYPE_CHECKING:
     from types import FrameType
     from typing import Any
 
-    from brixdebug.dap.client import Handler, Request, Session
+    from brixdebug.dap.session import Handler, Request, Session
 
 _MAX_COMPLETIONS = 500
 _PROGRESS_SECONDS = 1.0       # before the client is told that something takes its time

@@ -11,9 +11,9 @@ import linecache
 import os
 import re
 
-from brixdebug.dap.breakpoints import breakpoint_fields
-from brixdebug.dap.sources import functions_in, loaded_modules
 from brixdebug.libraries import is_library
+from brixdebug.dap.sources import functions_in, loaded_modules
+from brixdebug.dap.breakpoints import breakpoint_fields
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -22,7 +22,7 @@ if TYPE_CHECKING:
     from typing import Any
 
     from brixdebug.dap.asking import Arguments
-    from brixdebug.dap.client import Handler, Request, Session
+    from brixdebug.dap.session import Handler, Request, Session
 
 _NAME = re.compile(r"[^\W\d]\w*(\.[^\W\d]\w*)*$")
 _NOT_LOADED = "no function of this name has been loaded so far"

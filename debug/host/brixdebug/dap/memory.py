@@ -13,7 +13,7 @@ TYPE_CHECKING = False
 if TYPE_CHECKING:
     from typing import Any
 
-    from brixdebug.dap.client import Handler, Request, Session
+    from brixdebug.dap.session import Handler, Request, Session
 
 _MOST_BYTES = 1 << 24         # of one answer
 

@@ -1,480 +1,360 @@
-"""The debugger behind a client: tells it of stops, and does in a stopped thread what the client asks for.
-
-What stops and what is held is the engine's business.  Here a stop waits for the client
-instead of for a prompt.
-"""
+"""One client, from its first byte to its last, and its requests, each answered exactly once."""
 
 from __future__ import annotations
 
-import _thread
-import queue
-import sys
+import functools
+import linecache
+import os
+import signal
 import threading
+import time
 
-import optmonitoring
+from brixbase import dlog
 
-from brixdebug import compat
-from brixdebug.dap import standard_pdb
-from brixdebug.engine import Bdb
-from brixdebug.libraries import set_rules
+from brixdebug.dap import arguments
 from brixdebug.monitor import monitor
-from brixdebug.statements import end_of_instruction
-from brixdebug.suspension import debugged_frames
+from brixdebug.dap.tree import Tree
+from brixdebug.dap.wire import MAX_MESSAGE_BYTES, MAX_STRANGERS_BYTES, Wire, WireError
 from brixdebug.switches import MonitorError
+from brixdebug.dap.asking import Arguments, RequestError
+from brixdebug.dap.replies import Replies
+from brixdebug.dap.sources import PathMap, path_of_uri, uri_of_path
+from brixdebug.dap.cancelling import Running
+from brixdebug.dap.thread_events import ThreadEvents
+from brixdebug.dap.breakpoint_ids import BreakpointIds
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
-    from collections.abc import Callable, Sequence
-    import bdb
-    from types import CodeType, FrameType
+    from collections.abc import Callable, Mapping
+    import socket
+    from types import CodeType
     from typing import Any, Protocol
 
-    from brixdebug.exceptions import ExceptionRule
-    from brixdebug.libraries import Rule
-    from brixdebug.lives import Tell
     from brixdebug.watching import Change, Watch
+    from brixdebug.dap.sources import Lines
+    from brixdebug.dap.stopping import ClientDebugger, Stop
+    from brixdebug.dap.rendering import Boxed
 
-    class Front(Protocol):
-        """What the debugger tells of; each is called by the thread that it is about."""
+    Handler = Callable[["Session", "Request"], Any]
 
-        def on_stop(self, stop: Stop) -> bool:
-            """All threads are held; True when the stop is to wait."""
+    class Host(Protocol):
+        """The program's side of all sessions, as one of them needs it."""
 
-        def on_went_on(self, stop: Stop) -> None: ...
+        debugger: ClientDebugger
+        boxed: Boxed
+        lines: Lines
+        session: Session | None
+        configured: threading.Event
+        secret: str | None
+        program: tuple[str, str]
+        prints_to_client: bool
+        on_client: Callable[[bool], None]
+        handlers: Mapping[str, Handler]
 
-        def on_all_go_on(self, stop: Stop) -> None:
-            """By themselves: the threads that ran alone have ended."""
+        def admit(self, session: Session) -> bool: ...
 
-        def on_let_go(self) -> None:
-            """What is evaluated takes so long that the other threads go on meanwhile."""
+        def dismiss(self, session: Session) -> None: ...
 
-        def on_log(self, frame: FrameType, text: str) -> None:
-            """A breakpoint that logs has been reached."""
+        def redirect_output(self) -> None: ...
 
-        def on_new_code(self, code: CodeType) -> None:
-            """Code runs for the first time; told of after `await_code`."""
+        def end_redirection(self) -> None: ...
 
-        def on_watch_end(self, watch: Watch) -> None:
-            """The watch has nothing left to look at."""
-
-_TURN_SECONDS = 0.05          # between looks whether a thread has stopped meanwhile
+_STRANGER_SECONDS = 10        # to say who one is, from the first moment to the last
+_END_SECONDS = 5.0            # from SIGTERM to the end
+_ALWAYS = ("initialize", "launch", "attach", "disconnect")       # what a client may ask for that has not begun
 
 
-class Stop:
-    """All threads stand still, because of one of them: a thread that does what it is given until they may go on."""
+class Request:
+    """One request, which is answered exactly once, by any thread."""
 
-    def __init__(self, thread_id: int, frame: FrameType | None, reason: str, text: str = "",
-                 breakpoint_number: int | None = None, returned: Sequence[tuple[str, object]] = (),
-                 exception: BaseException | None = None, is_uncaught: bool = False, column: int | None = None,
-                 changes: Sequence[Change] = (), below: FrameType | None = None) -> None:
-        self.thread_id = thread_id
-        self.frame = frame                   # the innermost one of that thread that the user sees
-        self.reason = reason                 # as in the protocol's `stopped` event
-        self.text = text
-        self.breakpoint_number = breakpoint_number
-        self.changes = changes               # of watched values
-        self.column = column                 # of the statement in `frame` that is next, in bytes; None: the line's first
-        self.returned = list(returned)       # names of the functions that the step before has called or left, and their values
-        self.returned_to: FrameType | None = frame   # whose variables they are shown with
-        self.exception = exception
-        self.is_uncaught = is_uncaught       # the stack is that of the exception, which has been left
-        self.is_rest = False                 # of other threads than the one that goes on alone
-        self.only: int | None = None         # the thread that goes on from here; None: all
-        self.below = below                   # the outermost frame of it, when the thread goes on
-        self._tasks: queue.SimpleQueue[Callable[[], None] | None] = queue.SimpleQueue()
-        self._lock = threading.Lock()
-        self._ends = False                   # `go_on` has been called
-        self._has_ended = False              # and nothing is left to do
+    def __init__(self, session: Session, message: dict[str, Any]) -> None:
+        self.session = session
+        self.message = message
+        self.command: str = message["command"]
+        self.arguments = Arguments(self.command, message.get("arguments"))
+        self._to_answer = [self]             # emptied by who answers
+
+    def _claims(self) -> bool:
+        try:
+            self._to_answer.pop()
+        except IndexError:
+            return False
+        self.session.pending.pop(self.message["seq"], None)
+        return True
+
+    def answer(self, body: dict[str, Any] | None = None) -> None:
+        if self._claims():
+            self.session.wire.respond(self.message, body)
+
+    def refuse(self, text: str, short: str | None = None) -> None:
+        if self._claims():
+            self.session.wire.refuse(self.message, text, short)
+
+    def run(self, handler: Handler) -> None:
+        """Answer with what `handler` returns, unless that is LATER; raises nothing."""
+        try:
+            body = handler(self.session, self)
+            if body is not LATER:
+                self.answer(body)
+        except RequestError as error:
+            self.refuse(str(error), error.short)
+        except MonitorError as error:
+            self.refuse(str(error))
+        except Exception as error:
+            dlog.LogException("request %s" % self.command)
+            self.refuse("%s failed: %s: %s" % (self.command, type(error).__name__, error))
+
+    @property
+    def is_answered(self) -> bool:
+        return not self._to_answer
+
+    def later(self, handler: Handler, do: Callable[[Callable[[], None]], object]) -> Any:
+        """Have `handler` called by what `do` gives tasks to, a stop's `do` for one; not if it is cancelled before."""
+        def task() -> None:
+            if self._to_answer:
+                self.run(handler)
+
+        if self.session.is_stuck:
+            raise RequestError(_STUCK)
+        self.session.pending[self.message["seq"]] = self
+        if do(task) is False:
+            raise RequestError("the program is running", "notStopped")
+        return LATER
+
+
+LATER: Any = object()
+_STUCK = "an expression that was cancelled has not ended: it is inside C code that cannot be interrupted"
+
+
+class Session:
+    """One client, from its first byte to its last."""
+
+    def __init__(self, server: Host, connection: socket.socket, is_trusted: bool, ends_program: bool = False) -> None:
+        self.server = server
+        self.debugger = server.debugger
+        self.wire = Wire(connection.fileno(), connection.fileno(), connection)
+        self.replies = Replies(self.wire)
+        name: Any = connection.getsockname()
+        self.host: str = name[0] if isinstance(name, tuple) else "127.0.0.1"     # of this machine, for the client
+        self.is_configured = False
+        self.has_begun = False                       # launch or attach has been answered or is being
+        self.is_trusted = is_trusted
+        self.ends_program = ends_program
+        self.begin_request: Request | None = None
+        self.initialize: dict[str, Any] = {}
+        self.settings = arguments.Settings("attach")
+        self.given: dict[str, Any] = {}              # the arguments of launch or attach, as they came
+        self.paths = PathMap([])
+        self.tree = Tree(server.boxed)
+        self.thread_events = ThreadEvents(self.debugger, self.tree, self.wire)
+        self.is_leaving = False
+        self.sources: dict[int, str] = {}            # texts that are in no file
+        self.breakpoint_ids = BreakpointIds()
+        self.pending: dict[int, Request] = {}        # by their numbers: not answered, but by another thread later
+        self.running: Running | None = None          # a request that runs code of the user's
+        self.kept: dict[str, Any] = {}               # what the handlers of requests keep for this client
+        self.on_watch_end: Callable[[Watch], None] = lambda watch: None
+        self.show_change: Callable[[Change], str] = lambda change: ""
+        self.on_new_code: Callable[[CodeType], None] = lambda code: None      # see `ClientDebugger.await_code`
+
+    def supports(self, name: str) -> bool:
+        """Whether the client has said so in `initialize`."""
+        return self.initialize.get(name) is True
+
+    @property
+    def has_gone(self) -> bool:
+        """The client has left, or its connection has ended."""
+        return self.is_leaving or self.wire.is_closed
+
+    # -- expressions ----------------------------------------------------------------------------
+
+    def runs(self, request: Request) -> Running:
+        """A context manager around code of the user's that `request` runs."""
+        self.running = Running(request, self._on_stuck, self._on_stuck_end)
+        return self.running
+
+    @property
+    def is_stuck(self) -> bool:
+        """A cancelled expression has not ended, and with it the thread that serves requests."""
+        return self.running is not None and self.running.is_stuck
+
+    def _on_stuck(self) -> None:
+        self.say("The expression that was cancelled is inside C code that cannot be interrupted. Until it comes back, "
+                 "requests that need its thread are refused.\n")
+        for each in list(self.pending.values()):
+            each.refuse(_STUCK)
+
+    def _on_stuck_end(self) -> None:
+        self.say("The expression that was cancelled has ended.\n")
+
+    # -- reading --------------------------------------------------------------------------------
 
     def run(self) -> None:
-        """Do what comes, until `go_on`; what came too late for it is done too."""
-        while self._goes_on():
-            task = self._tasks.get()
-            if task is None:
-                self._ends = True
-            else:
-                task()
-            del task
-
-    def _goes_on(self) -> bool:
-        with self._lock:
-            self._has_ended = self._ends and self._tasks.empty()
-            return not self._has_ended
-
-    def do(self, task: Callable[[], None]) -> bool:
-        """Have `task` called, which raises nothing; False when all threads go on already."""
-        with self._lock:
-            if not self._has_ended:
-                self._tasks.put(task)
-            return not self._has_ended
-
-    def go_on(self) -> None:
-        """Let all threads go on, after the tasks that have been given."""
-        self._tasks.put(None)
-
-
-class ClientDebugger(Bdb):
-    """`bdb.Bdb` whose stops wait for a client."""
-
-    replaces_prompts = True
-
-    def __init__(self, front: Front) -> None:
-        super().__init__()
-        self._front = front
-        self._own = threading.local()
-        self._entry_thread_id: int | None = None
-        self._targets: dict[int, tuple[FrameType, int]] = {}     # thread id -> frame and call that it is to step into
-        self.stop: Stop | None = None         # the one that there is now
-        self.rest: Stop | None = None         # of the other threads, while some go on alone
-        self.shows_return_values = True
-
-    # -- beginning and ending -----------------------------------------------------------------
-
-    def begin(self) -> None:
-        """Events from now on; nothing is stopped yet."""
-        self.reset()
-        self.quitting = False
-        self.stop_states.own().run_freely()
-        self.start_trace()
-
-    def set_own_code(self, just_my_code: bool, rules: list[Rule]) -> None:
-        """Which code steps pass by, and which exceptions raised there are passed by."""
-        set_rules(rules, decides_by_place=just_my_code)
-        self.just_my_code = just_my_code or bool(rules)
-
-    def await_code(self, is_wanted: bool) -> None:
-        """Tell of new code from now on, or no longer."""
-        self.awaits_code = is_wanted
-        monitor.needs_changed(self)
-
-    def tell_of_threads(self, tell: Tell | None) -> None:
-        """Have `tell` called as threads begin and end, and for those that there are; with None no longer.  MonitorError."""
-        self.awaits_threads = tell is not None
+        """In a thread of the debugger's own, until the client has gone."""
+        monitor.suspension.adopt_thread()
+        is_expected = self.server.session is self
+        self.wire.max_message_bytes = MAX_MESSAGE_BYTES if is_expected else MAX_STRANGERS_BYTES
+        if not is_expected:
+            self.wire.limit_writes(_STRANGER_SECONDS)
+        deadline = time.monotonic() + _STRANGER_SECONDS
         try:
-            monitor.needs_changed(self)
-        except MonitorError:
-            self.awaits_threads = False
-            raise
-        monitor.suspension.tell_of_threads(tell)
-
-    def code_is_new(self, code: CodeType) -> None:
-        self._front.on_new_code(code)
-
-    def end(self) -> None:
-        """The program goes on alone: no breakpoint holds, and no thread is stepped."""
-        self.awaits_code = self.awaits_threads = False
-        monitor.suspension.tell_of_threads(None)
-        self.set_own_code(False, [])
-        if self.rest is not None:
-            self.end_rest(self.rest)
-        monitor.suspension.let_all()
-        self.clear_all_breaks()
-        for state in self.stop_states.all():
-            state.run_freely()
-        standard_pdb.give_up()
-        monitor.stop(self)
-
-    def stop_at_entry(self) -> None:
-        """The calling thread stops at its next line of the program."""
-        self._entry_thread_id = threading.get_ident()
-        self.set_step()
-
-    def start_trace(self) -> None:
-        standard_pdb.take_over()
-        super().start_trace()
-
-    def set_trace(self, frame: FrameType | None = None, **pdbs_own: Any) -> None:
-        """The calling thread stops at the next line of `frame`, as if a breakpoint were there."""
-        self._own.was_asked = True
-        super().set_trace(sys._getframe().f_back if frame is None else frame)
-
-    def main_has_ended(self) -> None:
-        """The main thread is stepped no more; others may be."""
-        self.stop_states.own().run_freely()
-        monitor.needs_changed(self)
-
-    # -- what the engine calls -------------------------------------------------------------------
-
-    def user_line(self, frame: FrameType) -> None:
-        thread_id = threading.get_ident()
-        if not self.stop_here(frame):         # so a breakpoint it was
-            number = self.__dict__["currentbp"]
-            span = getattr(self.get_bpbynumber(number), "span", None)
-            self._wait(Stop(thread_id, frame, "breakpoint", breakpoint_number=number, column=span and span[1]))
-        elif getattr(self._own, "was_asked", False):
-            self._own.was_asked = False
-            self._wait(Stop(thread_id, frame, "breakpoint"))
-        elif self._entry_thread_id == thread_id:
-            self._entry_thread_id = None
-            self._wait(Stop(thread_id, frame, "entry"))
-        elif not self._goes_on_to_target(thread_id, frame):
-            self._wait(Stop(thread_id, frame, "step"))
-
-    def _goes_on_to_target(self, thread_id: int, frame: FrameType) -> bool:
-        """Whether the step into one call of a line has come into another one, which it leaves again."""
-        origin, offset = self._targets.get(thread_id, (None, 0))
-        inner: FrameType | None = frame
-        while inner is not None and inner.f_back is not origin:
-            inner = inner.f_back
-        if origin is None or inner is None or frame is origin \
-                or offset <= origin.f_lasti < end_of_instruction(origin.f_code, offset):
-            self._targets.pop(thread_id, None)
-            return False
-        self.set_return(inner)
-        return True
-
-    def user_return(self, frame: FrameType, value: Any) -> None:
-        """A stepped function ends: the user sees its caller, in the line of the call."""
-        if threading.get_ident() in self._targets:
-            self.set_step()                   # it was not the one to step into
-            return
-        caller = frame.f_back
-        while caller is not None and optmonitoring.IsInternalFrame(caller):
-            caller = caller.f_back
-        if caller is None:                   # the thread, or the program, ends
-            self.set_continue()
-            return
-        returned = [(frame.f_code.co_qualname, value)] if self.shows_return_values else []
-        self._wait(Stop(threading.get_ident(), caller, "step", returned=returned))
-
-    def user_log(self, frame: FrameType, breakpoint: bdb.Breakpoint, text: str) -> None:
-        self._front.on_log(frame, text)
-
-    def others_were_let_go(self) -> None:
-        self._front.on_let_go()
-
-    def user_watch(self, frame: FrameType, changes: list[Change]) -> None:
-        self._wait(Stop(threading.get_ident(), frame, "data breakpoint", changes=changes,
-                        breakpoint_number=changes[0].watch.number))
-
-    def user_watch_end(self, frame: FrameType, watch: Watch) -> None:
-        self._front.on_watch_end(watch)
-
-    def user_exception(self, frame: FrameType, exc_info: Any) -> None:
-        """Nothing: the step goes on to where the exception is handled."""
-
-    def user_raised(self, frame: FrameType, exception: BaseException, rule: ExceptionRule) -> None:
-        self._wait(Stop(threading.get_ident(), frame, "exception", type(exception).__name__, exception=exception))
-
-    def user_uncaught(self, frame: FrameType, exception: BaseException, rule: ExceptionRule) -> None:
-        self._wait_after(frame, exception, None)
-
-    def user_unhandled(self, frame: FrameType, exception: BaseException, rule: ExceptionRule) -> None:
-        self._wait_after(frame, exception, frame)
-
-    def _wait_after(self, frame: FrameType, exception: BaseException, below: FrameType | None) -> None:
-        """A stop where an exception came from, which has left these frames."""
-        traceback = exception.__traceback__
-        while traceback is not None and traceback.tb_next is not None:
-            traceback = traceback.tb_next
-        self._wait(Stop(threading.get_ident(), traceback.tb_frame if traceback else frame, "exception",
-                        type(exception).__name__, exception=exception, is_uncaught=True, below=below))
-
-    def main_raised(self, exception: BaseException, frame: FrameType) -> None:
-        """An exception ends the main thread; it is reported when this returns."""
-        if monitor.debugger is not self:
-            return
-        rule = self.exception_stops.rule_for_uncaught(exception)
-        if rule is not None:
-            with monitor.turn.lock:
-                self.user_uncaught(frame, exception, rule)
-
-    def give_locals_back(self, frame: FrameType) -> None:
-        """In the stopped thread: the variables of `frame` are what `frame.f_locals` is now."""
-        compat.give_locals_back(frame, is_last=self.stop_states.own().stopped_frame is not frame)
-
-    # -- stops ----------------------------------------------------------------------------------
-
-    def muted(self, call: Callable[[], object]) -> None:
-        """Call it in a thread of the program, whose breakpoints may be in what it uses of the standard library."""
-        state = self.stop_states.own()
-        muted, state.is_muted = state.is_muted, True
-        try:
-            call()
+            while not self.is_leaving:
+                message = self.wire.read(
+                    None if self.has_begun or is_expected else max(0.0, deadline - time.monotonic()))
+                if message is None:
+                    break
+                if message["type"] == "request":
+                    self._on_request(message)
+                elif message["type"] == "response":
+                    self.replies.take(message)
+        except WireError as error:
+            self.wire.event("output", {"category": "stderr", "output": "brixdebug: %s\n" % error})
+        except Exception:
+            dlog.LogException("the debug adapter")
         finally:
-            state.is_muted = muted
+            self._leave()
 
-    def _wait(self, stop: Stop) -> None:
-        """In the thread of an event: hold all others, and do what the client asks for."""
-        self.muted(lambda: self._wait_muted(stop))
-
-    def _wait_muted(self, stop: Stop) -> None:
-        with monitor.turn.lock, monitor.suspension.others_held():
-            self._take_passed_returns(stop)
-            rest, self.rest, self.stop = self.rest, None, stop
-            if rest is not None:
-                rest.go_on()
-            self._targets.pop(stop.thread_id, None)
-            try:
-                if self._front.on_stop(stop):
-                    stop.run()
-                else:
-                    self.set_continue()
-            finally:
-                if stop.only is not None:
-                    self._begin_rest(stop)
-                self.stop = None
-            self._front.on_went_on(stop)
-
-    @staticmethod
-    def _take_passed_returns(stop: Stop) -> None:
-        """What the step has passed over that ends here."""
-        step = monitor.returns.end().get(stop.thread_id)
-        if step is None or not step.values:
-            return
-        stop.returned[:0] = step.values
-        if stop.reason != "step":             # it ends early, and its frame may still be there
-            frame = stop.frame
-            while frame is not None and not step.is_in(frame):
-                frame = frame.f_back
-            stop.returned_to = frame
-
-    def pause(self, thread_id: int) -> None:
-        """Hold all threads now, those in C code when they come back; where `thread_id` is, is what the user sees."""
-        _thread.start_new_thread(self._run_pause, (thread_id,))
-
-    def _run_pause(self, thread_id: int) -> None:
-        monitor.suspension.adopt_thread()
-        if not self._take_turn():
-            return                            # a thread has stopped by itself
+    def _on_request(self, message: dict[str, Any]) -> None:
         try:
-            with monitor.suspension.others_held():
-                frame = self._settled_frame(thread_id)
-                self._wait(Stop(thread_id, frame, "pause"))
-        finally:
-            monitor.turn.lock.release()
-
-    def _take_turn(self) -> bool:
-        """Have the turn, unless there is a stop already."""
-        while self.stop is None:
-            if monitor.turn.lock.acquire(timeout=_TURN_SECONDS):
-                return True
-        return False
-
-    @staticmethod
-    def _settled_frame(thread_id: int) -> FrameType | None:
-        """Where a thread stands that is being held: soon at its lock, unless it is inside C code."""
-        pause = threading.Event()
-        for _ in range(20):
-            if monitor.suspension.is_waiting(thread_id):
-                break
-            pause.wait(0.005)
-        return debugged_frames().get(thread_id)
-
-    def in_turn(self, task: Callable[[], None]) -> None:
-        """Have `task` called where breakpoints may be changed: in the stopped thread, or here and now."""
-        while True:
-            stop = self.stop
-            if stop is not None and stop.do(task):
-                return
-            if monitor.turn.lock.acquire(timeout=_TURN_SECONDS):
-                try:
-                    task()
-                finally:
-                    monitor.turn.lock.release()
-                return
-
-    # -- one thread alone --------------------------------------------------------------------------
-
-    def _begin_rest(self, stop: Stop) -> None:
-        """One thread goes on, the others stay held: a thread of the debugger's own does what the client asks for."""
-        is_held = stop.thread_id != stop.only
-        self.rest = rest = Stop(stop.thread_id, stop.frame if is_held else None, "pause",
-                                exception=stop.exception if is_held else None, is_uncaught=stop.is_uncaught, below=stop.below)
-        rest.is_rest = True
-        _thread.start_new_thread(self._run_rest, (rest,))
-        _thread.start_new_thread(self._watch_alone, (rest,))
-
-    def _run_rest(self, rest: Stop) -> None:
-        monitor.suspension.adopt_thread()
-        rest.run()
-        if self.rest is rest:
-            self.rest = None
-
-    def _watch_alone(self, rest: Stop) -> None:
-        """All go on when the thread that runs alone has ended: nobody else could let them."""
-        monitor.suspension.adopt_thread()
-        pause = threading.Event()
-        while self.rest is rest:
-            pause.wait(_TURN_SECONDS)
-            if monitor.suspension.alone.isdisjoint(debugged_frames()) and monitor.turn.lock.acquire(timeout=_TURN_SECONDS):
-                try:
-                    if self.rest is rest and monitor.suspension.alone.isdisjoint(debugged_frames()):
-                        self.end_rest(rest)
-                        self._front.on_all_go_on(rest)
-                finally:
-                    monitor.turn.lock.release()
-
-    def let_go(self, stop: Stop, only: int | None) -> bool:
-        """Whom the end of `stop` lets go on, all threads or one; False when this does not end it.
-
-        Called by a task that `doer` has called.
-        """
-        suspension = monitor.suspension
-        if not stop.is_rest:
-            stop.only = only
-            if only is not None:
-                suspension.let_only(only)
-            return True
-        if only is not None:
-            suspension.let_too(only)
-            return False
-        self.rest = None
-        suspension.let_all()
-        return True
-
-    def end_rest(self, rest: Stop) -> None:
-        """All threads go on; called with the turn."""
-        if self.rest is rest:
-            self.let_go(rest, None)
-            rest.go_on()
-
-    def doer(self, stop: Stop) -> Callable[[Callable[[], None]], object]:
-        """What has tasks called that let threads of `stop` go on: beside a thread that runs they need the turn."""
-        return self.in_turn if stop.is_rest else stop.do
-
-    # -- going on --------------------------------------------------------------------------------
-
-    def step(self, stop: Stop, thread_id: int, frame: FrameType, set_stop: Callable[[], None],
-             target: int | None = None, passes_calls: bool = False) -> None:
-        """A task of `stop`: `set_stop`, a method like `set_next`, is meant for `thread_id` at `frame`.
-
-        `target`: the instruction of the call to step into.  `passes_calls`: what they return is shown after it.
-        """
-        if target is not None:
-            self._targets[thread_id] = frame, target
-        own_id = threading.get_ident()
-        if thread_id == own_id:
-            set_stop()
+            request = Request(self, message)
+        except RequestError as error:
+            self.wire.refuse(message, str(error))
+            return
+        command = request.command
+        handler = self.server.handlers.get(command)
+        if not self.initialize and command != "initialize":
+            request.refuse("the first request has to be initialize, not %s" % command)
+        elif not self.has_begun and command not in _ALWAYS:
+            request.refuse("launch or attach comes before %s" % command)
+        elif handler is None:
+            request.refuse("%s is not supported" % command)
         else:
-            if stop.thread_id == own_id:
-                self.set_continue()           # the one that stopped goes on
-            self._step_other(thread_id, frame, set_stop)
-        if passes_calls and self.shows_return_values:
-            monitor.returns.begin(thread_id, frame)
+            request.run(handler)
 
-    def end_thread(self, thread_id: int) -> None:
-        """SystemExit is raised in a thread at its next event; a task of a stop, or with the turn.
+    # -- what the client is told --------------------------------------------------------------------
 
-        Not by the interpreter itself, at any instruction: that may be one of the debugger's.
-        """
-        if thread_id == threading.get_ident():
-            monitor.raiser.raise_in_program(SystemExit())
+    def say(self, text: str) -> None:
+        """Show `text`, which ends with a newline, in the client's console."""
+        self.wire.event("output", {"category": "console", "output": text})
+
+    def show_stop(self, stop: Stop) -> bool:
+        """False when the client has gone."""
+        self.thread_events.drain()
+        self.tree.begin(stop)
+        body: dict[str, Any] = {"reason": stop.reason, "threadId": self.thread_number(stop.thread_id),
+                                "allThreadsStopped": True, "preserveFocusHint": False}
+        if stop.text:
+            body["text"] = stop.text
+        if stop.exception is not None:
+            body["description"] = "Exception" if not stop.is_uncaught else \
+                "Exception that user code has not handled" if stop.below is not None else "Uncaught exception"
+        if stop.changes:
+            body["text"] = "\n".join(self.show_change(each) for each in stop.changes)
+        numbers = [each.watch.number for each in stop.changes] or [stop.breakpoint_number or 0]
+        ids = [each for each in map(self.breakpoint_ids.of, numbers) if each is not None]
+        if ids:
+            body["hitBreakpointIds"] = ids
+        if stop.reason == "breakpoint" and stop.breakpoint_number is not None:
+            body["reason"] = self.breakpoint_ids.reason(stop.breakpoint_number)
+        return self.wire.event("stopped", body)
+
+    def thread_number(self, thread_id: int) -> int:
+        return self.tree.thread_number(thread_id)
+
+    def stop(self) -> Stop:
+        """The stop that there is; RequestError without one."""
+        stop = self.debugger.stop or self.debugger.rest
+        if stop is None:
+            raise RequestError("the program is running", "notStopped")
+        return stop
+
+    def check_stop(self, stop: Stop) -> None:
+        """RequestError when it has ended before a request about it could be served."""
+        if stop not in (self.debugger.stop, self.debugger.rest):
+            raise RequestError("the program is running", "notStopped")
+
+    def check_held(self, thread_id: int) -> None:
+        """RequestError for a thread that runs while others are held."""
+        if thread_id in monitor.suspension.alone:
+            raise RequestError("thread %d is running" % self.thread_number(thread_id), "notStopped")
+
+    # -- names and lines as the client has them ----------------------------------------------------
+
+    def client_line(self, line: int) -> int:
+        return line if self.initialize.get("linesStartAt1", True) else line - 1
+
+    def program_line(self, line: int) -> int:
+        return line if self.initialize.get("linesStartAt1", True) else line + 1
+
+    def client_column(self, column: int) -> int:
+        return column if self.initialize.get("columnsStartAt1", True) else column - 1
+
+    def program_path(self, source: Arguments) -> str:
+        """The program's name of a file that the client names."""
+        path = source.text("path")
+        if path is None:
+            name = self.sources.get(source.integer("sourceReference", 0))
+            if name is None:
+                raise RequestError("the source has no path")
+            return name
+        return self.paths.to_program(path_of_uri(path) if self._has_uris else path)
+
+    def client_path(self, path: str) -> str:
+        """The client's name of a file of the program."""
+        path = self.paths.to_client(os.path.abspath(path))
+        return uri_of_path(path) if self._has_uris else path
+
+    @property
+    def _has_uris(self) -> bool:
+        return self.initialize.get("pathFormat") == "uri"
+
+    def source(self, filename: str) -> dict[str, Any] | None:
+        """The client's name of a file of the program; None for what has no text."""
+        if filename.startswith("<") and filename.endswith(">"):
+            if not linecache.getlines(filename):
+                return None
+            return {"name": filename, "sourceReference": self._source_number(filename)}
+        return {"name": os.path.basename(os.path.abspath(filename)), "path": self.client_path(filename)}
+
+    def _source_number(self, filename: str) -> int:
+        for number, known in self.sources.items():
+            if known == filename:
+                return number
+        self.sources[len(self.sources) + 1] = filename
+        return len(self.sources)
+
+    # -- ending -----------------------------------------------------------------------------------
+
+    def _leave(self) -> None:
+        """The client has gone: the program goes on without it, or ends with it."""
+        self.is_configured = False
+        self.thread_events.forget()
+        was_taken = self.wire.was_taken
+        self.wire.close()
+        self.wire.release()
+        self.replies.end()
+        if self.server.session is not self:
+            self.server.dismiss(self)
             return
-        self.stop_states.of(thread_id).error_to_raise = SystemExit()
-        frame = debugged_frames().get(thread_id)
-        if frame is not None:
-            self._step_other(thread_id, frame, self.set_step)
+        self.server.end_redirection()
+        if self.ends_program and not self.is_leaving and not was_taken and not self.wire.has_stalled:
+            _end_process()                           # started for a client that died
+        self.debugger.in_turn(self._let_go)
+        self.server.on_client(False)
+        self.server.dismiss(self)
+        if not self.is_leaving or self.ends_program:
+            self.server.configured.set()
 
-    def _step_other(self, thread_id: int, frame: FrameType, set_stop: Callable[[], None]) -> None:
-        self.stop_states.selected = state = self.stop_states.of(thread_id)
-        try:
-            set_stop()
-        finally:
-            self.stop_states.selected = None
-        if not state.is_free:
-            each: FrameType | None = frame
-            while each is not None:
-                state.trace(each)
-                each = each.f_back
-        monitor.needs_changed(self)
+    def _let_go(self) -> None:
+        self.debugger.end()
+        if self.debugger.stop is not None:
+            self.debugger.stop.go_on()
+
+
+def _end_process() -> None:
+    """This process and what it has started, if it leads a group of its own."""
+    leads_group = os.getpgrp() == os.getpid()
+    kill = functools.partial(os.killpg, 0) if leads_group else functools.partial(os.kill, os.getpid())
+    kill(signal.SIGTERM)
+    threading.Event().wait(_END_SECONDS)             # for its own handlers
+    kill(signal.SIGKILL)
