@@ -72,18 +72,20 @@ class SamefileBdb(SettraceBdb):
 
     def __init__(self):
         super().__init__()
-        self._names = []
+        self._names = {}             # name -> the first name of the same file
 
     def canonic(self, filename):
         name = super().canonic(filename)
-        for known in self._names:
-            try:
-                if os.path.samefile(known, name):
-                    return known
-            except OSError:
-                continue
-        self._names.append(name)
-        return name
+        if name not in self._names:
+            self._names[name] = next((known for known in set(self._names.values()) if self._is_same(known, name)), name)
+        return self._names[name]
+
+    @staticmethod
+    def _is_same(one, other):
+        try:
+            return os.path.samefile(one, other)
+        except OSError:
+            return False
 
 
 def base_class(name):
