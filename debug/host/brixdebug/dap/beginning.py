@@ -5,14 +5,14 @@ from __future__ import annotations
 import os
 
 from brixdebug.dap import arguments, capabilities, door
-from brixdebug.monitor import monitor
-from brixdebug.dap.wire import MAX_MESSAGE_BYTES
-from brixdebug.libraries import Rule
 from brixdebug.dap.asking import RequestError
+from brixdebug.dap.redirect import flush_streams
 from brixdebug.dap.session import LATER
 from brixdebug.dap.sources import PathMap
 from brixdebug.dap.traffic import TrafficFile
-from brixdebug.dap.redirect import flush_streams
+from brixdebug.dap.wire import MAX_MESSAGE_BYTES
+from brixdebug.libraries import Rule
+from brixdebug.monitor import monitor
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:

@@ -13,8 +13,8 @@ if TYPE_CHECKING:
     from typing import Any
 
     from brixdebug.dap.asking import Arguments
-    from brixdebug.statements import Span
     from brixdebug.dap.session import Handler, Request, Session
+    from brixdebug.statements import Span
 
 
 def on_set_breakpoints(session: Session, request: Request) -> Any:

@@ -18,11 +18,11 @@ import threading
 from brixbase import dlog
 
 from brixdebug.dap import arguments, door, fork_warning, spawning
-from brixdebug.monitor import monitor
-from brixdebug.dap.wire import MAX_STRANGERS_BYTES, Wire, WireError
 from brixdebug.dap.asking import Arguments, RequestError
 from brixdebug.dap.entrance import Entrance
 from brixdebug.dap.heritage import PATH_VARIABLE, STARTUP_FOLDER, VARIABLE, Heritage
+from brixdebug.dap.wire import MAX_STRANGERS_BYTES, Wire, WireError
+from brixdebug.monitor import monitor
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:

@@ -6,11 +6,11 @@ import os
 import signal
 import threading
 
-from brixdebug.monitor import monitor
 from brixdebug.dap.asking import RequestError
-from brixdebug.suspension import debugged_frames
-from brixdebug.dap.session import LATER
 from brixdebug.dap.redirect import flush_streams
+from brixdebug.dap.session import LATER
+from brixdebug.monitor import monitor
+from brixdebug.suspension import debugged_frames
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:

@@ -10,21 +10,21 @@ import builtins
 import sys
 import types
 
-from brixdebug.dap import rendering
-from brixdebug.watching import Watch
 from brixdebug.conditions import compile_expression
+from brixdebug.dap import rendering
 from brixdebug.dap.asking import RequestError
 from brixdebug.dap.breakpoints import hit_condition
+from brixdebug.watching import Watch
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     from collections.abc import Callable
     from typing import Any
 
-    from brixdebug.watching import Change
     from brixdebug.dap.asking import Arguments
     from brixdebug.dap.session import Handler, Request, Session
     from brixdebug.dap.variables import Child, Node
+    from brixdebug.watching import Change
 
 _GLOBAL = "global "              # before an expression in the data id of what any later stop may set
 _PAGE = 1000                     # elements that are looked through at a time

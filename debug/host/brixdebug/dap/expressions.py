@@ -7,9 +7,9 @@ import codeop
 import rlcompleter
 
 from brixdebug.dap import rendering
-from brixdebug.monitor import monitor
 from brixdebug.dap.asking import RequestError
 from brixdebug.dap.inspection import frame_of
+from brixdebug.monitor import monitor
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:

@@ -11,9 +11,9 @@ import linecache
 import os
 import re
 
-from brixdebug.libraries import is_library
-from brixdebug.dap.sources import functions_in, loaded_modules
 from brixdebug.dap.breakpoints import breakpoint_fields
+from brixdebug.dap.sources import functions_in, loaded_modules
+from brixdebug.libraries import is_library
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:

@@ -8,18 +8,18 @@ import traceback
 
 from brixdebug.dap import rendering, variables
 from brixdebug.dap.asking import RequestError
+from brixdebug.dap.data_breakpoints import module_scope
 from brixdebug.dap.moving import can_restart
 from brixdebug.dap.sources import column_in_text, loaded_modules
-from brixdebug.dap.data_breakpoints import module_scope
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     from types import FrameType
     from typing import Any
 
-    from brixdebug.dap.tree import Frame
     from brixdebug.dap.asking import Arguments
     from brixdebug.dap.session import Handler, Request, Session
+    from brixdebug.dap.tree import Frame
 
 _MAX_PAGE = 10000             # variables of one answer, when the client names no number
 

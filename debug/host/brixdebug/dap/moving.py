@@ -16,9 +16,9 @@ if TYPE_CHECKING:
     from types import FrameType
     from typing import Any
 
-    from brixdebug.dap.tree import Frame
     from brixdebug.dap.session import Handler, Request, Session
     from brixdebug.dap.stopping import Stop
+    from brixdebug.dap.tree import Frame
 
 
 # -- other lines -----------------------------------------------------------------------------------------

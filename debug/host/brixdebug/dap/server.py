@@ -10,15 +10,15 @@ import _thread
 import threading
 
 from brixdebug.dap import door
-from brixdebug.monitor import monitor
-from brixdebug.dap.wire import Wire
-from brixdebug.dap.session import Session
-from brixdebug.dap.sources import Lines
+from brixdebug.dap.beginning import OCCUPIED
 from brixdebug.dap.entrance import Entrance
 from brixdebug.dap.redirect import Redirection
-from brixdebug.dap.stopping import ClientDebugger
-from brixdebug.dap.beginning import OCCUPIED
 from brixdebug.dap.rendering import Boxed
+from brixdebug.dap.session import Session
+from brixdebug.dap.sources import Lines
+from brixdebug.dap.stopping import ClientDebugger
+from brixdebug.dap.wire import Wire
+from brixdebug.monitor import monitor
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -27,9 +27,9 @@ if TYPE_CHECKING:
     from types import CodeType, FrameType
     from typing import Any
 
-    from brixdebug.watching import Watch
     from brixdebug.dap.session import Handler
     from brixdebug.dap.stopping import Stop
+    from brixdebug.watching import Watch
 
 _MAX_STRANGERS = 8            # at the same time
 _LEAVING_SECONDS = 5.0        # for a client that has gone, before the next one is let in

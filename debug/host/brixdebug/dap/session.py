@@ -12,16 +12,16 @@ import time
 from brixbase import dlog
 
 from brixdebug.dap import arguments
-from brixdebug.monitor import monitor
-from brixdebug.dap.tree import Tree
-from brixdebug.dap.wire import MAX_MESSAGE_BYTES, MAX_STRANGERS_BYTES, Wire, WireError
-from brixdebug.switches import MonitorError
 from brixdebug.dap.asking import Arguments, RequestError
+from brixdebug.dap.breakpoint_ids import BreakpointIds
+from brixdebug.dap.cancelling import Running
 from brixdebug.dap.replies import Replies
 from brixdebug.dap.sources import PathMap, path_of_uri, uri_of_path
-from brixdebug.dap.cancelling import Running
 from brixdebug.dap.thread_events import ThreadEvents
-from brixdebug.dap.breakpoint_ids import BreakpointIds
+from brixdebug.dap.tree import Tree
+from brixdebug.dap.wire import MAX_MESSAGE_BYTES, MAX_STRANGERS_BYTES, Wire, WireError
+from brixdebug.monitor import monitor
+from brixdebug.switches import MonitorError
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -30,10 +30,10 @@ if TYPE_CHECKING:
     from types import CodeType
     from typing import Any, Protocol
 
-    from brixdebug.watching import Change, Watch
+    from brixdebug.dap.rendering import Boxed
     from brixdebug.dap.sources import Lines
     from brixdebug.dap.stopping import ClientDebugger, Stop
-    from brixdebug.dap.rendering import Boxed
+    from brixdebug.watching import Change, Watch
 
     Handler = Callable[["Session", "Request"], Any]
 

@@ -17,9 +17,9 @@ from brixdebug.monitor import monitor
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
+    from brixdebug.dap.stopping import ClientDebugger
     from brixdebug.dap.tree import Tree
     from brixdebug.dap.wire import Wire
-    from brixdebug.dap.stopping import ClientDebugger
     from typing import Any
 
     from brixdebug.lives import Life

@@ -7,9 +7,9 @@ import threading
 import optmonitoring
 
 from brixdebug.dap import rendering, variables
+from brixdebug.dap.awaiting import awaiting_stacks, loop_of
 from brixdebug.monitor import monitor
 from brixdebug.suspension import debugged_frames
-from brixdebug.dap.awaiting import awaiting_stacks, loop_of
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -17,8 +17,8 @@ if TYPE_CHECKING:
     from types import FrameType, TracebackType
     from typing import Any
 
-    from brixdebug.dap.stopping import Stop
     from brixdebug.dap.rendering import Boxed
+    from brixdebug.dap.stopping import Stop
     from brixdebug.dap.variables import Child, Node
 
 
