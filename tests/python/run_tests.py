@@ -5,7 +5,7 @@
 A NAME is a module, a class or a single test of any folder below: test_stops, test_stops.StopsTest.test_recursion.
 
 The environment variable OPTMONITORING_DIR names the folder of the built module (default: build). Prints every skipped test
-with its reason. Exit status 0 when all tests passed and at least one ran, 2 when there is no test of a name.
+with its reason, and for every failed one the line that runs it again. Exit status 0 when all tests passed and at least one ran, 2 when there is no test of a name.
 """
 import argparse
 import collections
@@ -56,6 +56,24 @@ class Result(unittest.TextTestResult):
         self.passed += 1
 
 
+def name_of(test):
+    """The name by which a failed test is run again; of a class or module that could not be prepared, its name."""
+    name = getattr(test, "test_case", test).id()
+    if "(" in name:                          # setUpClass (test_stops.StopsTest)
+        name = name[name.index("(") + 1:name.rindex(")")]
+    if name.startswith("unittest.loader."):  # a module that could not be imported
+        name = name.rpartition(".")[2]
+    return name
+
+
+def show_how_to_run_again(result, interpreter):
+    """A line for each test that failed, however often."""
+    failed = [test for test, _ in result.failures + result.errors] + list(getattr(result, "unexpectedSuccesses", []))
+    python = "" if interpreter == "any" else " PYTHON=" + interpreter
+    for name in sorted(set(map(name_of, failed))):
+        result.stream.writeln("To run it again: make test-one TEST=%s%s" % (name, python))
+
+
 def summary(interpreter, result):
     failed = len(result.failures) + len(result.errors) + len(getattr(result, "unexpectedSuccesses", []))
     skipped = collections.Counter(reason for _, reason in result.skipped)
@@ -78,6 +96,7 @@ def main():
         unittest.defaultTestLoader.loadTestsFromNames(options.names))
     for test, reason in result.skipped:
         print("skipped %s: %s" % (test, reason))
+    show_how_to_run_again(result, options.interpreter)
     counts = summary(options.interpreter, result)
     if options.report:
         with open(options.report, "w") as stream:

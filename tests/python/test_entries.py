@@ -1,6 +1,7 @@
 """The entries of ctest: each test module has its own, each is run by one make target, and one test is run by its name."""
 
 import glob
+import io
 import json
 import os
 import re
@@ -10,6 +11,7 @@ import sys
 import tempfile
 import unittest
 
+import run_tests
 import support
 
 ROOT = os.path.dirname(os.path.dirname(support.HERE))
@@ -261,6 +263,43 @@ class RunnerTest(unittest.TestCase):
                 status, _, errors = self.run_tests("test_command_line.LogTest.test_errors", cwd=cwd,
                                                    module_dir=os.path.relpath(support.module_dir(), cwd))
                 self.assertEqual(status, 0, errors)
+
+    def test_failed_tests_are_named_once_as_make_takes_them(self):
+        class Sample(unittest.TestCase):
+            def test_fails_twice(self):
+                for number in range(2):
+                    with self.subTest(number):
+                        self.fail()
+
+            def test_is_an_error(self):
+                raise ValueError
+
+            def test_passes(self):
+                pass
+
+        class NeverBegun(Sample):
+            @classmethod
+            def setUpClass(cls):
+                raise ValueError
+
+        for each in (Sample, NeverBegun):
+            each.__module__, each.__qualname__ = "test_sample", each.__name__
+        tests = [unittest.defaultTestLoader.loadTestsFromTestCase(each) for each in (Sample, NeverBegun)]
+        tests.append(unittest.defaultTestLoader.loadTestsFromName("test_that_is_not_there"))
+        result = unittest.TextTestRunner(stream=io.StringIO(), resultclass=run_tests.Result).run(unittest.TestSuite(tests))
+        names = ["test_sample.NeverBegun", "test_sample.Sample.test_fails_twice", "test_sample.Sample.test_is_an_error",
+                 "test_that_is_not_there"]
+        for interpreter, python in (("3.14.10-debug", " PYTHON=3.14.10-debug"), ("any", "")):
+            result.stream = unittest.runner._WritelnDecorator(io.StringIO())
+            run_tests.show_how_to_run_again(result, interpreter)
+            self.assertEqual(result.stream.getvalue(), "".join(
+                "To run it again: make test-one TEST=%s%s\n" % (name, python) for name in names))
+
+    def test_failed_test_says_how_to_run_it_again(self):
+        name = "test_command_line.LogTest.test_errors"
+        with tempfile.TemporaryDirectory() as empty:
+            status, _, errors = self.run_tests("--interpreter", "3.14", name, module_dir=empty)
+        self.assertEqual((status, errors.splitlines()[-1]), (1, "To run it again: make test-one TEST=%s PYTHON=3.14" % name))
 
     def test_names_that_do_not_exist(self):
         for name, message in (
