@@ -5,7 +5,8 @@
 A NAME is a module, a class or a single test of any folder below: test_stops, test_stops.StopsTest.test_recursion.
 
 The environment variable OPTMONITORING_DIR names the folder of the built module (default: build). Prints every skipped test
-with its reason, and for every failed one the line that runs it again. Exit status 0 when all tests passed and at least one ran, 2 when there is no test of a name.
+with its reason, and for every failed one the line that runs it again. Exit status 0 when all tests passed and at least one
+ran, 2 when there is no test of a name.
 """
 import argparse
 import collections
