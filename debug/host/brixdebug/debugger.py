@@ -20,6 +20,7 @@ from brixdebug import compat, decisions, internal, log, processes, streams
 from brixdebug.commands import Commands
 from brixdebug.engine import Bdb, BdbQuit
 from brixdebug.exceptions import UNCAUGHT, ExceptionRule
+from brixdebug.leftovers import Leftovers
 from brixdebug.monitor import monitor
 from brixdebug.sharing import sharing
 from brixdebug.suspension import debugged_frames
@@ -50,7 +51,7 @@ def _is_on_descriptor_0(file: Any) -> bool:
         return file is not None            # the program has put something of its own there
 
 
-class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
+class Debugger(Terminal, Commands, Leftovers, _StandardDebugger, Bdb):
     """`pdb.Pdb` for every thread."""
 
     has_refused = False                        # there was nothing that can be debugged
@@ -61,8 +62,6 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
     on_start: Callable[[], None] = staticmethod(lambda: None)
 
     _session: Debugger | None = None           # the one that runs the program
-
-    _is_nested = False                         # made by the command `debug`
 
     gives_way = False                          # made because there was none, and not entered so far
 
@@ -241,9 +240,22 @@ class Debugger(Terminal, Commands, _StandardDebugger, Bdb):
     if compat.HAS_TRACE_METHODS:
         def _create_recursive_debugger(self) -> Debugger:
             return _nested(type(self)(self.completekey, self.stdin, self.stdout))
+
+        def _standard_debug(self, arg: str) -> Any:
+            return super().do_debug(arg)
     else:
-        do_debug = compat.rebind(pdb.Pdb.do_debug, sys=compat.sys_with_trace_methods,
-                                 Pdb=lambda *args: _nested(Debugger(*args)))
+        _standard_debug = compat.rebind(pdb.Pdb.do_debug, sys=compat.sys_with_trace_methods,
+                                        Pdb=lambda *args: _nested(Debugger(*args)))
+
+    def do_debug(self, arg: str) -> Any:
+        outer = len(_nested_debuggers)
+        try:
+            return self._standard_debug(arg)
+        finally:
+            while len(_nested_debuggers) > outer:
+                _nested_debuggers.pop().let_program_go()
+
+    do_debug.__doc__ = pdb.Pdb.do_debug.__doc__
 
     def do_quit(self, arg: str) -> bool | None:
         is_done = super().do_quit(arg)
@@ -307,6 +319,10 @@ def _stop_in_editor(frame: FrameType | None) -> bool:
     return True
 
 
+_nested_debuggers: list[Debugger] = []        # of the commands `debug` that run
+
+
 def _nested(debugger: Debugger) -> Debugger:
     debugger._is_nested = True
+    _nested_debuggers.append(debugger)
     return debugger

@@ -289,9 +289,17 @@ class Monitor:
 
     def _watch_lives(self, begins: bool, ends: bool) -> None:
         """Have the lines reported, or no longer, where threads begin, and where they end by an exception."""
-        if self._watched_lives == (begins, ends):
+        if self._watched_lives == (begins, ends) or self.debugger is None:
             return
         self._watched_lives = begins, ends
+        state = self.debugger.stop_states.own()
+        muted, state.is_muted = state.is_muted, True      # the standard library is asked for the lines
+        try:
+            self._watch_lines_of_lives(begins, ends)
+        finally:
+            state.is_muted = muted
+
+    def _watch_lines_of_lives(self, begins: bool, ends: bool) -> None:
         before, self.thread_lines = self.thread_lines, {}
         wanted: dict[CodeType, set[int]] = {}
         for places, is_wanted in (places_of_beginning(), begins), (places_of_uncaught(), ends):

@@ -33,6 +33,8 @@ class Ends(_StandardDebugger):
     # Whether this is the debugger of a command line, whose quit ends the program.
     _ends_program = False
 
+    _is_nested = False            # made by the command `debug`, which a quit ends
+
     has_lost_input = False        # there is nobody to debug for
     _lost_input: Exception | None = None
 
@@ -60,7 +62,8 @@ class Ends(_StandardDebugger):
     def set_quit(self) -> None:
         is_alone = not debugged_frames().keys() - {threading.get_ident()}
         # pytest ends by an exception of its own.
-        if not self._ends_program or is_alone and (monitor.debugger is not self or streams.exit_of_pytest() is not None):
+        if not self._ends_program or self._is_nested \
+                or is_alone and (monitor.debugger is not self or streams.exit_of_pytest() is not None):
             super().set_quit()
             return
         if monitor.debugger is None:          # at a post-mortem prompt, where no thread gets events
