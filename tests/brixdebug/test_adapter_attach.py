@@ -65,9 +65,17 @@ class AttachTest(AdapterTestCase):
     def test_client_may_connect_directly(self):
         path = self.start("--listen", "0", "--wait-for-client")
         client = Client(self, connection=socket.create_connection(("127.0.0.1", self.port())))
-        self.attach(client, path, 0)
+        self.attach(client, path, 0, django=True)
+        self.assertEqual(client.output, {"console": "These settings have no effect here: django\n"})
         client.ask("disconnect", terminateDebuggee=True)
         self.served.wait(60)
+
+    def test_settings_without_effect_are_said_once(self):
+        path = self.start("--listen", "0", "--wait-for-client")
+        client = self.client()
+        self.attach(client, path, self.port(), django=True, program="x")
+        self.assertEqual(client.output, {"console": "These settings have no effect here: django, program\n"})
+        client.ask("disconnect", terminateDebuggee=True)
 
     def test_second_client_is_refused(self):
         path = self.start("--listen", "0")

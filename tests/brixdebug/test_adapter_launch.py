@@ -124,6 +124,9 @@ class LaunchTest(AdapterTestCase):
                                                          "externalTerminal, not 'window'"),
                 ({"program": path, "env": ["A=1"]}, "'env' must be an object of names and strings, not ['A=1']"),
                 ({"program": path, "stopOnEntry": "yes"}, "'stopOnEntry' must be true or false, not 'yes'"),
+                ({"program": path, "python": "a", "pythonPath": "b"}, "'pythonPath' is an older name for 'python': one of them is "
+                                                                      "enough"),
+                ({"program": path, "consoleTitle": 1}, "'consoleTitle' must be a string, not 1"),
                 ({"program": path, "sudo": True}, "'sudo' is not supported: start the program with `sudo python -m brixdebug "
                                                   "--listen PORT PROGRAM` in a terminal, and attach to it"),
                 ({"program": "/no/such.py"}, "'program' does not exist: /no/such.py"),
@@ -139,13 +142,16 @@ class LaunchTest(AdapterTestCase):
 
     def test_arguments_without_a_meaning_are_said_once(self):
         client = self.client()
-        client.launch(self.program("pass"), django=True, gevent=True, name="x", __sessionId="1", justMyCode=False)
+        client.launch(self.program("pass"), django=True, debugOptions=["Django"], name="x", __sessionId="1", justMyCode=False)
         client.finish()
-        self.assertEqual(client.output["console"], "These settings have no effect here: django, gevent\n")
+        self.assertEqual(client.output["console"], "These settings have no effect here: debugOptions, django\n")
 
     def test_attach_without_a_place(self):
         for arguments, text in (
                 ({}, "attach needs one of 'connect', 'listen' and 'processId'"),
+                ({"host": "localhost"}, "'host' needs 'port'"),
+                ({"connect": {"port": 1}, "port": 2},
+                 "attach needs one of 'connect', 'listen' and 'processId'; given are 'connect' and 'port'"),
                 ({"connect": {"port": 1}, "listen": {"port": 2}},
                  "attach needs one of 'connect', 'listen' and 'processId'; given are 'connect' and 'listen'")):
             with self.subTest(arguments):
@@ -171,9 +177,10 @@ class LaunchTest(AdapterTestCase):
             return {"processId": self.terminal.pid}
 
         client.on_request["runInTerminal"] = run
-        client.launch(path, {path: [2]}, console="integratedTerminal", cwd=str(self.folder),
+        client.launch(path, {path: [2]}, console="integratedTerminal", cwd=str(self.folder), consoleTitle="My program",
                       initialize={"supportsRunInTerminalRequest": True})
-        self.assertEqual((asked[0]["kind"], asked[0]["cwd"]), ("integrated", str(self.folder)))
+        self.assertEqual((asked[0]["kind"], asked[0]["cwd"], asked[0]["title"]),
+                         ("integrated", str(self.folder), "My program"))
         client.wait_for_stop("breakpoint")
         client.go_on()
         self.assertEqual(client.finish(), 4)

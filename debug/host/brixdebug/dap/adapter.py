@@ -162,7 +162,8 @@ class Adapter:
             self._on_begin_session()
         if not self._begin_traffic(message, self._settings):
             return
-        self._say_ignored(self._settings)
+        if self._settings.ignored:
+            self._say(arguments.ignored_text(self._settings))
         self._beginning = message
         # Not in this thread: a client answers the request for a terminal while launch is under way.
         self._beginner = threading.Thread(target=self._begin, args=(message, self._settings), name="begin", daemon=True)
@@ -190,10 +191,6 @@ class Adapter:
         self._say("The messages of this session are written to %s\n" % traffic.path)
         return True
 
-    def _say_ignored(self, settings: arguments.Settings) -> None:
-        if settings.ignored:
-            self._say("These settings have no effect here: %s\n" % ", ".join(sorted(settings.ignored)))
-
     def _say(self, text: str, category: str = "console") -> None:
         self._client.event("output", {"category": category, "output": text})
 
@@ -214,8 +211,9 @@ class Adapter:
         self._program, self._beginning, self._begun = program, None, message
         threading.Thread(target=self._relay, args=(program,), name="relay", daemon=True).start()
         program.wire.pass_on(self._initialize or {})
-        given = dict(message["arguments"])
-        given.pop("logToFile", None)             # this process writes them
+        # Messages are written by this process, and what has no effect has been said.
+        given = {name: value for name, value in message["arguments"].items()
+                 if name != "logToFile" and name not in settings.ignored}
         self._pass_to_program({**message, "arguments": given})
 
     def _refuse_beginning(self, message: dict[str, Any], text: str) -> None:

@@ -38,6 +38,7 @@ class Settings:
         self.stop_on_entry = False
         self.just_my_code = True
         self.console = "integratedTerminal"
+        self.console_title = "Python"
         self.redirect_output: bool | None = None              # None: as the console needs it
         self.show_return_value = True
         self.sub_process = True
@@ -181,6 +182,8 @@ _ROWS: tuple[tuple[str, tuple[str, ...], Callable[[str, Any], Any], str], ...] =
     ("pythonArgs", _LAUNCH, _texts_or_line, "_python_args"),
     ("stopOnEntry", _LAUNCH, _flag, "stop_on_entry"),
     ("console", _LAUNCH, _console, "console"),
+    ("consoleTitle", _LAUNCH, _text, "console_title"),
+    ("consoleName", _LAUNCH, _text, "console_title"),
     ("noDebug", _LAUNCH, _flag, "no_debug"),
     ("sudo", _LAUNCH, _flag, "_sudo"),
     ("justMyCode", _BOTH, _flag, "just_my_code"),
@@ -205,8 +208,8 @@ INHERITED = ("justMyCode", "redirectOutput", "showReturnValue", "subProcess", "p
 # What editors put beside their users' own arguments: nothing to be said of.
 _EDITORS_OWN = frozenset((
     "name", "type", "request", "presentation", "internalConsoleOptions", "preLaunchTask", "postDebugTask",
-    "debugServer", "serverReadyAction", "restart", "windows", "linux", "osx", "purpose", "debugOptions",
-    "variables", "suppressMultipleSessionWarning", "workspaceFolder", "consoleName", "consoleTitle"))
+    "debugServer", "serverReadyAction", "restart", "windows", "linux", "osx", "purpose",
+    "suppressMultipleSessionWarning", "workspaceFolder"))
 
 
 def parse(request: str, arguments: Any) -> Settings:
@@ -223,8 +226,15 @@ def parse(request: str, arguments: Any) -> Settings:
         elif value is not None:
             target = extra if row[3].startswith("_") else settings.__dict__
             target[row[3]] = row[2](name, value)
+    if arguments.get("python") is not None and arguments.get("pythonPath") is not None:
+        raise ArgumentError("'pythonPath' is an older name for 'python': one of them is enough")
     _finish(settings, extra)
     return settings
+
+
+def ignored_text(settings: Settings) -> str:
+    """What is to be said of arguments without a meaning; empty when there are none."""
+    return "These settings have no effect here: %s\n" % ", ".join(sorted(settings.ignored)) if settings.ignored else ""
 
 
 def _finish(settings: Settings, extra: dict[str, Any]) -> None:
@@ -240,10 +250,12 @@ def _finish(settings: Settings, extra: dict[str, Any]) -> None:
             raise ArgumentError("launch needs one of 'program', 'module' and 'code'%s"
                                 % ("; given are " + " and ".join(map(repr, given)) if given else ""))
         return
-    if "_port" in extra and settings.connect is None:
-        settings.connect = {"host": extra.get("_host", "127.0.0.1"), "port": extra["_port"]}
+    if "_host" in extra and "_port" not in extra:
+        raise ArgumentError("'host' needs 'port'")
     given = [name for name, value in (("connect", settings.connect), ("listen", settings.listen),
-                                      ("processId", settings.process_id)) if value is not None]
+                                      ("processId", settings.process_id), ("port", extra.get("_port"))) if value is not None]
+    if given == ["port"]:
+        settings.connect = {"host": extra.get("_host", "127.0.0.1"), "port": extra["_port"]}
     if len(given) > 1:
         raise ArgumentError("attach needs one of 'connect', 'listen' and 'processId'; given are "
                             + " and ".join(map(repr, given)))

@@ -50,6 +50,8 @@ def on_begin(session: Session, request: Request) -> Any:
         request.refuse(OCCUPIED)
         return LATER
     _begin_traffic(session, settings)
+    if settings.ignored:
+        session.say(arguments.ignored_text(settings))
     session.settings, session.given = settings, request.arguments.values
     session.has_begun = True
     session.wire.max_message_bytes = MAX_MESSAGE_BYTES

@@ -202,7 +202,7 @@ def _start_here(settings: arguments.Settings, command: list[str], variables: dic
 def _start_in_terminal(settings: arguments.Settings, command: list[str], variables: dict[str, str | None],
                        ask_for_terminal: Callable[[dict[str, Any]], dict[str, Any]],
                        listener: socket.socket, gives_up: Callable[[], bool]) -> Program:
-    response = ask_for_terminal({"kind": _TERMINAL_KINDS[settings.console], "title": "Python",
+    response = ask_for_terminal({"kind": _TERMINAL_KINDS[settings.console], "title": settings.console_title,
                                  "cwd": settings.cwd or os.getcwd(), "args": command, "env": variables})
     if not response.get("success"):
         raise ProgramError("the editor could not open a terminal: %s" % (response.get("message") or "no reason given"))
