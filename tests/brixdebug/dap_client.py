@@ -11,10 +11,12 @@ With DAP_TRAFFIC in the environment, the name of a folder, each session is writt
 each message; `tests/editors/check_traffic.js` holds them against the protocol's schema.
 """
 
+import contextlib
 import itertools
 import json
 import os
 import queue
+import socket
 import subprocess
 import sys
 import threading
@@ -85,6 +87,8 @@ class Client:
 
     def close(self):
         if self.process is None:
+            with contextlib.suppress(OSError):                   # the other end has closed it
+                self._connection.shutdown(socket.SHUT_RDWR)      # its files keep it open
             self._connection.close()
             return
         if self.process.poll() is None:
