@@ -9,7 +9,7 @@ from host_support import check_child, scratch_folder
 from session import Session, write_program
 
 GUIDE = Path(__file__).resolve().parent.parent.parent / "docs" / "debugger.md"
-SECTION = "## The commands that pdb has not"
+SECTION = "## Commands that pdb lacks"
 
 # Prints the commands of the prompt, and those of pdb.
 SHOW = """

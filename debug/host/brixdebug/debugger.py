@@ -1,7 +1,7 @@
 """The prompt: pdb's commands on the engine, for every thread.
 
 The command loop, the parsing and the commands are the standard `pdb.Pdb`'s,
-inherited.  The commands that pdb has not are in `commands`, its module-level functions in
+inherited.  The commands that pdb lacks are in `commands`, its module-level functions in
 `entry`.
 """
 
