@@ -87,6 +87,7 @@ const DIFFERENCES = {
     'refused, and the session goes on: next {"threadId":true}': "takes true for the number 1",
     "what needs a stop is refused while the program runs": "answers with an empty list",
     "only events of the protocol are sent": "sends events of its own",
+    "what is offered is there: no capability's request is unknown": "offers what the protocol does not have (supportsDebuggerProperties)",
     // requests that not every adapter has
     "a breakpoint on the function buy": "stops at the line of the def",
     "a breakpoint on the function sell": "stops at the line of the def",

@@ -88,6 +88,15 @@ scenario("what is offered is there: no capability's request is unknown", async (
         supportsInstructionBreakpoints: ["setInstructionBreakpoints", { breakpoints: [] }],
         supportsStepBack: ["stepBack", { threadId: 1 }],
     };
+    const ofOtherRequests = [
+        "supportsConfigurationDoneRequest", "supportsConditionalBreakpoints", "supportsHitConditionalBreakpoints", "supportsLogPoints",
+        "supportsEvaluateForHovers", "supportsSingleThreadExecutionRequests", "supportsExceptionFilterOptions", "supportsExceptionOptions",
+        "supportsTerminateRequest", "supportTerminateDebuggee", "supportsDelayedStackTraceLoading", "supportsValueFormattingOptions",
+        "supportsClipboardContext", "supportsRestartRequest",
+    ];
+    const unknown = Object.keys(s.capabilities).filter((name) => name.startsWith("support") && !(name in requests)
+        && !ofOtherRequests.includes(name));
+    assert.deepEqual(unknown, [], "capabilities that this scenario does not know");
     const offered = Object.entries(requests).filter(([capability]) => s.capabilities[capability]);
     assert.ok(offered.length >= 8, `${offered}`);
     const file = s.write("program.py", "x = 1\n");

@@ -284,7 +284,7 @@ class HooksThatAreOff(FilterTestCase):
 STATES = 1500
 LINES = (None, set(), {LINE}, {LINE + 1}, {LINE + 8}, {LINE, LINE + 8, LINE + 16}, set(range(LINE + 1, 40)), {LINE, "2"},
          set(range(LINE + 64, 20000, 64)), frozenset({LINE}), {float(LINE)}, frozenset(), {True, LINE + 32})
-FIELDS = {
+STATE_VALUES = {
     "event": EVENT_NAMES + (99,),
     "arguments": ((), (LINE,), (LINE,), (LINE,), (LINE, "more"), (-LINE,), ("2",), (None,)),
     "lines": LINES,
@@ -400,13 +400,13 @@ class RandomStates(FilterTestCase):
     def test_random_states(self):
         random.seed(20261)
         for _ in range(STATES):
-            self.check(types.SimpleNamespace(**{name: random.choice(values) for name, values in FIELDS.items()}))
+            self.check(types.SimpleNamespace(**{name: random.choice(values) for name, values in STATE_VALUES.items()}))
 
     def test_every_pair_of_two_fields(self):
-        usual = dict.fromkeys(FIELDS)
-        usual.update({name: values[0] for name, values in FIELDS.items()}, arguments=(LINE,), lines={LINE + 8})
+        usual = dict.fromkeys(STATE_VALUES)
+        usual.update({name: values[0] for name, values in STATE_VALUES.items()}, arguments=(LINE,), lines={LINE + 8})
         for one, other in itertools.combinations(("event", "lines", "policy", "every_thread", "thread_steps"), 2):
-            for values in itertools.product(FIELDS[one], FIELDS[other]):
+            for values in itertools.product(STATE_VALUES[one], STATE_VALUES[other]):
                 self.check(types.SimpleNamespace(**dict(usual, **{one: values[0], other: values[1]})))
 
 

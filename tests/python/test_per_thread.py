@@ -2,13 +2,19 @@
 
 import sys
 import threading
+import types
 import unittest
 
 import support
 from record_support import Raising, RaisingMapping, RecordTestCase, key_error
 
-OBJECT_MEMBERS = ("mod", "fThreadId", "fOuterMostFrame", "fStopFrame", "fDontStopLinenoRange", "fReturnFrame",
-                  "fStopAtNextLine", "fSuspendLock", "fThreadName", "fSteppingCodeObjects")
+# Every member is in one of these.
+READ_ONLY = ("mod", "fThreadId", "fThreadName")
+WRITABLE = ("fOuterMostFrame", "fStopFrame", "fDontStopLinenoRange", "fReturnFrame", "fStopAtNextLine", "fSuspendLock",
+            "fSteppingCodeObjects")                # in the order in which a dying record releases them
+NUMBERS = ("fDebugPolicy", "fCheckSuspendLock", "fExitingWithException")
+BOOLEANS = ("fSteppingEventsNeeded",)
+OBJECT_MEMBERS = READ_ONLY + WRITABLE
 INIT = "Exception in CPerThread.__init__\n"
 HOOK = "Exception in CallNewObjectCallback_direct\n"
 REGISTER = "Exception in CPerThread_RegisterPerThread_direct()\n"
@@ -51,6 +57,10 @@ print(cls._fPerThreadDict, cls._fDebugPolicyCallback, cls._fNewPerThreadCreatedC
 
 
 class MemberTest(PerThreadTestCase):
+    def test_members(self):
+        members = [name for name, value in vars(self.cls).items() if isinstance(value, types.MemberDescriptorType)]
+        self.assertEqual(sorted(members), sorted(OBJECT_MEMBERS + NUMBERS + BOOLEANS))
+
     def test_initial_values(self):
         record = self.cls(5)
         self.assertIs(record.mod, self.om)
@@ -78,18 +88,17 @@ class MemberTest(PerThreadTestCase):
 
     def test_read_only_members(self):
         record = self.cls(5)
-        for name in ("mod", "fThreadId", "fThreadName"):
+        for name in READ_ONLY:
             self.check_read_only(record, name)
 
     def test_writable_object_members(self):
         record = self.cls(5)
-        for name in ("fOuterMostFrame", "fStopFrame", "fDontStopLinenoRange", "fReturnFrame", "fStopAtNextLine",
-                     "fSuspendLock", "fSteppingCodeObjects"):
+        for name in WRITABLE:
             self.check_writable_object(record, name)
 
     def test_writable_int_members(self):
         record = self.cls(5)
-        for name in ("fDebugPolicy", "fCheckSuspendLock", "fExitingWithException"):
+        for name in NUMBERS:
             self.check_writable_number(record, name, 1 << 31)
 
     def test_boolean_member_takes_bools_alone(self):
@@ -433,7 +442,7 @@ class InstanceTest(PerThreadTestCase):
 
     def test_death_releases_every_object_member(self):
         record = self.cls(5)
-        names = [name for name in OBJECT_MEMBERS if name not in ("mod", "fThreadId", "fThreadName")]
+        names = WRITABLE
         values = [object() for _ in names]
         counts = [sys.getrefcount(value) for value in values]
         for index, name in enumerate(names):
@@ -455,13 +464,11 @@ class InstanceTest(PerThreadTestCase):
                 died.append(self.name)
 
         record = self.cls(5)
-        names = ["fOuterMostFrame", "fStopFrame", "fDontStopLinenoRange", "fReturnFrame", "fStopAtNextLine",
-                 "fSuspendLock", "fSteppingCodeObjects"]
-        for name in names:
+        for name in WRITABLE:
             setattr(record, name, Witness(name))
         self.cls._fPerThreadDict.clear()
         del record
-        self.assertEqual(died, names)
+        self.assertEqual(died, list(WRITABLE))
 
     def test_death_keeps_a_pending_exception(self):
         record = self.cls(5)
