@@ -1,6 +1,6 @@
 """The logical stack of a task of asyncio: who awaits it, and who awaits that.
 
-From 3.14 on the interpreter keeps who awaits a future.  Before, it is told by what asyncio
+From 3.14 on the interpreter keeps who awaits a future.  Before, it is found in what asyncio
 itself keeps to wake who waits.
 """
 

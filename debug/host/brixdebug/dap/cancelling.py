@@ -1,7 +1,7 @@
 """An expression that runs, and how it is ended.
 
 A KeyboardInterrupt is raised where it runs Python code next.  In the main thread a signal does so, which ends what waits
-in C code too.  In other threads nothing ends that: the client has its answer, and is told when the thread comes back.
+in C code too.  In other threads nothing ends that: the client has its answer, and hears of it when the thread comes back.
 """
 
 from __future__ import annotations
@@ -21,7 +21,7 @@ if TYPE_CHECKING:
     from typing import Any
 
 _SIGNAL = signal.SIGURG        # nobody is harmed by one that comes late: it is ignored unless a program asks for it
-_END_SECONDS = 1.0             # from the wish to the end, before the client is told that there is none
+_END_SECONDS = 1.0             # after the cancellation, before the client gets a message that the expression goes on
 
 
 class Running:

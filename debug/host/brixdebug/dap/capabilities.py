@@ -1,4 +1,4 @@
-"""`initialize`: what the client says of itself is checked, and what it is told of this adapter."""
+"""`initialize`: what the client says of itself is checked, and what this adapter can do is the answer."""
 
 from __future__ import annotations
 

@@ -111,7 +111,7 @@ def on_pause(session: Session, request: Request) -> Any:
 
 
 def on_terminate(session: Session, request: Request) -> Any:
-    """As a polite stranger would: the program's own handler of SIGTERM may clean up."""
+    """Send SIGTERM: the program's own handler may clean up."""
     request.answer()
     flush_streams(monitor.suspension.adopt_thread)
     stop = session.debugger.stop

@@ -20,7 +20,7 @@ if TYPE_CHECKING:
     from brixdebug.dap.session import Handler, Request, Session
 
 _MAX_COMPLETIONS = 500
-_PROGRESS_SECONDS = 1.0       # before the client is told that something takes its time
+_PROGRESS_SECONDS = 1.0       # before the client gets a message that something takes its time
 _MAX_TITLE = 100
 
 
@@ -160,7 +160,7 @@ class _Progress:
         self._request = request
         self._running = _thread.allocate_lock()
         self._running.acquire()
-        self._told = _thread.allocate_lock()         # until the end has been told of
+        self._told = _thread.allocate_lock()         # until the end has been reported
         self._told.acquire()
         _thread.start_new_thread(self._run, ())
 

@@ -1,4 +1,4 @@
-"""What the program prints, from its pipes to the client, in time for what the client is told next."""
+"""What the program prints, from its pipes to the client, before the next event goes there."""
 
 from __future__ import annotations
 

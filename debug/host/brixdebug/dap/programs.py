@@ -35,7 +35,7 @@ _TERMINAL_KINDS = {"integratedTerminal": "integrated", "externalTerminal": "exte
 
 
 class ProgramError(Exception):
-    """The program cannot be had; the text is for the user."""
+    """The program cannot be started or reached; the text is for the user."""
 
 
 class Program:

@@ -1,7 +1,7 @@
 """The protocol, answered inside the debugged program: one client at a time.
 
 A thread of the debugger's own reads requests.  What needs a stopped thread is given to
-that thread and answered by it; nothing here waits for code of the program.
+that thread and answered by it; nothing here waits for the program's code.
 """
 
 from __future__ import annotations
@@ -202,7 +202,7 @@ class Server:
             session.on_watch_end(watch)
 
     def program_ends(self, *status: int) -> None:
-        """Nothing is told of it after this; `status`: its exit status, where that is known."""
+        """Nothing is reported of it after this; `status`: its exit status, where that is known."""
         self.end_redirection()
         session = self.session
         if session is not None:

@@ -231,7 +231,7 @@ class Session:
         else:
             request.run(handler)
 
-    # -- what the client is told --------------------------------------------------------------------
+    # -- what goes to the client --------------------------------------------------------------------
 
     def say(self, text: str) -> None:
         """Show `text`, which ends with a newline, in the client's console."""

@@ -105,7 +105,7 @@ def _is_isolated(options: list[bytes]) -> bool:
 
 
 def _is_script(path: bytes) -> bool:
-    """For Python: what pip makes of an entry point, for one."""
+    """Whether it is a script for Python, such as pip makes of an entry point."""
     try:
         with open(path, "rb") as file:
             start = file.read(_MAX_WORD)

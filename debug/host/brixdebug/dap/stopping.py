@@ -35,7 +35,7 @@ if TYPE_CHECKING:
     from brixdebug.watching import Change, Watch
 
     class Front(Protocol):
-        """What the debugger tells of; each is called by the thread that it is about."""
+        """What the debugger reports; each is called by the thread that it is about."""
 
         def on_stop(self, stop: Stop) -> bool:
             """All threads are held; True when the stop is to wait."""
@@ -52,7 +52,7 @@ if TYPE_CHECKING:
             """A breakpoint that logs has been reached."""
 
         def on_new_code(self, code: CodeType) -> None:
-            """Code runs for the first time; told of after `await_code`."""
+            """Code runs for the first time; called after `await_code`."""
 
         def on_watch_end(self, watch: Watch) -> None:
             """The watch has nothing left to look at."""

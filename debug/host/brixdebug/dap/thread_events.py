@@ -1,4 +1,4 @@
-"""The client is told of the program's threads as they begin and end.
+"""The client gets an event for each of the program's threads as it begins and as it ends.
 
 Who begins or ends only notes that.  A thread of the debugger's own tells the client, of all that has come in a moment
 together, or the thread that stops, before it tells of its stop.
@@ -24,7 +24,7 @@ if TYPE_CHECKING:
 
     from brixdebug.lives import Life
 
-_GATHER_SECONDS = 0.02        # from the first news to when they are told
+_GATHER_SECONDS = 0.02        # from the first news until all are sent
 
 
 class ThreadEvents:
@@ -58,13 +58,13 @@ class ThreadEvents:
         self.forget()
 
     def forget(self) -> None:
-        """Nothing is told any more."""
+        """Nothing is sent any more."""
         self._has_ended = True
         atexit.unregister(self.end)
         self._bell.put(True)
 
     def drain(self) -> None:
-        """Tell what there is to tell."""
+        """Send what there is to send."""
         with self._telling:
             events: list[dict[str, Any]] = []
             while self._news and not self._has_ended:

@@ -41,7 +41,7 @@ class Numbers:
         return self._numbers[thing]
 
     def forget(self, thing: int) -> None:
-        """It is gone; another one in its place gets a number of its own."""
+        """The thing is gone; another one in its place gets a number of its own."""
         self._things.pop(self._numbers.pop(thing, 0), None)
 
     def thing(self, number: int) -> int | None:

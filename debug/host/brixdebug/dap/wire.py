@@ -233,7 +233,7 @@ def _framed(message: dict[str, Any]) -> bytes:
 
 
 def _identity(descriptor: int) -> tuple[int, int] | None:
-    """Of the open file, whichever number it has."""
+    """The identity of the open file, whichever number it has."""
     try:
         status = os.fstat(descriptor)
     except OSError:
