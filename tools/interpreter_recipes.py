@@ -30,6 +30,7 @@ def packaged(version, debug=False, suite="unstable"):
 
 # PYVERSIONS: the suite must be one that still carries the version.
 INSTALLABLE = collections.OrderedDict([
+    ("3.13", packaged("3.13", suite="trixie")),
     ("3.14", packaged("3.14")),
     ("3.15", packaged("3.15")),
     ("3.14-debug", packaged("3.14", debug=True)),

@@ -12,7 +12,7 @@ import time
 import unittest
 
 TOOL = os.path.join(os.path.dirname(os.path.abspath(__file__)), os.pardir, os.pardir, "tools", "interpreters")
-NAMES = ("3.14 3.15 3.14-debug 3.15-debug 3.13-freethreaded 3.11-tracerefs 3.13-aarch64 3.14-aarch64 3.15-aarch64 "
+NAMES = ("3.13 3.14 3.15 3.14-debug 3.15-debug 3.13-freethreaded 3.11-tracerefs 3.13-aarch64 3.14-aarch64 3.15-aarch64 "
          "3.13-musl")
 
 # Runs the tool with what a package knows about Debian's archive replaced.
@@ -58,7 +58,7 @@ for name in lib/arch/ld-linux-arch.so.2 bin/patchelf; do
     printf '#!/bin/sh\\necho "$*" >> %(base)s/loader-calls\\n' > "$3/usr/$name"
     chmod +x "$3/usr/$name"
 done
-for minor in 14 15; do
+for minor in 13 14 15; do
     cp %(base)s/interpreter-$minor "$3/usr/bin/python3.$minor"
 done
 """
@@ -248,7 +248,7 @@ class InstallTest(ToolTest):
         self.environment["PATH"] = os.pathsep.join([self.bin, "/usr/bin", "/bin"])
         self.apt_get()
         self.script(os.path.join(self.bin, "dpkg"), DPKG % {"base": self.base})
-        for minor in ("14", "15"):
+        for minor in ("13", "14", "15"):
             self.interpreter(os.path.join(self.base, "interpreter-" + minor), "3.{}.2".format(minor), executable="'$0'")
 
     def apt_get(self, special=""):
@@ -321,8 +321,18 @@ class InstallTest(ToolTest):
             {"name": "3.14.2", "version": [3, 14, 2], "flavour": "release", "command": [launcher]}])
         self.assertEqual(self.left_over(), sorted([
             "bin", "bin/python3.14", "3.14", "3.14/usr", "3.14/usr/bin", "3.14/usr/bin/patchelf",
-            "3.14/usr/bin/python3.14", "3.14/usr/bin/python3.15", "3.14/usr/lib", "3.14/usr/lib/arch",
+            "3.14/usr/bin/python3.13", "3.14/usr/bin/python3.14", "3.14/usr/bin/python3.15", "3.14/usr/lib", "3.14/usr/lib/arch",
             "3.14/usr/lib/arch/ld-linux-arch.so.2", "3.14/usr/share"]))
+
+    def test_version_that_unstable_has_no_more_comes_from_the_suite_that_has_it(self):
+        status, out, err = self.run_tool("install", "3.13")
+        self.assertEqual((status, err), (0, ""))
+        self.assertIn("3.13: reading the package lists of trixie\n", out)
+        self.assertRegex(self.read("apt-calls"), r" install python3\.13 libpython3\.13-stdlib patchelf ")
+        self.environment["PATH"] = self.bin
+        self.assertEqual(self.listed(), [
+            {"name": "3.13.2", "version": [3, 13, 2], "flavour": "release",
+             "command": [os.path.join(self.folder, "bin", "python3.13")]}])
 
     def for_another_processor(self, multiarch="aarch64-linux-gnu"):
         self.script(os.path.join(self.bin, "qemu-aarch64-static"), QEMU % {"base": self.base})
@@ -378,7 +388,7 @@ class InstallTest(ToolTest):
         self.apt_get('case "$*" in *" update") exit 100 ;; esac')
         self.environment["PATH"] = self.bin
         status, _, err = self.run_tool("install", "--all")
-        self.assertEqual((status, re.findall(r"^interpreters: (\S+):", err, re.MULTILINE)), (1, NAMES.split()[:6]))
+        self.assertEqual((status, re.findall(r"^interpreters: (\S+):", err, re.MULTILINE)), (1, NAMES.split()[:7]))
 
     def test_executable_is_bound_to_the_place_it_ends_up_in(self):
         self.assertEqual(self.run_tool("install", "3.14")[0], 0)
