@@ -99,6 +99,8 @@ def emulated_launcher(emulator, program):
 def musl_environment(compiler, libraries):
     """The environment for the configure and make of an interpreter: the compiler, and the libraries compiled with it."""
     include, search = "-I" + os.path.join(libraries, "include"), "-L" + os.path.join(libraries, "lib")
-    # all else that pkg-config knows of is this machine's
-    return {"CC": compiler, "PKG_CONFIG_LIBDIR": os.path.join(libraries, "lib", "pkgconfig"),
+    # A thread has 128 KB of stack with musl, where a deep recursion ends in a crash before it reaches Python's limit. The
+    # interpreters that are distributed for musl are compiled with 1 MB. All else that pkg-config knows of is this machine's.
+    return {"CC": compiler, "CPPFLAGS": "-DTHREAD_STACK_SIZE=0x100000",
+            "PKG_CONFIG_LIBDIR": os.path.join(libraries, "lib", "pkgconfig"),
             "LIBFFI_CFLAGS": include, "LIBFFI_LIBS": search + " -lffi", "ZLIB_CFLAGS": include, "ZLIB_LIBS": search + " -lz"}

@@ -3,6 +3,7 @@
 The environment variable OPTMONITORING_DIR names the folder of the built module.
 """
 
+import importlib.util
 import os
 import pathlib
 import shutil
@@ -10,6 +11,7 @@ import signal
 import subprocess
 import sys
 import tempfile
+import unittest
 
 # A job in the background of a shell ignores it, and its children would too.
 signal.signal(signal.SIGINT, signal.default_int_handler)
@@ -17,6 +19,8 @@ signal.signal(signal.SIGINT, signal.default_int_handler)
 HERE = pathlib.Path(__file__).resolve().parent
 HOST_DIR = HERE.parent.parent / "debug" / "host"
 CHILD_SECONDS = 300        # a child that hangs fails its test
+HAS_READLINE = importlib.util.find_spec("readline") is not None
+needs_readline = unittest.skipUnless(HAS_READLINE, "this interpreter comes without readline")
 LOCK_WARNING = "The global interpreter lock (GIL) has been enabled to load module 'optmonitoring'"
 
 

@@ -139,8 +139,9 @@ class ExpressionTest(AdapterTestCase):
 
     def test_session_with_an_expression_that_does_not_end_can_be_left(self):
         client = self.stopped(supportsProgressReporting=True)
-        client.evaluate("import hashlib", self.frame_id)
-        running = client.send("evaluate", expression="hashlib.pbkdf2_hmac('sha256', b'', b'', 2**31 - 1)", frameId=self.frame_id)
+        client.evaluate("import ctypes; lock, mutex = ctypes.CDLL(None).pthread_mutex_lock, ctypes.create_string_buffer(64)",
+                        self.frame_id)
+        running = client.send("evaluate", expression="lock(mutex), lock(mutex)", frameId=self.frame_id)
         waiting = client.send("evaluate", expression="1", frameId=self.frame_id)
         client.wait_for("progressStart")
         client.ask("cancel", requestId=running)

@@ -6,7 +6,7 @@ import subprocess
 import sys
 import unittest
 
-from host_support import child_environment, run_child, scratch_folder
+from host_support import child_environment, needs_readline, run_child, scratch_folder
 from session import Session, run_session, write_program
 
 ENDLESS_WORKER = """\
@@ -288,6 +288,7 @@ class LineTest(TerminalTestCase):
         os.write(session._in, text.encode() + b"\t\n")
         return session.prompt()
 
+    @needs_readline
     def test_completion(self):
         session = self.start(self.PROGRAM, "break 3", "continue", terminal=True, TERM="xterm", PYTHON_BASIC_REPL="1")
         self.assertIn("42\n", self.complete(session, "p total_o"))
@@ -295,6 +296,7 @@ class LineTest(TerminalTestCase):
         self.assertIn("Num", self.complete(session, "info thr"))
         session.end("quit")
 
+    @needs_readline
     def test_completion_inside_expressions(self):
         session = self.start(self.PROGRAM, "break 3", "continue", terminal=True, TERM="xterm", PYTHON_BASIC_REPL="1")
         session.do("table = {'key': [total_of_it, 2]}")
@@ -310,6 +312,7 @@ class LineTest(TerminalTestCase):
                 self.assertIn(shown, session.prompt())
         session.end("quit")
 
+    @needs_readline
     def test_completion_of_arguments(self):
         session = self.start(self.PROGRAM, "break 3", "continue", terminal=True, TERM="xterm", PYTHON_BASIC_REPL="1")
         session.do("class ProgramError(Exception): pass")

@@ -1,6 +1,7 @@
 """A build of the module for another machine, put where this interpreter finds it."""
 
 import os
+import re
 import shutil
 import subprocess
 import sys
@@ -41,6 +42,8 @@ class WrongBuildTest(unittest.TestCase):
             self.path, machine, self.own)
 
     def test_for_another_processor(self):
+        if self.library != "gnu":
+            self.skipTest("musl's loader does not look at the processor that a file names")
         other = next(name for name in PROCESSORS if name != self.processor)
         self.data[MACHINE_AT:MACHINE_AT + 2] = PROCESSORS[other].to_bytes(2, "little")
         self.assertEqual(self.last_words(self.data), self.explanation("%s-linux-%s" % (other, self.library)))
@@ -55,9 +58,10 @@ class WrongBuildTest(unittest.TestCase):
     def test_what_fails_for_another_reason_says_its_own(self):
         with open(self.path, "wb") as stream:
             stream.write(self.data[:1])
+        loader = self.start("import optmonitoring").stderr.splitlines()[-1]
+        self.assertRegex(loader, "^ImportError: .*%s" % re.escape(self.path))
         done = self.start("import brixdebug; brixdebug.Debugger")
-        self.assertEqual(done.returncode, 1)
-        self.assertIn("file too short", done.stderr.splitlines()[-1])
+        self.assertEqual((done.returncode, done.stderr.splitlines()[-1]), (1, loader))
 
     def test_what_loads_is_used_whatever_an_interpreter_says_of_itself(self):
         shutil.copy(MODULE, self.path)
