@@ -59,6 +59,7 @@ wheel:  ## make the package: the sdist and the one wheel, in build/package/dist
 
 wheels:  ## the sdist and a wheel for each machine, in build/package/wheels; each is used in an interpreter of its kind
 	@tools/setup test && tools/setup package && tools/setup aarch64 && tools/setup musl && tools/setup interpreters
+	@tools/choose_python >/dev/null
 	@tools/interpreters install $(lastword $(AARCH64_INTERPRETERS)) $(MUSL_INTERPRETERS)
 	@BUILD=$(BUILD) tools/make_wheel --all
 	@cmake -S . -B $(BUILD) -G Ninja >/dev/null
