@@ -30,8 +30,8 @@ WATCHED_HOSTS ?= $(or $(PYTHONS),$(shell tools/interpreters list --cmake --min 3
 WATCHED_SESSIONS = files|fork|log|own_errors|stops|switching|threads|conditions|evaluation
 
 .PHONY: help setup build run demo test test-long test-one test-all test-cpp test-python test-brixdebug test-life test-adapter \
-        test-reference test-editors test-aarch64 test-musl cpython-suites wheel wheels vsix types inject fuzz asan tsan \
-        valgrind bench bench-quick bench-host bench-adapter bench-growth bench-units bench-debugpy bench-pandas bench-docs \
+        test-reference test-editors test-aarch64 test-musl test-machines cpython-suites wheel wheels vsix types inject fuzz \
+        asan tsan valgrind bench bench-quick bench-host bench-adapter bench-growth bench-units bench-debugpy bench-pandas bench-docs \
         tests-configured tests-built some-interpreters interpreters fresh clean lint format hooks coverage
 
 help:  ## list the targets
@@ -169,6 +169,17 @@ test-musl:  ## all that depends on the C library, and sessions, in an interprete
 	@cmake --preset musl -B $(BUILD)-musl "-DOPTMONITORING_PYTHONS=$(PYTHONS)" >/dev/null
 	@cmake --build $(BUILD)-musl --target optmonitoring -j $(JOBS)
 	@tools/run_ctest $(BUILD)-musl
+
+test-machines:  ## of these two what three minutes allow: one interpreter for aarch64, and that with musl where it is built
+	@if tools/setup aarch64 && tools/setup interpreters && tools/interpreters install 3.14-aarch64; then \
+	    cmake --preset aarch64 -B $(BUILD)-aarch64 -DOPTMONITORING_PYTHONS= >/dev/null && \
+	    cmake --build $(BUILD)-aarch64 --target optmonitoring hosted_tests -j $(JOBS) && \
+	    tools/run_ctest $(BUILD)-aarch64 -R '^(cpp|session)_3[.]14[.]|^py_3[.]14[.].*[.]test_layout_truth'; \
+	else echo "aarch64 is not tested: what that needs cannot be installed here."; fi
+	@if [ -n "$$(tools/interpreters list --cmake --machine musl)" ]; then \
+	    tools/setup musl && cmake --preset musl -B $(BUILD)-musl -DOPTMONITORING_PYTHONS= >/dev/null && \
+	    cmake --build $(BUILD)-musl --target optmonitoring -j $(JOBS) && tools/run_ctest $(BUILD)-musl -R '^(py|session)_'; \
+	else echo "musl is not tested: its interpreter is not built here; make test-musl builds it."; fi
 
 test-life: tests-built  ## hostile programs, failing hooks, births and deaths (some minutes an interpreter)
 	@tools/run_ctest $(BUILD) -R '^life_'

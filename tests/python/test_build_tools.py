@@ -268,10 +268,64 @@ class ContinuousIntegrationTest(StandInsTest):
         commands = out.split("make ")[1:]
         self.assertEqual([command.splitlines()[0] for command in commands], [
             "test INTERPRETERS=3.14 3.15 3.14-debug 3.13-freethreaded",
-            "test-long INTERPRETERS=3.14 3.15 3.14-debug 3.13-freethreaded", "asan"])
+            "test-long INTERPRETERS=3.14 3.15 3.14-debug 3.13-freethreaded", "asan", "test-machines"])
         for command in commands:
             names = {line.partition("=")[0] for line in command.splitlines()[1:]}
             self.assertEqual(names - {"PWD", "OLDPWD", "SHLVL", "_"}, {"PATH", "HOME", "PIP_CERT", "https_proxy", "TERMINAL"})
+
+
+@unittest.skipUnless(shutil.which("make"), "make is not installed")
+class OtherMachinesTest(StandInsTest):
+    """`make test-machines`, with tools that only say what they were asked for."""
+
+    def setUp(self):
+        StandInsTest.setUp(self)
+        for name in ("make", "nproc", "awk"):
+            os.symlink(shutil.which(name), os.path.join(self.bin, name))
+        self.tree = os.path.join(self.base, "tree")
+        self.tool("setup")
+        self.tool("interpreters")
+        shutil.copy(os.path.join(ROOT, "Makefile"), self.tree)
+        self.tool("run_ctest")
+        self.script("cmake", "#!/bin/sh\n")
+
+    def tool(self, name, status=0, musl=""):
+        self.script(name, "#!/bin/sh\ncase \"$*\" in *list*) echo %s; exit ;; esac\necho \"%s $*\"\nexit %d\n" % (
+            musl, name, status), os.path.join(self.tree, "tools"))
+
+    def run_target(self):
+        return self.run_tool("make", "-C", self.tree, "--no-print-directory", "test-machines")
+
+    NO_AARCH64 = "aarch64 is not tested: what that needs cannot be installed here.\n"
+    NO_MUSL = "musl is not tested: its interpreter is not built here; make test-musl builds it.\n"
+    AARCH64 = "run_ctest build-aarch64 -R ^(cpp|session)_3[.]14[.]|^py_3[.]14[.].*[.]test_layout_truth\n"
+    MUSL = "run_ctest build-musl -R ^(py|session)_\n"
+
+    def test_where_nothing_can_be_installed_lines_say_so(self):
+        self.tool("setup", status=1)
+        self.assertEqual(self.run_target(), (0, "setup aarch64\n" + self.NO_AARCH64 + self.NO_MUSL, ""))
+
+    def test_interpreter_that_cannot_be_had_is_done_without(self):
+        self.tool("interpreters", status=1)
+        self.assertEqual(self.run_target(), (
+            0, "setup aarch64\nsetup interpreters\ninterpreters install 3.14-aarch64\n" + self.NO_AARCH64 + self.NO_MUSL, ""))
+
+    def test_one_interpreter_for_aarch64(self):
+        status, out, err = self.run_target()
+        self.assertEqual((status, err), (0, ""))
+        self.assertTrue(out.endswith("interpreters install 3.14-aarch64\n" + self.AARCH64 + self.NO_MUSL), out)
+
+    def test_musl_where_its_interpreter_is_there(self):
+        self.tool("interpreters", musl="3.13.5-musl")
+        status, out, err = self.run_target()
+        self.assertEqual((status, err), (0, ""))
+        self.assertTrue(out.endswith(self.AARCH64 + "setup musl\n" + self.MUSL), out)
+
+    def test_failed_test_fails_the_target(self):
+        self.tool("run_ctest", status=1)
+        status, out, _ = self.run_target()
+        self.assertEqual(status, 2)
+        self.assertTrue(out.endswith(self.AARCH64), out)
 
 
 class SkippedPartsTest(StandInsTest):
