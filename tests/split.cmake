@@ -7,7 +7,7 @@
 # What a debugger is least allowed to get wrong, and where versions of Python differ most.
 set(brixdebug_core "test_(stops|threads|locks|switching|adapter_launch)")
 # Other people's programs, CPython's own tests, and adapter sessions that wait for processes to time out or to die.
-set(brixdebug_slow "run_cpython_tests|test_(other_tools|pytest|adapter_(children|process_faults|strangers))")
+set(brixdebug_slow "run_cpython_tests|test_(other_tools|pytest|adapter_(children|gone|process_faults|strangers))")
 
 # FIRST, NEWEST: the oldest and the newest release build with sys.monitoring.
 function(label_tests first newest)

@@ -328,6 +328,7 @@ class Session:
     def _leave(self) -> None:
         """The client has gone: the program goes on without it, or ends with it."""
         self.is_configured = False
+        self._cancel_all()
         self.thread_events.forget()
         was_taken = self.wire.was_taken
         self.wire.close()
@@ -344,6 +345,14 @@ class Session:
         self.server.dismiss(self)
         if not self.is_leaving or self.ends_program:
             self.server.configured.set()
+
+    def _cancel_all(self) -> None:
+        """Nobody waits for what this client has asked for: the thread that evaluates it is to go on."""
+        for each in list(self.pending.values()):
+            each.refuse("the client has gone")
+        running = self.running
+        if running is not None:
+            running.cancel()
 
     def _let_go(self) -> None:
         self.debugger.end()
