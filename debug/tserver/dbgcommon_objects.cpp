@@ -24,9 +24,14 @@ static PyObject* new_name(const char* text)
 
 PyObject* borrow_cached_name(tNameCache* cache)
 {
-    if (!cache->name)
-        cache->name = new_name(cache->text);
-    return cache->name;
+    PyObject* known = __atomic_load_n(&cache->name, __ATOMIC_ACQUIRE);
+    if (known)
+        return known;
+    PyObject* made = new_name(cache->text);
+    if (!made || __atomic_compare_exchange_n(&cache->name, &known, made, false, __ATOMIC_RELEASE, __ATOMIC_ACQUIRE))
+        return made;
+    XPy_DoDecRef(made);  // another thread was faster
+    return known;
 }
 
 PyObject* get_cached_attr(PyObject* obj, tNameCache* cache)

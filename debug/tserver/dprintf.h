@@ -8,6 +8,7 @@
 #define OPTMONITORING_DPRINTF_H
 
 #include "xpy_c_api.h"
+#include "xpy_c_api_shared.h"
 
 // The log's domains, single bits of a mask.
 enum tDPrintfLogMask : int {
@@ -58,6 +59,8 @@ extern __attribute__((visibility("default"))) tDPData gUnsafeGlobalDPData;  // l
 }
 
 // ---- Channels, masks and outputs (dprintf_channels.cpp) ----
+
+extern tSharedLock gLogLock;  // of the files of all logs
 
 XPY_EXPORT bool valid_single_dp_native_file(const tSingleDPData* channel);
 XPY_EXPORT bool valid_single_dp_py_file(const tSingleDPData* channel);
@@ -123,6 +126,9 @@ void do_dprintf_repr_quietly(int mask, const char* format, PyObject* obj);
 XPY_EXPORT const char* get_dprintf_repr_str1(tDPData* data, PyObject* obj);
 XPY_EXPORT const char* get_dprintf_repr_str2(tDPData* data, PyObject* obj);
 
+// What the first buffer holds, or a remark where it is missing. [borrowed]
+const char* borrow_dprintf_repr_str1(const tDPData* data);
+
 // The position of FRAME in a static buffer shared by all callers. [borrowed]
 XPY_EXPORT const char* get_dprintf_frame_str1(PyObject* frame);
 
@@ -145,14 +151,14 @@ constexpr char kNoReprBuffer[] = "get_dprintf_repr_str1() failure: _repr_str1 is
 
 // Logs a message with the reprs of two objects. Code that a repr runs may clear the record, and with it the buffers,
 // so the texts are taken when both have been made.
-#define DO_DP_TWO_REPRS(data, channel, format, first, second)                                                 \
-    do {                                                                                                      \
-        if (XPY_UNLIKELY(channel)) {                                                                          \
-            get_dprintf_repr_str1(data, first);                                                               \
-            const char* second_text = get_dprintf_repr_str2(data, second);                                    \
-            if (channel)                                                                                      \
-                do_dp(channel, format, (data)->_repr_str1 ? (data)->_repr_str1 : kNoReprBuffer, second_text); \
-        }                                                                                                     \
+#define DO_DP_TWO_REPRS(data, channel, format, first, second)                        \
+    do {                                                                             \
+        if (XPY_UNLIKELY(channel)) {                                                 \
+            get_dprintf_repr_str1(data, first);                                      \
+            const char* second_text = get_dprintf_repr_str2(data, second);           \
+            if (channel)                                                             \
+                do_dp(channel, format, borrow_dprintf_repr_str1(data), second_text); \
+        }                                                                            \
     } while (0)
 
 // ---- Exception reports (dprintf_exceptions.cpp) ----

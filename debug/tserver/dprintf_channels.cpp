@@ -6,12 +6,13 @@
 #include <unistd.h>
 
 #include "dbgcommon.h"
-#include "dprintf.h"
+#include "dprintf_internal.h"
 
 int gDPrintfMask = kDefaultLogMask;
 int gDPrintfNativeFileno = -1;
 PyObject* gDPrintfFile;
 tDPData gUnsafeGlobalDPData;
+tSharedLock gLogLock;
 
 static constexpr size_t kMaxNativeWrite = UINT32_MAX;  // bytes
 
@@ -101,15 +102,13 @@ void init_dp_data(tDPData* data, int force)
 
 static void free_repr_buffer(char** buffer)
 {
-    char* old = *buffer;
-    *buffer = nullptr;
-    free(old);
+    free(__atomic_exchange_n(buffer, nullptr, __ATOMIC_RELAXED));
 }
 
 void clear_dp_data(tDPData* data)
 {
     tSingleDPData* shared = &data->shared_single_dp_data;
-    XPy_ClearField(&shared->file_obj);
+    XPy_SetFieldUnder(&gLogLock, &shared->file_obj, nullptr);
     shared->fileno = -1;
     shared->win32_handle = nullptr;
     assign_channels(data);
@@ -139,8 +138,8 @@ int get_dp_data_mask(const tDPData* data)
 void set_dp_data_file_obj(tDPData* data, PyObject* file_obj, int fileno, void* win32_handle)
 {
     tSingleDPData* shared = &data->shared_single_dp_data;
-    XPy_ClearField(&shared->file_obj);
-    XPy_SetField(&shared->file_obj, file_obj);  // the old file's end may have set another
+    XPy_SetFieldUnder(&gLogLock, &shared->file_obj, nullptr);
+    XPy_SetFieldUnder(&gLogLock, &shared->file_obj, file_obj);  // the old file's end may have set another
     shared->fileno = fileno;
     shared->win32_handle = win32_handle;
     assign_channels(data);
@@ -162,11 +161,11 @@ int get_dprintf_mask(void)
 
 void set_dprintf_file(PyObject* file_obj, int fileno, void* win32_handle)
 {
-    XPy_ClearField(&gDPrintfFile);
+    XPy_SetFieldUnder(&gLogLock, &gDPrintfFile, nullptr);
     gDPrintfNativeFileno = -1;
     gDPrintfFileRefuses = false;  // that was the old file
     if (is_py_file(file_obj)) {
-        XPy_SetField(&gDPrintfFile, file_obj);  // the old file's end may have set another
+        XPy_SetFieldUnder(&gLogLock, &gDPrintfFile, file_obj);  // the old file's end may have set another
         gDPrintfNativeFileno = fileno;
     }
     init_dp_data(&gUnsafeGlobalDPData, 0);

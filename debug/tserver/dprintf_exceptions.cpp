@@ -1,7 +1,7 @@
 // Reports of the pending exception, and the one function through which the module reports a failure.
 
 #include "dbgcommon.h"
-#include "dprintf.h"
+#include "dprintf_internal.h"
 
 static constexpr int kMaxNestedTracing = 2;  // a report is not made from within other logging
 
@@ -19,16 +19,30 @@ static void put_stderr_back(PyObject* program_stderr)
         api.PyErr_Clear();
 }
 
+// The program's sys.stderr. [new]; null where there is none
+static PyObject* get_stderr(void)
+{
+    if (!gIsLockOff)
+        return XPy_NewRef(api.PySys_GetObject("stderr"));
+    // what is borrowed from the module might be replaced by another thread before it is held
+    XPyOwned sys(get_imported_module("sys"));
+    PyObject* program_stderr = sys ? api.PyObject_GetAttrString(sys.borrow(), "stderr") : nullptr;
+    if (!program_stderr)
+        api.PyErr_Clear();
+    return program_stderr;
+}
+
 // Displays the exception with sys.stderr sent to the channel's file; false when there is no sys.stderr to exchange.
 static bool display_on_channel(tSingleDPData* channel, const tFetchedException& exception)
 {
-    PyObject* borrowed = api.PySys_GetObject("stderr");
-    if (!borrowed || borrowed == api.Py_None)
+    XPyOwned program_stderr(get_stderr());
+    if (!program_stderr || program_stderr.borrow() == api.Py_None)
         return false;
-    XPyOwned program_stderr(XPy_NewRef(borrowed));
     // A channel without a Python file has nowhere to show it; None keeps the exception off the native stream, where
     // Python 2 then only notes that there is no sys.stderr.
-    XPyOwned file(XPy_NewRef(channel->file_obj ? channel->file_obj : api.Py_None));
+    XPyOwned file(XPy_NewRefUnder(&gLogLock, &channel->file_obj));
+    if (!file)
+        file.reset(XPy_NewRef(api.Py_None));
     // Where it cannot display an exception, the interpreter writes about it to the native stream, which is the
     // program's.
     if (refuses_texts(file.borrow()))
@@ -50,7 +64,8 @@ static void log_exception(tSingleDPData* channel)
     PyThreadState* tstate = borrow_current_thread_state_or_null();
     if (!tstate || get_thread_state_tracing(tstate) >= kMaxNestedTracing || channel->in_dprint_count != 0)
         return;
-    channel->in_dprint_count = 1;
+    if (!begin_message(channel))
+        return;
     increment_thread_state_tracing(tstate);
     tFetchedException exception;
     api.PyErr_Fetch(&exception.type, &exception.value, &exception.traceback);
@@ -61,7 +76,7 @@ static void log_exception(tSingleDPData* channel)
     api.PyErr_Restore(exception.type, exception.value, exception.traceback);
     decrement_thread_state_tracing(tstate);
     if (displayed)
-        channel->in_dprint_count--;
+        end_message(channel);
     // Kept: without a sys.stderr the count stays at 1 and the channel is silent from then on.
 }
 

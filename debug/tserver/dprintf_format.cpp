@@ -4,7 +4,7 @@
 #include <string.h>
 
 #include "dbgcommon.h"
-#include "dprintf.h"
+#include "dprintf_internal.h"
 
 // ---- Writing ----
 
@@ -73,7 +73,7 @@ bool refuses_texts(PyObject* file)
 // Writes raw text to the process-wide file and flushes it; failures are cleared.
 static void write_and_flush(PyObject* text)
 {
-    XPyOwned file(XPy_NewRef(gDPrintfFile));  // writing may run code that replaces the file
+    XPyOwned file(XPy_NewRefUnder(&gLogLock, &gDPrintfFile));  // writing may run code that replaces the file
     if (!file)
         return;
     write_raw(file.borrow(), text);
@@ -85,7 +85,8 @@ static void write_and_flush(PyObject* text)
 // Formats and writes with the channel guarded against nested log calls.
 static void write_guarded(tSingleDPData* channel, PyThreadState* tstate, const char* format, va_list args)
 {
-    channel->in_dprint_count = 1;
+    if (!begin_message(channel))
+        return;
     {
         tUntraced untraced(tstate);
         XPyHeldError held;
@@ -93,7 +94,7 @@ static void write_guarded(tSingleDPData* channel, PyThreadState* tstate, const c
         if (text)
             write_and_flush(text.borrow());
     }
-    channel->in_dprint_count--;
+    end_message(channel);
 }
 
 void do_dp_v(tSingleDPData* channel, const char* format, va_list args)
@@ -138,9 +139,11 @@ void do_dprintf(int mask, const char* format, ...)
 // pending.
 static PyObject* get_repr_guarded(tSingleDPData* channel, PyObject* obj)
 {
-    channel->in_dprint_count = 1;
+    bool is_guarded =
+        begin_message(channel);  // else another thread's message is being produced: nothing is written either
     PyObject* repr = api.PyObject_Repr(obj);
-    channel->in_dprint_count--;
+    if (is_guarded)
+        end_message(channel);
     return repr;
 }
 
@@ -217,15 +220,35 @@ static void fill_str_with_repr(tDPData* data, char** buffer, PyObject* obj)
     copy_limited(*buffer, "exception getting repr in fill_str_with_repr()");
 }
 
+// Where the interpreter lock is off, each thread has buffers of its own.
+static thread_local char shared_repr[2][kMaxReprChars + 1];
+
+static const char* get_shared_repr(tDPData* data, int number, PyObject* obj)
+{
+    char* buffer = shared_repr[number];
+    fill_str_with_repr(data, &buffer, obj);
+    return buffer;
+}
+
 const char* get_dprintf_repr_str1(tDPData* data, PyObject* obj)
 {
+    if (gIsLockOff && data->_repr_str1)
+        return get_shared_repr(data, 0, obj);
     if (data->_repr_str1)
         fill_str_with_repr(data, &data->_repr_str1, obj);
-    return data->_repr_str1 ? data->_repr_str1 : kNoReprBuffer;
+    return borrow_dprintf_repr_str1(data);
+}
+
+const char* borrow_dprintf_repr_str1(const tDPData* data)
+{
+    const char* text = gIsLockOff && data->_repr_str1 ? shared_repr[0] : data->_repr_str1;
+    return text ? text : kNoReprBuffer;
 }
 
 const char* get_dprintf_repr_str2(tDPData* data, PyObject* obj)
 {
+    if (gIsLockOff && data->_repr_str2)
+        return get_shared_repr(data, 1, obj);
     if (data->_repr_str2)
         fill_str_with_repr(data, &data->_repr_str2, obj);
     // Kept: the two functions' texts differ
