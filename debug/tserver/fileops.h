@@ -11,6 +11,11 @@
 #include "dbgtracerhash.h"
 #include "dprintf.h"
 #include "xpy_c_api.h"
+#include "xpy_c_api_shared.h"
+
+// Of all tables, their entries and what counts their uses. An entry can be found by others as soon as it is there, so
+// it is created and filled in one hold; what is found stays as long as the record.
+extern tSharedLock gFileTablesLock;
 
 // Identity of a file; a 16-byte hash key.
 struct tUniqueFileno {
@@ -56,6 +61,7 @@ XPY_EXPORT void prune_py_c_or_o(char* name);
 
 // A new record that logs through DP (which must outlive it), or null.
 XPY_EXPORT tFileOpsData* create_file_ops_data(tDPData* dp);
+tFileOpsData* replace_file_ops_data(tFileOpsData** field, tFileOpsData* data);  // what was in the field
 XPY_EXPORT void destroy_file_ops_data(tFileOpsData* data);  // at once, or when nothing uses it any more
 
 // Keeps the record, and with it every string that it returns, for the life of the scope: a log file is a Python
@@ -64,6 +70,8 @@ class tFileOpsUse
 {
   public:
     explicit tFileOpsUse(tFileOpsData* data);
+    explicit tFileOpsUse(tFileOpsData* const* field);  // the record there, which another thread may replace
+    tFileOpsData* data() const { return fData; }       // null: there was none
     ~tFileOpsUse();
     tFileOpsUse(const tFileOpsUse&) = delete;
     tFileOpsUse& operator=(const tFileOpsUse&) = delete;
@@ -87,6 +95,8 @@ XPY_EXPORT PyObject* register_canonical_pathname_pystr(tFileOpsData* data, PyObj
 
 // Stores the host's checksum function [borrowed]; None switches checksums off. Returns 0.
 XPY_EXPORT int set_checksum_callback(tFileOpsData* data, PyObject* callable);
+
+PyObject* get_checksum_callback(const tFileOpsData* data);  // [new], or null
 
 // The host's checksum of a file, or None; a failing callback is logged and counts as None. [new]
 XPY_EXPORT PyObject* get_checksum_for_pathname(tFileOpsData* data, PyObject* pathname);

@@ -17,6 +17,7 @@ static constexpr size_t kPartsGrowth = 10;     // entries by which the array of 
 // Whether the failed stat of NAME is recent enough to be believed; an old entry is dropped.
 static bool is_known_missing(tFileOpsData* data, const char* name)
 {
+    XPyLocked locked(&gFileTablesLock);
     CUt_HashEntry* entry = data->not_found_table.findProc(&data->not_found_table, name);
     if (!entry)
         return false;
@@ -30,16 +31,37 @@ static bool is_known_missing(tFileOpsData* data, const char* name)
 static void remember_missing(tFileOpsData* data, const char* name)
 {
     int is_new;
+    XPyLocked locked(&gFileTablesLock);
     CUt_HashEntry* entry = data->not_found_table.createProc(&data->not_found_table, name, &is_new);
     if (entry)
         entry->clientData = reinterpret_cast<CUt_ClientData>(static_cast<intptr_t>(time(nullptr)));
 }
 
+static const struct stat* find_stat(tFileOpsData* data, const char* name)
+{
+    XPyLocked locked(&gFileTablesLock);
+    CUt_HashEntry* cached = data->stat_cache.findProc(&data->stat_cache, name);
+    return cached ? static_cast<const struct stat*>(cached->clientData) : nullptr;
+}
+
+// Keeps RESULT [steals]; what another thread has kept meanwhile stays. Null when out of memory.
+static const struct stat* keep_stat(tFileOpsData* data, const char* name, struct stat* result)
+{
+    int is_new;
+    XPyLocked locked(&gFileTablesLock);
+    CUt_HashEntry* entry = data->stat_cache.createProc(&data->stat_cache, name, &is_new);
+    if (!entry || !is_new) {
+        free(result);
+        return entry ? static_cast<const struct stat*>(entry->clientData) : nullptr;
+    }
+    entry->clientData = result;
+    return result;
+}
+
 const struct stat* __tracer_stat(tFileOpsData* data, const char* name)
 {
-    CUt_HashEntry* cached = data->stat_cache.findProc(&data->stat_cache, name);
-    if (cached)
-        return static_cast<const struct stat*>(cached->clientData);
+    if (const struct stat* cached = find_stat(data, name))
+        return cached;
     if (is_known_missing(data, name))
         return nullptr;
     struct stat* result = static_cast<struct stat*>(malloc(sizeof(struct stat)));
@@ -50,14 +72,7 @@ const struct stat* __tracer_stat(tFileOpsData* data, const char* name)
         remember_missing(data, name);
         return nullptr;
     }
-    int is_new;
-    CUt_HashEntry* entry = data->stat_cache.createProc(&data->stat_cache, name, &is_new);
-    if (!entry) {
-        free(result);
-        return nullptr;
-    }
-    entry->clientData = result;
-    return result;
+    return keep_stat(data, name, result);
 }
 
 // ---- Parts of a name ----
@@ -190,25 +205,40 @@ static char* resolve_relative(tFileOpsData* data, const char* name)
     return resolved;
 }
 
-const char* get_absname_forward_slash_names(tFileOpsData* data, const char* name)
+static const char* find_absname(tFileOpsData* data, const char* name)
 {
+    XPyLocked locked(&gFileTablesLock);
     CUt_HashEntry* cached = data->absname_cache.findProc(&data->absname_cache, name);
-    if (cached)
-        return static_cast<const char*>(cached->clientData);
-    char* result = *name == '/' ? strdup(name) : resolve_relative(data, name);
-    if (!result)
-        return nullptr;
+    return cached ? static_cast<const char*>(cached->clientData) : nullptr;
+}
+
+// Keeps RESULT [steals], or where another thread has resolved the name meanwhile, that. Null when out of memory.
+static const char* keep_absname(tFileOpsData* data, const char* name, char* result)
+{
     int is_new;
+    XPyLocked locked(&gFileTablesLock);
     CUt_HashEntry* entry = data->absname_cache.createProc(&data->absname_cache, name, &is_new);
-    if (!entry) {
+    if (!entry || (gIsLockOff && !is_new)) {
         free(result);
-        return nullptr;
+        return entry ? static_cast<const char*>(entry->clientData) : nullptr;
     }
     if (entry->clientData)  // resolved meanwhile, by code that the log's file ran
         free_when_unused(data, entry->clientData);
     entry->clientData = result;
-    DO_FILENAMES(data, "resolved %s to %s\n", name, result);
     return result;
+}
+
+const char* get_absname_forward_slash_names(tFileOpsData* data, const char* name)
+{
+    if (const char* cached = find_absname(data, name))
+        return cached;
+    char* result = *name == '/' ? strdup(name) : resolve_relative(data, name);
+    if (!result)
+        return nullptr;
+    const char* kept = keep_absname(data, name, result);
+    if (kept)
+        DO_FILENAMES(data, "resolved %s to %s\n", name, kept);
+    return kept;
 }
 
 const char* get_absname(tFileOpsData* data, const char* name)

@@ -99,16 +99,21 @@ PyObject* register_canonical_pathname_pystr(tFileOpsData* data, PyObject* pathna
 
 int set_checksum_callback(tFileOpsData* data, PyObject* callable)
 {
-    XPy_SetField(&data->checksum_callback, callable);
+    XPy_SetFieldUnder(&gFileTablesLock, &data->checksum_callback, callable);
     return 0;
+}
+
+PyObject* get_checksum_callback(const tFileOpsData* data)
+{
+    return XPy_NewRefUnder(&gFileTablesLock, &data->checksum_callback);
 }
 
 PyObject* get_checksum_for_pathname(tFileOpsData* data, PyObject* pathname)
 {
-    if (!data->checksum_callback || data->checksum_callback == api.Py_None)
+    XPyOwned callback(get_checksum_callback(data));
+    if (!callback || callback.borrow() == api.Py_None)
         return XPy_NewRef(api.Py_None);
     tDPData* dp = data->dp;  // the callback may reset the module, which replaces the record but not its log
-    XPyOwned callback(XPy_NewRef(data->checksum_callback));
     PyObject* checksum = do_one_arg_call(callback.borrow(), pathname);
     if (checksum)
         return checksum;

@@ -7,6 +7,7 @@
 #include "fileops_internal.h"
 
 int16_t gUseCanonicalPathnames = 1;
+tSharedLock gFileTablesLock;
 
 // ---- The record ----
 
@@ -50,7 +51,24 @@ static tCountedFileOps* counted(tFileOpsData* data)
 
 tFileOpsUse::tFileOpsUse(tFileOpsData* data) : fData(data)
 {
+    XPyLocked locked(&gFileTablesLock);
     counted(data)->uses++;
+}
+
+tFileOpsUse::tFileOpsUse(tFileOpsData* const* field)
+{
+    XPyLocked locked(&gFileTablesLock);
+    fData = *field;
+    if (fData)
+        counted(fData)->uses++;
+}
+
+tFileOpsData* replace_file_ops_data(tFileOpsData** field, tFileOpsData* data)
+{
+    XPyLocked locked(&gFileTablesLock);
+    tFileOpsData* old = *field;
+    *field = data;
+    return old;
 }
 
 static void free_replaced(tFileOpsData* data)
@@ -62,12 +80,19 @@ static void free_replaced(tFileOpsData* data)
     }
 }
 
+// Ends a use; whether it was the last one of a record that has been dropped.
+static bool end_use(tFileOpsData* data)
+{
+    XPyLocked locked(&gFileTablesLock);
+    if (--counted(data)->uses != 0)
+        return false;
+    free_replaced(data);
+    return counted(data)->is_dropped;
+}
+
 tFileOpsUse::~tFileOpsUse()
 {
-    if (--counted(fData)->uses != 0)
-        return;
-    free_replaced(fData);
-    if (counted(fData)->is_dropped)
+    if (fData && end_use(fData))
         destroy_file_ops_data(fData);
 }
 
@@ -100,13 +125,22 @@ tFileOpsData* create_file_ops_data(tDPData* dp)
     return data;
 }
 
-void destroy_file_ops_data(tFileOpsData* data)
+// Whether nothing uses the record, which then is this caller's; otherwise the last use destroys it.
+static bool begin_destruction(tFileOpsData* data)
 {
+    XPyLocked locked(&gFileTablesLock);
     if (counted(data)->uses) {
         counted(data)->is_dropped = true;
-        return;
+        return false;
     }
     counted(data)->uses = 1;  // the log's file may run code that comes here again
+    return true;
+}
+
+void destroy_file_ops_data(tFileOpsData* data)
+{
+    if (!begin_destruction(data))
+        return;
     DO_FILENAMES(data, "In destroy_file_ops_data()\n");
     for (const tFileTable& row : kFileTables) {
         if (row.owns_data)
@@ -161,19 +195,28 @@ static const char* key_of(const tUniqueFileno* identity)
     return reinterpret_cast<const char*>(identity);
 }
 
+// Sets *NAME to the canonical name under KEY; false when there is no such entry.
+static bool find_name(CUt_HashTable* table, const char* key, const char** name)
+{
+    XPyLocked locked(&gFileTablesLock);
+    CUt_HashEntry* entry = table->findProc(table, key);
+    *name = found_name(entry);
+    return entry;
+}
+
 static const char* look_up_prepared(tFileOpsData* data, const char* name, const char* checksum)
 {
-    if (const char* by_name = found_name(data->canonical_by_name.findProc(&data->canonical_by_name, name)))
-        return by_name;
+    const char* found;
+    if (find_name(&data->canonical_by_name, name, &found) && found)
+        return found;
     if (const struct stat* result = __tracer_stat(data, name)) {
         tUniqueFileno identity = identity_of(result);
-        CUt_HashTable* by_identity = &data->canonical_by_unique_fileno;
-        if (CUt_HashEntry* entry = by_identity->findProc(by_identity, key_of(&identity)))
-            return found_name(entry);
+        if (find_name(&data->canonical_by_unique_fileno, key_of(&identity), &found))
+            return found;
     }
     if (!checksum || !*checksum)
         return nullptr;
-    return found_name(data->canonical_by_checksum.findProc(&data->canonical_by_checksum, checksum));
+    return find_name(&data->canonical_by_checksum, checksum, &found) ? found : nullptr;
 }
 
 const char* lookup_canonical_pathname(tFileOpsData* data, const char* name, const char* checksum)
@@ -188,6 +231,22 @@ const char* lookup_canonical_pathname(tFileOpsData* data, const char* name, cons
 
 // ---- Registration ----
 
+// The entry under KEY, which gets a copy of NAME when it is new; null when out of memory.
+static CUt_HashEntry* add_name(CUt_HashTable* table, const char* key, const char* name, bool* is_new)
+{
+    int was_made;
+    XPyLocked locked(&gFileTablesLock);
+    CUt_HashEntry* entry = table->createProc(table, key, &was_made);
+    *is_new = was_made;
+    if (!entry || !was_made)
+        return entry;
+    entry->clientData = strdup(name);
+    if (entry->clientData)
+        return entry;
+    CU_DeleteHashEntry(entry);
+    return nullptr;
+}
+
 // The canonical name of the file that NAME denotes: the first name registered for its identity, else NAME.
 static const char* register_canonical_in_by_unique_fileno(tFileOpsData* data, const char* name)
 {
@@ -195,36 +254,37 @@ static const char* register_canonical_in_by_unique_fileno(tFileOpsData* data, co
     if (!result)
         return name;
     tUniqueFileno identity = identity_of(result);
-    int is_new;
-    CUt_HashTable* table = &data->canonical_by_unique_fileno;
-    CUt_HashEntry* entry = table->createProc(table, key_of(&identity), &is_new);
-    if (entry && !is_new)
+    bool is_new;
+    CUt_HashEntry* entry = add_name(&data->canonical_by_unique_fileno, key_of(&identity), name, &is_new);
+    if (entry)
         return entry->clientData ? found_name(entry) : name;
-    if (entry) {
-        entry->clientData = strdup(name);
-        if (entry->clientData)
-            return found_name(entry);
-        CU_DeleteHashEntry(entry);
-    }
     report_failure(data->dp, "Failure: register_canonical_in_by_unique_fileno()\n");
     return name;
 }
 
 static void register_canonical_in_by_checksum(tFileOpsData* data, const char* name, const char* checksum)
 {
-    int is_new;
-    CUt_HashEntry* entry = data->canonical_by_checksum.createProc(&data->canonical_by_checksum, checksum, &is_new);
-    if (entry && !is_new) {
+    bool is_new;
+    CUt_HashEntry* entry = add_name(&data->canonical_by_checksum, checksum, name, &is_new);
+    if (entry && !is_new)
         DO_FILENAMES(data, "Duplicate files for checksum: canonical = '%s'; other = '%s'\n", found_name(entry), name);
-        return;
-    }
-    if (entry) {
-        entry->clientData = strdup(name);
-        if (entry->clientData)
-            return;
-        CU_DeleteHashEntry(entry);
-    }
-    report_failure(data->dp, "Failure: register_canonical_in_by_checksum()\n");
+    if (!entry)
+        report_failure(data->dp, "Failure: register_canonical_in_by_checksum()\n");
+}
+
+// register_prepared() where others can see an entry as soon as it is there: the name is found first. Of two threads
+// that register one name at once, the first one's canonical name stays.
+static const char* register_shared(tFileOpsData* data, const char* name, int16_t* newly_registered)
+{
+    const char* canonical;
+    if (find_name(&data->canonical_by_name, name, &canonical))
+        return canonical;
+    bool is_new;
+    canonical = register_canonical_in_by_unique_fileno(data, name);
+    CUt_HashEntry* entry = add_name(&data->canonical_by_name, name, canonical, &is_new);
+    if (entry && is_new && newly_registered)
+        *newly_registered = 1;
+    return found_name(entry);
 }
 
 // The entry of a prepared name with its canonical name in it, or null.
@@ -254,11 +314,18 @@ const char* register_canonical_pathname(tFileOpsData* data, const char* name, co
     }
     if (newly_registered)
         *newly_registered = 0;
-    CUt_HashEntry* entry = register_prepared(data, prepared.name, newly_registered);
-    if (!entry)
+    CUt_HashEntry* entry = nullptr;
+    const char* canonical = nullptr;
+    if (gIsLockOff) {
+        canonical = register_shared(data, prepared.name, newly_registered);
+    } else {
+        entry = register_prepared(data, prepared.name, newly_registered);
+        canonical = found_name(entry);
+    }
+    if (gIsLockOff ? !canonical : !entry)
         report_failure(data->dp, "Failure: register_canonical_pathname()\n");
     else if (checksum && *checksum)
         register_canonical_in_by_checksum(data, prepared.name, checksum);
     free(prepared.copy);
-    return found_name(entry);
+    return canonical;
 }
