@@ -61,7 +61,7 @@ void clear_object_members(PyObject* obj)
     void* slot = api.PyType_GetSlot(borrow_defining_class(obj), kSlotTpMembers);
     for (PyMemberDef* member = static_cast<PyMemberDef*>(slot); member && member->name; member++) {
         if (member->type == kMemberObject)
-            XPy_ClearField(reinterpret_cast<PyObject**>(reinterpret_cast<char*>(obj) + member->offset));
+            XPy_SetMember(obj, reinterpret_cast<PyObject**>(reinterpret_cast<char*>(obj) + member->offset), nullptr);
     }
 }
 
@@ -104,6 +104,8 @@ void mark_class(tClassMark* mark, PyTypeObject* cls)
 // was made, or a hook that is off.
 static void remember_value(PyObject* cls, tClassAttr* attribute, PyObject* value)
 {
+    if (gShortcutOffsets.type_version == -1)
+        return;  // nothing can be marked
     PyObject** own = api._PyObject_GetDictPtr(cls);
     if (!own || !*own || !(value == api.Py_None || is_plain_dict(value)))
         return;
@@ -206,10 +208,43 @@ int get_item_if_present(PyObject* mapping, PyObject* key, PyObject** item)
     return found < 0 && clear_if_raised(api.PyExc_KeyError) ? 0 : found;
 }
 
+int enter_unless_present(PyObject* registry, PyObject* key, PyObject* new_record, PyObject** found)
+{
+    if (gIsLockOff && is_plain_dict(registry))
+        return XPy_EnterUnlessPresent(registry, key, new_record, found) < 0 ? -1 : 0;
+    if (api.PyObject_SetItem(registry, key, new_record) < 0)
+        return -1;
+    *found = XPy_NewRef(new_record);
+    return 0;
+}
+
 int delete_item_if_present(PyObject* mapping, PyObject* key)
 {
     int result = is_plain_dict(mapping) ? api.PyDict_Pop(mapping, key, nullptr) : api.PyObject_DelItem(mapping, key);
     return result < 0 && !clear_if_raised(api.PyExc_KeyError) ? -1 : 0;
+}
+
+// ---- Announced constructions ----
+
+static thread_local tAnnounced* innermost_announced;
+
+tAnnounced::tAnnounced(PyObject* key) : fKey(key), fOuter(innermost_announced), fIsLate(false)
+{
+    innermost_announced = this;
+}
+
+tAnnounced::~tAnnounced()
+{
+    innermost_announced = fOuter;
+}
+
+tAnnounced* tAnnounced::take(PyObject* key)
+{
+    tAnnounced* announced = gIsLockOff ? innermost_announced : nullptr;
+    if (!announced || announced->fKey != key)
+        return nullptr;
+    announced->fKey = nullptr;
+    return announced;
 }
 
 // ---- Hooks ----

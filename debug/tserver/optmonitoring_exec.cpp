@@ -215,10 +215,10 @@ int optmonitoring_exec(PyObject* module)
     return -1;
 }
 
-tFileOpsData* need_file_ops(tModuleState* m)
+tFileOpsData* need_file_ops(tModuleState* m, const tFileOpsUse& use)
 {
-    if (m->file_ops_data)
-        return m->file_ops_data;
+    if (use.data())
+        return use.data();
     bool was_cleared = !m->dp;
     api.PyErr_SetString(api.PyExc_RuntimeError, was_cleared
                                                     ? "optmonitoring has been cleared"

@@ -19,7 +19,8 @@
 // The interpreter writes its own objects (sets, ints, types) under the same lock. A frame and a storage slot are
 // this thread's own; offsets and constants are written by the import alone.
 //
-// A free-threaded interpreter whose user keeps the lock off is outside of this: see docs/reliability.md.
+// Where the user of a free-threaded interpreter keeps the lock off, no event takes the fast path: see
+// CInitialCallback_CallbackShared().
 
 // ---- A look into sets of line numbers (optmonitoring_linenos.cpp) ----
 

@@ -32,7 +32,9 @@ PyObject* lookup_canonical_pathname_wrap(PyObject* module, PyObject* args, PyObj
     PyObject *pathname, *checksum;
     if (!parse_name_arguments(args, kwargs, "O|O:lookup_canonical_pathname", &pathname, &checksum))
         return nullptr;
-    tFileOpsData* file_ops = need_file_ops(state_of_module(module));
+    tModuleState* m = state_of_module(module);
+    tFileOpsUse use(&m->file_ops_data);
+    tFileOpsData* file_ops = need_file_ops(m, use);
     return file_ops ? lookup_canonical_pathname_pystr(file_ops, pathname, checksum) : nullptr;
 }
 
@@ -41,7 +43,9 @@ PyObject* register_canonical_pathname_wrap(PyObject* module, PyObject* args, PyO
     PyObject *pathname, *checksum;
     if (!parse_name_arguments(args, kwargs, "O|O:register_canonical_pathname", &pathname, &checksum))
         return nullptr;
-    tFileOpsData* file_ops = need_file_ops(state_of_module(module));
+    tModuleState* m = state_of_module(module);
+    tFileOpsUse use(&m->file_ops_data);
+    tFileOpsData* file_ops = need_file_ops(m, use);
     return file_ops ? register_canonical_pathname_pystr(file_ops, pathname, checksum) : nullptr;
 }
 
@@ -54,13 +58,15 @@ static PyObject* get_canonical_inner(tModuleState* m, PyObject* pathname, PyObje
         return new_none();
     if (kind != kRegularPathname)
         return XPy_NewRef(pathname);
-    tFileOpsData* file_ops = need_file_ops(m);
+    tFileOpsUse use(&m->file_ops_data);
+    tFileOpsData* file_ops = need_file_ops(m, use);
     if (!file_ops)
         return nullptr;
     XPyOwned known(lookup_canonical_pathname_pystr(file_ops, pathname, checksum));
     if (!known || known.borrow() != api.Py_None)
         return known.detach();
-    file_ops = need_file_ops(m);  // the log's file may have reset the module
+    tFileOpsUse use_now(&m->file_ops_data);  // the log's file may have reset the module
+    file_ops = need_file_ops(m, use_now);
     if (!file_ops)
         return nullptr;
     return register_canonical_pathname_pystr(file_ops, pathname, checksum);
@@ -86,7 +92,8 @@ PyObject* set_checksum_callback_wrap(PyObject* module, PyObject* args, PyObject*
     if (!api.PyArg_ParseTupleAndKeywords(args, kwargs, "O:set_checksum_callback", const_cast<char**>(kKeywords),
                                          &callback))
         return nullptr;
-    tFileOpsData* file_ops = need_file_ops(m);
+    tFileOpsUse use(&m->file_ops_data);
+    tFileOpsData* file_ops = need_file_ops(m, use);
     if (!file_ops || set_checksum_callback(file_ops, callback) != 0)
         return fail_null(m->dp, "Failure in set_checksum_callback()\n");
     return new_none();
@@ -97,8 +104,10 @@ PyObject* get_checksum_callback_wrap(PyObject* module, PyObject* args, PyObject*
     static const char* const kKeywords[] = {nullptr};
     if (!api.PyArg_ParseTupleAndKeywords(args, kwargs, ":get_checksum_callback", const_cast<char**>(kKeywords)))
         return nullptr;
-    tFileOpsData* file_ops = need_file_ops(state_of_module(module));
-    return file_ops ? XPy_NewRef(file_ops->checksum_callback) : nullptr;
+    tModuleState* m = state_of_module(module);
+    tFileOpsUse use(&m->file_ops_data);
+    tFileOpsData* file_ops = need_file_ops(m, use);
+    return file_ops ? get_checksum_callback(file_ops) : nullptr;
 }
 
 // ---- The log ----

@@ -61,6 +61,17 @@ static inline PyObject* call_second(CInitialCallbackBody* body, PyObject* const*
     return api.PyObject_VectorcallDict(body->fSecondCallback, args, static_cast<size_t>(nargs), nullptr);
 }
 
+// The same where another thread may take the second callback away meanwhile.
+XPY_COLD static PyObject* call_shared_second(PyObject* self, CInitialCallbackBody* body, PyObject* const* args,
+                                             Py_ssize_t nargs, PyObject* kwnames)
+{
+    XPyOwned second(XPy_NewRefOfMember(self, &body->fSecondCallback));
+    if (second)
+        return api.PyObject_Vectorcall(second.borrow(), args, static_cast<size_t>(nargs), kwnames);
+    api.PyErr_SetString(api.PyExc_AttributeError, "_fSecondCallback");
+    return nullptr;
+}
+
 // The breakpoint lines that alone decide a LINE event [borrowed], because nothing else could need it; else null.
 static inline PyObject* borrow_deciding_lines(tModuleState* m, const CInitialCallbackBody* body,
                                               const CPerCodeObjectBody* record, Py_ssize_t nargs)
@@ -88,6 +99,7 @@ enum tStep { kGoOn, kAnswered, kFailed };
 // One event on the full path.
 struct tEvent {
     CInitialCallback_Callback_Ctx ctx;
+    PyObject* self;
     CInitialCallbackBody* body;
     PyObject* const* args;
     Py_ssize_t nargs;
@@ -128,7 +140,7 @@ XPY_COLD static PyObject* create_or_update_record(tModuleState* m, PyObject* cod
     if (!frame)
         return nullptr;
     if (existing->borrow() == api.Py_None) {
-        XPyOwned record(CPerCodeObject_Create_direct(m, code, frame.borrow()));
+        XPyOwned record(CPerCodeObject_CreateMissing(m, code, frame.borrow()));
         return record && need_per_code_object(m, record.borrow()) ? record.detach() : nullptr;
     }
     if (CPerCodeObject_UpdatePathnameFromFrame_direct(m, existing->borrow(), frame.borrow()) < 0)
@@ -138,12 +150,14 @@ XPY_COLD static PyObject* create_or_update_record(tModuleState* m, PyObject* cod
 
 static PyObject* get_record_inner(tModuleState* m, PyObject* code)
 {
-    PyObject* ready = borrow_ready_record(m, code);
-    if (ready)
-        return XPy_NewRef(ready);
-    PyObject* made;
-    if (CPerCodeObject_TryCreate(m, code, &made))
-        return made;
+    if (!gIsLockOff) {
+        PyObject* ready = borrow_ready_record(m, code);
+        if (ready)
+            return XPy_NewRef(ready);
+        PyObject* made;
+        if (CPerCodeObject_TryCreate(m, code, &made))
+            return made;
+    }
     XPyOwned record(CPerCodeObject_GetExistingPerCodeObject_direct(m, code));
     if (!record)
         return nullptr;
@@ -201,9 +215,11 @@ static tStep check_breakpoint_lines(tEvent* event)
 {
     tModuleState* m = event->ctx.m;
     CPerCodeObjectBody* record = per_code_object_body(event->ctx.per_code_object, as_type(m->CPerCodeObject));
-    // held: hashing and comparing may run code that replaces it
-    XPyOwned linenos(XPy_NewRef(borrow_deciding_lines(m, event->body, record, event->nargs)));
-    if (!linenos)
+    if (!borrow_deciding_lines(m, event->body, record, event->nargs))
+        return kGoOn;
+    // held: hashing and comparing may run code that replaces it, as another thread may
+    XPyOwned linenos(XPy_NewRefOfMember(event->ctx.per_code_object, &record->fEnabledBpLinenos));
+    if (!linenos || linenos.borrow() == api.Py_None)
         return kGoOn;
     int has_breakpoint = api.PySet_Contains(linenos.borrow(), event->args[1]);
     if (has_breakpoint < 0)
@@ -243,9 +259,9 @@ static tStep CInitialCallback_Callback_CheckDebugPolicy(tEvent* event)
 }
 
 // The thread id for the log; -1 when it is no number.
-static int thread_id_for_log(CPerThreadBody* body)
+static int thread_id_for_log(PyObject* obj)
 {
-    Py_ssize_t thread_id = body->fThreadId ? py_int_as_ssize_t(body->fThreadId) : -1;
+    Py_ssize_t thread_id = obj ? py_int_as_ssize_t(obj) : -1;
     if (thread_id == -1 && api.PyErr_Occurred())
         api.PyErr_Clear();
     return static_cast<int>(thread_id);
@@ -256,13 +272,14 @@ static int thread_id_for_log(CPerThreadBody* body)
 // A lock that stayed taken would hold the thread for ever at its next event, and one released twice might be somebody
 // else's by then. So `release` is called exactly once, and what its call has to allocate, its name and the method
 // bound to the lock, is made before `acquire`.
-XPY_COLD static int pass_suspend_lock(tModuleState* m, CPerThreadBody* body)
+XPY_COLD static int pass_suspend_lock(tModuleState* m, PyObject* per_thread, CPerThreadBody* body)
 {
     static tNameCache acquire_name = {"acquire", nullptr};
     static tNameCache release_name = {"release", nullptr};
+    XPyOwned id(XPy_NewRefOfMember(per_thread, &body->fThreadId));  // for the log
     DO_DP(m->dp->threading, "fCheckSuspendLock is true; acquiring fSuspendLock: thread_id=%i\n",
-          thread_id_for_log(body));
-    XPyOwned lock(XPy_NewRef(body->fSuspendLock));
+          thread_id_for_log(id.borrow()));
+    XPyOwned lock(XPy_NewRefOfMember(per_thread, &body->fSuspendLock));
     if (!lock) {
         api.PyErr_SetString(api.PyExc_AttributeError, "fSuspendLock");
         return -1;
@@ -272,11 +289,11 @@ XPY_COLD static int pass_suspend_lock(tModuleState* m, CPerThreadBody* body)
     XPyOwned acquired(release ? api.PyObject_CallNoArgs(acquire.borrow()) : nullptr);
     if (!acquired)
         return -1;
-    DO_DP(m->dp->threading, "acquired fSuspendLock: thread_id=%s\n", get_dprintf_repr_str1(m->dp, body->fThreadId));
+    DO_DP(m->dp->threading, "acquired fSuspendLock: thread_id=%s\n", get_dprintf_repr_str1(m->dp, id.borrow()));
     XPyOwned released(api.PyObject_CallNoArgs(release.borrow()));
     if (!released)
         return -1;
-    DO_DP(m->dp->threading, "released fSuspendLock: thread_id=%s\n", get_dprintf_repr_str1(m->dp, body->fThreadId));
+    DO_DP(m->dp->threading, "released fSuspendLock: thread_id=%s\n", get_dprintf_repr_str1(m->dp, id.borrow()));
     return 0;
 }
 
@@ -286,7 +303,7 @@ static tStep CInitialCallback_SuspendIfNeeded_direct(tEvent* event)
     if (!event->body->fAnySuspendThread || event->ctx.per_thread == api.Py_None)
         return kGoOn;
     CPerThreadBody* body = per_thread_body(event->ctx.per_thread, as_type(m->CPerThread));
-    if (!body->fCheckSuspendLock || pass_suspend_lock(m, body) == 0)
+    if (!body->fCheckSuspendLock || pass_suspend_lock(m, event->ctx.per_thread, body) == 0)
         return kGoOn;
     report_failure(m->dp, "CInitialCallback_SuspendIfNeeded_direct() failed\n");
     return kFailed;
@@ -306,7 +323,9 @@ static tStep check_skip(tEvent* event)
 static tStep call_second_callback(tEvent* event)
 {
     DO_DP(event->ctx.m->dp->initial_monitoring_callbacks, "Initial callback -- invoking second callback\n");
-    event->answer = call_second(event->body, event->args, event->nargs, event->kwnames);
+    event->answer = gIsLockOff
+                        ? call_shared_second(event->self, event->body, event->args, event->nargs, event->kwnames)
+                        : call_second(event->body, event->args, event->nargs, event->kwnames);
     return event->answer ? kAnswered : kFailed;
 }
 
@@ -336,7 +355,7 @@ static inline tStep run_steps(tEvent* event)
 __attribute__((noinline)) static PyObject* decide_fully(PyObject* self, tModuleState* m, CInitialCallbackBody* body,
                                                         PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
 {
-    tEvent event = {{m, nullptr, nullptr, nullptr, 0, 0}, body, args, nargs, kwnames, nullptr};
+    tEvent event = {{m, nullptr, nullptr, nullptr, 0, 0}, self, body, args, nargs, kwnames, nullptr};
     CInitialCallback_Callback_SaveErrno(&event.ctx);
     XPy_InlineIncRef(self);
     switch (run_steps(&event)) {
@@ -474,6 +493,21 @@ static PyObject* CInitialCallback_Callback(PyObject* self, PyTypeObject* definin
     return decide_fully(self, m, body, args, nargs, kwnames);
 }
 
+// Where no interpreter lock keeps others from replacing what the fast path borrows, each event takes the full path.
+static PyObject* CInitialCallback_CallbackShared(PyObject* self, PyTypeObject* defining_class, PyObject* const* args,
+                                                 Py_ssize_t nargs, PyObject* kwnames)
+{
+    CInitialCallbackBody* body = initial_callback_body(self, defining_class);
+    tModuleState* m = body ? static_cast<tModuleState*>(api.PyType_GetModuleState(defining_class)) : nullptr;
+    if (!m || !m->dp) {
+        api.PyErr_Clear();  // the module has been cleared or is being taken apart
+        return new_none();
+    }
+    if (api.cached_pid != m->_gThisProcessPid)
+        return answer_none();
+    return decide_fully(self, m, body, args, nargs, kwnames);
+}
+
 // ---- Construction and the class ----
 
 static int CInitialCallback_init(PyObject* self, PyObject* args, PyObject* kwargs)
@@ -518,6 +552,12 @@ static PyMemberDef kMembers[] = {
     MEMBER(CInitialCallback, fSteppingEventsNeededEveryThread, kMemberInt, 0),
     {nullptr, 0, 0, 0, nullptr},
 };
+
+void CInitialCallback_ChooseCallback(void)
+{
+    if (gIsLockOff)
+        kMethods[0].ml_meth = AS_METHOD(CInitialCallback_CallbackShared);
+}
 
 static PyType_Slot kSlots[] = {CLASS_SLOTS(CInitialCallback)};
 

@@ -6,6 +6,7 @@
 
 #include "dbgcommon.h"
 #include "optmonitoring.h"
+#include "xpy_c_api_shared.h"
 
 static constexpr const char* kSourceName = "optmonitoring";  // named in bad-internal-call errors
 
@@ -49,6 +50,12 @@ extern Py_ssize_t gPerThreadBodyOffset;
 extern Py_ssize_t gPerCodeObjectBodyOffset;
 extern Py_ssize_t gPerFileBodyOffset;
 
+// ---- Locks of what the threads share ----
+
+extern tSharedLock gInternalTableLock;   // the table of internal names in the module's state
+extern tSharedLock gKnownPathnamesLock;  // the names of files that have been seen
+extern tSharedLock gLeftExceptionsLock;  // the addresses of exceptions that failed events have left
+
 // ---- The module's methods (optmonitoring_module.cpp) ----
 
 PyObject* UpdateThisProcessPid(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames);
@@ -64,8 +71,9 @@ int optmonitoring_mod_clear(PyObject* module);
 
 PyObject* optmonitoring_reset(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames);
 
-// The state's file tables; null with an exception pending after a reset that ran out of memory or a clear.
-tFileOpsData* need_file_ops(tModuleState* m);
+// The state's file tables, of which USE is a use; null with an exception pending after a reset that ran out of memory
+// or a clear.
+tFileOpsData* need_file_ops(tModuleState* m, const tFileOpsUse& use);
 
 // ---- Module functions (optmonitoring_functions.cpp) ----
 
@@ -158,6 +166,34 @@ PyObject* read_class_attr(PyObject* cls, tNameCache* name);
 
 // The same for what events read: remembers what was found for as long as nobody changes the class. [new]
 PyObject* get_class_attr(PyObject* cls, tClassAttr* attribute);
+
+// Enters NEW_RECORD under KEY in a registry and sets *FOUND [new] to it. Without the interpreter lock several threads
+// may miss the same record at once: the first one enters its own, and the others get that. 0, or -1 with an exception
+// pending.
+int enter_unless_present(PyObject* registry, PyObject* key, PyObject* new_record, PyObject** found);
+
+// Says on this thread, for the life of the scope, that a class is called to make a record of KEY because there is
+// none. Without the interpreter lock several threads may come to this at once: the first record that is registered
+// stays, and the construction of another one ends early, unregistered and unseen by the host's hook. Constructions
+// that nobody has announced replace what is there, as do all with the interpreter lock.
+class tAnnounced
+{
+  public:
+    explicit tAnnounced(PyObject* key);
+    ~tAnnounced();
+    tAnnounced(const tAnnounced&) = delete;
+    tAnnounced& operator=(const tAnnounced&) = delete;
+    bool is_late() const { return fIsLate; }  // another record was registered first
+    void set_late() { fIsLate = true; }
+
+    // The announcement of a record of KEY on this thread, which is then answered; null: none.
+    static tAnnounced* take(PyObject* key);
+
+  private:
+    PyObject* fKey;  // [borrowed], null: answered
+    tAnnounced* fOuter;
+    bool fIsLate;
+};
 
 // Sets one. 0, or -1 with an exception pending.
 int set_class_attr(PyObject* cls, tClassAttr* attribute, PyObject* value);
@@ -271,6 +307,19 @@ void CPerCodeObject_ForgetFindings(tModuleState* m);
 // pending, also for anything else that the program has made it return.
 PyObject* CPerCodeObject_Create_direct(tModuleState* m, PyObject* code, PyObject* frame);
 
+// The same because there is no record: where another thread registers one first, that one.
+PyObject* CPerCodeObject_CreateMissing(tModuleState* m, PyObject* code, PyObject* frame);
+
+// Sets *RECORD to the record in the code object's extra slot [new]; null: none. 0, or -1 with an exception pending.
+int CPerCodeObject_GetFromSlot(tModuleState* m, PyObject* code, PyObject** record);
+
+// Without the interpreter lock: puts the record of a construction that was announced into the code object's slot,
+// unless there is one. 1: there is one, 0: it is in, or nobody has announced it, -1 with an exception pending.
+int CPerCodeObject_ClaimSlot(tModuleState* m, PyObject* record, PyObject* code);
+
+// Takes the record out of the slot again, if it is the one there.
+void CPerCodeObject_LeaveSlot(tModuleState* m, PyObject* record, PyObject* code);
+
 // The pathname to report, or with CANONICAL the canonical one (None for pseudo files). [new] or null.
 PyObject* CPerCodeObject_GetPathnameToUse_direct(tModuleState* m, PyObject* code, PyObject* frame, int16_t canonical);
 
@@ -285,7 +334,7 @@ PyObject* CPerCodeObject_get_fPerCodeObjectDict(tModuleState* m);  // [new]
 PyObject* CPerCodeObject_GetPlainRegistry(tModuleState* m);
 
 // Whether the record's weak reference leads to this very code object: 1, 0, or -1 with an exception pending.
-int CPerCodeObject_BelongsTo(CPerCodeObjectBody* body, PyObject* code);
+int CPerCodeObject_BelongsTo(PyObject* record, CPerCodeObjectBody* body, PyObject* code);
 
 // Free function of the code objects' extra slot; EXTRA is the record [steals] or null. Leaves no exception behind.
 void FreeCodeObjectExtra(void* extra);
@@ -300,6 +349,9 @@ int check_code_object(PyObject* obj);
 
 // A tPathnameKind, or -1 with an exception pending.
 int GetPathnameKind_direct(tDPData* dp, PyObject* pathname);
+
+// The module's table of internal names. [new], or null.
+PyObject* new_internal_table(tModuleState* m);
 
 // 1 or 0; never fails.
 int IsInternalPathname(tDPData* dp, PyObject* internal_table, PyObject* pathname);
@@ -321,6 +373,9 @@ PyObject* GetNonInternalFrame(PyObject* module, PyObject* const* args, Py_ssize_
 // ---- CInitialCallback (optmonitoring_{initialcallback,skipsecond,suppressed}.cpp) ----
 
 extern tClassInfo kInitialCallbackClass;
+
+// Once per process: the method that events call is the one for this interpreter.
+void CInitialCallback_ChooseCallback(void);
 
 // One call's context, on the stack.
 struct CInitialCallback_Callback_Ctx {

@@ -1,6 +1,9 @@
 // The module's entry points, its definition and its smallest functions.
 
 #include <limits.h>
+#include <pthread.h>
+
+#include <initializer_list>
 
 #include "optmonitoring_internal.h"
 
@@ -64,6 +67,26 @@ static void add_object_head(void)
     }
 }
 
+// A thread that waits for a lock may have been given it when another one forks: in the child it never gives it back.
+static void free_locks_in_child(void)
+{
+    for (tSharedLock* lock :
+         {&gLogLock, &gFileTablesLock, &gInternalTableLock, &gKnownPathnamesLock, &gLeftExceptionsLock})
+        lock->bits = 0;
+}
+
+// What is otherwise made when it is first needed, perhaps by several threads at once; false when out of memory.
+static bool begin_shared_state(void)
+{
+    static bool is_begun;
+    if (!gIsLockOff || is_begun)
+        return true;
+    init_dp_data(&gUnsafeGlobalDPData, 0);
+    borrow_current_thread_state_or_null();
+    is_begun = pthread_atfork(nullptr, nullptr, free_locks_in_child) == 0;
+    return is_begun;
+}
+
 // The definition as an object; interpreters that cannot load in two phases have no sys.monitoring either.
 // Definitions are never freed, so one serves all imports.
 static PyObject* init_module_def(void)
@@ -87,9 +110,13 @@ PyObject* PyInit_optmonitoring(void)
     call_count++;
     if (call_count == 1) {
         add_object_head();
+        init_shared();
+        CInitialCallback_ChooseCallback();
         init_lineno_peek();
         init_class_versions();
     }
+    if (!begin_shared_state())
+        return api.PyErr_NoMemory();
     one_time_init_complete = 1;
     return init_module_def();
 }

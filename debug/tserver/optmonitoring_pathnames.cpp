@@ -49,6 +49,13 @@ PyObject* GetPathnameKind(PyObject* module, PyObject* const* args, Py_ssize_t na
 
 // ---- Internal pathnames ----
 
+tSharedLock gInternalTableLock;
+
+PyObject* new_internal_table(tModuleState* m)
+{
+    return XPy_NewRefUnder(&gInternalTableLock, &m->_gInternalPathnameDict);
+}
+
 int IsInternalPathname(tDPData* dp, PyObject* internal_table, PyObject* pathname)
 {
     if (pathname == api.Py_None)
@@ -75,7 +82,7 @@ PyObject* SetInternalPathnameDict(PyObject* module, PyObject* const* args, Py_ss
     const tFastArgInfo infos[] = {{"d", 0, nullptr, &d}, {nullptr, 0, nullptr, nullptr}};
     if (get_fastargs(infos, args, static_cast<size_t>(nargs), kwnames) < 0)
         return fail_null(m->dp, "Exception in SetInternalPathnameDict\n");
-    XPy_SetField(&m->_gInternalPathnameDict, d);
+    XPy_SetFieldUnder(&gInternalTableLock, &m->_gInternalPathnameDict, d);
     return new_none();
 }
 
@@ -96,11 +103,12 @@ static int is_internal_frame_inner(tModuleState* m, PyObject* frame)
         return -1;
     if (record.borrow() != api.Py_None) {
         CPerCodeObjectBody* body = per_code_object_body(record.borrow(), as_type(m->CPerCodeObject));
-        XPyOwned is_internal(XPy_NewRef(body->fIsInternal));
+        XPyOwned is_internal(XPy_NewRefOfMember(record.borrow(), &body->fIsInternal));
         return is_internal ? get_istrue(is_internal.borrow()) : 0;
     }
     XPyOwned pathname(CPerCodeObject_GetPathnameToUse_direct(m, code.borrow(), frame, 1));
-    return pathname ? IsInternalPathname(m->dp, m->_gInternalPathnameDict, pathname.borrow()) : -1;
+    XPyOwned internal_table(pathname ? new_internal_table(m) : nullptr);
+    return pathname ? IsInternalPathname(m->dp, internal_table.borrow(), pathname.borrow()) : -1;
 }
 
 int IsInternalFrame_direct(tModuleState* m, PyObject* frame)

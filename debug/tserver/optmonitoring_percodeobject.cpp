@@ -30,24 +30,26 @@ PyObject* get_death_callback(PyObject* self)
     return get_cached_attr(self, &cb_code_object_dealloc);
 }
 
-int set_code_weak_ref(CPerCodeObjectBody* body, PyObject* code, PyObject* death_callback)
+int set_code_weak_ref(PyObject* self, CPerCodeObjectBody* body, PyObject* code, PyObject* death_callback)
 {
     XPyOwned on_death(death_callback);
     XPyOwned weak_ref(on_death ? api.PyWeakref_NewRef(code, on_death.borrow()) : nullptr);
     if (!weak_ref)
         return -1;
-    XPy_SetField(&body->fCodeObjectWeakRef, weak_ref.borrow());
+    XPy_SetMember(self, &body->fCodeObjectWeakRef, weak_ref.borrow());
     return 0;
 }
 
-static void fill_body(tModuleState* m, CPerCodeObjectBody* body, PyObject* frame, const tPathnames& names)
+static void fill_body(tModuleState* m, PyObject* self, CPerCodeObjectBody* body, PyObject* frame,
+                      const tPathnames& names)
 {
     PyObject* canonical = names.canonical.borrow();
-    XPy_SetField(&body->fCanonicalPathname, canonical);
-    XPy_SetField(&body->fPathnameToReport, names.to_report.borrow());
-    bool is_internal = IsInternalPathname(m->dp, m->_gInternalPathnameDict, canonical);
-    XPy_SetField(&body->fIsInternal, is_internal ? api.Py_True : api.Py_False);
-    XPy_SetField(&body->fEnabledBpLinenos, api.Py_None);
+    XPy_SetMember(self, &body->fCanonicalPathname, canonical);
+    XPy_SetMember(self, &body->fPathnameToReport, names.to_report.borrow());
+    XPyOwned internal_table(new_internal_table(m));
+    bool is_internal = IsInternalPathname(m->dp, internal_table.borrow(), canonical);
+    XPy_SetMember(self, &body->fIsInternal, is_internal ? api.Py_True : api.Py_False);
+    XPy_SetMember(self, &body->fEnabledBpLinenos, api.Py_None);
     body->fSteppingEventsNeededCount = 0;
     body->fReturnEventsNeededCount = 0;
     body->fUpdatePathnameNeeded = frame == api.Py_None;
@@ -60,9 +62,10 @@ void undo_record_start(PyObject* self)
 }
 
 // Takes a record that could not be registered apart again: its weak reference would keep it alive for nothing.
-static void undo_construction(tModuleState* m, PyObject* self)
+static void undo_construction(tModuleState* m, PyObject* self, PyObject* code)
 {
     XPyHeldError held;
+    CPerCodeObject_LeaveSlot(m, self, code);
     if (CPerCodeObject_RemoveFromPerFile_direct(m, self) < 0)
         api.PyErr_Clear();
     clear_object_members(self);
@@ -71,16 +74,24 @@ static void undo_construction(tModuleState* m, PyObject* self)
 int construct_record(tModuleState* m, PyObject* self, CPerCodeObjectBody* body, PyObject* code, PyObject* frame,
                      tPathnames* names)
 {
-    bool is_started = (names->canonical || find_pathnames(m, code, frame, names) == 0) &&
-                      (body->fCodeObjectWeakRef || set_code_weak_ref(body, code, get_death_callback(self)) == 0);
+    bool is_started =
+        (names->canonical || find_pathnames(m, code, frame, names) == 0) &&
+        (body->fCodeObjectWeakRef || set_code_weak_ref(self, body, code, get_death_callback(self)) == 0);
     if (is_started)
-        fill_body(m, body, frame, *names);
-    if (!is_started || CPerCodeObject_AddToPerFile_direct(m, self) < 0) {
+        fill_body(m, self, body, frame, *names);
+    int is_late = is_started && gIsLockOff ? CPerCodeObject_ClaimSlot(m, self, code) : 0;
+    if (!is_started || is_late != 0) {
+        undo_record_start(self);
+        return is_late > 0 ? 0 : -1;
+    }
+    if (CPerCodeObject_AddToPerFile_direct(m, self) < 0) {
+        XPyHeldError held;
+        CPerCodeObject_LeaveSlot(m, self, code);
         undo_record_start(self);
         return -1;
     }
     if (CPerCodeObject_RegisterPerCodeObject_direct(m, self, code) < 0) {
-        undo_construction(m, self);
+        undo_construction(m, self, code);
         return -1;
     }
     return CallNewObjectCallback_direct(m->dp, m->CPerCodeObject, &gNewPerCodeObjectCreatedCallback, self);
@@ -125,6 +136,21 @@ PyObject* CPerCodeObject_Create_direct(tModuleState* m, PyObject* code, PyObject
     return is_usable ? record.detach() : nullptr;
 }
 
+PyObject* CPerCodeObject_CreateMissing(tModuleState* m, PyObject* code, PyObject* frame)
+{
+    while (gIsLockOff) {
+        tAnnounced announced(code);
+        XPyOwned made(CPerCodeObject_Create_direct(m, code, frame));
+        if (!announced.is_late())
+            return made.detach();
+        PyObject* winner;
+        if (CPerCodeObject_GetFromSlot(m, code, &winner) < 0 || winner)
+            return winner;
+        // whoever was first has failed: it is this thread's turn again
+    }
+    return CPerCodeObject_Create_direct(m, code, frame);
+}
+
 static PyObject* get_per_code_object_inner(tModuleState* m, PyObject* code, PyObject* create, PyObject* frame)
 {
     if (!m->CPerCodeObject) {
@@ -140,7 +166,7 @@ static PyObject* get_per_code_object_inner(tModuleState* m, PyObject* code, PyOb
         int is_wanted = get_istrue(create);
         if (is_wanted <= 0)
             return is_wanted < 0 ? nullptr : new_none();
-        return CPerCodeObject_Create_direct(m, code, frame);
+        return CPerCodeObject_CreateMissing(m, code, frame);
     }
     CPerCodeObjectBody* body = per_code_object_body(record.borrow(), as_type(m->CPerCodeObject));
     if (frame != api.Py_None && body->fUpdatePathnameNeeded &&
@@ -159,12 +185,13 @@ PyObject* CPerCodeObject_GetPerCodeObject_direct(tModuleState* m, PyObject* code
 
 static int move_to_file(tModuleState* m, PyObject* record, CPerCodeObjectBody* body, PyObject* canonical)
 {
-    int differs = api.PyObject_RichCompareBool(canonical, body->fCanonicalPathname, kPyNe);
+    XPyOwned before(XPy_NewRefOfMember(record, &body->fCanonicalPathname));
+    int differs = api.PyObject_RichCompareBool(canonical, before.borrow(), kPyNe);
     if (differs <= 0)
         return differs;
     if (CPerCodeObject_RemoveFromPerFile_direct(m, record) < 0)
         return -1;
-    XPy_SetField(&body->fCanonicalPathname, canonical);
+    XPy_SetMember(record, &body->fCanonicalPathname, canonical);
     return CPerCodeObject_AddToPerFile_direct(m, record);
 }
 
@@ -173,7 +200,8 @@ static int update_pathname_inner(tModuleState* m, PyObject* record, PyObject* fr
     CPerCodeObjectBody* body = need_per_code_object(m, record);
     if (!body)
         return -1;
-    XPyOwned code(body->fCodeObjectWeakRef ? api.PyObject_CallNoArgs(body->fCodeObjectWeakRef) : nullptr);
+    XPyOwned weak_ref(XPy_NewRefOfMember(record, &body->fCodeObjectWeakRef));
+    XPyOwned code(weak_ref ? api.PyObject_CallNoArgs(weak_ref.borrow()) : nullptr);
     if (!code)
         api.PyErr_Clear();
     if (!XPy_IsInstance(code.borrow(), api.PyCode_Type_ptr))
@@ -184,7 +212,7 @@ static int update_pathname_inner(tModuleState* m, PyObject* record, PyObject* fr
     XPyOwned canonical(to_report ? CPerCodeObject_GetPathnameToUse_direct(m, record, frame, 1) : nullptr);
     if (!canonical)
         return -1;
-    XPy_SetField(&body->fPathnameToReport, to_report.borrow());
+    XPy_SetMember(record, &body->fPathnameToReport, to_report.borrow());
     return move_to_file(m, record, body, canonical.borrow());
 }
 

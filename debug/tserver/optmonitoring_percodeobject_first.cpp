@@ -69,7 +69,7 @@ static bool is_surely_unregistered(tModuleState* m, CPerCodeObjectBody* body, Py
     if (api.PyDict_GetItemRef(dict.borrow(), body->fCodeObjectWeakRef, other.out()) <= 0)
         return false;
     CPerCodeObjectBody* other_body = need_per_code_object(m, other.borrow());
-    return other_body && CPerCodeObject_BelongsTo(other_body, code) == 0;
+    return other_body && CPerCodeObject_BelongsTo(other.borrow(), other_body, code) == 0;
 }
 
 // An instance with its weak reference, for a code object that surely has no record. [new], or null and nothing
@@ -79,7 +79,7 @@ static PyObject* start_record(tModuleState* m, PyObject* code)
     PyTypeObject* cls = as_type(m->CPerCodeObject);
     XPyOwned self(make_plain_instance(cls));
     CPerCodeObjectBody* body = self ? per_code_object_body(self.borrow(), cls) : nullptr;
-    if (body && set_code_weak_ref(body, code, make_death_callback(self.borrow(), cls)) == 0 &&
+    if (body && set_code_weak_ref(self.borrow(), body, code, make_death_callback(self.borrow(), cls)) == 0 &&
         is_surely_unregistered(m, body, code))
         return self.detach();
     api.PyErr_Clear();

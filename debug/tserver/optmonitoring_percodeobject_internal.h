@@ -47,7 +47,7 @@ PyObject* make_death_callback(PyObject* self, PyTypeObject* cls);
 
 // Sets the weak reference, whose callback [steals], perhaps null, keeps the record alive until its code object dies.
 // 0, or -1 with an exception pending.
-int set_code_weak_ref(CPerCodeObjectBody* body, PyObject* code, PyObject* death_callback);
+int set_code_weak_ref(PyObject* self, CPerCodeObjectBody* body, PyObject* code, PyObject* death_callback);
 
 // Takes a half-made record apart: its weak reference, if it has one, would keep it alive for nothing.
 void undo_record_start(PyObject* self);

@@ -34,14 +34,14 @@ static int change_per_file(tModuleState* m, PyObject* record, int (*change)(PyOb
     CPerCodeObjectBody* body = need_per_code_object(m, record);
     if (!body)
         return -1;
-    XPyOwned canonical(XPy_NewRef(body->fCanonicalPathname));
+    XPyOwned canonical(XPy_NewRefOfMember(record, &body->fCanonicalPathname));
     if (!canonical || canonical.borrow() == api.Py_None)
         return 0;
     XPyOwned per_file(get_per_file(m, canonical.borrow(), lineno));
     CPerFileBody* file_body = per_file ? per_file_body(per_file.borrow(), as_type(m->CPerFile)) : nullptr;
     if (!file_body)
         return -1;
-    XPyOwned known(XPy_NewRef(file_body->fKnownPerCodeObjects));
+    XPyOwned known(XPy_NewRefOfMember(per_file.borrow(), &file_body->fKnownPerCodeObjects));
     if (!known) {
         api.PyErr_SetString(api.PyExc_AttributeError, "fKnownPerCodeObjects");
         return -1;
@@ -112,13 +112,96 @@ static int enter_under_own_key(PyObject* dict, PyObject* key, PyObject* record)
 static int enter_in_registry(tModuleState* m, PyObject* record, CPerCodeObjectBody* body)
 {
     XPyOwned dict(CPerCodeObject_get_fPerCodeObjectDict(m));
-    return dict ? enter_under_own_key(dict.borrow(), body->fCodeObjectWeakRef, record) : -1;
+    XPyOwned key(dict ? XPy_NewRefOfMember(record, &body->fCodeObjectWeakRef) : nullptr);
+    return key ? enter_under_own_key(dict.borrow(), key.borrow(), record) : -1;
+}
+
+// ---- The extra slot ----
+// The interpreter frees what it replaces in a slot before it stores the new value, and does both without a lock. So
+// where the interpreter lock is off, each use of the slot takes the code object's own lock, and what is replaced is
+// kept until that is given back.
+
+static thread_local void* kept_extra;  // being replaced on this thread: not to be freed yet
+
+static int get_from_slot(tModuleState* m, PyObject* code, PyObject** record)
+{
+    void* extra = nullptr;
+    int result = api._PyCode_GetExtra(code, m->code_object_extra_index, &extra);
+    *record = XPy_NewRef(static_cast<PyObject*>(extra));
+    return result < 0 ? -1 : 0;
+}
+
+int CPerCodeObject_GetFromSlot(tModuleState* m, PyObject* code, PyObject** record)
+{
+    if (!gIsLockOff)
+        return get_from_slot(m, code, record);
+    XPyObjectLocked locked(code);
+    return get_from_slot(m, code, record);
+}
+
+// What is to happen to a slot.
+enum tSlotChange { kReplace, kFill, kEmpty };  // set in any case; set if empty; empty if the record is there
+
+// Changes the slot in one step; *OLD [steals from the slot] is what was replaced. 1: changed, 0: not, -1 with an
+// exception pending.
+static int change_slot(tModuleState* m, PyObject* record, PyObject* code, tSlotChange change, void** old)
+{
+    XPyObjectLocked locked(code);
+    void* extra = nullptr;
+    if (api._PyCode_GetExtra(code, m->code_object_extra_index, &extra) < 0)
+        return -1;
+    bool is_there = extra == record;
+    if (change == kEmpty ? !is_there : is_there || (change == kFill && extra))
+        return 0;
+    PyObject* value = change == kEmpty ? nullptr : XPy_NewRef(record);  // owned by the slot
+    kept_extra = extra;
+    int result = api._PyCode_SetExtra(code, m->code_object_extra_index, value);
+    kept_extra = nullptr;
+    if (result < 0) {
+        if (value)
+            XPy_DoDecRef(value);  // which the caller holds
+        return -1;
+    }
+    *old = extra;
+    return 1;
+}
+
+static int change_slot_and_free(tModuleState* m, PyObject* record, PyObject* code, tSlotChange change)
+{
+    void* old = nullptr;
+    int result = change_slot(m, record, code, change, &old);
+    FreeCodeObjectExtra(old);
+    return result;
+}
+
+int CPerCodeObject_ClaimSlot(tModuleState* m, PyObject* record, PyObject* code)
+{
+    tAnnounced* announced = m->code_object_extra_index == -1 ? nullptr : tAnnounced::take(code);
+    if (!announced)
+        return 0;
+    int result = change_slot_and_free(m, record, code, kFill);
+    if (result == 0)
+        announced->set_late();
+    return result < 0 ? -1 : result == 0;
+}
+
+void CPerCodeObject_LeaveSlot(tModuleState* m, PyObject* record, PyObject* code)
+{
+    void* old = nullptr;
+    if (!gIsLockOff || m->code_object_extra_index == -1)
+        return;
+    if (change_slot(m, record, code, kEmpty, &old) < 0)
+        api.PyErr_Clear();
+    if (old)
+        XPy_DoDecRef(static_cast<PyObject*>(old));  // which the caller holds and takes apart
 }
 
 static int store_in_extra_slot(tModuleState* m, PyObject* record, PyObject* code)
 {
     if (m->code_object_extra_index == -1)
         return 0;
+    if (gIsLockOff)
+        return change_slot_and_free(m, record, code, kReplace) < 0 ? -1 : 0;
     XPy_DoIncRef(record);  // owned by the slot
     if (api._PyCode_SetExtra(code, m->code_object_extra_index, record) == 0)
         return 0;
@@ -134,7 +217,7 @@ int CPerCodeObject_RegisterPerCodeObject_direct(tModuleState* m, PyObject* per_c
     if (enter_in_registry(m, per_code_object, body) == 0)
         return 0;
     report_failure(m->dp, "Exception in CPerCodeObject_RegisterPerCodeObject_direct()\n");
-    if (m->code_object_extra_index != -1) {
+    if (m->code_object_extra_index != -1 && !gIsLockOff) {  // there the caller makes the record leave the slot
         XPyHeldError held;
         if (api._PyCode_SetExtra(code, m->code_object_extra_index, nullptr) < 0)  // frees the slot's reference
             api.PyErr_Clear();
@@ -142,11 +225,12 @@ int CPerCodeObject_RegisterPerCodeObject_direct(tModuleState* m, PyObject* per_c
     return -1;
 }
 
-int CPerCodeObject_BelongsTo(CPerCodeObjectBody* body, PyObject* code)
+int CPerCodeObject_BelongsTo(PyObject* record, CPerCodeObjectBody* body, PyObject* code)
 {
-    if (!body->fCodeObjectWeakRef)
+    XPyOwned weak_ref(XPy_NewRefOfMember(record, &body->fCodeObjectWeakRef));
+    if (!weak_ref)
         return 0;
-    XPyOwned referent(api.PyObject_CallNoArgs(body->fCodeObjectWeakRef));
+    XPyOwned referent(api.PyObject_CallNoArgs(weak_ref.borrow()));
     return referent ? referent.borrow() == code : -1;
 }
 
@@ -161,7 +245,7 @@ static PyObject* find_in_registry(tModuleState* m, PyObject* code)
     if (found <= 0)
         return found < 0 ? nullptr : new_none();
     CPerCodeObjectBody* body = need_per_code_object(m, record.borrow());
-    int belongs = body ? CPerCodeObject_BelongsTo(body, code) : -1;
+    int belongs = body ? CPerCodeObject_BelongsTo(record.borrow(), body, code) : -1;
     if (belongs < 0)
         return nullptr;
     return belongs ? record.detach() : new_none();
@@ -172,11 +256,9 @@ static PyObject* get_existing_inner(tModuleState* m, PyObject* code)
     if (check_code_object(code) < 0)
         return nullptr;
     if (m->code_object_extra_index != -1) {
-        void* extra = nullptr;
-        if (api._PyCode_GetExtra(code, m->code_object_extra_index, &extra) < 0)
-            return nullptr;
-        if (extra)
-            return XPy_NewRef(static_cast<PyObject*>(extra));
+        PyObject* record;
+        if (CPerCodeObject_GetFromSlot(m, code, &record) < 0 || record)
+            return record;
     }
     return find_in_registry(m, code);
 }
@@ -199,7 +281,7 @@ static int death_steps(tModuleState* m, PyObject* record)
     XPyOwned dict(CPerCodeObject_get_fPerCodeObjectDict(m));
     if (!dict)
         return -1;
-    XPyOwned key(XPy_NewRef(body->fCodeObjectWeakRef));
+    XPyOwned key(XPy_NewRefOfMember(record, &body->fCodeObjectWeakRef));
     return key ? delete_item_if_present(dict.borrow(), key.borrow()) : 0;
 }
 
@@ -215,14 +297,14 @@ int CPerCodeObject_cb_code_object_dealloc_direct(tModuleState* m, PyObject* per_
 static void drop_callback(tModuleState* m, PyObject* record)
 {
     CPerCodeObjectBody* body = need_per_code_object(m, record);
-    XPyOwned weak_ref(body ? XPy_NewRef(body->fCodeObjectWeakRef) : nullptr);
+    XPyOwned weak_ref(body ? XPy_NewRefOfMember(record, &body->fCodeObjectWeakRef) : nullptr);
     XPyOwned code(weak_ref ? api.PyObject_CallNoArgs(weak_ref.borrow()) : nullptr);
     if (!code)
         return;
     if (code.borrow() != api.Py_None) {
         XPyOwned without_callback(api.PyWeakref_NewRef(code.borrow(), nullptr));
         if (without_callback)
-            XPy_SetField(&body->fCodeObjectWeakRef, without_callback.borrow());
+            XPy_SetMember(record, &body->fCodeObjectWeakRef, without_callback.borrow());
         return;
     }
     typedef int (*tClear)(PyObject*);
@@ -233,7 +315,7 @@ static void drop_callback(tModuleState* m, PyObject* record)
 
 void FreeCodeObjectExtra(void* extra)
 {
-    if (!extra || !borrow_current_thread_state_or_null())
+    if (!extra || extra == kept_extra || !borrow_current_thread_state_or_null())
         return;
     PyObject* record = static_cast<PyObject*>(extra);
     XPyHeldError held;

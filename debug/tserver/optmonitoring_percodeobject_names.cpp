@@ -65,10 +65,10 @@ static PyObject* get_absolute_name(tModuleState* m, PyObject* name)
         api.PyErr_SetString(api.PyExc_ValueError, "pathname cannot be empty");
         return nullptr;
     }
-    tFileOpsData* file_ops = need_file_ops(m);
+    tFileOpsUse use(&m->file_ops_data);
+    tFileOpsData* file_ops = need_file_ops(m, use);
     if (!file_ops)
         return nullptr;
-    tFileOpsUse use(file_ops);
     const char* absolute = get_absname(file_ops, text);
     if (!absolute) {
         if (!api.PyErr_Occurred())
@@ -80,17 +80,20 @@ static PyObject* get_absolute_name(tModuleState* m, PyObject* name)
 
 static PyObject* find_canonical_inner(tModuleState* m, PyObject* name)
 {
-    tFileOpsData* file_ops = need_file_ops(m);
+    tFileOpsUse use(&m->file_ops_data);
+    tFileOpsData* file_ops = need_file_ops(m, use);
     if (!file_ops)
         return nullptr;
     XPyOwned known(lookup_canonical_pathname_pystr(file_ops, name, nullptr));
-    file_ops = need_file_ops(m);  // the log's file may have reset the module
+    tFileOpsUse use_again(&m->file_ops_data);  // the log's file may have reset the module
+    file_ops = need_file_ops(m, use_again);
     if (!file_ops)
         return nullptr;
     if (!known || known.borrow() != api.Py_None)
         return known.detach();
     XPyOwned checksum(get_checksum_for_pathname(file_ops, name));
-    file_ops = need_file_ops(m);  // the host's callback may have reset the module
+    tFileOpsUse use_now(&m->file_ops_data);  // the host's callback may have reset the module
+    file_ops = need_file_ops(m, use_now);
     if (!checksum || !file_ops)
         return nullptr;
     XPyOwned registered(register_canonical_pathname_pystr(file_ops, name, checksum.borrow()));
@@ -154,12 +157,13 @@ struct tKnownPathnames {
     PyObject* last_pair;  // its pair [owned]
 };
 static tKnownPathnames known_pathnames;
+tSharedLock gKnownPathnamesLock;
 
 static void drop_known_pathnames(void)
 {
     XPy_ClearField(&known_pathnames.last_filename);
     XPy_ClearField(&known_pathnames.last_pair);
-    XPy_ClearField(&known_pathnames.dict);
+    XPy_SetFieldUnder(&gKnownPathnamesLock, &known_pathnames.dict, nullptr);
 }
 
 void forget_known_pathnames(tModuleState* m)
@@ -168,15 +172,19 @@ void forget_known_pathnames(tModuleState* m)
         drop_known_pathnames();
 }
 
-// The module's dict of known names [borrowed], made on first use; null with an exception pending.
-static PyObject* borrow_known_pathnames(tModuleState* m)
+// The module's dict of known names [new], made on first use; null with an exception pending.
+static PyObject* new_known_pathnames(tModuleState* m)
 {
     if (known_pathnames.owner != m)
         drop_known_pathnames();
     known_pathnames.owner = m;
-    if (!known_pathnames.dict)
-        known_pathnames.dict = api.PyDict_New();
-    return known_pathnames.dict;
+    PyObject* known = XPy_NewRefUnder(&gKnownPathnamesLock, &known_pathnames.dict);
+    if (known)
+        return known;
+    XPyOwned made(api.PyDict_New());
+    if (made)
+        XPy_SetFieldUnder(&gKnownPathnamesLock, &known_pathnames.dict, made.borrow());
+    return made.detach();
 }
 
 // The pair of a file name [borrowed]; null, and nothing pending, when it is not known.
@@ -198,9 +206,22 @@ static PyObject* borrow_known_pair(tModuleState* m, PyObject* filename)
     return pair;
 }
 
+// The same where other threads change what is known: without the name found last. [new]
+static PyObject* get_shared_known_pair(tModuleState* m, PyObject* filename)
+{
+    XPyOwned known(known_pathnames.owner == m ? XPy_NewRefUnder(&gKnownPathnamesLock, &known_pathnames.dict)
+                                              : nullptr);
+    PyObject* pair = nullptr;
+    if (known && XPy_BorrowTypeInline(filename) == api.PyUnicode_Type_ptr &&
+        api.PyDict_GetItemRef(known.borrow(), filename, &pair) < 0)
+        api.PyErr_Clear();
+    return pair;
+}
+
 bool find_known_pathnames(tModuleState* m, PyObject* filename, tPathnames* names)
 {
-    PyObject* pair = borrow_known_pair(m, filename);
+    XPyOwned held(gIsLockOff ? get_shared_known_pair(m, filename) : nullptr);
+    PyObject* pair = gIsLockOff ? held.borrow() : borrow_known_pair(m, filename);
     if (!pair)
         return false;
     PyObject* to_report = api.PyTuple_GetItem(pair, 0);
@@ -242,7 +263,7 @@ int find_pathnames(tModuleState* m, PyObject* code, PyObject* frame, tPathnames*
     }
     if (find_known_pathnames(m, filename.borrow(), names))
         return 0;
-    XPyOwned known(XPy_NewRef(borrow_known_pathnames(m)));
+    XPyOwned known(new_known_pathnames(m));
     if (!known)
         return -1;
     names->to_report.reset(CPerCodeObject_GetPathnameToUse_direct(m, code, frame, 0));

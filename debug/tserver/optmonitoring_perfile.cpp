@@ -38,13 +38,32 @@ int CPerFile_ClsReset(tModuleState* m)
 
 // ---- The index by checksum ----
 
+// Without the interpreter lock one thread may take an emptied set out of the index while another adds a record to it:
+// both look again afterwards.
+static int put_back_if_used(PyObject* index, PyObject* checksum, PyObject* set)
+{
+    if (api.PySet_Size(set) == 0)
+        return 0;
+    XPyOwned entered;
+    if (enter_unless_present(index, checksum, set, entered.out()) < 0)
+        return -1;
+    if (entered.borrow() == set)
+        return 0;
+    XPyOwned updated(api.PyObject_CallMethod(entered.borrow(), "update", "O", set));
+    return updated ? 0 : -1;
+}
+
 // Takes the record out of a set of the index, and an emptied set out of the index.
 static int discard_from_set(PyObject* index, PyObject* checksum, PyObject* set, PyObject* per_file)
 {
     if (api.PySet_Discard(set, per_file) < 0)
         return -1;
     Py_ssize_t left = api.PySet_Size(set);
-    return left == 0 ? api.PyObject_DelItem(index, checksum) : left < 0 ? -1 : 0;
+    if (left != 0)
+        return left < 0 ? -1 : 0;
+    if (!gIsLockOff)
+        return api.PyObject_DelItem(index, checksum);
+    return delete_item_if_present(index, checksum) < 0 ? -1 : put_back_if_used(index, checksum, set);
 }
 
 int CPerFile_UpdateByChecksum_direct(tModuleState* m, PyObject* per_file, PyObject* checksum, int16_t remove)
@@ -52,7 +71,7 @@ int CPerFile_UpdateByChecksum_direct(tModuleState* m, PyObject* per_file, PyObje
     CPerFileBody* body = per_file_body(per_file, as_type(m->CPerFile));
     if (!body)
         return -1;
-    XPyOwned key(XPy_NewRef(checksum == api.Py_None ? body->fChecksum : checksum));
+    XPyOwned key(checksum == api.Py_None ? XPy_NewRefOfMember(per_file, &body->fChecksum) : XPy_NewRef(checksum));
     if (!key || key.borrow() == api.Py_None)
         return 0;  // files without a checksum are not indexed
     XPyOwned index(read_class_attr(m->CPerFile, &by_checksum.name));
@@ -64,36 +83,40 @@ int CPerFile_UpdateByChecksum_direct(tModuleState* m, PyObject* per_file, PyObje
     if (remove)
         return set ? discard_from_set(index.borrow(), key.borrow(), set.borrow(), per_file) : 0;
     if (!set) {
-        set.reset(api.PySet_New(nullptr));
-        if (!set || api.PyObject_SetItem(index.borrow(), key.borrow(), set.borrow()) < 0)
+        XPyOwned made(api.PySet_New(nullptr));
+        if (!made || enter_unless_present(index.borrow(), key.borrow(), made.borrow(), set.out()) < 0)
             return -1;
     }
-    return api.PySet_Add(set.borrow(), per_file);
+    if (api.PySet_Add(set.borrow(), per_file) < 0)
+        return -1;
+    return gIsLockOff ? put_back_if_used(index.borrow(), key.borrow(), set.borrow())
+                      : 0;  // it was taken out meanwhile
 }
 
 // ---- Construction ----
 
 static PyObject* get_checksum(tModuleState* m, PyObject* pathname)
 {
-    tFileOpsData* file_ops = need_file_ops(m);
+    tFileOpsUse use(&m->file_ops_data);
+    tFileOpsData* file_ops = need_file_ops(m, use);
     return file_ops ? get_checksum_for_pathname(file_ops, pathname) : nullptr;
 }
 
-static int replace_field(PyObject** field, PyObject* new_ref)
+static int replace_field(PyObject* self, PyObject** field, PyObject* new_ref)
 {
     XPyOwned owned(new_ref);
     if (!owned)
         return -1;
-    XPy_SetField(field, owned.borrow());
+    XPy_SetMember(self, field, owned.borrow());
     return 0;
 }
 
 static int init_inner(tModuleState* m, PyObject* self, CPerFileBody* body, PyObject* pathname)
 {
-    XPy_SetField(&body->fCanonicalPathname, pathname);
-    if (replace_field(&body->fBpSetByLineno, api.PyDict_New()) < 0 ||
-        replace_field(&body->fKnownPerCodeObjects, api.PySet_New(nullptr)) < 0 ||
-        replace_field(&body->fChecksum, get_checksum(m, pathname)) < 0)
+    XPy_SetMember(self, &body->fCanonicalPathname, pathname);
+    if (replace_field(self, &body->fBpSetByLineno, api.PyDict_New()) < 0 ||
+        replace_field(self, &body->fKnownPerCodeObjects, api.PySet_New(nullptr)) < 0 ||
+        replace_field(self, &body->fChecksum, get_checksum(m, pathname)) < 0)
         return -1;
     return CPerFile_UpdateByChecksum_direct(m, self, api.Py_None, 0);
 }
@@ -116,11 +139,26 @@ static void CPerFile_finalize(PyObject* self)
 
 // ---- Look-up ----
 
+// Takes a record that another thread was faster than out of the index again.
+static void forget_late(PyObject* cls, PyObject* per_file)
+{
+    XPyHeldError held;
+    tModuleState* m = state_of_class(as_type(cls));
+    if (!m || CPerFile_UpdateByChecksum_direct(m, per_file, api.Py_None, 1) < 0)
+        api.PyErr_Clear();
+}
+
 static PyObject* create_per_file(tDPData* dp, PyObject* cls, PyObject* dict, PyObject* pathname)
 {
     XPyOwned per_file(api.PyObject_CallOneArg(cls, pathname));
-    if (!per_file || api.PyObject_SetItem(dict, pathname, per_file.borrow()) < 0 ||
-        CallNewObjectCallback_direct(dp, cls, &new_per_file_created_callback, per_file.borrow()) < 0)
+    XPyOwned entered;
+    if (!per_file || enter_unless_present(dict, pathname, per_file.borrow(), entered.out()) < 0)
+        return nullptr;
+    if (entered.borrow() != per_file.borrow()) {
+        forget_late(cls, per_file.borrow());
+        return entered.detach();
+    }
+    if (CallNewObjectCallback_direct(dp, cls, &new_per_file_created_callback, per_file.borrow()) < 0)
         return nullptr;
     return per_file.detach();
 }
@@ -224,21 +262,24 @@ static PyObject* CPerFile_SetNewPerFileCreatedCallback(PyObject*, PyTypeObject* 
 
 static int update_checksum_inner(tModuleState* m, PyObject* self, CPerFileBody* body)
 {
-    if (!body->fCanonicalPathname) {
+    XPyOwned pathname(XPy_NewRefOfMember(self, &body->fCanonicalPathname));
+    if (!pathname) {
         api.PyErr_SetString(api.PyExc_AttributeError, "fCanonicalPathname");
         return -1;
     }
-    XPyOwned checksum(get_checksum(m, body->fCanonicalPathname));
+    XPyOwned checksum(get_checksum(m, pathname.borrow()));
     if (!checksum)
         return -1;
-    XPyOwned old(XPy_NewRef(body->fChecksum ? body->fChecksum : api.Py_None));
+    XPyOwned old(XPy_NewRefOfMember(self, &body->fChecksum));
+    if (!old)
+        old.reset(new_none());
     int differs = api.PyObject_RichCompareBool(checksum.borrow(), old.borrow(), kPyNe);
     if (differs <= 0)
         return differs;
     // Kept: the record is added under the old checksum and taken out under the new one.
     if (CPerFile_UpdateByChecksum_direct(m, self, old.borrow(), 0) < 0)
         return -1;
-    XPy_SetField(&body->fChecksum, checksum.borrow());
+    XPy_SetMember(self, &body->fChecksum, checksum.borrow());
     return CPerFile_UpdateByChecksum_direct(m, self, checksum.borrow(), 1);
 }
 

@@ -82,13 +82,28 @@ static PyObject* CreateThreadingLock(tModuleState* m)
     return lock ? lock : fail_null(m->dp, "Exception in CreateThreadingLock()\n");
 }
 
+// Where several threads may miss a thread's record at once: enters this one in the registry. 1: another one is there,
+// 0: it is in, -1 with an exception pending.
+static int register_announced(tModuleState* m, PyObject* self, PyObject* thread_id, tAnnounced* announced)
+{
+    XPyOwned dict(CPerThread_get_fPerThreadDict(m));
+    XPyOwned registered;
+    if (!dict || enter_unless_present(dict.borrow(), thread_id, self, registered.out()) < 0)
+        return -1;
+    if (registered.borrow() == self)
+        return 0;
+    announced->set_late();
+    return 1;
+}
+
 static int CPerThread_RegisterPerThread_direct(tModuleState* m, PyObject* self, CPerThreadBody* body)
 {
     static const char kFailure[] = "Exception in CPerThread_RegisterPerThread_direct()\n";
     if (CPerThread_TryRegisterThreadStateDictCapsule_direct(m, self) < 0)
         return fail_int(m->dp, kFailure);
     XPyOwned dict(CPerThread_get_fPerThreadDict(m));
-    if (dict && api.PyObject_SetItem(dict.borrow(), body->fThreadId, self) == 0)
+    XPyOwned id(dict ? XPy_NewRefOfMember(self, &body->fThreadId) : nullptr);
+    if (id && api.PyObject_SetItem(dict.borrow(), id.borrow(), self) == 0)
         return 0;
     report_failure(m->dp, kFailure);
     return -1;
@@ -139,7 +154,11 @@ static int init_inner(tModuleState* m, PyObject* self, CPerThreadBody* body, PyO
     body->fSteppingCodeObjects = api.PySet_New(nullptr);
     if (!body->fSteppingCodeObjects)
         return -1;
-    if (CPerThread_RegisterPerThread_direct(m, self, body) < 0) {
+    tAnnounced* announced = tAnnounced::take(thread_id);
+    int is_late = announced ? register_announced(m, self, thread_id, announced) : 0;
+    if (is_late > 0)
+        return CPerThread_Clear_direct(m, self);  // nobody has seen it
+    if (is_late < 0 || CPerThread_RegisterPerThread_direct(m, self, body) < 0) {
         withdraw_capsule(m, body);
         return -1;
     }
@@ -179,6 +198,21 @@ bool CPerThread_HasOwnFinalizer(PyObject* per_thread)
 
 // ---- Look-up ----
 
+// A call of the class; where another thread registers a record of the same id first, that one. [new] or null.
+static PyObject* create_missing(tModuleState* m, PyObject* dict, PyObject* thread_id)
+{
+    for (;;) {
+        tAnnounced announced(thread_id);
+        XPyOwned made(api.PyObject_CallOneArg(m->CPerThread, thread_id));
+        if (!announced.is_late())
+            return made.detach();
+        made.reset(nullptr);
+        int found = get_item_if_present(dict, thread_id, made.out());
+        if (found != 0)
+            return found < 0 || !need_per_thread(m, made.borrow()) ? nullptr : made.detach();
+    }
+}
+
 static PyObject* slow_get_inner(tModuleState* m, PyObject* thread_id, PyObject* create)
 {
     XPyOwned key;
@@ -203,7 +237,7 @@ static PyObject* slow_get_inner(tModuleState* m, PyObject* thread_id, PyObject* 
     int is_wanted = get_istrue(create);
     if (is_wanted < 0)
         return nullptr;
-    return is_wanted ? api.PyObject_CallOneArg(m->CPerThread, key.borrow()) : new_none();
+    return is_wanted ? create_missing(m, dict.borrow(), key.borrow()) : new_none();
 }
 
 static PyObject* CPerThread_SlowGetPerThread_direct(tModuleState* m, PyObject* thread_id, PyObject* create)
@@ -269,9 +303,9 @@ static PyObject* CPerThread_get_fDebugPolicyCallback(tModuleState* m)
     return callback ? callback : fail_null(m->dp, "Exception in CPerThread_get_fDebugPolicyCallback()\n");
 }
 
-static int ask_debug_policy(tModuleState* m, CPerThreadBody* body, PyObject* callback)
+static int ask_debug_policy(tModuleState* m, PyObject* per_thread, CPerThreadBody* body, PyObject* callback)
 {
-    XPyOwned thread_id(XPy_NewRef(body->fThreadId));
+    XPyOwned thread_id(XPy_NewRefOfMember(per_thread, &body->fThreadId));
     DO_DP_TWO_REPRS(m->dp, m->dp->initial_monitoring_callbacks,
                     "CPerThread_GetDebugPolicy_direct(): calling %s (per_thread.fThreadId=%s)\n", callback,
                     thread_id.borrow());
@@ -304,7 +338,7 @@ static int get_debug_policy_inner(tModuleState* m, PyObject* per_thread)
     XPyOwned callback(CPerThread_get_fDebugPolicyCallback(m));
     if (!callback)
         return -1;
-    return callback.borrow() == api.Py_None ? 1 : ask_debug_policy(m, body, callback.borrow());
+    return callback.borrow() == api.Py_None ? 1 : ask_debug_policy(m, per_thread, body, callback.borrow());
 }
 
 int CPerThread_GetDebugPolicy_direct(tModuleState* m, PyObject* per_thread)
@@ -330,7 +364,7 @@ static int find_thread_name_inner(tModuleState* m, PyObject* per_thread)
     XPyOwned name(do_one_arg_call(callback.borrow(), per_thread));
     if (!name)
         return -1;
-    XPy_SetField(&body->fThreadName, name.borrow());
+    XPy_SetMember(per_thread, &body->fThreadName, name.borrow());
     return 0;
 }
 

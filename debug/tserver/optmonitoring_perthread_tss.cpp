@@ -45,14 +45,27 @@ PyObject* CPerThread_FastGetExistingPerThreadFromPyTss(tModuleState* m)
     return new_none();
 }
 
+// Whether this thread's own dict holds the record, by its capsule.
+static bool is_held_by_this_thread(tModuleState* m, CPerThreadBody* body)
+{
+    PyObject* dict = body->capsule_ptr ? api.PyThreadState_GetDict() : nullptr;
+    XPyOwned capsule;
+    if (dict && api.PyDict_GetItemRef(dict, m->_gThreadStateDictKey, capsule.out()) < 0)
+        api.PyErr_Clear();
+    return capsule && capsule.borrow() == body->capsule_ptr;
+}
+
 int CPerThread_StorePerThreadForCurrentThreadInPyTss_direct(tModuleState* m, PyObject* per_thread)
 {
     CPerThreadBody* body = need_per_thread(m, per_thread);
     if (!body)
         return -1;
-    // Without a capsule nothing holds the record for the thread, and where the program has replaced the finalizer its
-    // death would pass the pair by.
-    if (!body->capsule_ptr && !CPerThread_HasOwnFinalizer(per_thread))
+    // Without a capsule nothing holds the record for the thread: where the program has replaced the finalizer its
+    // death would pass the pair by; and without the interpreter lock it might die, or be given to another thread,
+    // while the pair is being used.
+    bool is_safe =
+        gIsLockOff ? is_held_by_this_thread(m, body) : body->capsule_ptr || CPerThread_HasOwnFinalizer(per_thread);
+    if (!is_safe)
         return CPerThread_ClearPerThreadForCurrentThread(m);
     _tPyTssData* pair = nullptr;
     if (CPerThread_ClearPerThreadForCurrentThread(m) == 0)
@@ -175,7 +188,8 @@ static int try_register_inner(tModuleState* m, PyObject* per_thread)
         return -1;
     if (body->capsule_ptr)
         return 0;
-    long long thread_id = body->fThreadId ? api.PyLong_AsLongLong(body->fThreadId) : 0;
+    XPyOwned id(XPy_NewRefOfMember(per_thread, &body->fThreadId));
+    long long thread_id = id ? api.PyLong_AsLongLong(id.borrow()) : 0;
     if (thread_id == -1 && api.PyErr_Occurred())
         return fail_int(m->dp, "Exception in CPerThread_RegisterThreadStateDictCapsule_direct()\n");
     if (static_cast<unsigned long>(thread_id) != api.PyThread_get_thread_ident())
@@ -194,14 +208,17 @@ int CPerThread_TryRegisterThreadStateDictCapsule_direct(tModuleState* m, PyObjec
 
 static int discard_inner(tModuleState* m, PyObject* per_thread, CPerThreadBody* body)
 {
-    if (m->CPerThread && body->fThreadId) {
+    XPyOwned id(m->CPerThread ? XPy_NewRefOfMember(per_thread, &body->fThreadId) : nullptr);
+    if (id) {
         XPyOwned dict(CPerThread_get_fPerThreadDict(m));
         if (!dict)
             return -1;
-        XPyOwned found(api.PyObject_GetItem(dict.borrow(), body->fThreadId));
+        XPyOwned found(api.PyObject_GetItem(dict.borrow(), id.borrow()));
         if (!found && !clear_if_raised(api.PyExc_KeyError))
             return -1;
-        if (found && api.PyObject_DelItem(dict.borrow(), body->fThreadId) < 0)
+        // gone meanwhile, where another thread clears the registry
+        if (found && api.PyObject_DelItem(dict.borrow(), id.borrow()) < 0 &&
+            !(gIsLockOff && clear_if_raised(api.PyExc_KeyError)))
             return -1;
     }
     body->capsule_ptr = nullptr;

@@ -2,8 +2,24 @@
 
 #include "optmonitoring_internal.h"
 
+// The same where other threads use the tables meanwhile: the new ones are there before the old ones go.
+static int exchange_file_tables(tModuleState* m)
+{
+    tFileOpsData* made = create_file_ops_data(m->dp);
+    tFileOpsData* old = replace_file_ops_data(&m->file_ops_data, made);
+    if (old)
+        destroy_file_ops_data(old);
+    CPerCodeObject_ForgetFindings(m);
+    if (made)
+        return 0;
+    api.PyErr_NoMemory();
+    return -1;
+}
+
 static int replace_file_tables(tModuleState* m)
 {
+    if (gIsLockOff)
+        return exchange_file_tables(m);
     while (tFileOpsData* old = m->file_ops_data) {  // what its end runs may reset the module, which makes a new one
         m->file_ops_data = nullptr;
         destroy_file_ops_data(old);
@@ -27,7 +43,8 @@ static int reset_inner(tModuleState* m)
     m->_gThisProcessPid = api.cached_pid;
     if (replace_file_tables(m) < 0)
         return -1;
-    XPyOwned cleared(api.PyObject_CallMethod(m->_gInternalPathnameDict, "clear", nullptr));
+    XPyOwned internal_table(new_internal_table(m));
+    XPyOwned cleared(api.PyObject_CallMethod(internal_table.borrow(), "clear", nullptr));
     if (!cleared || CPerFile_ClsReset(m) < 0 || CPerCodeObject_ClsReset(m) < 0)
         return -1;
     return CPerThread_ClsReset(m);

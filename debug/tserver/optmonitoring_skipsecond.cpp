@@ -66,7 +66,15 @@ static int CInitialCallback_SkipSecondCallback_inner(tModuleState* m,
                                                      CInitialCallback_SkipSecondCallback_locals* locals)
 {
     int event_id = locals->body->_fEventId;
-    CPerCodeObjectBody* record = locals->per_code_object_body;
+    const CPerCodeObjectBody* record = locals->per_code_object_body;
+    XPyOwned held_linenos;
+    CPerCodeObjectBody held;
+    if (gIsLockOff) {  // the decision is made over what the record holds now, which another thread may replace
+        held = *record;
+        held_linenos.reset(XPy_NewRefOfMember(locals->per_code_object, &record->fEnabledBpLinenos));
+        held.fEnabledBpLinenos = held_linenos.borrow();
+        record = &held;
+    }
     LOG("  CInitialCallback.SkipSecondCallback(): event id %i; ", event_id);
     tSkipReason reason = kUnknownEvent;
     if (is_known_event(m, event_id)) {

@@ -19,6 +19,7 @@ static constexpr int kMostContexts = 1000;  // read of one exception; the progra
 
 static constexpr int kMostLeft = 1024;        // one for each thread, generator and coroutine in which an event failed
 static PyObject* left_exceptions[kMostLeft];  // addresses alone, the latest first; null: free
+tSharedLock gLeftExceptionsLock;
 
 static int find_left(PyObject* exception)  // kMostLeft: not there
 {
@@ -30,6 +31,7 @@ static int find_left(PyObject* exception)  // kMostLeft: not there
 
 static void remember_left(PyObject* exception)
 {
+    XPyLocked locked(&gLeftExceptionsLock);
     int at = find_left(exception);
     int moved = at < kMostLeft ? at : kMostLeft - 1;
     memmove(left_exceptions + 1, left_exceptions, static_cast<size_t>(moved) * sizeof *left_exceptions);
@@ -38,6 +40,7 @@ static void remember_left(PyObject* exception)
 
 static void forget_left(PyObject* exception)
 {
+    XPyLocked locked(&gLeftExceptionsLock);
     int at = find_left(exception);
     if (at == kMostLeft)
         return;
@@ -49,6 +52,7 @@ static void forget_left(PyObject* exception)
 // Where all places are taken, any may have been forgotten.
 static bool is_perhaps_left(PyObject* exception)
 {
+    XPyLocked locked(&gLeftExceptionsLock);
     return find_left(exception) < kMostLeft || left_exceptions[kMostLeft - 1];
 }
 

@@ -40,6 +40,11 @@ def module_dir():
     return MODULE_DIR
 
 
+def is_lock_off():
+    """Whether threads run at the same time. After the module is loaded: it has the lock switched on, unless PYTHON_GIL=0."""
+    return FREE_THREADED and not sys._is_gil_enabled()
+
+
 def module_file():
     return os.path.join(module_dir(), "optmonitoring.so")
 

@@ -1,15 +1,18 @@
 """The module in a free-threaded interpreter: the lock it asks for, the layout, the filter in many threads."""
 
 import collections
+import os
 import sys
 import threading
 import unittest
 
+import child_storm
 import support
 from test_layout_truth import API, MISSING
 
 THREADS = 8
 LONG = 120          # seconds; only a deadlock takes that long
+STORM_SECONDS = os.environ.get("OPTMONITORING_STORM_SECONDS", "1")
 
 LOADING = """
 import sys, warnings
@@ -44,7 +47,7 @@ class FreeThreadedTest(unittest.TestCase):
         self.assertEqual(out, "False\nTrue\n[('RuntimeWarning', True)]\n4\n")
 
     def test_lock_is_on_here(self):
-        self.assertIs(sys._is_gil_enabled(), True)
+        self.assertIs(sys._is_gil_enabled(), os.environ.get("PYTHON_GIL") != "0")
 
     def test_header_has_a_mutex_and_no_count(self):
         self.assertEqual(API.pyobject_offsets.refcnt, MISSING)
@@ -128,6 +131,22 @@ class ThreadsTest(unittest.TestCase):
         self.assertEqual(len(self.stops([function] * THREADS, [10] * THREADS)), THREADS)
         self.assertEqual(self.om.CPerThread.GetAllPerThreads(), [])
         self.assertEqual(support.total_instances(self.om.CPerThread), before)
+
+
+@unittest.skipUnless(support.FREE_THREADED, "this interpreter is not free-threaded")
+class StormTest(unittest.TestCase):
+    """Eight threads do one thing each at the same time, without the interpreter lock."""
+
+
+def _make_storm(kind):
+    def test(self):
+        out = support.check_child(self, "child_storm.py", STORM_SECONDS, kind, environment={"PYTHON_GIL": "0"})
+        self.assertRegex(out, r"^\{'%s': [1-9]\d*\} [1-9]\d*\n$" % kind)
+    return test
+
+
+for _kind in sorted(set(child_storm.kinds) - {"forks", "everything"}):      # see the limits of 3.13's fork: docs/reliability.md
+    setattr(StormTest, "test_" + _kind, _make_storm(_kind))
 
 
 if __name__ == "__main__":
