@@ -15,6 +15,10 @@ MUSL_INTERPRETERS ?= 3.13-musl
 # How long `make fuzz` fuzzes each unit.
 FUZZ_SECONDS ?= 60
 
+# How long `make storm` goes on, and in which interpreters: those that can run without their lock.
+STORM_SECONDS ?= 3600
+STORM_PYTHONS ?= $(shell tools/interpreters list --cmake --min 3.13 | awk -F'|' '$$3 == "freethreaded" { print $$4 }')
+
 # Interpreters to run under the sanitizers: the first one with sys.monitoring, or those named.
 WATCHED_PYTHONS ?= $(or $(PYTHONS),$(shell tools/interpreters list --cmake --min 3.12 | \
                      awk -F'|' '$$3 == "release" { print $$1; exit }'))
@@ -30,7 +34,7 @@ WATCHED_HOSTS ?= $(or $(PYTHONS),$(shell tools/interpreters list --cmake --min 3
 WATCHED_SESSIONS = files|fork|log|own_errors|stops|switching|threads|conditions|evaluation
 
 .PHONY: help setup build run demo test test-long test-one test-all test-cpp test-python test-brixdebug test-life test-adapter \
-        test-reference test-editors test-aarch64 test-musl test-machines cpython-suites wheel wheels vsix types inject fuzz \
+        test-reference storm test-editors test-aarch64 test-musl test-machines cpython-suites wheel wheels vsix types inject fuzz \
         asan tsan valgrind bench bench-quick bench-host bench-adapter bench-growth bench-units bench-debugpy bench-pandas bench-docs \
         tests-configured tests-built some-interpreters interpreters fresh clean lint format hooks coverage
 
@@ -183,6 +187,11 @@ test-machines:  ## of these two what three minutes allow: one interpreter for aa
 
 test-life: tests-built  ## hostile programs, failing hooks, births and deaths (some minutes an interpreter)
 	@tools/run_ctest $(BUILD) -R '^life_'
+
+storm: build  ## eight threads do everything at once, without the interpreter lock, for STORM_SECONDS (an hour)
+	@found=; for python in $(STORM_PYTHONS); do found=1; echo "storm: $$python"; \
+	    PYTHON_GIL=0 OPTMONITORING_DIR=$(BUILD) $$python tests/python/child_storm.py $(STORM_SECONDS) || exit 1; done; \
+	    [ -n "$$found" ] || { echo "storm: no free-threaded interpreter was found"; exit 1; }
 
 inject: tests-built  ## every allocation and every interpreter call failing in turn (some minutes an interpreter)
 	@tools/run_ctest $(BUILD) -R '^inject_'
