@@ -21,9 +21,10 @@ _HERE = os.path.dirname(os.path.abspath(__file__))
 _HOST_DIR = os.path.join(os.path.dirname(_HERE), "debug", "host")
 _VERSION = "%d.%d" % sys.version_info[:2]
 
+CHILD_SECONDS = 600
 SITUATIONS = ("condition", "ignore", "hits", "log")
-# pdb has no hit conditions and no texts to be logged.
-MEASURED_BY = {"brixdebug": SITUATIONS, "pdb": ("condition", "ignore"), "debugpy": ("condition",)}
+# pdb has no hit conditions and no texts to be logged; what debugpy ignores is a hit condition.
+MEASURED_BY = {"brixdebug": SITUATIONS, "pdb": ("condition", "ignore"), "debugpy": ("condition", "hits", "log")}
 
 
 def run_child(options, debugger, situation):
@@ -33,7 +34,8 @@ def run_child(options, debugger, situation):
         path.append(options.debugpy.replace("{version}", _VERSION))
     child = subprocess.run([sys.executable, os.path.join(_HERE, "condition_cost_child.py"), debugger, situation],
                            env={**os.environ, "PYTHONPATH": os.pathsep.join(path), "PYDEVD_DISABLE_FILE_VALIDATION": "1"},
-                           stdout=subprocess.PIPE, text=True, stdin=subprocess.DEVNULL, check=True)
+                           stdout=subprocess.PIPE, text=True, stdin=subprocess.DEVNULL, check=True,
+                           timeout=CHILD_SECONDS)
     result = json.loads(child.stdout.splitlines()[-1])
     if result["stops"] != 1:
         raise SystemExit("error: %s, %s: %s stops where 1 was to be" % (debugger, situation, result["stops"]))

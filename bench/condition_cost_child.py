@@ -18,6 +18,7 @@ def loop(count, final=False):
 """
 LINE = 5
 CONDITION = "index == -1 or final"
+LOG = "index is {index}"
 FAR = 1_000_000_000                       # hits that are never reached
 
 PASSES, MEASUREMENTS = 500, 60
@@ -88,7 +89,7 @@ def measure_brixdebug(situation, module):
         if situation == "hits":
             breakpoint.hit_condition = HitCondition.parse("== %d" % FAR)
         elif situation == "log":
-            breakpoint.log_text = LogText("index is {index}")
+            breakpoint.log_text = LogText(LOG)
         return breakpoint
     return run_pdb_like(brixdebug.Debugger, set_break, situation, module)
 
@@ -103,18 +104,20 @@ def _set_break(debugger, situation, module):
     return breakpoint
 
 
-def measure_debugpy(_, module):
-    """Through its own adapter; debug_client.py sets the breakpoint, and prints the line of each stop."""
+def measure_debugpy(situation, module):
+    """Through its own adapter; debug_client.py sets the breakpoint, and prints the line of each stop and each text."""
     import debugpy
     debugpy.configure(subProcess=False)
     _, port = debugpy.listen(("127.0.0.1", 0), in_process_debug_adapter=True)
+    wanted = {"condition": (CONDITION,), "hits": ("", "== %d" % (PASSES * MEASUREMENTS + 1)), "log": (CONDITION, "", LOG)}
     client = subprocess.Popen([sys.executable, "-S", os.path.join(os.path.dirname(__file__), "debug_client.py"), str(port),
-                               module.__file__, str(LINE), CONDITION], stdout=subprocess.PIPE, text=True)
+                               module.__file__, str(LINE), *wanted[situation]], stdout=subprocess.PIPE, text=True)
     debugpy.wait_for_client()
     result = {"nanoseconds": fastest(module.loop)}
     module.loop(1, True)
+    first = client.stdout.readline()
     client.terminate()
-    result["stops"] = client.communicate()[0].split().count(str(LINE))
+    result["stops"] = (first + client.communicate()[0]).split().count(str(LINE))
     return result
 
 

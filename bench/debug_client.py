@@ -1,9 +1,10 @@
 """The client of a debug adapter.
 
-    python3 debug_client.py PORT FILE LINE CONDITION
+    python3 debug_client.py PORT FILE LINE CONDITION [HIT_CONDITION [LOG_MESSAGE]]
 
 Speaks the Debug Adapter Protocol with the adapter on the port of this machine: sets one breakpoint, prints the line of
-every stop, and lets the program go on.  An empty condition stops always.  A stop is printed before the program goes on, so
+every stop, or of every message that is logged, and lets the program go on.  What is empty is left out: a breakpoint without
+a condition stops always.  A stop is printed before the program goes on, so
 that a program whose code goes on finds its line printed.  Ends when the adapter closes the connection.
 
 adapter_cost.py talks through the same class to adapters that it starts.
@@ -68,14 +69,15 @@ class Client:
             if message["type"] == "event" and message["event"] == wanted:
                 return message
 
-    def begin(self, command, arguments, path, line, condition=None):
+    def begin(self, command, arguments, path, line, condition=None, hit_condition=None, log_message=None):
         """A session with one breakpoint: launch or attach, up to the end of the configuration."""
         self.request("initialize", adapterID="bench", pathFormat="path", linesStartAt1=True, columnsStartAt1=True,
                      supportsVariableType=True, supportsVariablePaging=True)
         begun = self.send(command, **arguments)          # answered only after the configuration
         if self.next_event("initialized") is None:
             raise SystemExit("debug_client.py: %s failed" % command)
-        breakpoint = dict({"line": line}, **{"condition": condition} if condition else {})
+        wanted = {"condition": condition, "hitCondition": hit_condition, "logMessage": log_message}
+        breakpoint = {"line": line, **{name: text for name, text in wanted.items() if text}}
         answer = self.request("setBreakpoints", source={"path": path}, breakpoints=[breakpoint])
         if not answer["breakpoints"][0]["verified"]:
             raise SystemExit("debug_client.py: the breakpoint was refused: %s" % answer)
@@ -83,11 +85,13 @@ class Client:
         return begun
 
 
-def run(port, path, line, condition):
+def run(port, path, line, condition, hit_condition="", log_message=""):
     connection = socket.create_connection(("127.0.0.1", port), CONNECT_TIMEOUT)
     connection.settimeout(None)
     client = Client(connection.makefile("rb"), connection.makefile("wb", buffering=0))
-    client.begin("attach", {"justMyCode": False}, path, line, condition)
+    client.begin("attach", {"justMyCode": False}, path, line, condition, hit_condition, log_message)
+    if log_message:
+        print_logged(client, line, log_message.partition("{")[0])
     while True:
         event = client.next_event("stopped")
         if event is None:
@@ -98,5 +102,13 @@ def run(port, path, line, condition):
         client.request("continue", threadId=thread)
 
 
+def print_logged(client, line, begin):
+    event = client.next_event("output")
+    while event is not None:
+        if begin in event["body"]["output"]:
+            print(line, flush=True)
+        event = client.next_event("output")
+
+
 if __name__ == "__main__":
-    run(int(sys.argv[1]), sys.argv[2], int(sys.argv[3]), sys.argv[4])
+    run(int(sys.argv[1]), sys.argv[2], int(sys.argv[3]), *sys.argv[4:])
