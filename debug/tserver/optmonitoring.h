@@ -59,6 +59,7 @@ struct _tPyTssData {
     PyThreadState* fThreadStatePtr;  // the thread state for which the pair was made
 };
 
+// ADD-MEMBER: its field, with its owner.
 struct CPerThreadBody {
     PyObject* mod;            // [owned]
     tModuleState* mod_state;  // not owned; null once cleared

@@ -110,6 +110,7 @@ class CPerThread:
     _fNewPerThreadCreatedCallback: ClassVar[Callable[[CPerThread], object] | None]
     _fGetThreadNameCallback: ClassVar[Callable[[CPerThread], object] | None]
 
+    # ADD-MEMBER: its type, and what help() shows of it.
     @property
     def mod(self) -> ModuleType:
         """The module of the class."""

@@ -28,6 +28,7 @@ inline constexpr char kDocCInitialCallback_Callback[] =
 inline constexpr char kDocCPerThread[] =
     "The record of one thread.\n\n"
     "CPerThread(thread_id) makes one without looking for an older one; ask GetPerThread for the record of a thread.";
+// ADD-MEMBER: what help() shows of it, kDocCPerThread_NAME.
 inline constexpr char kDocCPerThread_mod[] = "The module of the class.";
 inline constexpr char kDocCPerThread_fThreadId[] = "The thread's id, as threading.get_ident() has it.";
 inline constexpr char kDocCPerThread_fSteppingEventsNeeded[] =

@@ -120,6 +120,7 @@ static void withdraw_capsule(tModuleState* m, CPerThreadBody* body)
         api.PyErr_Clear();
 }
 
+// ADD-MEMBER: its initial value, here or in init_inner() if making it can fail.
 static void set_initial_values(tModuleState* m, PyObject* module, CPerThreadBody* body, PyObject* thread_id)
 {
     body->mod = XPy_NewRef(module);
@@ -516,6 +517,7 @@ static PyMethodDef kMethods[] = {
     {nullptr, nullptr, 0, nullptr},
 };
 
+// ADD-MEMBER: its row. A dying record releases its objects in the order of the rows.
 static PyMemberDef kMembers[] = {
     MEMBER(CPerThread, mod, kMemberObject, kMemberReadOnly),
     MEMBER(CPerThread, fThreadId, kMemberObject, kMemberReadOnly),

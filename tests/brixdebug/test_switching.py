@@ -60,6 +60,7 @@ NOTHING = "[None, None, None, None, None, None]"
 FIND = "['PY_RESUME', 'PY_START', 'PY_THROW']"
 
 
+# CHANGE-ANSWER: what the debugger has switched on and off.
 class SwitchingTestCase(unittest.TestCase):
 
     def setUp(self):

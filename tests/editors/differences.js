@@ -8,6 +8,7 @@ const DEFAULT_TEXT = "has a text of its own, which does not name the argument so
 const SHELL = "splits a text only in a terminal's shell";
 const NO_PAGES = "has no pages: it sends the first 300 elements, methods among them";
 
+// ADD-REQUEST: what debugpy does otherwise, and why.
 const DIFFERENCES = {
     // launching
     "a program killed by a signal ends with 128 and its number": "ends with 256 less the number",

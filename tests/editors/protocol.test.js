@@ -67,6 +67,7 @@ scenario("requests sent together are answered in their order, each once", async 
 
 scenario("what is offered is there: no capability's request is unknown", async (s) => {
     await s.initialize();
+    // ADD-REQUEST: its capability; this fails until it is here.
     const requests = {
         supportsFunctionBreakpoints: ["setFunctionBreakpoints", { breakpoints: [] }],
         supportsSetVariable: ["setVariable", { variablesReference: 0, name: "x", value: "1" }],

@@ -15,6 +15,7 @@ import support
 from child_cases import attempt, case, main, new_program
 from filter_support import EVENT_NAMES, event_id
 
+# ADD-MEMBER: its name.
 FIELDS = {
     "CInitialCallback": ("_mod", "_fSecondCallback", "_fCanReturnDisable", "fAnySuspendThread",
                          "fSteppingEventsNeededEveryThread"),

@@ -284,6 +284,7 @@ class HooksThatAreOff(FilterTestCase):
 STATES = 1500
 LINES = (None, set(), {LINE}, {LINE + 1}, {LINE + 8}, {LINE, LINE + 8, LINE + 16}, set(range(LINE + 1, 40)), {LINE, "2"},
          set(range(LINE + 64, 20000, 64)), frozenset({LINE}), {float(LINE)}, frozenset(), {True, LINE + 32})
+# ADD-MEMBER: its values, if the filter reads it, and what they change in expected().
 STATE_VALUES = {
     "event": EVENT_NAMES + (99,),
     "arguments": ((), (LINE,), (LINE,), (LINE,), (LINE, "more"), (-LINE,), ("2",), (None,)),
@@ -306,6 +307,7 @@ STATE_VALUES = {
 }
 
 
+# CHANGE-ANSWER: the plain model of both paths.
 def expected(state):
     """(answer, what was called in which order), by the steps as they are described."""
     called = ["record"] if state.is_first else []

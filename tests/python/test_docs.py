@@ -177,6 +177,19 @@ class Names(unittest.TestCase):
         listed = [re.match(r"  ([a-z0-9-]+) +\S", line).group(1) for group in groups for line in group[1:]]
         self.assertEqual(sorted(listed), sorted(self.make_targets() - {"help"}))
 
+    def test_marked_places(self):
+        words = set(re.findall(r"`((?:ADD|CHANGE)-[A-Z]+)`", read("CONTRIBUTING.md")))
+        marked = collections.defaultdict(set)
+        for part in "debug", "docs", "tests":
+            for path in glob.glob(os.path.join(ROOT, part, "**", "*.*"), recursive=True):
+                if path.endswith((".cpp", ".h", ".py", ".pyi", ".js", ".md")):
+                    for word in re.findall(r"(?:#|//|<!--) ((?:ADD|CHANGE)-[A-Z]+): ", read(path)):
+                        marked[word].add(part)
+        self.assertEqual(set(marked), words)
+        for word in words:
+            with self.subTest(word):
+                self.assertLessEqual({"debug", "tests"}, marked[word])
+
     def test_modules_to_be_run(self):
         sys.path.insert(0, HOST)
         self.addCleanup(sys.path.remove, HOST)

@@ -8,7 +8,7 @@ import unittest
 import support
 from record_support import Raising, RaisingMapping, RecordTestCase, key_error
 
-# Every member is in one of these.
+# ADD-MEMBER: its name in one of these, and its first value in test_initial_values.
 READ_ONLY = ("mod", "fThreadId", "fThreadName")
 WRITABLE = ("fOuterMostFrame", "fStopFrame", "fDontStopLinenoRange", "fReturnFrame", "fStopAtNextLine", "fSuspendLock",
             "fSteppingCodeObjects")                # in the order in which a dying record releases them

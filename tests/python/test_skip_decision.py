@@ -39,6 +39,7 @@ def expected(event, thread_steps, code_steps, lines, returns, line):
     return False, SKIP
 
 
+# CHANGE-ANSWER: cases of the skip decision; those of the other steps are in test_initial_callback.py.
 class DecisionTestCase(FilterTestCase):
     def setUp(self):
         super().setUp()

@@ -28,7 +28,8 @@ else:
 # What follows a name that is not meant as a command: `set = 1`, `info.x`, `set(x)`.
 _EXPRESSION_STARTS = tuple("=.([,:+-*/%@&|^<>!")
 
-# Commands that do something without an argument.
+# Commands that do something without an argument; of others, the bare word shows the variable of that name.
+# ADD-COMMAND: its name, if it is one of these.
 _BARE_COMMANDS = {"threads", "catch", "set", "watch", "unwatch"}
 
 

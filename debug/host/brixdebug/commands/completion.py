@@ -126,6 +126,7 @@ class CompletionCommands(ThreadCommands, ProcessCommands, InformationCommands, S
 
 
 # command -> the kinds of its words, the last for all that follow
+# ADD-COMMAND: what TAB proposes for its arguments; no row for a command without arguments.
 _ARGUMENTS: dict[str, tuple[str, ...]] = {
     "set": ("setting", "switch"),
     "info": ("topic",),

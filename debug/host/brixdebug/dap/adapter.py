@@ -92,6 +92,7 @@ class Adapter:
         except RequestError as error:
             self._client.refuse(message, str(error))
             return True
+        # ADD-REQUEST: a branch, if it may come before `launch` or this process answers it.
         if command == "initialize":
             self._on_initialize(message)
         elif self._initialize is None:

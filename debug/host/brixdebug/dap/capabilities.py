@@ -11,6 +11,7 @@ if TYPE_CHECKING:
     from brixdebug.dap.asking import Arguments
 
 # Each is kept by the request, or the argument of one, that it names.
+# ADD-REQUEST: its capability, if the protocol has one.
 _OF_PROGRAM: dict[str, object] = {
     "supportsConfigurationDoneRequest": True,
     "supportsFunctionBreakpoints": True,

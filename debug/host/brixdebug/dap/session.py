@@ -61,6 +61,7 @@ if TYPE_CHECKING:
 
 _STRANGER_SECONDS = 10        # to say who one is, from the first moment to the last
 _END_SECONDS = 5.0            # from SIGTERM to the end
+# ADD-REQUEST: its name, if it may come before `launch`.
 _ALWAYS = ("initialize", "launch", "attach", "disconnect")       # what a client may ask for that has not begun
 
 

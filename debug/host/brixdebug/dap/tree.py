@@ -74,6 +74,7 @@ class Frame:
         self.line = line
 
 
+# ADD-REQUEST: numbers of things that an answer names and a later request gives back are made, kept and forgotten here.
 class Tree:
     """The frames and variables of the stop that there is."""
 
