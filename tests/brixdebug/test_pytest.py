@@ -221,6 +221,42 @@ class BreakpointTest(PytestTestCase):
         self.assertEqual(session.do("p third"), "3\n")
         self.check_all_pass(session, 3)
 
+    def test_quit_beside_threads(self):
+        """In the test and in a thread of it: pytest ends the run by itself, the test cleans up, and no thread reports."""
+        self.write("""\
+            import threading
+            def work(begun, end):
+                begun.set()
+                end.wait()                   # waits
+                here = 1                     # worker
+            def test_one():
+                begun, end = threading.Event(), threading.Event()
+                thread = threading.Thread(target=work, args=(begun, end))
+                thread.start()
+                begun.wait()
+                try:
+                    here = 1                 # test
+                    if WORKER:
+                        end.set()
+                        thread.join()
+                finally:
+                    end.set()                # end
+                    thread.join()
+            def test_two():
+                pass
+            """)
+        text = self.program.read_text()
+        for mark in "test", "worker":
+            with self.subTest(mark):
+                self.program.write_text(text.replace("WORKER", str(mark == "worker")))
+                session = self.start(mark)
+                self.assertIn(self.break_place(mark, "test_one" if mark == "test" else "work"), session.do("continue"))
+                printed, status = session.end("quit")
+                self.assertIn("Exit: Quitting debugger", printed)
+                for noise in "BdbQuit", "ERROR", "passed", "failed", "restarted":
+                    self.assertNotIn(noise, printed)
+                self.assertEqual(status, 0)
+
     def test_quit_at_calls_in_the_tests(self):
         """pytest makes a debugger of its own there; its end is the session's."""
         self.write(STOPPING.replace("CALL", "breakpoint()"))

@@ -11,10 +11,11 @@ import traceback
 from brixdebug import compat, ipython, log, processes
 from brixdebug.commands.stack import without_start
 from brixdebug.debugger import Debugger
-from brixdebug.engine import BdbQuit, reporter
+from brixdebug.engine import reporter
 from brixdebug.entry import PDB_NAMES, standard, take_over
 from brixdebug.monitor import monitor
 from brixdebug.options import take_own_options
+from brixdebug.session_ends import hide_quit
 from brixdebug.sharing import sharing
 from brixdebug.thread_ends import comes_of_quit
 from brixdebug.version import __version__
@@ -195,14 +196,6 @@ def _attach_options(arguments: list[str]) -> tuple[int, list[str]] | None:
     return options.pid, options.command
 
 
-def _hide_quit(show: Callable[[Any], object]) -> Callable[[Any], None]:
-    """Threads that end because the user quits have nothing to report."""
-    def excepthook(args: Any) -> None:
-        if args.exc_type is not BdbQuit:
-            show(args)
-    return excepthook
-
-
 def _stop_at_ends_of_threads(show: Callable[[Any], object]) -> Callable[[Any], None]:
     """Threads that `threading` has not started report their end to this hook, from C code."""
     def unraisablehook(args: Any) -> None:
@@ -264,8 +257,8 @@ def main() -> None:
     else:
         _leave_options_to_program(arguments)
     sys.argv[1:] = arguments
-    threading.excepthook = _hide_quit(threading.excepthook)
-    sys.unraisablehook = _stop_at_ends_of_threads(_hide_quit(sys.unraisablehook))
+    threading.excepthook = hide_quit(threading.excepthook)
+    sys.unraisablehook = _stop_at_ends_of_threads(hide_quit(sys.unraisablehook))
     take_over()
     processes.begin_session()
     sharing.expect_others()

@@ -363,6 +363,8 @@ class Reporter:
         if not self._monitor.suspension.is_ending_all:
             return False
         thread_id = _thread.get_ident()
+        if thread_id in self._raiser.finished_thread_ids and self._has_error_to_raise():
+            return False
         if thread_id in self._raiser.finished_thread_ids or ends_by_itself(frame):
             return True
         if is_line and is_without_handlers(frame):
@@ -372,6 +374,10 @@ class Reporter:
         elif is_line:
             self._raiser.end_again(frame)
         return True
+
+    def _has_error_to_raise(self) -> bool:
+        debugger = self._monitor.debugger
+        return debugger is not None and debugger.stop_states.own().error_to_raise is not None
 
     # -- reporting -------------------------------------------------------------------
 

@@ -15,6 +15,7 @@ from brixdebug.suspension import debugged_frames
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
+    from collections.abc import Callable
     from types import FrameType
     from typing import Any
 
@@ -25,6 +26,14 @@ if TYPE_CHECKING:
         def _cmdloop(self) -> None: ...
 else:
     _StandardDebugger = object
+
+
+def hide_quit(show: Callable[[Any], object]) -> Callable[[Any], None]:
+    """Threads that end because the user quits have nothing to report."""
+    def excepthook(args: Any) -> None:
+        if args.exc_type is not BdbQuit:
+            show(args)
+    return excepthook
 
 
 class Ends(_StandardDebugger):
@@ -76,7 +85,15 @@ class Ends(_StandardDebugger):
         finally:
             self._keeps_tracing = keeps_tracing
         monitor.end_all_threads()
-        self._raise_in_main_thread(BdbQuit())
+        kind = streams.exit_of_pytest()
+        if kind is None:
+            self._raise_in_main_thread(BdbQuit())
+            return
+        # It ends the run of the tests by itself, and finishes them; its hook would report the other threads.
+        threading.excepthook = hide_quit(threading.excepthook)
+        self._raise_in_main_thread(kind("Quitting debugger"))
+        main_id: Any = threading.main_thread().ident
+        monitor.raiser.finished_thread_ids.add(main_id)
 
     # -- restart ----------------------------------------------------------------------------------
 
