@@ -91,6 +91,20 @@ class SplitTest(unittest.TestCase):
         self.assertLess(seconds / 2, TEN_MINUTES)
 
 
+class EmulatedTest(unittest.TestCase):
+    def test_each_one_chosen_exists(self):
+        """They are run for one processor only, where a name that nothing has any more would be found late."""
+        names = re.findall(r"^ +(test_\w+\.[\w.]+)\b", read("tests", "CMakeLists.txt"), re.M)
+        self.assertGreater(len(names), 5)
+        for name in names:
+            module, owner, test = (name + "..").split(".")[:3]
+            text = read("tests", "brixdebug", module + ".py")
+            with self.subTest(name):
+                self.assertIn("\nclass %s(" % owner, text)
+                if test and "__" not in test:            # else made of a program's name and a session's
+                    self.assertIn("    def %s(self)" % test, text)
+
+
 class StandInTest(unittest.TestCase):
     """With a ctest that says what tests.json has, and a build folder that has nothing."""
 
