@@ -309,13 +309,17 @@ class HoldingTest(ThreadsTestCase):
 
     def test_thread_in_c_code_is_held_when_it_comes_back(self):
         self.write("""\
-            import threading, queue
+            import sys, threading, queue
             wake = queue.SimpleQueue()
             def wait():
                 wake.get()
                 back = 1
             thread = threading.Thread(target=wait, name="waiter", daemon=True)
             thread.start()
+            while True:
+                frame = sys._current_frames()[thread.ident]
+                if (frame.f_code, frame.f_lineno) == (wait.__code__, wait.__code__.co_firstlineno + 1):
+                    break
             here = 1                                 # here
             thread.join()
             print("done")
