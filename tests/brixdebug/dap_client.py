@@ -22,10 +22,9 @@ import sys
 import threading
 import unittest
 
-from host_support import LOCK_WARNING, child_environment, scratch_folder
+from host_support import LOCK_WARNING, SESSION_SECONDS, child_environment, scratch_folder
 from session import write_program
 
-SECONDS = 60             # an adapter that says nothing for that long fails its test
 
 EVENTS = {"breakpoint", "capabilities", "continued", "exited", "initialized", "invalidated", "loadedSource", "memory",
           "module", "output", "process", "progressEnd", "progressStart", "progressUpdate", "stopped", "terminated", "thread"}
@@ -152,7 +151,7 @@ class Client:
     def take(self):
         """Take in one message; False at the end of the stream."""
         try:
-            message = self._messages.get(timeout=SECONDS)
+            message = self._messages.get(timeout=SESSION_SECONDS)
         except queue.Empty:
             self._test.fail("the adapter says nothing; events: %s" % [each["event"] for each in self.events])
         if message is None:

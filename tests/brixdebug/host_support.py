@@ -18,6 +18,7 @@ signal.signal(signal.SIGINT, signal.default_int_handler)
 
 HERE = pathlib.Path(__file__).resolve().parent
 HOST_DIR = HERE.parent.parent / "debug" / "host"
+SESSION_SECONDS = 300 if os.environ.get("EMULATOR") else 60     # a session that says nothing for that long fails its test
 CHILD_SECONDS = 300        # a child that hangs fails its test
 HAS_READLINE = importlib.util.find_spec("readline") is not None
 needs_readline = unittest.skipUnless(HAS_READLINE, "this interpreter comes without readline")

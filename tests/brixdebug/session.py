@@ -19,12 +19,11 @@ import sys
 import textwrap
 import time
 
-from host_support import LOCK_WARNING, child_environment, run_child
+from host_support import LOCK_WARNING, SESSION_SECONDS, child_environment, run_child
 
 PROMPT = "(Pdb) "
 SHOWN = 3000             # characters of a failed session
 MOST_LOCK_SECONDS = 0.03     # a thread that waits for the interpreter lock wakes more often than that
-SECONDS = 60             # a session that says nothing for that long fails its test
 
 
 class Session:
@@ -69,7 +68,7 @@ class Session:
         return self._wait_for(re.compile(re.escape(text)))[0]
 
     def _wait_for(self, pattern):
-        deadline = time.monotonic() + SECONDS
+        deadline = time.monotonic() + SESSION_SECONDS
         found = pattern.search(self._unread)
         while found is None:
             if not self._read_some(deadline):
@@ -122,7 +121,7 @@ class Session:
 
         So often at most, or for as long as a session may be silent.
         """
-        deadline = time.monotonic() + SECONDS
+        deadline = time.monotonic() + SESSION_SECONDS
         for number in itertools.count():
             if times is None and time.monotonic() > deadline or number == times:
                 break
@@ -135,7 +134,7 @@ class Session:
         """Give the command; what the child prints up to its end, and its exit status."""
         if command is not None:
             self.send(command)
-        deadline = time.monotonic() + SECONDS
+        deadline = time.monotonic() + SESSION_SECONDS
         while self._read_some(deadline):
             pass
         try:
@@ -173,7 +172,7 @@ class Session:
     def _wait_until_main_thread_sleeps(self, sleeps_before=-1, pid=None):
         """How often it has gone to sleep; more than SLEEPS_BEFORE.  PID: of a child's own child."""
         pid = pid or self.process.pid
-        deadline = time.monotonic() + SECONDS
+        deadline = time.monotonic() + SESSION_SECONDS
         seen = None
         while time.monotonic() < deadline:
             with open("/proc/%d/task/%d/status" % (pid, pid)) as file:

@@ -4,7 +4,8 @@ import os
 import time
 import unittest
 
-from dap_client import SECONDS, AdapterTestCase
+from dap_client import AdapterTestCase
+from host_support import SESSION_SECONDS
 from session import line_of
 
 PROGRAM = """\
@@ -137,7 +138,7 @@ class SingleThreadTest(AdapterTestCase):
         client.ask("disconnect", terminateDebuggee=False)
         client.wait_for_end()
         process_id = client.wait_for("process")["systemProcessId"]
-        deadline = time.monotonic() + SECONDS
+        deadline = time.monotonic() + SESSION_SECONDS
         while time.monotonic() < deadline:           # nobody is left who could tell
             try:
                 os.kill(process_id, 0)
