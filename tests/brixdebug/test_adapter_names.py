@@ -119,6 +119,7 @@ class NumbersFromZeroTest(AdapterTestCase):
 
     def test_what_is_no_flag_is_refused(self):
         client = self.client()
+        client.record_nothing()
         for name in "linesStartAt1", "columnsStartAt1":
             self.assertEqual(client.refused("initialize", {"adapterID": "brixdebug", name: 1}),
                              "initialize: %r has to be true or false, not 1" % name)
