@@ -68,7 +68,8 @@ class Leftovers(_StandardDebugger):
         try:
             super().user_return(frame, return_value)
         finally:
-            _remove_variable(frame, _RETURNED)
+            if return_value is not None:      # which keeps nothing alive: a module's stays, as in pdb
+                _remove_variable(frame, _RETURNED)
 
     def user_exception(self, frame: FrameType, exc_info: Any) -> None:
         try:
