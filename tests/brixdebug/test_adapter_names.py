@@ -33,7 +33,7 @@ class UriTest(AdapterTestCase):
         frame = client.wait_for_stop("breakpoint")["frame"]
         self.assertEqual((frame["line"], frame["source"]["path"], frame["source"]["name"]), (4, self.uri, NAME))
         self.assertIn(self.uri, [each["path"] for each in client.ask("loadedSources")["sources"]])
-        modules = {each["name"]: each.get("path") for each in client.ask("modules")["modules"]}
+        modules = {each["name"]: each.get("path") for each in client.ask("modules", {})["modules"]}
         self.assertEqual(modules["__main__"], self.uri)
         self.assertEqual([row["line"] for row in client.ask("breakpointLocations", source={"path": self.uri}, line=4)["breakpoints"]], [4])
         self.assertEqual(client.ask("gotoTargets", source={"path": self.uri}, line=3)["targets"][0]["line"], 3)
