@@ -7,6 +7,7 @@ looked at in a table of its module; and the frames of `debug` in a debugger that
 
 from __future__ import annotations
 
+import inspect
 import pdb
 import sys
 
@@ -68,7 +69,7 @@ class Leftovers(_StandardDebugger):
         try:
             super().user_return(frame, return_value)
         finally:
-            if return_value is not None:      # which keeps nothing alive: a module's stays, as in pdb
+            if frame.f_code.co_flags & inspect.CO_OPTIMIZED:      # else it is in a namespace of the program's, as with pdb
                 _remove_variable(frame, _RETURNED)
 
     def user_exception(self, frame: FrameType, exc_info: Any) -> None:
