@@ -96,7 +96,7 @@ def begin(number):
         lines = self.session(self.BARE_THREAD + 'begin(4)\nprint("end")\n', "c", "q")
         self.assertIn("Trouble: number 4", lines)
         self.assertNotIn("end", lines)
-        self.assertEqual(self.child.returncode, 0)
+        self.assertEqual((self.child.returncode, self.child.stderr), (0, ""))
 
     def test_quit(self):
         lines = self.session('run(1)\nprint("end")\n', "c", "q")

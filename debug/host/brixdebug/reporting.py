@@ -300,8 +300,8 @@ class Reporter:
         try:
             if self._monitor.debugger is debugger:
                 debugger.user_uncaught(_getframe(), exception, rule)
-        except bdb.BdbQuit:
-            pass                              # the thread ends by itself
+        except (bdb.BdbQuit, SystemExit):
+            pass                              # quit: the thread ends by itself
         except Exception as error:
             debugger.on_own_error(error)
         finally:
@@ -363,7 +363,7 @@ class Reporter:
         if not self._monitor.suspension.is_ending_all:
             return False
         thread_id = _thread.get_ident()
-        if thread_id in self._raiser.finished_thread_ids and self._has_error_to_raise():
+        if thread_id in self._raiser.finished_thread_ids and self._ends_by_other_error():
             return False
         if thread_id in self._raiser.finished_thread_ids or ends_by_itself(frame):
             return True
@@ -375,9 +375,11 @@ class Reporter:
             self._raiser.end_again(frame)
         return True
 
-    def _has_error_to_raise(self) -> bool:
+    def _ends_by_other_error(self) -> bool:
+        """Something else than BdbQuit is to end the thread, such as pytest's own exception."""
         debugger = self._monitor.debugger
-        return debugger is not None and debugger.stop_states.own().error_to_raise is not None
+        error = debugger.stop_states.own().error_to_raise if debugger is not None else None
+        return error is not None and not isinstance(error, bdb.BdbQuit)
 
     # -- reporting -------------------------------------------------------------------
 
