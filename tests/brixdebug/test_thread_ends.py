@@ -47,6 +47,56 @@ class CaughtQuitTest(unittest.TestCase):
             """, "break 10")
         self.assertEqual(printed[1:], ["closing", "closed", "caught BdbQuit", "end 0", "end 1", "end 2"])
 
+    def test_what_a_daemon_thread_does_for_others_at_the_end(self):
+        """It serves until the interpreter ends it, as without a debugger; other threads end."""
+        printed = self.ended("""\
+            import queue, threading
+            asked, answers = queue.Queue(), queue.Queue()
+            def serve():
+                while True:
+                    try:
+                        answers.put(asked.get() * 2)
+                    except Exception as error:
+                        print("caught", type(error).__name__)
+            def work():
+                try:
+                    while True:
+                        started.set()
+                finally:
+                    asked.put(1)
+            started = threading.Event()
+            server = threading.Thread(target=serve, daemon=True)
+            worker = threading.Thread(target=work)
+            server.start()
+            worker.start()
+            started.wait()
+            try:
+                here = 1
+            finally:
+                worker.join()
+                print("worker:", answers.get())
+                asked.put(2)
+                print("main:", answers.get())
+            """, "break 22")
+        self.assertEqual(printed[1:], ["worker: 2", "main: 4"])
+
+    def test_quit_in_a_daemon_thread_that_catches_it(self):
+        printed = self.ended("""\
+            import threading
+            def step():
+                here = 1
+            def work():
+                while True:
+                    try:
+                        step()
+                    except Exception as error:
+                        print("caught", type(error).__name__)
+            thread = threading.Thread(target=work, daemon=True)
+            thread.start()
+            thread.join()
+            """, "break 3")
+        self.assertEqual(printed[1:], ["caught BdbQuit"])
+
     def test_in_loops_inside_of_each_other(self):
         printed = self.ended("""\
             def step():

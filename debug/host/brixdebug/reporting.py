@@ -17,7 +17,7 @@ from brixdebug import compat
 from brixdebug.decisions import PASSED, UNDECIDED
 from brixdebug.exceptions import RAISED, UNHANDLED
 from brixdebug.raising import is_of_signal_handler
-from brixdebug.suspension import ends_by_itself
+from brixdebug.suspension import ends_by_itself, is_daemon
 from brixdebug.switches import line_at, program_frame
 from brixdebug.thread_ends import is_without_handlers
 
@@ -353,7 +353,7 @@ class Reporter:
             self._report(debugger, frame, name, value)
 
     def _end_thread(self, frame: FrameType, is_line: bool = False) -> bool:
-        """The user has quit: the thread ends here.
+        """The user has quit: the thread ends here, unless it is a daemon that others may wait for.
 
         The program may catch what ends it: it is raised again at the next line of the calls that
         were there when the user quit, once it is no longer being handled.  A new call may be the
@@ -370,7 +370,8 @@ class Reporter:
         if is_line and is_without_handlers(frame):
             return True                       # at the next line
         if thread_id not in self._raiser.ended_thread_ids:
-            self._raiser.raise_in_program(bdb.BdbQuit())
+            if not is_daemon(thread_id):
+                self._raiser.raise_in_program(bdb.BdbQuit())
         elif is_line:
             self._raiser.end_again(frame)
         return True

@@ -73,6 +73,11 @@ def ends_by_itself(frame: FrameType) -> bool:
     return is_threading_code(frame) or frame.f_globals.get("__name__") == "concurrent.futures.thread"
 
 
+def is_daemon(thread_id: int) -> bool:
+    """The interpreter's end does not wait for this thread, which may serve the others up to then."""
+    return getattr(_threading._active.get(thread_id), "_daemonic", False)
+
+
 def suspend_lock_of(per_thread: CPerThread | None) -> SuspendLock | None:
     """The lock in a thread's record; None when it has none of ours, or the thread has ended."""
     lock = getattr(per_thread, "fSuspendLock", None)
