@@ -36,20 +36,31 @@ int set_code_weak_ref(PyObject* self, CPerCodeObjectBody* body, PyObject* code, 
     XPyOwned weak_ref(on_death ? api.PyWeakref_NewRef(code, on_death.borrow()) : nullptr);
     if (!weak_ref)
         return -1;
-    XPy_SetMember(self, &body->fCodeObjectWeakRef, weak_ref.borrow());
+    if (XPY_UNLIKELY(gIsLockOff))
+        set_shared_member(self, &body->fCodeObjectWeakRef, weak_ref.borrow());
+    else
+        XPy_MoveToField(&body->fCodeObjectWeakRef, weak_ref.detach());
     return 0;
 }
 
-static void fill_body(tModuleState* m, PyObject* self, CPerCodeObjectBody* body, PyObject* frame,
-                      const tPathnames& names)
+// The interpreter lock is asked for once: a first event pays for each question.
+template <bool kIsLockOff>
+static void fill_body(tModuleState* m, PyObject* self, CPerCodeObjectBody* body, PyObject* frame, tPathnames* names)
 {
-    PyObject* canonical = names.canonical.borrow();
-    XPy_SetMember(self, &body->fCanonicalPathname, canonical);
-    XPy_SetMember(self, &body->fPathnameToReport, names.to_report.borrow());
-    XPyOwned internal_table(new_internal_table(m));
-    bool is_internal = IsInternalPathname(m->dp, internal_table.borrow(), canonical);
-    XPy_SetMember(self, &body->fIsInternal, is_internal ? api.Py_True : api.Py_False);
-    XPy_SetMember(self, &body->fEnabledBpLinenos, api.Py_None);
+    auto set = [self](PyObject** field, PyObject* value) {
+        kIsLockOff ? set_shared_member(self, field, value) : XPy_SetField(field, value);
+    };
+    PyObject* canonical = names->canonical.borrow();
+    set(&body->fCanonicalPathname, canonical);
+    if (kIsLockOff)
+        set(&body->fPathnameToReport, names->to_report.borrow());
+    else
+        XPy_MoveToField(&body->fPathnameToReport, names->to_report.detach());
+    XPyOwned held(kIsLockOff ? new_internal_table(m) : nullptr);
+    PyObject* internal_table = kIsLockOff ? held.borrow() : m->_gInternalPathnameDict;
+    bool is_internal = IsInternalPathname(m->dp, internal_table, canonical);
+    set(&body->fIsInternal, is_internal ? api.Py_True : api.Py_False);
+    set(&body->fEnabledBpLinenos, api.Py_None);
     body->fSteppingEventsNeededCount = 0;
     body->fReturnEventsNeededCount = 0;
     body->fUpdatePathnameNeeded = frame == api.Py_None;
@@ -77,9 +88,13 @@ int construct_record(tModuleState* m, PyObject* self, CPerCodeObjectBody* body, 
     bool is_started =
         (names->canonical || find_pathnames(m, code, frame, names) == 0) &&
         (body->fCodeObjectWeakRef || set_code_weak_ref(self, body, code, get_death_callback(self)) == 0);
-    if (is_started)
-        fill_body(m, self, body, frame, *names);
-    int is_late = is_started && gIsLockOff ? CPerCodeObject_ClaimSlot(m, self, code) : 0;
+    int is_late = 0;
+    if (XPY_UNLIKELY(is_started && gIsLockOff)) {
+        fill_body<true>(m, self, body, frame, names);
+        is_late = CPerCodeObject_ClaimSlot(m, self, code);
+    } else if (is_started) {
+        fill_body<false>(m, self, body, frame, names);
+    }
     if (!is_started || is_late != 0) {
         undo_record_start(self);
         return is_late > 0 ? 0 : -1;

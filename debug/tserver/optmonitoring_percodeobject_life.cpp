@@ -28,10 +28,18 @@ static PyObject* get_per_file(tModuleState* m, PyObject* canonical, int lineno)
     return per_file.detach();
 }
 
+// The same as need_per_code_object(), quicker for what is no subclass's.
+static inline CPerCodeObjectBody* need_record(tModuleState* m, PyObject* obj)
+{
+    if (XPY_LIKELY(XPy_BorrowTypeInline(obj) == as_type(m->CPerCodeObject)))
+        return per_code_object_body(obj, as_type(m->CPerCodeObject));
+    return need_per_code_object(m, obj);
+}
+
 // Adds the record to, or discards it from, its file's known records.
 static int change_per_file(tModuleState* m, PyObject* record, int (*change)(PyObject*, PyObject*), int lineno)
 {
-    CPerCodeObjectBody* body = need_per_code_object(m, record);
+    CPerCodeObjectBody* body = need_record(m, record);
     if (!body)
         return -1;
     XPyOwned canonical(XPy_NewRefOfMember(record, &body->fCanonicalPathname));
@@ -112,8 +120,10 @@ static int enter_under_own_key(PyObject* dict, PyObject* key, PyObject* record)
 static int enter_in_registry(tModuleState* m, PyObject* record, CPerCodeObjectBody* body)
 {
     XPyOwned dict(CPerCodeObject_get_fPerCodeObjectDict(m));
-    XPyOwned key(dict ? XPy_NewRefOfMember(record, &body->fCodeObjectWeakRef) : nullptr);
-    return key ? enter_under_own_key(dict.borrow(), key.borrow(), record) : -1;
+    if (!dict)
+        return -1;
+    XPyOwned held(XPY_UNLIKELY(gIsLockOff) ? new_ref_of_shared_member(record, &body->fCodeObjectWeakRef) : nullptr);
+    return enter_under_own_key(dict.borrow(), held ? held.borrow() : body->fCodeObjectWeakRef, record);
 }
 
 // ---- The extra slot ----
@@ -211,7 +221,7 @@ static int store_in_extra_slot(tModuleState* m, PyObject* record, PyObject* code
 
 int CPerCodeObject_RegisterPerCodeObject_direct(tModuleState* m, PyObject* per_code_object, PyObject* code)
 {
-    CPerCodeObjectBody* body = need_per_code_object(m, per_code_object);
+    CPerCodeObjectBody* body = need_record(m, per_code_object);
     if (!body || store_in_extra_slot(m, per_code_object, code) < 0)
         return fail_int(m->dp, "Exception in CPerCodeObject_RegisterPerCodeObject_direct()\n");
     if (enter_in_registry(m, per_code_object, body) == 0)

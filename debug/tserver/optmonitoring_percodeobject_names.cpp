@@ -218,16 +218,22 @@ static PyObject* get_shared_known_pair(tModuleState* m, PyObject* filename)
     return pair;
 }
 
-bool find_known_pathnames(tModuleState* m, PyObject* filename, tPathnames* names)
+static inline bool take_pathnames(PyObject* pair, PyObject* filename, tPathnames* names)
 {
-    XPyOwned held(gIsLockOff ? get_shared_known_pair(m, filename) : nullptr);
-    PyObject* pair = gIsLockOff ? held.borrow() : borrow_known_pair(m, filename);
     if (!pair)
         return false;
     PyObject* to_report = api.PyTuple_GetItem(pair, 0);
     names->to_report.reset(XPy_NewRef(to_report == api.Py_None ? filename : to_report));
     names->canonical.reset(XPy_NewRef(api.PyTuple_GetItem(pair, 1)));
     return true;
+}
+
+bool find_known_pathnames(tModuleState* m, PyObject* filename, tPathnames* names)
+{
+    if (XPY_LIKELY(!gIsLockOff))
+        return take_pathnames(borrow_known_pair(m, filename), filename, names);
+    XPyOwned pair(get_shared_known_pair(m, filename));
+    return take_pathnames(pair.borrow(), filename, names);
 }
 
 static PyObject* make_pair(PyObject* first, PyObject* second)

@@ -329,6 +329,15 @@ static inline void XPy_SetField(PyObject** field, PyObject* value)
         XPy_InlineDecRef(old);
 }
 
+// Puts VALUE [steals] into an owned field, then releases what the field held.
+static inline void XPy_MoveToField(PyObject** field, PyObject* value)
+{
+    PyObject* old = *field;
+    *field = value;
+    if (old)
+        XPy_InlineDecRef(old);
+}
+
 // One local strong reference; move-only.
 class XPyOwned
 {
