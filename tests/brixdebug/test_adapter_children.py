@@ -8,7 +8,7 @@ import sys
 import unittest
 
 from dap_client import AdapterTestCase
-from host_support import child_environment
+from host_support import check_child, child_environment
 from session import line_of
 
 
@@ -100,6 +100,27 @@ class ForkTest(ChildrenTestCase):
         os.kill(int(client.children[0]["name"].rpartition(" ")[2]), signal.SIGUSR1)
         self.assertEqual(client.finish(), 0)
         self.assertEqual(client.output["stdout"], "on purpose <module> handle\nstatus 3\n")
+
+    def test_signal_that_does_not_wake_the_child_that_waits(self):
+        """It came just before the wait began, or another thread took it: the handler is called soon all the same."""
+        printed = check_child(self, "-c", """if True:
+            import _thread, signal, threading, types
+            from brixdebug.dap.children import Family
+            configured = threading.Event()
+            family = Family(types.SimpleNamespace(configured=configured, session=None, has_visitors=False))
+            def handle(*_):
+                raise ValueError("on purpose")
+            signal.signal(signal.SIGUSR1, handle)
+            threading.Timer(0.2, _thread.interrupt_main, [signal.SIGUSR1]).start()
+            late = threading.Timer(20, configured.set)
+            late.start()
+            try:
+                family._wait()
+            except ValueError as error:
+                print(error, configured.is_set())
+            late.cancel()
+        """)
+        self.assertEqual(printed, "on purpose False\n")
 
     def test_threads_of_the_debugger_are_no_reason_for_a_warning(self):
         program = self.program("""\

@@ -32,7 +32,7 @@ if TYPE_CHECKING:
     from brixdebug.dap.server import Server
     from brixdebug.dap.session import Session
 
-_CLIENT_SECONDS = 60.0        # for the client to come to a child that it has been asked to come to
+_CLIENT_SECONDS = 60          # for the client to come to a child that it has been asked to come to
 _ANSWER_SECONDS = 10.0        # for a process that runs, to say what it has to say
 _MAX_STRANGERS = 32           # of this user or root, at the same time: the next one waits at the socket
 _MAX_OTHERS = 4               # of other users, as whom a child may run by now: the next one is sent away
@@ -303,9 +303,12 @@ class Family:
         return waits
 
     def _wait(self) -> None:
-        configured = self._server.configured
-        if not configured.wait(_CLIENT_SECONDS) and (self._server.session or self._server.has_visitors):
-            configured.wait(_CLIENT_SECONDS)
+        if not self._is_configured_within(_CLIENT_SECONDS) and (self._server.session or self._server.has_visitors):
+            self._is_configured_within(_CLIENT_SECONDS)
+
+    def _is_configured_within(self, seconds: int) -> bool:
+        """In waits of a second: the handler of a signal that did not wake the main thread is called when one ends."""
+        return any(self._server.configured.wait(1.0) for _ in range(seconds))
 
     def _watch(self, wire: Wire) -> None:
         """Nobody comes any more when the desk has closed."""
