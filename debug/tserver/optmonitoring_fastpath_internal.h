@@ -144,7 +144,7 @@ static inline bool is_known_event(const tModuleState* m, int event_id)
            event_id == m->kPyYieldEventId || event_id == m->kPyResumeEventId;
 }
 
-// CHANGE-ANSWER: a line without a breakpoint while a thread steps or is held, on both paths.
+// CHANGE-ANSWER: a line without a breakpoint while a thread steps or is held, both paths.
 // The skip decision of a known event as far as it can be made without code of the program. THREAD may be null: no
 // record of the thread.
 static inline tSkipReason find_skip_reason(const tModuleState* m, int event_id, const CPerThreadBody* thread,

@@ -210,7 +210,7 @@ static tStep CInitialCallback_Callback_CheckInternal(tEvent* event)
     return is_internal ? answer_internal(event) : kGoOn;
 }
 
-// CHANGE-ANSWER: a line without a breakpoint while no thread steps or is held, on the full path.
+// CHANGE-ANSWER: a line without a breakpoint while no thread steps or is held, full path.
 // Answers LINE events on lines without a breakpoint, before any per-thread work.
 static tStep check_breakpoint_lines(tEvent* event)
 {
@@ -330,7 +330,7 @@ static tStep call_second_callback(tEvent* event)
     return event->answer ? kAnswered : kFailed;
 }
 
-// CHANGE-ANSWER: a step of the full path, and the fast test of the same question in decide_fast().
+// CHANGE-ANSWER: any event: a step of the full path, and the fast test of the same question in decide_fast().
 static inline tStep run_steps(tEvent* event)
 {
     tStep step = check_arguments(event);
@@ -401,7 +401,7 @@ static inline tVerdict decide_fast_for_thread(tModuleState* m, const CInitialCal
     return reason == kLineMayHaveBreakpoint ? kUndecided : kForward;
 }
 
-// CHANGE-ANSWER: the fast test of a step, or kUndecided. A line without a breakpoint: after find_lineno().
+// CHANGE-ANSWER: any event: the fast test of a step, or kUndecided.
 // A verdict without effects: it logs nothing, holds nothing and runs no code of the program. What it borrows is held
 // by the code object's slot and the thread's dict, which nothing can change meanwhile.
 __attribute__((always_inline)) static inline tVerdict decide_fast(tModuleState* m, const CInitialCallbackBody* body,
@@ -421,6 +421,7 @@ __attribute__((always_inline)) static inline tVerdict decide_fast(tModuleState* 
     PyObject* linenos = borrow_deciding_lines(m, body, record_body, nargs);
     if (linenos) {
         tLinenoFound found = find_lineno(linenos, args[1]);
+        // CHANGE-ANSWER: a line without a breakpoint while no thread steps or is held, fast path.
         if (XPY_LIKELY(found == kLinenoAbsent))
             return kAnswerNone;
         if (found == kLinenoOpen)

@@ -317,7 +317,7 @@ scenario("completions after a dot and of a name", async (s) => {
     }
 });
 
-// ADD-REQUEST: a scenario, in the file of its subject.
+// ADD-REQUEST: a scenario: here for values, else in requests.test.js.
 scenario("memory of bytes", async (s) => {
     await inFunction(s, "data = bytes(range(256))");
     const { memoryReference } = await s.local("data");

@@ -307,7 +307,7 @@ STATE_VALUES = {
 }
 
 
-# CHANGE-ANSWER: the plain model of both paths.
+# CHANGE-ANSWER: any event: the plain model of both paths.
 def expected(state):
     """(answer, what was called in which order), by the steps as they are described."""
     called = ["record"] if state.is_first else []

@@ -63,7 +63,7 @@ class Reporter:
 
     # DISABLE is answered only while the epoch stands: see `Switches.is_line_off`.
 
-    # CHANGE-ANSWER: what the debugger answers to lines that the filter lets through.
+    # CHANGE-ANSWER: lines that the filter lets through, in the debugger.
     def _on_line(self, code: CodeType, line: int) -> object:
         try:
             if self._watches.active and self._stops_at_change(_getframe(1), line):

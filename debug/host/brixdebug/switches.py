@@ -452,7 +452,7 @@ class Switches:
         """DISABLE is going to be answered for a place of `code`."""
         self._switched_off.note(code)
 
-    # CHANGE-ANSWER: whether the debugger has the line switched off.
+    # CHANGE-ANSWER: whether a line that got through is switched off, in the debugger.
     def is_line_off(self, code: CodeType, line: int | None) -> bool:
         """Nobody waits for this line of `code`."""
         if not self.is_idle or self._reports_all_lines:

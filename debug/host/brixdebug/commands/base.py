@@ -29,7 +29,7 @@ else:
 _EXPRESSION_STARTS = tuple("=.([,:+-*/%@&|^<>!")
 
 # Commands that do something without an argument; of others, the bare word shows the variable of that name.
-# ADD-COMMAND: its name, if it is one of these.
+# ADD-COMMAND: its name, if the bare word is a command; else that shows a variable of this name.
 _BARE_COMMANDS = {"threads", "catch", "set", "watch", "unwatch"}
 
 

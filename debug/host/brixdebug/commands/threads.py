@@ -45,8 +45,8 @@ class ThreadCommands(CommandBase):
             self.post_mortem_of = tb
         return super().setup(f, tb)
 
-    # ADD-COMMAND: a method like this one, in the file of its subject. Its docstring is what `help` shows, and begins with
-    # the command; a new class joins the others in __init__.py.
+    # ADD-COMMAND: a method like this one, in the file of its subject here; the docstring, which begins with it, is its help.
+    # A new class joins the others in __init__.py.
     def do_threads(self, arg: str) -> None:
         """threads
 

@@ -74,7 +74,6 @@ class Frame:
         self.line = line
 
 
-# ADD-REQUEST: numbers of things that an answer names and a later request gives back are made, kept and forgotten here.
 class Tree:
     """The frames and variables of the stop that there is."""
 
@@ -233,6 +232,7 @@ class Tree:
 
     def describe(self, value: Any, path: str | None, frame: Any = None) -> dict[str, Any]:
         """Type, and what can be opened, of a value."""
+        # ADD-REQUEST: what answers say of a value, with the numbers that the request takes; `add` keeps them, `forget` ends them.
         about: dict[str, Any] = {"type": rendering.type_name(type(value)), "variablesReference": 0}
         node = variables.node_for(value, path, rendering.render)
         if node is not None:
