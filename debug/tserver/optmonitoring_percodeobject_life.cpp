@@ -114,6 +114,7 @@ static int enter_under_own_key(PyObject* dict, PyObject* key, PyObject* record)
         if (api.PyDict_Size(dict) > before)
             return 0;  // there was none of an equal code object
     }
+    XPyOwned held(XPy_NewRef(key));  // what the registry runs may end the record
     return delete_item_if_present(dict, key) < 0 ? -1 : api.PyObject_SetItem(dict, key, record);
 }
 
@@ -122,8 +123,16 @@ static int enter_in_registry(tModuleState* m, PyObject* record, CPerCodeObjectBo
     XPyOwned dict(CPerCodeObject_get_fPerCodeObjectDict(m));
     if (!dict)
         return -1;
-    XPyOwned held(XPY_UNLIKELY(gIsLockOff) ? new_ref_of_shared_member(record, &body->fCodeObjectWeakRef) : nullptr);
-    return enter_under_own_key(dict.borrow(), held ? held.borrow() : body->fCodeObjectWeakRef, record);
+    XPyOwned held;
+    PyObject* key = body->fCodeObjectWeakRef;
+    if (XPY_UNLIKELY(gIsLockOff)) {
+        held.reset(new_ref_of_shared_member(record, &body->fCodeObjectWeakRef));
+        key = held.borrow();
+    }
+    if (key)
+        return enter_under_own_key(dict.borrow(), key, record);
+    api.PyErr_SetString(api.PyExc_AttributeError, "fCodeObjectWeakRef");
+    return -1;
 }
 
 // ---- The extra slot ----

@@ -366,6 +366,69 @@ def registries_that_lose_everything(module):
     attempt(module.reset)
 
 
+class Ending(dict):
+    """A registry that ends a record while it is entered: before, where the record's code object leads to it, and then."""
+
+    def __init__(self, module):
+        super().__init__()
+        self.module = module
+
+    def __delitem__(self, key):
+        if isinstance(key, weakref.ref) and key() is not None:
+            record = self.module.CPerCodeObject.GetPerCodeObject(key(), False)
+            del key                              # the record has the last reference
+            record.__del__()
+        raise KeyError
+
+    def __setitem__(self, key, record):
+        super().__setitem__(key, record)
+        if hasattr(record, "__del__"):
+            record.__del__()
+
+
+@case
+def registries_that_end_the_records_that_are_entered(module):
+    for cls, name in REGISTRIES:
+        setattr(getattr(module, cls), name, Ending(module))
+        exercise_briefly(module)
+    exercise(module)
+    attempt(module.reset)
+
+
+class EndingWhenRead:
+    """In place of a registry: reading the attribute ends the record that the code object leads to."""
+
+    def __init__(self, module, code):
+        self.module, self.code = module, code
+        self.is_read = False
+
+    def __get__(self, *_):
+        if self.is_read:
+            return {}
+        self.is_read = True
+        try:
+            record = self.module.CPerCodeObject.GetPerCodeObject(self.code, False)
+            if record is not None:
+                record.__del__()
+        finally:
+            self.is_read = False
+        return {}
+
+
+@case
+def registries_whose_reading_ends_the_record(module):
+    code = new_program()[0].__code__
+    module.CPerCodeObject._fPerCodeObjectDict = EndingWhenRead(module, code)
+    try:
+        module.CPerCodeObject.GetPerCodeObject(code, True, sys._getframe())
+    except AttributeError as error:
+        assert str(error) == "fCodeObjectWeakRef", error
+    else:
+        raise AssertionError("a record without its weak reference was registered")
+    exercise(module)
+    attempt(module.reset)
+
+
 # ---- Construction ----
 
 SUBCLASS_TABLES = [{}, {"__slots__": ()}, {"__slots__": ("extra",)}, {"__slots__": ("__dict__", "__weakref__")}]
