@@ -200,8 +200,7 @@ def _stop_at_ends_of_threads(show: Callable[[Any], object]) -> Callable[[Any], N
     """Threads that `threading` has not started report their end to this hook, from C code."""
     def unraisablehook(args: Any) -> None:
         if _ENDED_THREAD in (args.err_msg or "") and args.exc_value is not None:
-            reporter.bare_thread_ends(args.exc_value)
-            if monitor.suspension.is_ending_all:
+            if reporter.bare_thread_ends(args.exc_value):
                 return                        # seen at the prompt, and nothing is printed while the interpreter ends
         show(args)
     return unraisablehook

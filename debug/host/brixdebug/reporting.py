@@ -283,15 +283,18 @@ class Reporter:
             if rule is not None:
                 self._report(debugger, frame, "uncaught", (exception, rule))
 
-    def bare_thread_ends(self, exception: BaseException) -> None:
-        """An exception has ended the calling thread, which `threading` has not started: no code of the program is left."""
+    def bare_thread_ends(self, exception: BaseException) -> bool:
+        """An exception has ended the calling thread, which `threading` has not started: no code of the program is left.
+
+        True when the user has quit while it was shown.
+        """
         debugger = self._monitor.debugger
         if debugger is None or debugger.quitting or debugger.stop_states.own().is_muted \
                 or self._monitor.suspension.is_ending_all:
-            return
+            return False
         rule = debugger.exception_stops.rule_for_uncaught(exception)
         if rule is None:
-            return
+            return False
         # This is no event, so others would come while the user is at the prompt.
         state = debugger.stop_states.own()
         state.is_muted = True
@@ -309,6 +312,7 @@ class Reporter:
             state.is_muted = False
             if not self._monitor.suspension.is_ending_all:
                 self._raiser.finished_thread_ids.discard(state.thread_id)
+        return self._monitor.suspension.is_ending_all
 
     def _returns(self, frame: FrameType, value: object) -> None:
         """Report the end of a frame, for good."""
