@@ -28,8 +28,7 @@ else:
 # What follows a name that is not meant as a command: `set = 1`, `info.x`, `set(x)`.
 _EXPRESSION_STARTS = tuple("=.([,:+-*/%@&|^<>!")
 
-# Commands that do something without an argument; of others, the bare word shows the variable of that name.
-# ADD-COMMAND: its name, if the bare word is a command; else that shows a variable of this name.
+# ADD-COMMAND: its name, if it does something without an argument; else the bare word shows the variable of that name.
 _BARE_COMMANDS = {"threads", "catch", "set", "watch", "unwatch"}
 
 

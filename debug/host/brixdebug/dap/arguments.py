@@ -233,8 +233,8 @@ def parse(request: str, arguments: Any) -> Settings:
 
 
 def ignored_text(settings: Settings) -> str:
-    """What is to be said of arguments without a meaning; empty when there are none."""
-    return "These settings have no effect here: %s\n" % ", ".join(sorted(settings.ignored)) if settings.ignored else ""
+    """What is to be said where there are arguments without a meaning."""
+    return "These settings have no effect here: %s\n" % ", ".join(sorted(settings.ignored))
 
 
 def _finish(settings: Settings, extra: dict[str, Any]) -> None:
