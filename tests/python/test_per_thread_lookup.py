@@ -169,8 +169,10 @@ class StalePairTest(_PerThreadTestCase):
         for worker in (first, second, first):
             self.assertIs(worker.do(self.cls.GetPerThread), record)
         del self.cls._fPerThreadDict[first.ident]
-        # without the interpreter lock no pair leads to a record that the thread itself does not hold
-        self.assertIs(first.do(lambda: self.cls.GetPerThread(None, False)), None if support.is_lock_off() else record)
+        if support.is_lock_off():            # no pair leads to a record that the thread itself does not hold
+            self.assertIsNone(first.do(lambda: self.cls.GetPerThread(None, False)))
+        else:
+            self.assertIs(first.do(self.cls.GetPerThread), record)
         self.assertIs(second.do(self.cls.GetPerThread), record)
         self.cls._fPerThreadDict.clear()
         del record
