@@ -143,7 +143,8 @@ class EvaluationTest(unittest.TestCase):
         return WAITS % (number, name, self.program, line_of(self.program, "double"))
 
     def test_expression_that_needs_a_thread_at_a_breakpoint_of_its_own(self):
-        session = self.begin(terminal=True)
+        # the main thread goes on at the end, and prints nothing beside the other's prompt
+        session = self.begin("prompt(); executor.shutdown()", terminal=True)
         session.do("break %d" % line_of(self.program, "double"))
         session.do("f = executor.submit(double, 3)")
         for _ in range(2):                    # it comes to its breakpoint meanwhile, and it is there already

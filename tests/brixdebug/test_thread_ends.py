@@ -92,8 +92,11 @@ class CaughtQuitTest(unittest.TestCase):
                     except Exception as error:
                         print("caught", type(error).__name__)
             thread = threading.Thread(target=work, daemon=True)
-            thread.start()
-            thread.join()
+            try:
+                thread.start()
+                thread.join()
+            finally:
+                thread.join()
             """, "break 3")
         self.assertEqual(printed[1:], ["caught BdbQuit"])
 
@@ -228,14 +231,14 @@ class CaughtQuitTest(unittest.TestCase):
 
     def test_in_a_worker_and_beside_one(self):
         program = """\
-            import contextlib, threading
+            import contextlib, sys, threading
             def step(number):
                 here = number
             class End:
                 def __init__(self, number):
                     self.number = number
                 def close(self):
-                    print("end of", self.number)
+                    sys.stdout.write("end of %d\\n" % self.number)    # in one piece, beside another thread
             def work(number):
                 with contextlib.closing(End(number)):
                     both.wait()
