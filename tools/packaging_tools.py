@@ -1,9 +1,10 @@
 """What making and testing the package needs: pip in a folder of the project's own, and virtual environments.
 
-Nothing is put into an interpreter of the machine. Used by tools/make_wheel and tests/package.
+Nothing is put into an interpreter of the machine. Used by tools/make_wheel, tests/package and tests/brixdebug.
 """
 import contextlib
 import fcntl
+import importlib.util
 import json
 import os
 import shutil
@@ -69,6 +70,29 @@ def pip(folder, python, *arguments, **more):
     """pip of the project's own, at work for the interpreter or virtual environment `python`; MORE: variables."""
     return run(sys.executable, "-m", "pip", "--python", python, *arguments,
                env=environment(PYTHONPATH=_pip_folder(folder), PIP_DISABLE_PIP_VERSION_CHECK="1", **more))
+
+
+def install_wheels(folder, target, *wanted):
+    """Puts packages, and what they need, into the folder `target`, for the running interpreter.
+
+    One that is compiled without OpenSSL cannot fetch anything: the `python3` that has fetched pip does that for it.
+    """
+    with tempfile.TemporaryDirectory() as wheels:
+        source = []
+        if importlib.util.find_spec("_ssl") is None:
+            _fetch_wheels(folder, wheels, wanted)
+            source = ["--no-index", "--find-links", wheels]
+        pip(folder, sys.executable, "install", "--quiet", "--only-binary", ":all:", "--retries", "1", "--target", target,
+            *source, *wanted)
+
+
+def _fetch_wheels(folder, target, wanted):
+    variables = environment(PYTHONPATH=_pip_folder(folder), PIP_DISABLE_PIP_VERSION_CHECK="1")
+    platforms = run(sys.executable, "-c", "from pip._vendor.packaging import tags; print(*tags.platform_tags())",
+                    env=variables).split()
+    run("python3", "-m", "pip", "download", "--quiet", "--only-binary", ":all:", "--retries", "1", "--dest", target,
+        "--python-version", "%d.%d" % sys.version_info[:2], *["--platform=" + each for each in platforms], *wanted,
+        env=variables)
 
 
 def reaches_index(folder=FOLDER):

@@ -3,6 +3,7 @@
 Each program runs plainly first, then debugged in several ways; what its tool has noted has to be the same.
 """
 
+import importlib.util
 import json
 import unittest
 
@@ -235,6 +236,7 @@ for _name in TOOLS:
     setattr(RecordingTest, "test_" + _name.replace(" ", "_"), _test_of(_name))
 
 
+@unittest.skipUnless(importlib.util.find_spec("_sqlite3"), "this interpreter comes without sqlite3, which coverage needs")
 class CoverageTest(OtherToolsTestCase):
     """coverage, in all its cores: the lines that it counts are those of a run without the debugger."""
 

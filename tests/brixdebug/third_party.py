@@ -33,8 +33,7 @@ def folder(*wanted):
         if not os.path.isdir(found):
             new = tempfile.mkdtemp(dir=base)
             try:
-                packaging_tools.pip(base, sys.executable, "install", "--quiet", "--only-binary", ":all:", "--retries", "1",
-                                    "--target", new, *wanted)
+                packaging_tools.install_wheels(base, new, *wanted)
                 os.rename(new, found)
             except packaging_tools.PackagingError as error:
                 shutil.rmtree(new, ignore_errors=True)
