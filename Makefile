@@ -113,7 +113,7 @@ test-python: tests-built  ## all Python tests of the module
 
 test-brixdebug: tests-built  ## all tests of the debugger and its adapter
 	@BUILD=$(BUILD) tools/node_packages tests/editors || echo "The checks that need them are skipped."
-	@tools/run_ctest $(BUILD) -R '^brixdebug_'
+	@tools/run_ctest $(BUILD) -R '^(brixdebug|free)_'
 
 types: build  ## check the stubs against the module, in every interpreter, and the debugger's own types
 	@tools/setup test

@@ -29,6 +29,9 @@ function(label_tests first newest)
       "short|^brixdebug_.*[.]${brixdebug_core}$"
       "short|^brixdebug_${newest}[.]"
       "long|^brixdebug_"
+      # The debugger without the interpreter's lock: its core, and its forks.
+      "short|^free_.*[.]test_(fork|free_threads|threads)$"
+      "long|^free_"
       "short|.")
   get_property(tests DIRECTORY PROPERTY TESTS)
   foreach(test IN LISTS tests)

@@ -13,6 +13,7 @@ import sys
 
 
 from brixdebug import conditions, log
+from brixdebug.locks import ARE_PARALLEL
 from brixdebug.raising import is_of_signal_handler
 from brixdebug.statements import offset_in
 
@@ -58,7 +59,7 @@ class Breakpoint(bdb.Breakpoint):
 class Point:
     """A breakpoint at one line of one code object."""
 
-    __slots__ = ("breakpoint", "condition", "evaluate", "is_alone", "own")
+    __slots__ = ("breakpoint", "condition", "evaluate", "is_simple", "own")
 
     breakpoint: Any               # `bdb.Breakpoint` declares none of its fields
     condition: str | None         # that `evaluate` is for
@@ -68,12 +69,15 @@ class Point:
         self.breakpoint = breakpoint
         self.own = breakpoint if isinstance(breakpoint, Breakpoint) else None     # what bdb has not
         self.condition = None
-        self.is_alone = False                 # on its line
+        self.is_simple = False                # alone on its line, where an addition needs no lock
 
-    def compile(self, frame: FrameType) -> None:
+    def compile(self, frame: FrameType, lock: _thread.LockType) -> None:
+        """`lock` is for the moment in which the new condition takes the place of the old: several threads may do this."""
         condition = self.breakpoint.cond
-        self.evaluate = conditions.evaluator(condition, frame.f_code, frame.f_globals)
-        self.condition = condition
+        evaluate = conditions.evaluator(condition, frame.f_code, frame.f_globals)
+        with lock:
+            self.evaluate = evaluate
+            self.condition = condition
 
 
 # What `decide_fast` has found out: that a breakpoint does not stop, that its condition has raised,
@@ -87,12 +91,13 @@ class Decisions:
     def __init__(self) -> None:
         # id of a code object -> line, or ~offset of an instruction -> its breakpoints.  Who forgets puts a new table in the
         # place of this: an entry made meanwhile from the old breakpoints goes with the old table.
-        self.places: dict[int, dict[int, tuple[Point, ...]]] = {}
+        self.places: dict[int, dict[int, tuple[Point, ...]]]
         self.begin_anew()
 
     def begin_anew(self) -> None:
-        """Also after a fork, in the child: another thread may have held the lock."""
-        # Around the counts of true hits and of hits to be ignored; nothing of the program is called inside.
+        """Also after a fork, in the child: another thread may have held the lock, or the table's own."""
+        self.forget()
+        # Around the counts of hits, and conditions that change; nothing of the program is called inside.
         self._counting = _thread.allocate_lock()
 
     def forget(self) -> None:
@@ -124,7 +129,7 @@ class Decisions:
                 points.append(Point(each))
         result = tuple(points)
         for point in points:
-            point.is_alone = len(points) == 1
+            point.is_simple = len(points) == 1 and not ARE_PARALLEL
         if is_final:
             if len(places) >= _MANY_CODES:        # code that is made over and over
                 places.clear()
@@ -140,7 +145,7 @@ class Decisions:
         point = points[0]
         each = point.breakpoint
         condition = each.cond
-        if condition is not point.condition or not (point.is_alone and each.enabled) or log.current_mask:
+        if condition is not point.condition or not (point.is_simple and each.enabled) or log.current_mask:
             return UNDECIDED
         # One addition in place: the interpreter does not change threads inside it.
         each.hits += 1
@@ -178,11 +183,12 @@ class Decisions:
         if not each.enabled:
             _log_decision(each, frame, "it is disabled")
             return PASSED
-        each.hits += 1
+        with self._counting:
+            each.hits += 1
         if each.cond:
             try:
                 if each.cond is not point.condition:
-                    point.compile(frame)
+                    point.compile(frame, self._counting)
                 is_true = bool(point.evaluate(frame))
             except BaseException as error:
                 if is_of_signal_handler(error):

@@ -1,14 +1,22 @@
-"""Locks at the interpreter's end: a daemon thread is ended wherever it is, and never releases what it has."""
+"""The interpreter's own lock, and locks at the interpreter's end.
+
+A daemon thread is ended wherever it is then, and never releases what it has.
+"""
 
 from __future__ import annotations
 
 import sys
+
+import optmonitoring as _optmonitoring       # before the question: the module may have the interpreter's lock switched on
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     from typing import Any
 
 _LOOK_SECONDS = 0.05
+
+# Whether threads run Python code at the same time.  The lock may be switched on later, and is never switched off again.
+ARE_PARALLEL = _optmonitoring is not None and not getattr(sys, "_is_gil_enabled", lambda: True)()
 
 
 class LockAtEnd:
