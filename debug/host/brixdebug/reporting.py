@@ -17,7 +17,7 @@ from brixdebug import compat
 from brixdebug.decisions import PASSED, UNDECIDED
 from brixdebug.exceptions import RAISED, UNHANDLED
 from brixdebug.raising import is_of_signal_handler
-from brixdebug.suspension import ends_by_itself, is_daemon
+from brixdebug.suspension import ends_by_itself, is_daemon, is_threading_code
 from brixdebug.switches import line_at, program_frame
 from brixdebug.thread_ends import is_without_handlers
 
@@ -401,8 +401,9 @@ class Reporter:
         finally:
             self._monitor.leave_event()
         suspension = self._monitor.suspension
-        while suspension.alone and suspension.has_to_stand() and not self._monitor.turn.lock._is_owned():
-            suspension.stand()                # another one goes on alone, from this stop
+        if suspension.held and not (self._monitor.turn.lock._is_owned() or self._raiser.is_raising()
+                                    or is_threading_code(frame)):
+            suspension.stand()                # another one goes on alone from this stop, or has stopped meanwhile
 
     def _report_failed(self, debugger: TracedDebugger, frame: FrameType, error: BaseException) -> None:
         if is_of_signal_handler(error):

@@ -206,7 +206,7 @@ class Suspension:
         self._depth = 0
         self._is_armed = False                # events are on to catch the other threads
         self.holder: int | None = None        # id of the thread at the prompt, which is not held
-        self._held: dict[SuspendLock, CPerThread] = {}    # lock -> record, of the threads that are
+        self.held: dict[SuspendLock, CPerThread] = {}     # lock -> record, of the threads that are
         self._is_holding = True               # threads are held at all
         # Ids of the threads that run while all others stay held, between two stops; empty: all run.
         self.alone: set[int] = set()
@@ -277,7 +277,7 @@ class Suspension:
 
     def _on_new_thread(self, per_thread: CPerThread) -> None:
         try:
-            self._give_lock(per_thread)
+            self._lock_of(per_thread)
             if self._is_started_by_own_thread():
                 self._enter_own(True)
                 per_thread.fDebugPolicy = self._debug_policy(threading.get_ident())
@@ -300,8 +300,13 @@ class Suspension:
         return begun is not None and any(
             _thread_object(frames.get(thread_id), "start") is begun for thread_id in list(self._starter_ids))
 
-    def _give_lock(self, per_thread: CPerThread) -> SuspendLock:
-        lock = per_thread.fSuspendLock = SuspendLock(self.evaluation, self._raiser.raise_in_program, self._is_muted)
+    def _lock_of(self, per_thread: CPerThread) -> SuspendLock:
+        """The lock in a thread's record, which has one from now on: it may have been made before the hook was set."""
+        with self._switches.lock:             # the thread itself may be just here
+            lock = suspend_lock_of(per_thread)
+            if lock is None:
+                lock = per_thread.fSuspendLock = SuspendLock(
+                    self.evaluation, self._raiser.raise_in_program, self._is_muted)
         return lock
 
     # -- lives of threads -----------------------------------------------------------
@@ -331,7 +336,7 @@ class Suspension:
         per_thread = optmonitoring.CPerThread.GetPerThread(thread_id)
         if per_thread is None:                # it has ended meanwhile
             return
-        lives = (suspend_lock_of(per_thread) or self._give_lock(per_thread)).lives
+        lives = self._lock_of(per_thread).lives
         if tell not in lives:
             life = Life(thread_id, tell)
             if lives.setdefault(tell, life) is life:         # only one of two threads gets here
@@ -413,14 +418,18 @@ class Suspension:
         frames = sys._current_frames()
         if not own_too:
             del frames[threading.get_ident()]
+        records = {}
         for frame in frames.values():
             while frame is not None:
                 record = optmonitoring.CPerCodeObject.GetPerCodeObject(frame.f_code, True, frame)
                 if record is not None and not record.fIsInternal:
-                    self._switches.want(record, held=True)
+                    records[record] = True
                 frame = frame.f_back
         del frames                            # it holds the frame of this very call, and so all those below
-        self._switches.rearm()
+        with self._switches.lock:
+            for record in records:
+                self._switches.want(record, held=True)
+            self._switches.rearm()
 
     def end_all(self) -> None:
         """From now on every thread gets an event soon, to end at."""
@@ -434,14 +443,16 @@ class Suspension:
         self.is_ending_all = False
         self._switches.hold(self.is_active)
 
-    def _hold(self, per_thread: CPerThread) -> None:
-        # The record may have been made before the hook was set.
-        lock = suspend_lock_of(per_thread) or self._give_lock(per_thread)
-        if lock in self._held:
+    def _hold(self, per_thread: CPerThread | None) -> None:
+        if per_thread is None:                # it has ended meanwhile
             return
-        lock.close()
-        per_thread.fCheckSuspendLock = 1
-        self._held[lock] = per_thread
+        with self._switches.lock:             # a new thread does so itself at the same time
+            lock = self._lock_of(per_thread)
+            if lock in self.held:
+                return
+            lock.close()
+            per_thread.fCheckSuspendLock = 1
+            self.held[lock] = per_thread
 
     def end(self) -> None:
         self._depth -= 1
@@ -490,8 +501,9 @@ class Suspension:
 
     def _let_one_go(self, thread_id: int) -> None:
         lock = suspend_lock_of(optmonitoring.CPerThread.GetPerThread(thread_id, False))
-        if lock in self._held:
-            self._held.pop(lock).fCheckSuspendLock = 0
+        per_thread = self.held.pop(lock, None) if lock is not None else None
+        if lock is not None and per_thread is not None:
+            per_thread.fCheckSuspendLock = 0
             lock.open()
 
     def has_to_stand(self) -> bool:
@@ -508,7 +520,8 @@ class Suspension:
     def _let_go(self) -> None:
         """Every thread that is held goes on."""
         self._switches.look_at_suspend_locks(False)
-        held, self._held = self._held, {}
+        with self._switches.lock:             # a new thread may be just entering itself
+            held, self.held = self.held, {}
         for lock, per_thread in held.items():
             per_thread.fCheckSuspendLock = 0
             lock.open()
@@ -519,7 +532,7 @@ class Suspension:
         """One thread that looks at the clock is enough; a thread that comes to its gate later does so too."""
         if self._depth:
             self._arm()                       # a thread that is started now is to be held
-        waiting = [lock for lock in list(self._held) if lock.has_waiter]
+        waiting = [lock for lock in list(self.held) if lock.has_waiter]
         if not waiting and self._depth and len(debugged_frames()) > 1:
             self.evaluation.watch_clock(self.adopt_thread)
         elif waiting and not any(lock.is_watching for lock in waiting):
@@ -542,7 +555,7 @@ class Suspension:
         self._tell_of_threads = None
         self.alone = set()
         self._next_alone = None
-        self._held = {}
+        self.held = {}
         own_thread_ids.intersection_update({threading.get_ident()})
         if self.holder != threading.get_ident():
             self._depth = 0
