@@ -107,8 +107,7 @@ class BreakLines:
 
     def forget(self) -> None:
         """The files' records say nothing of breakpoints any longer."""
-        self._taken_in.clear()
-        self._passed.clear()
+        self._taken_in, self._passed = set(), {}      # new ones, as in `Switches.release`
         for per_file in optmonitoring.CPerFile.GetAllPerFiles():
             per_file.fBpSetByLineno.clear()
 

@@ -587,17 +587,19 @@ class Switches:
         self._register_raiser()
 
     def release(self) -> None:
-        """Everything off and given back, and nothing remembered of what was wanted."""
-        for table in self._lines, self._offsets, self._lives:
-            table.clear()
-        self._lines_by_code.clear()
-        self._offsets_by_code.clear()
+        """Everything off and given back, and nothing remembered of what was wanted.
+
+        Tables that other threads look into are replaced: in a forked child of a free-threaded interpreter one of these
+        may have the table's own lock for ever.
+        """
+        self._lines, self._offsets, self._lives = {}, {}, {}
+        self._lines_by_code, self._offsets_by_code = {}, {}
         self._watched = set()
         self._reports_all_lines = False
         self._hide(False)
         self._stepping = {}
         self._held = set()
-        self._passed.clear()
+        self._passed = set()
         self._any_stops_anywhere = False
         self.is_idle = True
         for record in list(self._local_events):
