@@ -39,6 +39,7 @@ class Raiser:
         self.ended_thread_ids: set[int] = set()       # they have got their BdbQuit
         self.finished_thread_ids: set[int] = set()    # they have left the program: nothing is raised there
         self._catchers: dict[int, Catcher] = {}      # by id of the frame of a call that was ended
+        self._passes: dict[int, dict[CodeType, int]] = {}     # by thread id: see `Catcher`
         dlog.logger.addFilter(self._is_to_be_logged)
 
     def is_raising(self) -> bool:
@@ -90,7 +91,8 @@ class Raiser:
 
     def end_again(self, frame: FrameType) -> None:
         """The thread has what ends it: raise it once more in `frame`, where the program has caught it."""
-        catcher = self._catchers.setdefault(id(frame), Catcher())
+        passes = self._passes.setdefault(_thread.get_ident(), {})
+        catcher = self._catchers.setdefault(id(frame), Catcher(passes))
         if not self.is_raising() and catcher.has_to_be_ended(frame):
             self.raise_in_program(bdb.BdbQuit())
 
@@ -99,6 +101,7 @@ class Raiser:
         self.ended_thread_ids.clear()
         self.finished_thread_ids.clear()
         self._catchers.clear()
+        self._passes.clear()
 
     def keep_only_own(self) -> None:
         """After a fork, in the child: what the calling thread is doing goes on."""

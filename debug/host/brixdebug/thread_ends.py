@@ -16,7 +16,7 @@ import sys
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     from collections.abc import Iterator
-    from types import FrameType
+    from types import CodeType, FrameType
 
 _UNIT = 2                     # bytes, of which places in code are counted
 
@@ -38,19 +38,21 @@ class Catcher:
     one handler, then in one inside of another, and so on: it cannot go on for ever.
     """
 
-    def __init__(self) -> None:
+    def __init__(self, passes: dict[CodeType, int]) -> None:
+        """`passes`: how often each function of an event loop has handed it on in this thread, whichever call that was."""
+        self._passes = passes
         self._caught = 0
         self._most_handlers = 0
         self._handlers = 0            # that may still be ended until it has caught again
-        self._passes = 0              # of an event loop that hands it on
 
     def has_to_be_ended(self, frame: FrameType) -> bool:
         """Whether it has to be raised again at the line that `frame`, its frame, has reached."""
         if comes_of_quit(sys.exception()) or frame.f_code.co_code[frame.f_lasti] == _BEGINS_HANDLER:
             self._handlers -= 1
             return self._handlers >= 0
-        if self._passes < _MOST_PASSES and _is_handed_on(frame):
-            self._passes += 1
+        passes = self._passes.get(frame.f_code, 0)
+        if passes < _MOST_PASSES and _is_handed_on(frame):
+            self._passes[frame.f_code] = passes + 1
             return False
         if self._caught < _VERY_OFTEN and frame.f_lineno in _lines_of_blocks(frame.f_code.co_filename)[0]:
             return False
