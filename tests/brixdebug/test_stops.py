@@ -220,7 +220,7 @@ class ThreadsTest(StopsTestCase):
         self.assertEqual(lines_stopped_at(seen)[1:].count("threads.py:6"), 4)
 
     def test_breakpoint_set_after_the_function_ran_in_another_thread(self):
-        seen = self.check("threads", {"breakpoints": [{"file": "threads.py", "line": 19}], "threads": True,
+        seen = self.check("threads", {"breakpoints": [{"file": "threads.py", "line": 17}], "threads": True,
                                       "commands": ["continue", "continue", "break threads.py 6;continue"]})
         self.assertIn("threads.py:6", lines_stopped_at(seen))
 
