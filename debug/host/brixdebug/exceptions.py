@@ -144,10 +144,10 @@ class ExceptionStops:
     def add(self, rule: ExceptionRule) -> None:
         """Beside the others; what says the same, or no more than another, goes."""
         is_general = rule.class_name is None and rule.condition is None
-        self.rules = [each for each in self.rules if each.kind != rule.kind or not (
+        kept = [each for each in self.rules if each.kind != rule.kind or not (
             is_general or each.class_name is None and each.condition is None
             or str(each) == str(rule))]
-        self.rules.append(rule)
+        self.rules = [*kept, rule]            # at once: other threads look at them
         self.is_asked_for = True
 
     def clear(self) -> None:
@@ -214,8 +214,8 @@ class ExceptionStops:
 
 
 def _remember(table: dict[int, int], exception: BaseException) -> None:
-    while len(table) >= _MOST_REMEMBERED:
-        table.pop(next(iter(table)), None)
+    for oldest in list(table)[:1 - _MOST_REMEMBERED]:
+        table.pop(oldest, None)               # others may do so at the same time
     if exception.__traceback__ is not None:
         table[id(exception)] = id(innermost(exception.__traceback__))
 

@@ -58,18 +58,19 @@ def _translated(path: str) -> str:
 
 def set_rules(rules: Sequence[Rule], decides_by_place: bool = True) -> None:
     """The first rule that names a file decides; without `decides_by_place`, all other code is the user's."""
-    global _rules, _decides_by_place
+    global _rules, _decides_by_place, _answers
     _rules, _decides_by_place = tuple(rules), decides_by_place
-    _answers.clear()
+    _answers = {}                         # an answer by the old rules that comes late goes with the old table
 
 
 def is_library(filename: str) -> bool:
     """True for the standard library, for installed packages, and for code that they have made."""
-    answer = _answers.get(filename)
+    answers = _answers
+    answer = answers.get(filename)
     if answer is None:
         rule = next((each for each in _rules if each.names(filename)), None)
         answer = not rule.is_own if rule is not None else _decides_by_place and _is_by_place(filename)
-        _answers[filename] = answer
+        answers[filename] = answer
     return answer
 
 

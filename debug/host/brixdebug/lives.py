@@ -6,25 +6,20 @@ noticed by its record, which is cleared then: nothing is polled.
 
 from __future__ import annotations
 
-import itertools
-
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     from collections.abc import Callable
 
     Tell = Callable[["Life", bool], None]
 
-_serials = itertools.count(1)
-
-
 class Life:
     """One thread's, kept with its record; goes with it."""
 
-    __slots__ = ("_tell", "has_begun", "serial", "thread_id")
+    __slots__ = ("_tell", "has_begun", "key", "thread_id")
 
     def __init__(self, thread_id: int, tell: Tell) -> None:
         self.thread_id = thread_id
-        self.serial = next(_serials)         # ids are used again
+        self.key = object()                   # no other life has it: ids are used again
         self.has_begun = False
         self._tell = tell
 

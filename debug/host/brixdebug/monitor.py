@@ -93,9 +93,8 @@ class Monitor:
         """What stops the threads of `debugger` has changed."""
         if debugger is None or self.debugger is not debugger:
             return
-        if self.is_busy:
-            self._needs_changed = True        # looked at when the event ends
-        else:
+        self._needs_changed = True            # before the question: an event that is about to end looks at it after its end
+        if not self.is_busy:
             self.refresh()
 
     def breaks_changed(self, debugger: TracedDebugger, filename: str) -> None:
@@ -300,16 +299,15 @@ class Monitor:
             state.is_muted = muted
 
     def _watch_lines_of_lives(self, begins: bool, ends: bool) -> None:
-        before, self.thread_lines = self.thread_lines, {}
         wanted: dict[CodeType, set[int]] = {}
         for places, is_wanted in (places_of_beginning(), begins), (places_of_uncaught(), ends):
             for code, lines in places:
                 wanted.setdefault(code, set()).update(lines if is_wanted else ())
+        # First, and whole: a thread may reach one of the lines at once.
+        before, self.thread_lines = self.thread_lines, {id(code): lines for code, lines in wanted.items() if lines}
         for code, lines in wanted.items():
             record = optmonitoring.CPerCodeObject.GetPerCodeObject(code, True, sys._getframe())
             self.switches.want(record, lives=lines)
-            if lines:
-                self.thread_lines[id(code)] = lines
         if any(lines - before.get(id(code), set()) for code, lines in wanted.items()):
             self.switches.rearm()
 

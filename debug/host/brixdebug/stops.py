@@ -149,10 +149,11 @@ class _OfThread(threading.local):
 
     def __init__(self, by_thread_id: dict[int, weakref.ref[StopState]], waiting: dict[int, StopState]) -> None:
         thread_id = threading.get_ident()
-        made = waiting.pop(thread_id, None)
-        self.own = made or StopState(thread_id)
+        # In this order, with `StopStates.of`: another thread may ask for this one's record at the same time.
+        self.own = waiting.setdefault(thread_id, StopState(thread_id))
         self.reached = self.own               # by the attributes of the debugger, in this thread
         by_thread_id[thread_id] = weakref.ref(self.own)
+        waiting.pop(thread_id, None)
 
 
 class StopStates:
@@ -187,24 +188,35 @@ class StopStates:
         """The record of any thread."""
         if thread_id == threading.get_ident():
             return self.own()
-        reference = self._by_thread_id.get(thread_id)
-        state = reference() if reference is not None else self._waiting.get(thread_id)
+        state = self._known(thread_id)
         if state is None:
-            state = self._waiting[thread_id] = StopState(thread_id)
+            state = self._waiting.setdefault(thread_id, StopState(thread_id))
+            known = self._known(thread_id)    # the thread may have asked meanwhile
+            if known is not None and known is not state:
+                self._waiting.pop(thread_id, None)
+                state = known
         return state
+
+    def _known(self, thread_id: int) -> StopState | None:
+        """The record of a thread that has asked for it."""
+        reference = self._by_thread_id.get(thread_id)
+        return reference() if reference is not None else None
 
     def all(self) -> list[StopState]:
         """The records of all threads that live; forgets the others."""
+        waiting = list(self._waiting)         # before the threads are listed: each of these had begun
         running = set(sys._current_frames())
-        for thread_id in [each for each in list(self._waiting) if each not in running]:
+        for thread_id in [each for each in waiting if each not in running]:
             self._waiting.pop(thread_id, None)
         states = list(self._waiting.values())
         for thread_id, reference in list(self._by_thread_id.items()):
             state = reference()
             if state is not None:
                 states.append(state)
-            elif self._by_thread_id.get(thread_id) is reference:
-                del self._by_thread_id[thread_id]
+            else:
+                newer = self._by_thread_id.pop(thread_id, None)
+                if newer is not None and newer() is not None:      # a new thread has the id
+                    self._by_thread_id.setdefault(thread_id, newer)
         return states
 
     def keep_only_own(self) -> None:

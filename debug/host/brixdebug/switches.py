@@ -163,7 +163,7 @@ class Switches:
         `lines` are reported, and so are `lives`, where threads begin or end; none when the set is empty.
         `stepping` are its local events for frames that are stepped; `held`: threads are to be
         caught in it.  `watched`: all its lines and returns are reported.  `offsets`: its
-        instructions that are.
+        instructions that are.  Called with the lock.
         """
         for table, wanted in (self._lines, lines), (self._offsets, offsets), (self._lives, lives):
             if wanted:
@@ -198,8 +198,8 @@ class Switches:
         return offset in self._offsets_by_code.get(id(code), _NO_OFFSETS)
 
     def _reported_lines(self, record: Any) -> set[int]:
-        lines = self._lines.get(record, _NO_LINES)
-        return lines | self._lives[record] if record in self._lives else lines
+        lines, lives = self._lines.get(record, _NO_LINES), self._lives.get(record)
+        return lines | lives if lives is not None else lines
 
     def forget_dead_code(self) -> None:
         """Drop the lines of code objects that exist no longer."""
@@ -209,9 +209,10 @@ class Switches:
 
     def let_all_go(self) -> None:
         """No code object is needed to hold threads any longer."""
-        held, self._held = self._held, set()
-        for record in held:
-            self._apply(record)
+        with self.lock:
+            held, self._held = self._held, set()
+            for record in held:
+                self._apply(record)
 
     def _apply(self, record: CPerCodeObject) -> None:
         events = self._stepping.get(record, 0)
@@ -338,7 +339,8 @@ class Switches:
                 per_thread.fSteppingEventsNeeded = False
         for thread_id in stepping_thread_ids:
             per_thread = optmonitoring.CPerThread.GetPerThread(thread_id)
-            per_thread.fSteppingEventsNeeded = self.is_hidden is None
+            if per_thread is not None:        # it may have ended meanwhile
+                per_thread.fSteppingEventsNeeded = self.is_hidden is None
         self._hide(self._any_stops_anywhere and self.is_hidden is not None)
         if begins:
             self.rearm()

@@ -359,8 +359,8 @@ class Watches:
             own = [step for step in own if step[0] == id(watch.frame)]
         candidates = [(own_id, step) for step in own]
         if watch.is_everywhere:
-            candidates += [(thread_id, others[-1]) for thread_id, others in list(self._steps.items())
-                           if thread_id != own_id and others]
+            candidates += [(thread_id, last) for thread_id, others in list(self._steps.items())
+                           if thread_id != own_id for last in others[-1:]]
         if not candidates:
             return own_id, None
         return max(candidates, key=lambda each: _stores(each[1], watch.changed_names))

@@ -150,6 +150,7 @@ class Session:
         self.thread_events = ThreadEvents(self.debugger, self.tree, self.wire)
         self.is_leaving = False
         self.sources: dict[int, str] = {}            # texts that are in no file
+        self._numbering = threading.Lock()           # of these: threads that reach a breakpoint with a text to be logged do it
         self.breakpoint_ids = BreakpointIds()
         self.pending: dict[int, Request] = {}        # by their numbers: not answered, but by another thread later
         self.running: Running | None = None          # a request that runs code of the user's
@@ -318,11 +319,12 @@ class Session:
         return {"name": os.path.basename(os.path.abspath(filename)), "path": self.client_path(filename)}
 
     def _source_number(self, filename: str) -> int:
-        for number, known in self.sources.items():
-            if known == filename:
-                return number
-        self.sources[len(self.sources) + 1] = filename
-        return len(self.sources)
+        with self._numbering:
+            for number, known in self.sources.items():
+                if known == filename:
+                    return number
+            self.sources[len(self.sources) + 1] = filename
+            return len(self.sources)
 
     # -- ending -----------------------------------------------------------------------------------
 

@@ -34,10 +34,11 @@ class ThreadEvents:
         self._debugger = debugger
         self._tree = tree
         self._wire = wire
-        self._news: collections.deque[tuple[int, int, bool]] = collections.deque()
+        self._news: collections.deque[tuple[int, object, bool]] = collections.deque()
         self._bell: queue.SimpleQueue[bool] = queue.SimpleQueue()        # True: the end
         self._telling = threading.Lock()
-        self._known: dict[int, int] = {}             # ids of threads that there are -> serial numbers of their lives
+        self._is_rung = False                        # who notes something need not do it: `drain` is still to come
+        self._known: dict[int, object] = {}          # ids of threads that there are -> keys of their lives
         self._has_ended = False
 
     def begin(self) -> None:
@@ -73,8 +74,9 @@ class ThreadEvents:
 
     def _note(self, life: Life, has_begun: bool) -> None:
         if not self._has_ended:
-            self._news.append((life.thread_id, life.serial, has_begun))
-            if len(self._news) == 1:
+            self._news.append((life.thread_id, life.key, has_begun))
+            if not self._is_rung:
+                self._is_rung = True
                 self._bell.put(False)
 
     def _run(self) -> None:
@@ -82,16 +84,17 @@ class ThreadEvents:
         pause = threading.Event()
         while not self._bell.get():
             pause.wait(_GATHER_SECONDS)
+            self._is_rung = False                    # first: what comes now rings again, or is drained
             self.drain()
 
-    def _events_of(self, thread_id: int, serial: int, has_begun: bool) -> list[dict[str, Any]]:
+    def _events_of(self, thread_id: int, key: object, has_begun: bool) -> list[dict[str, Any]]:
         known = self._known.get(thread_id)
         events = []
         # The end of a thread whose id is another one's by now may come late.
-        if has_begun and known is not None or known == serial:
+        if has_begun and known is not None or known is key:
             events.append(self._ended(thread_id))
         if has_begun:
-            self._known[thread_id] = serial
+            self._known[thread_id] = key
             events.append(self._event("started", thread_id))
         return events
 

@@ -29,20 +29,23 @@ class Numbers:
         self._numbers: dict[int, int] = {}
         self._things: dict[int, int] = {}
         self._last = 0
+        self._lock = threading.Lock()
 
     def has(self, thing: int) -> bool:
         return thing in self._numbers
 
     def of(self, thing: int) -> int:
-        if thing not in self._numbers:
-            self._last += 1
-            self._numbers[thing] = self._last
-            self._things[self._last] = thing
-        return self._numbers[thing]
+        with self._lock:
+            if thing not in self._numbers:
+                self._last += 1
+                self._numbers[thing] = self._last
+                self._things[self._last] = thing
+            return self._numbers[thing]
 
     def forget(self, thing: int) -> None:
         """The thing is gone; another one in its place gets a number of its own."""
-        self._things.pop(self._numbers.pop(thing, 0), None)
+        with self._lock:
+            self._things.pop(self._numbers.pop(thing, 0), None)
 
     def thing(self, number: int) -> int | None:
         return self._things.get(number)
@@ -89,6 +92,7 @@ class Tree:
         self._frames_of_nodes: dict[int, Any] = {}       # where the expressions of a node's rows are evaluated
         self._places: dict[str, tuple[str, Any]] = {}    # data id -> expression and frame
         self._last_number = 0                # never given again: a late request must not reach something else
+        self._numbering = threading.Lock()   # the stopped thread gives numbers too
 
     def begin(self, stop: Stop) -> None:
         self.forget()
@@ -108,7 +112,7 @@ class Tree:
         """One thread goes on, and the others stay where they are."""
         for number, each in list(self._frames.items()):
             if each.thread_id == thread_id:
-                del self._frames[number]
+                self._frames.pop(number, None)
                 self._by_frame.pop(id(each.frame), None)
         self._awaiting.pop(thread_id, None)
         if self.stop is not None and self.stop.thread_id == thread_id:
@@ -153,17 +157,22 @@ class Tree:
     def _labelled(self, thread_id: int, text: str, frames: list[FrameType]) -> list[Frame]:
         if not frames:
             return []
-        self._last_number += 1
-        label = self._frames[self._last_number] = Frame(self._last_number, thread_id, frames[0], 0, text)
+        number = self._new_number()
+        label = self._frames[number] = Frame(number, thread_id, frames[0], 0, text)
         return [label, *(self._numbered(thread_id, each, each.f_lineno) for each in frames)]
 
     def _numbered(self, thread_id: int, frame: FrameType, line: int) -> Frame:
         known = self._by_frame.get(id(frame))
         if known is None:
-            self._last_number += 1
-            known = Frame(self._last_number, thread_id, frame, line)
-            self._by_frame[id(frame)] = self._frames[self._last_number] = known
+            number = self._new_number()
+            known = Frame(number, thread_id, frame, line)
+            self._by_frame[id(frame)] = self._frames[number] = known
         return known
+
+    def _new_number(self) -> int:
+        with self._numbering:
+            self._last_number += 1
+            return self._last_number
 
     def frame(self, number: int) -> Frame | None:
         return self._frames.get(number)
@@ -175,20 +184,20 @@ class Tree:
 
         The expressions of its rows mean what they say in `frame`.
         """
-        self._last_number += 1
-        self._nodes[self._last_number] = node
+        number = self._new_number()
+        self._nodes[number] = node
         if frame is not None:
-            self._frames_of_nodes[self._last_number] = frame
-        return self._last_number
+            self._frames_of_nodes[number] = frame
+        return number
 
     def frame_of_node(self, number: int) -> Any:
         return self._frames_of_nodes.get(number)
 
     def add_place(self, expression: str, frame: Any) -> str:
         """A data id for the value of an expression, until the program goes on."""
-        self._last_number += 1
-        self._places[str(self._last_number)] = expression, frame
-        return str(self._last_number)
+        data_id = str(self._new_number())
+        self._places[data_id] = expression, frame
+        return data_id
 
     def place(self, data_id: str) -> tuple[str, Any] | None:
         return self._places.get(data_id)
@@ -198,7 +207,7 @@ class Tree:
 
     def writable_memory(self) -> list[tuple[str, int]]:
         """Reference and size of all memory that the client knows and the program may write to."""
-        return [(str(number), node.size) for number, node in self._nodes.items()
+        return [(str(number), node.size) for number, node in list(self._nodes.items())
                 if isinstance(node, variables.BytesNode) and node.is_writable]
 
     def rows(self, children: list[Child], is_hex: bool = False, frame: Any = None) -> list[dict[str, Any]]:

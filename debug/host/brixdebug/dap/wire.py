@@ -68,10 +68,11 @@ class Wire:
                 note(*each)
 
     def _noted(self, direction: str, message: dict[str, Any]) -> None:
-        if self._note is not None:
-            self._note(direction, message)
-        elif self._early is not None and len(self._early) < _MOST_EARLY:
-            self._early.append((direction, message))
+        note, early = self._note, self._early        # another thread may be in `note_all`
+        if note is not None:
+            note(direction, message)
+        elif early is not None and len(early) < _MOST_EARLY:
+            early.append((direction, message))
 
     # -- reading -----------------------------------------------------------------------
 
