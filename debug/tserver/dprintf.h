@@ -143,22 +143,21 @@ bool refuses_texts(PyObject* file);
 constexpr char kNoReprBuffer[] = "get_dprintf_repr_str1() failure: _repr_str1 is NULL";
 
 // Arguments are evaluated only when the channel is on.
-#define DO_DP(channel, ...)              \
-    do {                                 \
-        if (XPY_UNLIKELY(channel))       \
-            do_dp(channel, __VA_ARGS__); \
+#define DO_DP(channel, ...)                           \
+    do {                                              \
+        if (XPY_UNLIKELY(XPy_Load(&(channel))))       \
+            do_dp(XPy_Load(&(channel)), __VA_ARGS__); \
     } while (0)
 
 // Logs a message with the reprs of two objects. Code that a repr runs may clear the record, and with it the buffers,
 // so the texts are taken when both have been made.
-#define DO_DP_TWO_REPRS(data, channel, format, first, second)                        \
-    do {                                                                             \
-        if (XPY_UNLIKELY(channel)) {                                                 \
-            get_dprintf_repr_str1(data, first);                                      \
-            const char* second_text = get_dprintf_repr_str2(data, second);           \
-            if (channel)                                                             \
-                do_dp(channel, format, borrow_dprintf_repr_str1(data), second_text); \
-        }                                                                            \
+#define DO_DP_TWO_REPRS(data, channel, format, first, second)                                 \
+    do {                                                                                      \
+        if (XPY_UNLIKELY(XPy_Load(&(channel)))) {                                             \
+            get_dprintf_repr_str1(data, first);                                               \
+            const char* second_text = get_dprintf_repr_str2(data, second);                    \
+            do_dp(XPy_Load(&(channel)), format, borrow_dprintf_repr_str1(data), second_text); \
+        }                                                                                     \
     } while (0)
 
 // ---- Exception reports (dprintf_exceptions.cpp) ----

@@ -26,12 +26,12 @@ static bool is_py_file(const PyObject* file_obj)
 
 bool valid_single_dp_native_file(const tSingleDPData* channel)
 {
-    return channel->initialized && channel->fileno != -1;
+    return channel->initialized && XPy_Load(&channel->fileno) != -1;
 }
 
 bool valid_single_dp_py_file(const tSingleDPData* channel)
 {
-    return channel->initialized && is_py_file(channel->file_obj);
+    return channel->initialized && is_py_file(XPy_Load(&channel->file_obj));
 }
 
 bool valid_dp_native_file(const tDPData* data)
@@ -60,11 +60,14 @@ static const tDomainChannel kDomainChannels[] = {
     {kLogSecondMonitoringCallbacks, &tDPData::second_monitoring_callbacks},
 };
 
+// Where others change the log meanwhile, the last one to come here sees what all of them have changed.
 static void assign_channels(tDPData* data)
 {
+    XPyLocked locked(&gLogLock);
     bool has_output = valid_dp_py_file(data) || valid_dp_native_file(data);
+    int mask = has_output ? get_dp_data_mask(data) : 0;
     for (const tDomainChannel& domain : kDomainChannels)
-        data->*domain.channel = has_output && (data->mask & domain.bit) ? &data->shared_single_dp_data : nullptr;
+        XPy_Store(&(data->*domain.channel), mask & domain.bit ? &data->shared_single_dp_data : nullptr);
 }
 
 static char* new_repr_buffer(void)
@@ -109,8 +112,8 @@ void clear_dp_data(tDPData* data)
 {
     tSingleDPData* shared = &data->shared_single_dp_data;
     XPy_SetFieldUnder(&gLogLock, &shared->file_obj, nullptr);
-    shared->fileno = -1;
-    shared->win32_handle = nullptr;
+    XPy_Store(&shared->fileno, -1);
+    XPy_Store<void*>(&shared->win32_handle, nullptr);
     assign_channels(data);
     free_repr_buffer(&data->_repr_str1);
     free_repr_buffer(&data->_repr_str2);
@@ -126,13 +129,13 @@ void free_dp_data(tDPData* data)
 
 void set_dp_data_mask(tDPData* data, int mask)
 {
-    data->mask = static_cast<tDPrintfLogMask>(mask);
+    XPy_Store(&data->mask, static_cast<tDPrintfLogMask>(mask));
     assign_channels(data);
 }
 
 int get_dp_data_mask(const tDPData* data)
 {
-    return data->mask;
+    return XPy_Load(&data->mask);
 }
 
 void set_dp_data_file_obj(tDPData* data, PyObject* file_obj, int fileno, void* win32_handle)
@@ -140,8 +143,8 @@ void set_dp_data_file_obj(tDPData* data, PyObject* file_obj, int fileno, void* w
     tSingleDPData* shared = &data->shared_single_dp_data;
     XPy_SetFieldUnder(&gLogLock, &shared->file_obj, nullptr);
     XPy_SetFieldUnder(&gLogLock, &shared->file_obj, file_obj);  // the old file's end may have set another
-    shared->fileno = fileno;
-    shared->win32_handle = win32_handle;
+    XPy_Store(&shared->fileno, fileno);
+    XPy_Store(&shared->win32_handle, win32_handle);
     assign_channels(data);
 }
 
@@ -149,24 +152,24 @@ void set_dp_data_file_obj(tDPData* data, PyObject* file_obj, int fileno, void* w
 
 void set_dprintf_mask(int mask)
 {
-    gDPrintfMask = mask;
+    XPy_Store(&gDPrintfMask, mask);
     init_dp_data(&gUnsafeGlobalDPData, 0);
     set_dp_data_mask(&gUnsafeGlobalDPData, mask);
 }
 
 int get_dprintf_mask(void)
 {
-    return gDPrintfMask;
+    return XPy_Load(&gDPrintfMask);
 }
 
 void set_dprintf_file(PyObject* file_obj, int fileno, void* win32_handle)
 {
     XPy_SetFieldUnder(&gLogLock, &gDPrintfFile, nullptr);
-    gDPrintfNativeFileno = -1;
-    gDPrintfFileRefuses = false;  // that was the old file
+    XPy_Store(&gDPrintfNativeFileno, -1);
+    XPy_Store(&gDPrintfFileRefuses, false);  // that was the old file
     if (is_py_file(file_obj)) {
         XPy_SetFieldUnder(&gLogLock, &gDPrintfFile, file_obj);  // the old file's end may have set another
-        gDPrintfNativeFileno = fileno;
+        XPy_Store(&gDPrintfNativeFileno, fileno);
     }
     init_dp_data(&gUnsafeGlobalDPData, 0);
     set_dp_data_file_obj(&gUnsafeGlobalDPData, file_obj, fileno, win32_handle);
@@ -184,7 +187,7 @@ ssize_t write_str_to_native_file(const tSingleDPData* channel, const char* text)
 {
     if (!channel || !valid_single_dp_native_file(channel))
         return 0;
-    return write_text(channel->fileno, text);
+    return write_text(XPy_Load(&channel->fileno), text);
 }
 
 void do_dp_no_py_v(const tSingleDPData* channel, const char* format, va_list args)
@@ -210,9 +213,10 @@ void do_dp_no_py(const tSingleDPData* channel, const char* format, ...)
 
 void dprint_no_tstate(int mask, const char* text)
 {
-    if (!(gDPrintfMask & mask) || gDPrintfNativeFileno == -1)
+    int fileno = XPy_Load(&gDPrintfNativeFileno);
+    if (!(get_dprintf_mask() & mask) || fileno == -1)
         return;
-    ssize_t ignored = write_text(gDPrintfNativeFileno, text);
+    ssize_t ignored = write_text(fileno, text);
     (void)ignored;
 }
 
@@ -222,7 +226,7 @@ const char* dprint_check_str(const char* text)
 {
     if (!text)
         return "(NULL)";
-    if (!gDPrintfFile)
+    if (!XPy_Load(&gDPrintfFile))
         return text;  // nothing will print it
     for (const char* p = text; *p; p++) {
         if (*p & 0x80)

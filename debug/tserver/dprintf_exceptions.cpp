@@ -62,14 +62,14 @@ static void log_exception(tSingleDPData* channel)
     if (!channel || !api.PyErr_Occurred())
         return;
     PyThreadState* tstate = borrow_current_thread_state_or_null();
-    if (!tstate || get_thread_state_tracing(tstate) >= kMaxNestedTracing || channel->in_dprint_count != 0)
+    if (!tstate || get_thread_state_tracing(tstate) >= kMaxNestedTracing || is_producing(channel))
         return;
     if (!begin_message(channel))
         return;
     increment_thread_state_tracing(tstate);
     tFetchedException exception;
     api.PyErr_Fetch(&exception.type, &exception.value, &exception.traceback);
-    if (gDPrintfFile)
+    if (XPy_Load(&gDPrintfFile))
         do_dprintf(kLogCore, "EXCEPTION IN DEBUG TRACER:\n");
     api.PyErr_NormalizeException(&exception.type, &exception.value, &exception.traceback);
     bool displayed = display_on_channel(channel, exception);
@@ -82,7 +82,7 @@ static void log_exception(tSingleDPData* channel)
 
 void do_dlogexception(void)
 {
-    if (!gDPrintfFile)
+    if (!XPy_Load(&gDPrintfFile))
         return;
     init_dp_data(&gUnsafeGlobalDPData, 0);
     log_exception(&gUnsafeGlobalDPData.shared_single_dp_data);
@@ -97,7 +97,7 @@ void do_dp_logexception(tSingleDPData* channel)
 
 XPY_COLD void report_failure(tDPData* data, const char* text)
 {
-    tSingleDPData* channel = data ? data->internal_failures : nullptr;
+    tSingleDPData* channel = data ? XPy_Load(&data->internal_failures) : nullptr;
     if (!channel)
         return;
     do_dp(channel, "%s", text);

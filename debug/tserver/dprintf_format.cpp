@@ -54,14 +54,14 @@ static bool write_raw(PyObject* file, PyObject* text)
     bool is_refused = api.PyFile_WriteObject(text, file, kPyPrintRaw) < 0;
     if (is_refused)
         api.PyErr_Clear();
-    if (file == gDPrintfFile)  // else writing has run code that installed another
-        gDPrintfFileRefuses = is_refused;
+    if (file == XPy_Load(&gDPrintfFile))  // else writing has run code that installed another
+        XPy_Store(&gDPrintfFileRefuses, is_refused);
     return !is_refused;
 }
 
 bool refuses_texts(PyObject* file)
 {
-    if (!gDPrintfFileRefuses || file != gDPrintfFile)
+    if (!XPy_Load(&gDPrintfFileRefuses) || file != XPy_Load(&gDPrintfFile))
         return false;
     XPyOwned nothing(text_from_str(""));
     if (nothing)
@@ -99,7 +99,7 @@ static void write_guarded(tSingleDPData* channel, PyThreadState* tstate, const c
 
 void do_dp_v(tSingleDPData* channel, const char* format, va_list args)
 {
-    if (!channel || channel->in_dprint_count != 0)
+    if (!channel || is_producing(channel))
         return;
     PyThreadState* tstate = borrow_current_thread_state_or_null();
     if (tstate)
@@ -117,11 +117,11 @@ void do_dp(tSingleDPData* channel, const char* format, ...)
 // The thread state with which a process-wide message may be written, or null.
 static PyThreadState* borrow_process_wide_gate(int mask)
 {
-    if (!gDPrintfFile || !(gDPrintfMask & mask))
+    if (!XPy_Load(&gDPrintfFile) || !(get_dprintf_mask() & mask))
         return nullptr;
     init_dp_data(&gUnsafeGlobalDPData, 0);
     PyThreadState* tstate = borrow_current_thread_state_or_null();
-    return gUnsafeGlobalDPData.shared_single_dp_data.in_dprint_count == 0 ? tstate : nullptr;
+    return is_producing(&gUnsafeGlobalDPData.shared_single_dp_data) ? nullptr : tstate;
 }
 
 void do_dprintf(int mask, const char* format, ...)
@@ -204,7 +204,7 @@ static void fill_str_with_repr(tDPData* data, char** buffer, PyObject* obj)
         copy_limited(*buffer, "fill_str_with_repr() failed: tstate is NULL");
         return;
     }
-    if (data->shared_single_dp_data.in_dprint_count != 0) {
+    if (is_producing(&data->shared_single_dp_data)) {
         copy_limited(*buffer, "fill_str_with_repr() failed: in_dprint_count is not 0");
         return;
     }
@@ -278,7 +278,7 @@ static void append_code_static_str(PyObject* code)
                           get_code_firstlineno(code));
         return;
     }
-    if (gDPrintfFile) {
+    if (XPy_Load(&gDPrintfFile)) {
         do_dprintf(kLogInternalFailures, "Failure in append_code_static_str()\n");
         do_dlogexception();
     }

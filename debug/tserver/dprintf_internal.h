@@ -5,6 +5,12 @@
 
 #include "dprintf.h"
 
+// Whether a message or an exception is being produced on the channel.
+static inline bool is_producing(const tSingleDPData* channel)
+{
+    return XPy_Load(&channel->in_dprint_count) != 0;
+}
+
 // Takes the channel for one message or one exception: false when one is being produced already, by whatever thread.
 static inline bool begin_message(tSingleDPData* channel)
 {
@@ -19,7 +25,7 @@ static inline bool begin_message(tSingleDPData* channel)
 
 static inline void end_message(tSingleDPData* channel)
 {
-    __atomic_store_n(&channel->in_dprint_count, channel->in_dprint_count - 1, __ATOMIC_RELEASE);
+    __atomic_store_n(&channel->in_dprint_count, XPy_Load(&channel->in_dprint_count) - 1, __ATOMIC_RELEASE);
 }
 
 #endif

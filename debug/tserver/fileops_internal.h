@@ -8,7 +8,7 @@
 // The filenames channel when it writes to a Python file, else null.
 static inline tSingleDPData* filenames_channel(const tFileOpsData* data)
 {
-    tSingleDPData* channel = data->dp ? data->dp->filenames : nullptr;
+    tSingleDPData* channel = data->dp ? XPy_Load(&data->dp->filenames) : nullptr;
     return channel && valid_single_dp_py_file(channel) ? channel : nullptr;
 }
 

@@ -312,6 +312,20 @@ static inline void XPy_ClearField(T** field)
         XPy_InlineDecRef(old);
 }
 
+// A field that several threads read and write at the same time, where either value is right: the plain load or store
+// that it is with the interpreter lock.
+template <typename T>
+static inline T XPy_Load(const T* field)
+{
+    return __atomic_load_n(field, __ATOMIC_RELAXED);
+}
+
+template <typename T>
+static inline void XPy_Store(T* field, T value)
+{
+    __atomic_store_n(field, value, __ATOMIC_RELAXED);
+}
+
 // OBJ with a new reference taken; null stays null. [new]
 static inline PyObject* XPy_NewRef(PyObject* obj)
 {
