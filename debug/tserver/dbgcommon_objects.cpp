@@ -8,7 +8,7 @@
 
 void log_and_clear(const char* text)
 {
-    if (gDPrintfFile) {
+    if (XPy_Load(&gDPrintfFile)) {
         do_dprintf(kLogInternalFailures, "%s", text);
         do_dlogexception();
     }
@@ -22,16 +22,22 @@ static PyObject* new_name(const char* text)
     return api.major_version < 3 ? api.PyString_FromString(text) : api.PyUnicode_FromString(text);
 }
 
-PyObject* borrow_cached_name(tNameCache* cache)
+// The object of TEXT in *CACHE, made on first use; null with an exception pending. [borrowed]
+static inline PyObject* borrow_name(PyObject** cache, const char* text)
 {
-    PyObject* known = __atomic_load_n(&cache->name, __ATOMIC_ACQUIRE);
+    PyObject* known = __atomic_load_n(cache, __ATOMIC_ACQUIRE);
     if (known)
         return known;
-    PyObject* made = new_name(cache->text);
-    if (!made || __atomic_compare_exchange_n(&cache->name, &known, made, false, __ATOMIC_RELEASE, __ATOMIC_ACQUIRE))
+    PyObject* made = new_name(text);
+    if (!made || __atomic_compare_exchange_n(cache, &known, made, false, __ATOMIC_RELEASE, __ATOMIC_ACQUIRE))
         return made;
     XPy_DoDecRef(made);  // another thread was faster
     return known;
+}
+
+PyObject* borrow_cached_name(tNameCache* cache)
+{
+    return borrow_name(&cache->name, cache->text);
 }
 
 PyObject* get_cached_attr(PyObject* obj, tNameCache* cache)
@@ -61,9 +67,8 @@ int get_istrue(PyObject* obj)
 
 int get_bool_attrib(PyObject* obj, const char* name, PyObject** cache)
 {
-    if (!*cache && !(*cache = new_name(name)))
-        return -1;
-    XPyOwned value(api.PyObject_GetAttr(obj, *cache));
+    PyObject* known = borrow_name(cache, name);
+    XPyOwned value(known ? api.PyObject_GetAttr(obj, known) : nullptr);
     if (!value)
         return -1;
     if (value.borrow() == api.Py_True)
@@ -111,14 +116,17 @@ static PyObject* get_filename_by_descriptor(PyObject* code)
     typedef PyObject* (*tDescrGet)(PyObject*, PyObject*, PyObject*);
     static constexpr int kSlotDescrGet = 54;
     static PyObject* descriptor;  // like the names, made on first use and never released
-    static tDescrGet get;
+    static tDescrGet get;         // there before the descriptor is
     PyObject* type = reinterpret_cast<PyObject*>(api.PyCode_Type_ptr);
-    if (XPY_UNLIKELY(!descriptor)) {
-        descriptor = get_cached_attr(type, &co_filename);
-        void* slot = descriptor ? api.PyType_GetSlot(XPy_BorrowTypeInline(descriptor), kSlotDescrGet) : nullptr;
-        get = reinterpret_cast<tDescrGet>(slot);
+    PyObject* known = __atomic_load_n(&descriptor, __ATOMIC_ACQUIRE);
+    if (XPY_UNLIKELY(!known)) {
+        known = get_cached_attr(type, &co_filename);
+        void* slot = known ? api.PyType_GetSlot(XPy_BorrowTypeInline(known), kSlotDescrGet) : nullptr;
+        XPy_Store(&get, reinterpret_cast<tDescrGet>(slot));
+        __atomic_store_n(&descriptor, known, __ATOMIC_RELEASE);
     }
-    return get ? get(descriptor, code, type) : nullptr;
+    tDescrGet getter = XPy_Load(&get);
+    return getter ? getter(known, code, type) : nullptr;
 }
 
 PyObject* get_code_filename(PyObject* code)

@@ -156,7 +156,7 @@ PyObject* read_class_attr(PyObject* cls, tNameCache* name)
 
 __attribute__((noinline)) static PyObject* find_class_attr(PyObject* cls, tClassAttr* attribute)
 {
-    attribute->mark.cls = nullptr;
+    forget_mark(&attribute->mark);
     PyObject* value = read_class_attr(cls, &attribute->name);
     if (value)
         remember_value(cls, attribute, value);
@@ -173,7 +173,7 @@ PyObject* get_class_attr(PyObject* cls, tClassAttr* attribute)
 int set_class_attr(PyObject* cls, tClassAttr* attribute, PyObject* value)
 {
     // A class of an earlier interpreter may have had the same address and version.
-    attribute->mark.cls = nullptr;
+    forget_mark(&attribute->mark);
     PyObject* name = borrow_cached_name(&attribute->name);
     return name ? api.PyObject_SetAttr(cls, name, value) : -1;
 }

@@ -148,6 +148,13 @@ static inline bool is_as_marked(const tClassMark* mark, PyTypeObject* cls)
            *reinterpret_cast<const uint32_t*>(address + gShortcutOffsets.type_version) == mark->version;
 }
 
+// Takes a mark away. Where the interpreter lock is off no class is marked, and nothing is written.
+static inline void forget_mark(tClassMark* mark)
+{
+    if (mark->cls)
+        mark->cls = nullptr;
+}
+
 // Once per process, after the binding layer has started up.
 void init_class_versions(void);
 

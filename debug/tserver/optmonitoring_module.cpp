@@ -133,7 +133,7 @@ PyObject* UpdateThisProcessPid(PyObject* module, PyObject* const* args, Py_ssize
     tModuleState* m = static_cast<tModuleState*>(api.PyModule_GetState(module));
     if (get_fastargs(kNoArguments, args, static_cast<size_t>(nargs), kwnames) < 0)
         return fail_null(m->dp, "Exception in UpdateThisProcessPid\n");
-    m->_gThisProcessPid = api.cached_pid;
+    XPy_Store(&m->_gThisProcessPid, api.cached_pid);
     return new_none();
 }
 

@@ -13,7 +13,7 @@ static tNew make_instance;              // its __new__ then
 
 void CPerCodeObject_ForgetFindings(tModuleState* m)
 {
-    plainly_constructed.cls = nullptr;
+    forget_mark(&plainly_constructed);
     forget_known_pathnames(m);
 }
 

@@ -159,25 +159,33 @@ struct tKnownPathnames {
 static tKnownPathnames known_pathnames;
 tSharedLock gKnownPathnamesLock;
 
+static bool is_owner(const tModuleState* m)
+{
+    return XPy_Load(&known_pathnames.owner) == m;
+}
+
 static void drop_known_pathnames(void)
 {
-    XPy_ClearField(&known_pathnames.last_filename);
-    XPy_ClearField(&known_pathnames.last_pair);
+    if (!gIsLockOff) {
+        XPy_ClearField(&known_pathnames.last_filename);
+        XPy_ClearField(&known_pathnames.last_pair);
+    }
     XPy_SetFieldUnder(&gKnownPathnamesLock, &known_pathnames.dict, nullptr);
 }
 
 void forget_known_pathnames(tModuleState* m)
 {
-    if (known_pathnames.owner == m)
+    if (is_owner(m))
         drop_known_pathnames();
 }
 
 // The module's dict of known names [new], made on first use; null with an exception pending.
 static PyObject* new_known_pathnames(tModuleState* m)
 {
-    if (known_pathnames.owner != m)
+    if (!is_owner(m)) {
         drop_known_pathnames();
-    known_pathnames.owner = m;
+        XPy_Store(&known_pathnames.owner, m);
+    }
     PyObject* known = XPy_NewRefUnder(&gKnownPathnamesLock, &known_pathnames.dict);
     if (known)
         return known;
@@ -190,7 +198,7 @@ static PyObject* new_known_pathnames(tModuleState* m)
 // The pair of a file name [borrowed]; null, and nothing pending, when it is not known.
 static PyObject* borrow_known_pair(tModuleState* m, PyObject* filename)
 {
-    if (!known_pathnames.dict || known_pathnames.owner != m)
+    if (!known_pathnames.dict || !is_owner(m))
         return nullptr;
     if (filename == known_pathnames.last_filename)
         return known_pathnames.last_pair;
@@ -209,8 +217,7 @@ static PyObject* borrow_known_pair(tModuleState* m, PyObject* filename)
 // The same where other threads change what is known: without the name found last. [new]
 static PyObject* get_shared_known_pair(tModuleState* m, PyObject* filename)
 {
-    XPyOwned known(known_pathnames.owner == m ? XPy_NewRefUnder(&gKnownPathnamesLock, &known_pathnames.dict)
-                                              : nullptr);
+    XPyOwned known(is_owner(m) ? XPy_NewRefUnder(&gKnownPathnamesLock, &known_pathnames.dict) : nullptr);
     PyObject* pair = nullptr;
     if (known && XPy_BorrowTypeInline(filename) == api.PyUnicode_Type_ptr &&
         api.PyDict_GetItemRef(known.borrow(), filename, &pair) < 0)
@@ -277,7 +284,7 @@ int find_pathnames(tModuleState* m, PyObject* code, PyObject* frame, tPathnames*
         names->canonical.reset(CPerCodeObject_GetPathnameToUse_direct(m, code, frame, 1));
     if (!names->canonical)
         return -1;
-    if (known.borrow() == known_pathnames.dict)  // the host's callback may have reset the module
+    if (known.borrow() == XPy_Load(&known_pathnames.dict))  // the host's callback may have reset the module
         keep_pathnames(m, known.borrow(), filename.borrow(), *names);
     return 0;
 }

@@ -285,7 +285,7 @@ static PyObject* get_for_callback(tModuleState* m)
     if (!per_thread || per_thread.borrow() == api.Py_None)
         return per_thread.detach();
     CPerThreadBody* body = per_thread_body(per_thread.borrow(), as_type(m->CPerThread));
-    if (body->fThreadName == api.Py_None && CPerThread_FindThreadName_direct(m, per_thread.borrow()) < 0)
+    if (XPy_Load(&body->fThreadName) == api.Py_None && CPerThread_FindThreadName_direct(m, per_thread.borrow()) < 0)
         return nullptr;
     return per_thread.detach();
 }
@@ -320,11 +320,11 @@ static int ask_debug_policy(tModuleState* m, PyObject* per_thread, CPerThreadBod
         api.PyErr_SetString(api.PyExc_OverflowError, "the debug policy does not fit into an int");
         return -1;
     }
-    body->fDebugPolicy = static_cast<int>(policy);
+    XPy_Store(&body->fDebugPolicy, static_cast<int>(policy));
     DO_DP(m->dp->initial_monitoring_callbacks,
-          "CPerThread_GetDebugPolicy_direct(): policy returned is %i (per_thread.fThreadId=%s)\n", body->fDebugPolicy,
-          get_dprintf_repr_str2(m->dp, thread_id.borrow()));
-    return body->fDebugPolicy;
+          "CPerThread_GetDebugPolicy_direct(): policy returned is %i (per_thread.fThreadId=%s)\n",
+          XPy_Load(&body->fDebugPolicy), get_dprintf_repr_str2(m->dp, thread_id.borrow()));
+    return XPy_Load(&body->fDebugPolicy);
 }
 
 static int get_debug_policy_inner(tModuleState* m, PyObject* per_thread)
@@ -334,8 +334,9 @@ static int get_debug_policy_inner(tModuleState* m, PyObject* per_thread)
         return -1;
     }
     CPerThreadBody* body = per_thread_body(per_thread, as_type(m->CPerThread));
-    if (!body || body->fDebugPolicy != -1)
-        return body ? body->fDebugPolicy : -1;
+    int known = body ? XPy_Load(&body->fDebugPolicy) : -1;
+    if (!body || known != -1)
+        return known;
     XPyOwned callback(CPerThread_get_fDebugPolicyCallback(m));
     if (!callback)
         return -1;
@@ -355,7 +356,7 @@ static int find_thread_name_inner(tModuleState* m, PyObject* per_thread)
     CPerThreadBody* body = need_per_thread(m, per_thread);
     if (!body)
         return -1;
-    if (body->fThreadName != api.Py_None)
+    if (XPy_Load(&body->fThreadName) != api.Py_None)
         return 0;
     XPyOwned callback(get_class_attr(m->CPerThread, &gGetThreadNameCallback));
     if (!callback)
@@ -426,7 +427,7 @@ static int forget_policies(tModuleState* m)
         CPerThreadBody* body = need_per_thread(m, api.PyList_GetItem(all.borrow(), i));
         if (!body)
             return -1;
-        body->fDebugPolicy = -1;
+        XPy_Store(&body->fDebugPolicy, -1);
     }
     return count < 0 ? -1 : 0;
 }

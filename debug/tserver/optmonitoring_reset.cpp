@@ -40,7 +40,7 @@ static int reset_inner(tModuleState* m)
     }
     clear_dp_data(m->dp);
     set_dp_data_mask(m->dp, 0);
-    m->_gThisProcessPid = api.cached_pid;
+    XPy_Store(&m->_gThisProcessPid, api.cached_pid);
     if (replace_file_tables(m) < 0)
         return -1;
     XPyOwned internal_table(new_internal_table(m));

@@ -70,9 +70,10 @@ static int CInitialCallback_SkipSecondCallback_inner(tModuleState* m,
     XPyOwned held_linenos;
     CPerCodeObjectBody held;
     if (gIsLockOff) {  // the decision is made over what the record holds now, which another thread may replace
-        held = *record;
         held_linenos.reset(XPy_NewRefOfMember(locals->per_code_object, &record->fEnabledBpLinenos));
         held.fEnabledBpLinenos = held_linenos.borrow();
+        held.fSteppingEventsNeededCount = XPy_Load(&record->fSteppingEventsNeededCount);
+        held.fReturnEventsNeededCount = XPy_Load(&record->fReturnEventsNeededCount);
         record = &held;
     }
     LOG("  CInitialCallback.SkipSecondCallback(): event id %i; ", event_id);
