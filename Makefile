@@ -19,6 +19,9 @@ FUZZ_SECONDS ?= 60
 STORM_SECONDS ?= 3600
 STORM_PYTHONS ?= $(shell tools/interpreters list --cmake --min 3.13 | awk -F'|' '$$3 == "freethreaded" { print $$4 }')
 
+# How long `make tsan-storm` lets each kind of storm go on.
+TSAN_SECONDS ?= 60
+
 # Interpreters to run under the sanitizers: the first one with sys.monitoring, or those named.
 WATCHED_PYTHONS ?= $(or $(PYTHONS),$(shell tools/interpreters list --cmake --min 3.12 | \
                      awk -F'|' '$$3 == "release" { print $$1; exit }'))
@@ -35,7 +38,7 @@ WATCHED_SESSIONS = files|fork|log|own_errors|stops|switching|threads|conditions|
 
 .PHONY: help setup build run demo test test-long test-one test-all test-cpp test-python test-brixdebug test-life test-adapter \
         test-reference storm test-editors test-aarch64 test-musl test-machines cpython-suites wheel wheels vsix types inject fuzz \
-        asan tsan valgrind bench bench-quick bench-host bench-adapter bench-growth bench-units bench-debugpy bench-pandas bench-docs \
+        asan tsan tsan-storm valgrind bench bench-quick bench-host bench-adapter bench-growth bench-units bench-debugpy bench-pandas bench-docs \
         tests-configured tests-built some-interpreters interpreters fresh clean lint format hooks coverage
 
 help:  ## list the targets
@@ -223,6 +226,14 @@ tsan:  ## the Python suites with threads under TSan
 	@# TSan gives up on the second thread of a free-threaded interpreter's forked child.
 	@setarch -R tools/run_ctest $(BUILD)-tsan -R '^py_.*\.test_.*(thread|filter_live|initial_callback|life)' \
 	    -E 'freethreaded.test_per_thread_lookup'
+
+tsan-storm:  ## the storms, each for TSAN_SECONDS, in an interpreter that TSan watches too (gets it: ten minutes more)
+	@tools/setup build && tools/setup interpreters
+	@setarch -R tools/interpreters install 3.13-freethreaded-tsan
+	@cmake --preset tsan -B $(BUILD)-tsan >/dev/null
+	@cmake --build $(BUILD)-tsan --target optmonitoring -j $(JOBS)
+	@setarch -R tests/sanitizers/run_storm $(BUILD)-tsan $(TSAN_SECONDS) \
+	    $$(setarch -R tools/interpreters list --cmake --machine tsan | cut -d'|' -f4)
 
 valgrind:  ## the C++ tests and a short Python session under memcheck
 	@tools/setup test && tools/setup valgrind

@@ -2,7 +2,8 @@
 other machines need besides.
 
 A name is VERSION, VERSION-FLAVOUR or VERSION-MACHINE. The machines are others than this one in their processor or in their
-C library; their interpreters have lists of their own, so that nothing takes them for this machine's.
+C library; their interpreters have lists of their own, so that nothing takes them for this machine's. So has tsan: what
+ThreadSanitizer watches is many times slower, and nothing but `make tsan-storm` wants it.
 """
 import collections
 import os
@@ -17,8 +18,8 @@ Compiled = collections.namedtuple("Compiled", "suite source flags binary")
 # architecture: Debian's name of it, empty for this machine's own. emulator: names of the program that runs what is for it,
 # and its options; the processor chosen is the fastest to emulate, as it does not sign its pointers. compiler: what
 # interpreters are compiled with. libraries: what an interpreter needs that there are no packages of, as (source package,
-# options of configure, additional compiler options).
-Machine = collections.namedtuple("Machine", "multiarch architecture emulator emulator_options compiler libraries")
+# options of configure, additional compiler options). flavours: what an interpreter has to say of itself besides.
+Machine = collections.namedtuple("Machine", "multiarch architecture emulator emulator_options compiler libraries flavours")
 
 
 def packaged(version, debug=False, suite="unstable"):
@@ -41,6 +42,9 @@ INSTALLABLE = collections.OrderedDict([
     ("3.14-aarch64", packaged("3.14")),
     ("3.15-aarch64", packaged("3.15")),
     ("3.13-musl", Compiled("trixie", "python3.13", ["--disable-test-modules"], "bin/python3.13")),
+    ("3.13-freethreaded-tsan", Compiled("trixie", "python3.13",
+                                        ["--disable-gil", "--with-thread-sanitizer", "--disable-test-modules"],
+                                        "bin/python3.13t")),
 ])
 
 # What an installed interpreter runs first: it has to work, and names the modules it lacks.
@@ -67,14 +71,15 @@ import compileall, os, re
 compileall.compile_dir(os.path.dirname(os.__file__), quiet=2, rx=re.compile("/(test|idlelib)/"))
 """
 
-THIS_MACHINE = Machine(None, "", (), [], None, [])
+THIS_MACHINE = Machine(None, "", (), [], None, [], [])
 MACHINES = {
     "aarch64": Machine("aarch64-linux-gnu", "arm64", ("qemu-aarch64-static", "qemu-aarch64"), ["-cpu", "cortex-a72"], None,
-                       []),
+                       [], []),
     "musl": Machine("x86_64-linux-musl", "", (), [], "musl-gcc",
                     # static trampolines want the kernel's headers
                     [("libffi", ["--disable-shared", "--with-pic", "--disable-docs", "--disable-exec-static-tramp"], ""),
-                     ("zlib", ["--static"], "-fPIC")]),
+                     ("zlib", ["--static"], "-fPIC")], []),
+    "tsan": Machine(None, "", (), [], None, [], ["tsan"]),
 }
 
 

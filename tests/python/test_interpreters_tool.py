@@ -13,7 +13,7 @@ import unittest
 
 TOOL = os.path.join(os.path.dirname(os.path.abspath(__file__)), os.pardir, os.pardir, "tools", "interpreters")
 NAMES = ("3.13 3.14 3.15 3.14-debug 3.15-debug 3.13-freethreaded 3.11-tracerefs 3.13-aarch64 3.14-aarch64 3.15-aarch64 "
-         "3.13-musl")
+         "3.13-musl 3.13-freethreaded-tsan")
 
 # Runs the tool with what a package knows about Debian's archive replaced.
 RUN_TOOL = """
@@ -215,6 +215,7 @@ class ListTest(ToolTest):
         self.script(os.path.join(self.bin, "python3"), '#!/bin/sh\nexec "{}" "$@"\n'.format(sys.executable))
         words = [word for word, name in (("debug", "Py_DEBUG"), ("tracerefs", "Py_TRACE_REFS"),
                                          ("freethreaded", "Py_GIL_DISABLED")) if sysconfig.get_config_var(name)]
+        words += ["tsan"] * ("--with-thread-sanitizer" in (sysconfig.get_config_var("CONFIG_ARGS") or ""))
         [one] = self.listed()
         self.assertEqual((one["version"], one["flavour"]), (list(sys.version_info[:3]), "+".join(words) or "release"))
 
@@ -367,6 +368,29 @@ class InstallTest(ToolTest):
         self.assertEqual(status, 1)
         self.assertIn("is not the interpreter wanted: it says ", err)
         self.assertEqual(self.left_over(), ["aarch64"])
+
+    def under_tsan(self, flavour):
+        """A launcher where the interpreter belongs that ThreadSanitizer watches."""
+        return self.interpreter(os.path.join(self.make_folder("interpreters", "tsan", "bin"), "python3.13-freethreaded"),
+                                "3.13.5", flavour)
+
+    def test_interpreter_under_tsan_is_listed_for_that_alone(self):
+        launcher = self.under_tsan("freethreaded+tsan")
+        self.environment["PATH"] = self.bin
+        self.assertEqual(self.listed(), [])
+        self.assertEqual(self.listed("--machine", "tsan"), [
+            {"name": "3.13.5-freethreaded-tsan", "version": [3, 13, 5], "flavour": "freethreaded+tsan", "command": [launcher]}])
+
+    def test_interpreter_under_tsan_is_not_installed_twice(self):
+        launcher = self.under_tsan("freethreaded+tsan")
+        self.assertEqual(self.run_tool("install", "3.13-freethreaded-tsan"),
+                         (0, "3.13-freethreaded-tsan: is there: %s\n" % launcher, ""))
+
+    def test_interpreter_that_tsan_does_not_watch_does_not_count_as_one(self):
+        self.under_tsan("freethreaded")
+        self.environment["PATH"] = self.bin
+        self.assertEqual(self.run_tool("install", "3.13-freethreaded-tsan"), (
+            1, "", "interpreters: 3.13-freethreaded-tsan: this machine lacks dpkg-source (Debian: dpkg-dev), gcc, make\n"))
 
     def test_lacking_emulator_is_named_before_anything_is_fetched(self):
         self.environment["PATH"] = self.bin
