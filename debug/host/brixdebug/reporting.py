@@ -312,7 +312,7 @@ class Reporter:
             state.is_muted = False
             if not self._monitor.suspension.is_ending_all:
                 self._raiser.finished_thread_ids.discard(state.thread_id)
-        return self._monitor.suspension.is_ending_all
+        return debugger.quitting              # the main thread may have ended the session already
 
     def _returns(self, frame: FrameType, value: object) -> None:
         """Report the end of a frame, for good."""
