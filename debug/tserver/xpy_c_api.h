@@ -435,8 +435,7 @@ XPY_EXPORT Py_ssize_t FindSizeOfAllFields(const XPy_FieldWithSize* table);
 // Sets the size of the named row; nothing when the name is absent.
 XPY_EXPORT void SetFieldSize(XPy_FieldWithSize* table, const char* name, Py_ssize_t size);
 
-// Byte offsets that only short cuts read; -1: unknown, and the full path is taken. Where builds differ they are those
-// of a build with the interpreter lock, and -1 without it.
+// Byte offsets that only short cuts read; -1: unknown, and the full path is taken.
 struct XPy_ShortcutOffsets {
     Py_ssize_t set_mask;      // sets: number of entries less one
     Py_ssize_t set_table;     // address of the entries
@@ -445,7 +444,10 @@ struct XPy_ShortcutOffsets {
     Py_ssize_t type_version;  // type objects: a number that each change of the type takes away
     Py_ssize_t frame_code;    // the interpreter's own record of a running frame: its code object
 };
-extern XPy_ShortcutOffsets gShortcutOffsets;
+extern XPy_ShortcutOffsets gShortcutOffsets;  // but for frame_code -1 on a free-threaded build
+
+// The same fields of a free-threaded build, where only what cannot change is read in place; -1 on all others.
+extern XPy_ShortcutOffsets gSharedShortcutOffsets;
 
 // ---- Modules (xpy_c_api_modules.cpp) ----
 

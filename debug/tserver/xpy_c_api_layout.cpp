@@ -222,25 +222,30 @@ void InitCFrameOffsets(void)
 }
 
 XPy_ShortcutOffsets gShortcutOffsets = {-1, -1, -1, -1, -1, -1};
+XPy_ShortcutOffsets gSharedShortcutOffsets = {-1, -1, -1, -1, -1, -1};
+
+static void init_object_shortcuts(XPy_ShortcutOffsets* offsets)
+{
+    if (const XPy_FieldWithSize* set = find_layout(kSetLayouts)) {
+        offsets->set_mask = FindFieldOffset("mask", set);
+        offsets->set_table = FindFieldOffset("table", set);
+    }
+    if (const XPy_FieldWithSize* number = find_layout(kIntLayouts)) {
+        offsets->int_tag = FindFieldOffset("lv_tag", number);
+        offsets->int_digit = FindFieldOffset("ob_digit", number);
+    }
+    if (const XPy_FieldWithSize* tail = find_layout(kTypeTailLayouts))
+        offsets->type_version = api.typeobject_offsets.tp_base + FindFieldOffset("tp_version_tag", tail);
+}
 
 void InitShortcutOffsets(void)
 {
     gShortcutOffsets = {-1, -1, -1, -1, -1, -1};
+    gSharedShortcutOffsets = gShortcutOffsets;
     if (const XPy_FieldWithSize* frame = find_layout(kInterpreterFrameLayouts))
         gShortcutOffsets.frame_code = FindFieldOffset("f_executable", frame);
-    // No known place of the count: the build is free-threaded, and what others may change is not read in place.
-    if (api.pyobject_offsets.refcnt == -1)
-        return;
-    if (const XPy_FieldWithSize* set = find_layout(kSetLayouts)) {
-        gShortcutOffsets.set_mask = FindFieldOffset("mask", set);
-        gShortcutOffsets.set_table = FindFieldOffset("table", set);
-    }
-    if (const XPy_FieldWithSize* number = find_layout(kIntLayouts)) {
-        gShortcutOffsets.int_tag = FindFieldOffset("lv_tag", number);
-        gShortcutOffsets.int_digit = FindFieldOffset("ob_digit", number);
-    }
-    if (const XPy_FieldWithSize* tail = find_layout(kTypeTailLayouts))
-        gShortcutOffsets.type_version = api.typeobject_offsets.tp_base + FindFieldOffset("tp_version_tag", tail);
+    // No known place of the count: the build is free-threaded.
+    init_object_shortcuts(api.pyobject_offsets.refcnt == -1 ? &gSharedShortcutOffsets : &gShortcutOffsets);
 }
 
 // Gives the nested structure's row of TABLE its size; false when that cannot be computed, which is reported, or when

@@ -135,36 +135,40 @@ TEST_F(LiveLayout, FrameLineIsTheTracedOne)
 // A version that these tables do not name works, but slowly: nothing else would tell.
 TEST_F(LiveLayout, EveryVersionWithTheFilterHasTheShortcutsLayouts)
 {
-    bool is_expected = is_py3(12);
-    bool has_lock = api.pyobject_offsets.refcnt != -1;
-    const XPy_ShortcutOffsets& offsets = gShortcutOffsets;
-    EXPECT_EQ(offsets.frame_code != -1, is_expected);
-    for (Py_ssize_t offset :
-         {offsets.set_mask, offsets.set_table, offsets.int_tag, offsets.int_digit, offsets.type_version})
-        EXPECT_EQ(offset != -1, is_expected && has_lock);
+    bool is_expected = is_py3(12), is_free_threaded = api.pyobject_offsets.refcnt == -1;
+    EXPECT_EQ(gShortcutOffsets.frame_code != -1, is_expected);
+    for (bool is_shared : {false, true}) {
+        const XPy_ShortcutOffsets& offsets = is_shared ? gSharedShortcutOffsets : gShortcutOffsets;
+        for (Py_ssize_t offset :
+             {offsets.set_mask, offsets.set_table, offsets.int_tag, offsets.int_digit, offsets.type_version})
+            EXPECT_EQ(offset != -1, is_expected && is_shared == is_free_threaded);
+    }
 }
 
 TEST_F(LiveLayout, ShortcutsReadSetsIntsAndTypes)
 {
-    const XPy_ShortcutOffsets& offsets = gShortcutOffsets;
-    if (!is_py3(12) || api.pyobject_offsets.refcnt == -1)
-        GTEST_SKIP() << "nothing of this build is read in place, tested above";
+    bool is_free_threaded = api.pyobject_offsets.refcnt == -1;
+    const XPy_ShortcutOffsets& offsets = is_free_threaded ? gSharedShortcutOffsets : gShortcutOffsets;
+    if (!is_py3(12))
+        GTEST_SKIP() << "nothing is read in place, tested above";
     ASSERT_NE(offsets.set_table, -1);
     ASSERT_NE(offsets.int_tag, -1);
     ASSERT_NE(offsets.type_version, -1);
     XPyOwned scope(
-        run_python("lines = {8}\nnumber = 70007\n"
+        run_python("lines, frozen = {8}, frozenset((8,))\nnumber = 70007\n"
                    "class Changing: pass\n"
                    "Changing.first = 1\nChanging.first\n"));
-    PyObject* lines = api.PyDict_GetItemString(scope.borrow(), "lines");
-    EXPECT_EQ(read<size_t>(lines, offsets.set_mask), 7u);
     struct tEntry {
         PyObject* key;
         Py_ssize_t hash;
     };
-    const tEntry* table = read<tEntry*>(lines, offsets.set_table);
-    EXPECT_EQ(table[0].hash, 8);
-    EXPECT_EQ(table[1].key, nullptr);
+    for (const char* name : {"lines", "frozen"}) {
+        PyObject* lines = api.PyDict_GetItemString(scope.borrow(), name);
+        EXPECT_EQ(read<size_t>(lines, offsets.set_mask), 7u);
+        const tEntry* table = read<tEntry*>(lines, offsets.set_table);
+        EXPECT_EQ(table[0].hash, 8);
+        EXPECT_EQ(table[1].key, nullptr);
+    }
     PyObject* number = api.PyDict_GetItemString(scope.borrow(), "number");
     EXPECT_EQ(read<uint64_t>(number, offsets.int_tag) & ~4ull, 8u) << "one digit, positive";
     EXPECT_EQ(read<uint32_t>(number, offsets.int_digit), 70007u);

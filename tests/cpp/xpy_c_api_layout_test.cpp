@@ -456,16 +456,20 @@ TEST_F(Layout, ShortcutsAreKnownFrom3Dot12To3Dot15)
             set_version(version.major, version.minor);
             InitPyObjectOffsets(free_threaded);
             InitTypeObjectOffsets();
-            gShortcutOffsets = {77, 77, 77, 77, 77, 77};
+            gShortcutOffsets = gSharedShortcutOffsets = {77, 77, 77, 77, 77, 77};
             InitShortcutOffsets();
-            const XPy_ShortcutOffsets& offsets = gShortcutOffsets;
-            EXPECT_EQ(offsets.frame_code, version.is_known ? 0 : -1);
-            bool is_read = version.is_known && !free_threaded;
-            EXPECT_EQ(offsets.set_mask, is_read ? 32 : -1);
-            EXPECT_EQ(offsets.set_table, is_read ? 40 : -1);
-            EXPECT_EQ(offsets.int_tag, is_read ? 16 : -1);
-            EXPECT_EQ(offsets.int_digit, is_read ? 24 : -1);
-            EXPECT_EQ(offsets.type_version, is_read ? 384 : -1);
+            EXPECT_EQ(gShortcutOffsets.frame_code, version.is_known ? 0 : -1);
+            EXPECT_EQ(gSharedShortcutOffsets.frame_code, -1);
+            for (bool is_shared : {false, true}) {
+                const XPy_ShortcutOffsets& offsets = is_shared ? gSharedShortcutOffsets : gShortcutOffsets;
+                bool is_read = version.is_known && is_shared == free_threaded;
+                int head = is_shared ? 16 : 0;  // by which the header is longer
+                EXPECT_EQ(offsets.set_mask, is_read ? 32 + head : -1);
+                EXPECT_EQ(offsets.set_table, is_read ? 40 + head : -1);
+                EXPECT_EQ(offsets.int_tag, is_read ? 16 + head : -1);
+                EXPECT_EQ(offsets.int_digit, is_read ? 24 + head : -1);
+                EXPECT_EQ(offsets.type_version, is_read ? 384 + head : -1);
+            }
         }
     }
 }
