@@ -1,0 +1,88 @@
+// The threads that read without a lock, and the wait for them.
+
+#include "xpy_c_api_readers.h"
+
+#include <pthread.h>
+#include <sched.h>
+#include <stdlib.h>
+
+__thread tReader* own_reader;
+
+static tReader* first_reader;  // places are only ever added, in front
+static pthread_key_t key_of_readers;
+
+// At the end of a thread. Code that runs after this on the thread gets another place.
+static void leave_place(void* place)
+{
+    own_reader = nullptr;
+    __atomic_store_n(&static_cast<tReader*>(place)->is_taken, 0, __ATOMIC_RELEASE);
+}
+
+int init_readers(void)
+{
+    return pthread_key_create(&key_of_readers, leave_place) == 0 ? 0 : -1;
+}
+
+static tReader* take_empty_place(void)
+{
+    for (tReader* reader = __atomic_load_n(&first_reader, __ATOMIC_ACQUIRE); reader; reader = reader->next) {
+        uint32_t empty = 0;
+        if (__atomic_compare_exchange_n(&reader->is_taken, &empty, 1, false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED))
+            return reader;
+    }
+    return nullptr;
+}
+
+static tReader* add_place(void)
+{
+    tReader* reader = static_cast<tReader*>(calloc(1, sizeof(tReader)));
+    if (!reader)
+        return nullptr;
+    reader->is_taken = 1;
+    reader->next = __atomic_load_n(&first_reader, __ATOMIC_RELAXED);
+    while (!__atomic_compare_exchange_n(&first_reader, &reader->next, reader, true, __ATOMIC_SEQ_CST,
+                                        __ATOMIC_RELAXED)) {
+    }
+    return reader;
+}
+
+tReader* add_reader(void)
+{
+    tReader* reader = take_empty_place();
+    if (!reader)
+        reader = add_place();
+    if (reader && pthread_setspecific(key_of_readers, reader) != 0) {
+        __atomic_store_n(&reader->is_taken, 0, __ATOMIC_RELEASE);
+        return nullptr;
+    }
+    own_reader = reader;
+    return reader;
+}
+
+static bool is_reading(uint64_t count)
+{
+    return count % 2 != 0;
+}
+
+void wait_for_readers(void)
+{
+    // In order behind what was made unreachable, and before the counts.
+    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+    for (tReader* reader = __atomic_load_n(&first_reader, __ATOMIC_SEQ_CST); reader; reader = reader->next) {
+        uint64_t before = __atomic_load_n(&reader->count, __ATOMIC_ACQUIRE);
+        if (reader == own_reader || !is_reading(before))
+            continue;
+        while (__atomic_load_n(&reader->count, __ATOMIC_ACQUIRE) == before)
+            sched_yield();  // it reads for some nanoseconds, unless it is not running
+    }
+}
+
+void forget_other_readers(void)
+{
+    for (tReader* reader = first_reader; reader; reader = reader->next) {
+        if (reader != own_reader && is_reading(reader->count))
+            reader->count++;
+        if (reader != own_reader)
+            reader->is_taken = 0;
+    }
+}
