@@ -38,7 +38,8 @@ WATCHED_SESSIONS = files|fork|log|own_errors|stops|switching|threads|conditions|
 
 .PHONY: help setup build run demo test test-long test-one test-all test-cpp test-python test-brixdebug test-life test-adapter \
         test-reference storm test-editors test-aarch64 test-musl test-machines cpython-suites wheel wheels vsix types inject fuzz \
-        asan tsan tsan-storm valgrind bench bench-quick bench-host bench-adapter bench-growth bench-units bench-debugpy bench-pandas bench-docs \
+        asan tsan tsan-storm valgrind bench bench-quick bench-host bench-adapter bench-growth bench-scale bench-units bench-debugpy \
+        bench-pandas bench-docs \
         tests-configured tests-built some-interpreters interpreters fresh clean lint format hooks coverage
 
 help:  ## list the targets
@@ -284,6 +285,9 @@ bench-adapter: build  ## what somebody pays who debugs in an editor, beside debu
 
 bench-growth: build  ## how an event's cost, and the memory, grow with what the filter keeps
 	@python3 bench/growth.py --full --module-dir $(BUILD) --results $(BUILD)/bench
+
+bench-scale: build  ## what an event costs with 1, 2, 4 and 8 threads where the interpreter lock is off
+	@python3 bench/scale.py --module-dir $(BUILD)
 
 bench-units:  ## the benchmarks of the hash table and the registry
 	@tools/setup build && tools/setup bench
