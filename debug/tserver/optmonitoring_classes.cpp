@@ -154,8 +154,21 @@ PyObject* read_class_attr(PyObject* cls, tNameCache* name)
     return is_cached ? read_past_cache(cls, name) : get_cached_attr(cls, name);
 }
 
+// Without the interpreter lock. Another thread may change the class between the two looks at its version, but no
+// version is given twice.
+static PyObject* find_shared_class_attr(PyObject* cls, tClassAttr* attribute)
+{
+    uint64_t before = gSharedShortcutOffsets.type_version == -1 ? 0 : get_class_state(as_type(cls));
+    PyObject* value = read_class_attr(cls, &attribute->name);
+    if (before && value == api.Py_None && get_class_state(as_type(cls)) == before)
+        __atomic_store_n(&attribute->state_when_none, before, __ATOMIC_RELEASE);
+    return value;
+}
+
 __attribute__((noinline)) static PyObject* find_class_attr(PyObject* cls, tClassAttr* attribute)
 {
+    if (gIsLockOff)
+        return find_shared_class_attr(cls, attribute);
     forget_mark(&attribute->mark);
     PyObject* value = read_class_attr(cls, &attribute->name);
     if (value)

@@ -19,8 +19,11 @@
 // The interpreter writes its own objects (sets, ints, types) under the same lock. A frame and a storage slot are
 // this thread's own; offsets and constants are written by the import alone.
 //
-// Where the user of a free-threaded interpreter keeps the lock off, no event takes the fast path: see
-// CInitialCallback_CallbackShared().
+// Where a free-threaded interpreter leaves its lock off, the functions with kIsShared read as follows. The thread
+// says that it is reading (XPyReading), and who takes away what is read here (a record out of its code object's slot
+// or its thread's pair, a frozenset that a record holds for events) waits for its readers before letting go. So what
+// is borrowed stays valid to the verdict. A pointer is read once, after what it leads to was written (acquire); a
+// number is right before and after the change. None, True and False never die and are only compared.
 
 // ---- A look into sets of line numbers (optmonitoring_linenos.cpp) ----
 
@@ -82,10 +85,21 @@ static inline tLinenoFound find_lineno(PyObject* linenos, PyObject* lineno)
 // ---- What is ready ----
 // These take what is ready and leave everything else, failures included, to the functions that find out the reason.
 
-// The record in the code object's extra slot [borrowed] if it needs no refinement, else null.
+// A field that another thread may replace where kIsShared.
+template <bool kIsShared>
+static inline PyObject* borrow_field(PyObject* const* field)
+{
+    return kIsShared ? __atomic_load_n(field, __ATOMIC_ACQUIRE) : *field;
+}
+
+// The record in the code object's extra slot [borrowed] if it needs no refinement, else null. Where the first module
+// that uses extra slots is another one, the array of the slots may be moved while it is read without a lock.
+template <bool kIsShared>
 static inline PyObject* borrow_ready_record(tModuleState* m, PyObject* code)
 {
     void* extra = nullptr;
+    if (kIsShared && m->code_object_extra_index != 0)
+        return nullptr;
     if (XPY_UNLIKELY(api._PyCode_GetExtra(code, m->code_object_extra_index, &extra) < 0)) {
         api.PyErr_Clear();
         return nullptr;
@@ -98,24 +112,31 @@ static inline PyObject* borrow_ready_record(tModuleState* m, PyObject* code)
 }
 
 // Whether a hook is surely off: it was found so, and nobody has changed the class since.
+template <bool kIsShared>
 static inline bool is_surely_off(const tClassAttr* hook, PyObject* cls)
 {
+    if (kIsShared) {
+        uint64_t state = __atomic_load_n(&hook->state_when_none, __ATOMIC_ACQUIRE);
+        return state != 0 && state == get_class_state(as_type(cls));
+    }
     return is_as_marked(&hook->mark, as_type(cls)) && hook->value == api.Py_None;
 }
 
 // The record behind this thread's storage slot [borrowed] if it is not stale and has its name, or nobody to give it
 // one; else null.
+template <bool kIsShared>
 static inline PyObject* borrow_ready_per_thread(tModuleState* m)
 {
     if (XPY_UNLIKELY(!m->_gPyTssKey))
         return nullptr;  // the host's log module, imported before the key is made, calls back
     // The slot is this thread's own; a record that dies elsewhere is marked in the pair under the lock.
     _tPyTssData* pair = static_cast<_tPyTssData*>(api.PyThread_tss_get(m->_gPyTssKey));
-    if (XPY_UNLIKELY(!pair || !pair->fPerThreadPtr || pair->fThreadStatePtr != api.PyThreadState_Get()))
+    PyObject* record = pair ? borrow_field<kIsShared>(&pair->fPerThreadPtr) : nullptr;
+    if (XPY_UNLIKELY(!record || pair->fThreadStatePtr != api.PyThreadState_Get()))
         return nullptr;
-    bool is_named = per_thread_body(pair->fPerThreadPtr, as_type(m->CPerThread))->fThreadName != api.Py_None ||
-                    is_surely_off(&gGetThreadNameCallback, m->CPerThread);
-    return XPY_LIKELY(is_named) ? pair->fPerThreadPtr : nullptr;
+    PyObject* name = borrow_field<kIsShared>(&per_thread_body(record, as_type(m->CPerThread))->fThreadName);
+    bool is_named = name != api.Py_None || is_surely_off<kIsShared>(&gGetThreadNameCallback, m->CPerThread);
+    return XPY_LIKELY(is_named) ? record : nullptr;
 }
 
 // Why an event is, or is not, of interest.
@@ -144,9 +165,20 @@ static inline bool is_known_event(const tModuleState* m, int event_id)
            event_id == m->kPyYieldEventId || event_id == m->kPyResumeEventId;
 }
 
+// find_lineno() in LINENOS, which the record has as its lines. What the record does not hold for this is left open:
+// it holds it once the full path has seen it.
+template <bool kIsShared>
+static inline tLinenoFound find_lineno_of(const CPerCodeObjectBody* record, PyObject* linenos, PyObject* lineno)
+{
+    if (kIsShared && XPY_UNLIKELY(linenos != borrow_field<true>(borrow_held_lines(record))))
+        return kLinenoOpen;
+    return find_lineno(linenos, lineno);
+}
+
 // CHANGE-ANSWER: a line without a breakpoint while a thread steps or is held, both paths.
 // The skip decision of a known event as far as it can be made without code of the program. THREAD may be null: no
-// record of the thread.
+// record of the thread. Not kIsShared where the caller holds the lines.
+template <bool kIsShared>
 static inline tSkipReason find_skip_reason(const tModuleState* m, int event_id, const CPerThreadBody* thread,
                                            const CPerCodeObjectBody* record, PyObject* lineno_obj)
 {
@@ -154,11 +186,11 @@ static inline tSkipReason find_skip_reason(const tModuleState* m, int event_id, 
         return kThreadIsStepping;
     if (record->fSteppingEventsNeededCount != 0)
         return kCodeIsStepping;
-    PyObject* linenos = record->fEnabledBpLinenos;
+    PyObject* linenos = borrow_field<kIsShared>(&record->fEnabledBpLinenos);
     if (!linenos || linenos == api.Py_None)
         return kNoLineSet;
     if (event_id == m->kPyLineEventId && lineno_obj != api.Py_None) {
-        tLinenoFound found = find_lineno(linenos, lineno_obj);
+        tLinenoFound found = find_lineno_of<kIsShared>(record, linenos, lineno_obj);
         if (found != kLinenoAbsent)
             return found == kLinenoPresent ? kLineHasBreakpoint : kLineMayHaveBreakpoint;
     }

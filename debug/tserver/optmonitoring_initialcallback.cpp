@@ -49,37 +49,34 @@ XPY_COLD static void suppress_failure(tModuleState* m)
 }
 
 // Calls the second callback with exactly the arguments received. [new], or null with an exception pending.
-static inline PyObject* call_second(CInitialCallbackBody* body, PyObject* const* args, Py_ssize_t nargs,
-                                    PyObject* kwnames)
+static inline PyObject* call_second(PyObject* second, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
 {
-    if (XPY_UNLIKELY(!body->fSecondCallback)) {
+    if (XPY_UNLIKELY(!second)) {
         api.PyErr_SetString(api.PyExc_AttributeError, "_fSecondCallback");
         return nullptr;
     }
     if (XPY_LIKELY(api.PyObject_Vectorcall != nullptr))
-        return api.PyObject_Vectorcall(body->fSecondCallback, args, static_cast<size_t>(nargs), kwnames);
-    return api.PyObject_VectorcallDict(body->fSecondCallback, args, static_cast<size_t>(nargs), nullptr);
+        return api.PyObject_Vectorcall(second, args, static_cast<size_t>(nargs), kwnames);
+    return api.PyObject_VectorcallDict(second, args, static_cast<size_t>(nargs), nullptr);
 }
 
-// The same where another thread may take the second callback away meanwhile.
-XPY_COLD static PyObject* call_shared_second(PyObject* self, CInitialCallbackBody* body, PyObject* const* args,
-                                             Py_ssize_t nargs, PyObject* kwnames)
+// The same where another thread may take the second callback away, which waits for its readers.
+static inline PyObject* call_shared_second(PyObject* self, const CInitialCallbackBody* body, PyObject* const* args,
+                                           Py_ssize_t nargs, PyObject* kwnames)
 {
-    XPyOwned second(XPy_NewRefOfMember(self, &body->fSecondCallback));
-    if (second)
-        return api.PyObject_Vectorcall(second.borrow(), args, static_cast<size_t>(nargs), kwnames);
-    api.PyErr_SetString(api.PyExc_AttributeError, "_fSecondCallback");
-    return nullptr;
+    XPyOwned second(new_ref_of_read_member(self, &body->fSecondCallback));
+    return call_second(second.borrow(), args, nargs, kwnames);
 }
 
 // The breakpoint lines that alone decide a LINE event [borrowed], because nothing else could need it; else null.
+template <bool kIsShared>
 static inline PyObject* borrow_deciding_lines(tModuleState* m, const CInitialCallbackBody* body,
                                               const CPerCodeObjectBody* record, Py_ssize_t nargs)
 {
     if (body->_fEventId != m->kPyLineEventId || nargs == 1 || body->fAnySuspendThread ||
         body->fSteppingEventsNeededEveryThread || record->fSteppingEventsNeededCount != 0)
         return nullptr;
-    PyObject* linenos = record->fEnabledBpLinenos;
+    PyObject* linenos = borrow_field<kIsShared>(&record->fEnabledBpLinenos);
     return linenos == api.Py_None ? nullptr : linenos;
 }
 
@@ -151,7 +148,7 @@ XPY_COLD static PyObject* create_or_update_record(tModuleState* m, PyObject* cod
 static PyObject* get_record_inner(tModuleState* m, PyObject* code)
 {
     if (!gIsLockOff) {
-        PyObject* ready = borrow_ready_record(m, code);
+        PyObject* ready = borrow_ready_record<false>(m, code);
         if (ready)
             return XPy_NewRef(ready);
         PyObject* made;
@@ -216,7 +213,9 @@ static tStep check_breakpoint_lines(tEvent* event)
 {
     tModuleState* m = event->ctx.m;
     CPerCodeObjectBody* record = per_code_object_body(event->ctx.per_code_object, as_type(m->CPerCodeObject));
-    if (!borrow_deciding_lines(m, event->body, record, event->nargs))
+    if (XPY_UNLIKELY(gIsLockOff))
+        CPerCodeObject_HoldLines(event->ctx.per_code_object, record);
+    if (!borrow_deciding_lines<false>(m, event->body, record, event->nargs))
         return kGoOn;
     // held: hashing and comparing may run code that replaces it, as another thread may
     XPyOwned linenos(XPy_NewRefOfMember(event->ctx.per_code_object, &record->fEnabledBpLinenos));
@@ -231,7 +230,7 @@ static tStep check_breakpoint_lines(tEvent* event)
 static tStep find_per_thread(tEvent* event)
 {
     tModuleState* m = event->ctx.m;
-    PyObject* ready = borrow_ready_per_thread(m);
+    PyObject* ready = gIsLockOff ? nullptr : borrow_ready_per_thread<false>(m);
     event->ctx.per_thread = ready ? XPy_NewRef(ready) : CInitialCallback_GetPerThreadCalledFromCallback(m);
     return event->ctx.per_thread ? kGoOn : kFailed;
 }
@@ -324,9 +323,9 @@ static tStep check_skip(tEvent* event)
 static tStep call_second_callback(tEvent* event)
 {
     DO_DP(event->ctx.m->dp->initial_monitoring_callbacks, "Initial callback -- invoking second callback\n");
-    event->answer = gIsLockOff
+    event->answer = XPY_UNLIKELY(gIsLockOff)
                         ? call_shared_second(event->self, event->body, event->args, event->nargs, event->kwnames)
-                        : call_second(event->body, event->args, event->nargs, event->kwnames);
+                        : call_second(event->body->fSecondCallback, event->args, event->nargs, event->kwnames);
     return event->answer ? kAnswered : kFailed;
 }
 
@@ -379,23 +378,25 @@ __attribute__((noinline)) static PyObject* decide_fully(PyObject* self, tModuleS
 enum tVerdict { kUndecided, kAnswerNone, kAnswerDisable, kForward };
 
 // From the policy on, where this thread's record is ready.
+template <bool kIsShared>
 static inline tVerdict decide_fast_for_thread(tModuleState* m, const CInitialCallbackBody* body,
                                               const CPerCodeObjectBody* record, PyObject* const* args,
                                               Py_ssize_t nargs)
 {
-    PyObject* per_thread = borrow_ready_per_thread(m);
+    PyObject* per_thread = borrow_ready_per_thread<kIsShared>(m);
     if (XPY_UNLIKELY(!per_thread))
         return kUndecided;
     const CPerThreadBody* thread = per_thread_body(per_thread, as_type(m->CPerThread));
     if (thread->fDebugPolicy == 0)
         return kAnswerNone;
-    bool must_ask = thread->fDebugPolicy == -1 && !is_surely_off(&gDebugPolicyCallback, m->CPerThread);
+    bool must_ask = thread->fDebugPolicy == -1 && !is_surely_off<kIsShared>(&gDebugPolicyCallback, m->CPerThread);
     bool may_be_held = body->fAnySuspendThread && thread->fCheckSuspendLock;
     if (XPY_UNLIKELY(must_ask || may_be_held))
         return kUndecided;
     if (XPY_UNLIKELY(!is_known_event(m, body->_fEventId)))
         return kForward;
-    tSkipReason reason = find_skip_reason(m, body->_fEventId, thread, record, borrow_lineno(m, body, args, nargs));
+    tSkipReason reason =
+        find_skip_reason<kIsShared>(m, body->_fEventId, thread, record, borrow_lineno(m, body, args, nargs));
     if (reason == kNothingNeedsIt)
         return kAnswerNone;
     return reason == kLineMayHaveBreakpoint ? kUndecided : kForward;
@@ -403,41 +404,53 @@ static inline tVerdict decide_fast_for_thread(tModuleState* m, const CInitialCal
 
 // CHANGE-ANSWER: any event: the fast test of a step, or kUndecided.
 // A verdict without effects: it logs nothing, holds nothing and runs no code of the program. What it borrows is held
-// by the code object's slot and the thread's dict, which nothing can change meanwhile.
+// by the code object's slot and the thread's dict, which nothing can change meanwhile; where kIsShared, who changes
+// them waits for it.
+template <bool kIsShared>
 __attribute__((always_inline)) static inline tVerdict decide_fast(tModuleState* m, const CInitialCallbackBody* body,
                                                                   PyObject* const* args, Py_ssize_t nargs)
 {
     if (XPY_UNLIKELY(nargs < 1 || XPy_BorrowTypeInline(args[0]) != api.PyCode_Type_ptr))
         return kUndecided;
-    PyObject* record = borrow_ready_record(m, args[0]);
+    PyObject* record = borrow_ready_record<kIsShared>(m, args[0]);
     if (XPY_UNLIKELY(!record || m->dp->initial_monitoring_callbacks))
         return kUndecided;
     const CPerCodeObjectBody* record_body = per_code_object_body(record, as_type(m->CPerCodeObject));
-    if (XPY_UNLIKELY(record_body->fIsInternal != api.Py_False)) {
-        bool is_internal =
-            record_body->fIsInternal == api.Py_True && XPy_BorrowTypeInline(record) == as_type(m->CPerCodeObject);
+    PyObject* flag = borrow_field<kIsShared>(&record_body->fIsInternal);
+    if (XPY_UNLIKELY(flag != api.Py_False)) {
+        bool is_internal = flag == api.Py_True && XPy_BorrowTypeInline(record) == as_type(m->CPerCodeObject);
         return !is_internal ? kUndecided : body->fCanReturnDisable ? kAnswerDisable : kAnswerNone;
     }
-    PyObject* linenos = borrow_deciding_lines(m, body, record_body, nargs);
+    PyObject* linenos = borrow_deciding_lines<kIsShared>(m, body, record_body, nargs);
     if (linenos) {
-        tLinenoFound found = find_lineno(linenos, args[1]);
+        tLinenoFound found = find_lineno_of<kIsShared>(record_body, linenos, args[1]);
         // CHANGE-ANSWER: a line without a breakpoint while no thread steps or is held, fast path.
         if (XPY_LIKELY(found == kLinenoAbsent))
             return kAnswerNone;
         if (found == kLinenoOpen)
             return kUndecided;
     }
-    return decide_fast_for_thread(m, body, record_body, args, nargs);
+    return decide_fast_for_thread<kIsShared>(m, body, record_body, args, nargs);
+}
+
+// The same without the interpreter lock; undecided where this thread cannot be a reader.
+static inline tVerdict decide_fast_reading(tModuleState* m, const CInitialCallbackBody* body, PyObject* const* args,
+                                           Py_ssize_t nargs)
+{
+    XPyReading reading;
+    return reading ? decide_fast<true>(m, body, args, nargs) : kUndecided;
 }
 
 // An event that the host is to see.
+template <bool kIsShared>
 __attribute__((noinline)) static PyObject* forward(PyObject* self, tModuleState* m, CInitialCallbackBody* body,
                                                    PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
 {
     CInitialCallback_Callback_Ctx ctx = {m, nullptr, nullptr, nullptr, 0, 0};
     CInitialCallback_Callback_SaveErrno(&ctx);
     XPy_InlineIncRef(self);  // as in decide_fully()
-    PyObject* result = call_second(body, args, nargs, kwnames);
+    PyObject* result = kIsShared ? call_shared_second(self, body, args, nargs, kwnames)
+                                 : call_second(body->fSecondCallback, args, nargs, kwnames);
     if (XPY_UNLIKELY(!result)) {
         suppress_failure(m);
         result = new_none();
@@ -455,10 +468,12 @@ static inline PyObject* answer_none(void)
     return api.Py_None;
 }
 
+template <bool kIsShared>
 static PyObject* CInitialCallback_Callback(PyObject* self, PyTypeObject* defining_class, PyObject* const* args,
                                            Py_ssize_t nargs, PyObject* kwnames);
 
 // The first event of a process, whose body is yet to be found, and events of half-made instances and cleared modules.
+template <bool kIsShared>
 XPY_COLD static PyObject* start_slowly(PyObject* self, PyTypeObject* defining_class, PyObject* const* args,
                                        Py_ssize_t nargs, PyObject* kwnames)
 {
@@ -469,46 +484,33 @@ XPY_COLD static PyObject* start_slowly(PyObject* self, PyTypeObject* defining_cl
         api.PyErr_Clear();  // the module has been cleared or is being taken apart
         return new_none();
     }
-    return CInitialCallback_Callback(self, defining_class, args, nargs, kwnames);
+    return CInitialCallback_Callback<kIsShared>(self, defining_class, args, nargs, kwnames);
 }
 
+// The method that events call. kIsShared: where no interpreter lock keeps others from replacing what it reads.
+template <bool kIsShared>
 static PyObject* CInitialCallback_Callback(PyObject* self, PyTypeObject* defining_class, PyObject* const* args,
                                            Py_ssize_t nargs, PyObject* kwnames)
 {
     Py_ssize_t offset = gInitialCallbackBodyOffset;
     if (XPY_UNLIKELY(offset == -1))
-        return start_slowly(self, defining_class, args, nargs, kwnames);
+        return start_slowly<kIsShared>(self, defining_class, args, nargs, kwnames);
     CInitialCallbackBody* body = reinterpret_cast<CInitialCallbackBody*>(reinterpret_cast<char*>(self) + offset);
     tModuleState* m = body->mod_state;  // that of the defining class, as construction found it
     if (XPY_UNLIKELY(!m || !m->dp))
-        return start_slowly(self, defining_class, args, nargs, kwnames);
+        return start_slowly<kIsShared>(self, defining_class, args, nargs, kwnames);
     if (XPY_UNLIKELY(api.cached_pid != m->_gThisProcessPid))
         return answer_none();  // a forked child whose host has not taken it over
-    switch (decide_fast(m, body, args, nargs)) {
+    switch (kIsShared ? decide_fast_reading(m, body, args, nargs) : decide_fast<false>(m, body, args, nargs)) {
         case kAnswerNone:
             return answer_none();
         case kAnswerDisable:
             return XPy_NewRef(m->monitoring_disabled);
         case kForward:
-            return forward(self, m, body, args, nargs, kwnames);
+            return forward<kIsShared>(self, m, body, args, nargs, kwnames);
         case kUndecided:
             break;
     }
-    return decide_fully(self, m, body, args, nargs, kwnames);
-}
-
-// Where no interpreter lock keeps others from replacing what the fast path borrows, each event takes the full path.
-static PyObject* CInitialCallback_CallbackShared(PyObject* self, PyTypeObject* defining_class, PyObject* const* args,
-                                                 Py_ssize_t nargs, PyObject* kwnames)
-{
-    CInitialCallbackBody* body = initial_callback_body(self, defining_class);
-    tModuleState* m = body ? static_cast<tModuleState*>(api.PyType_GetModuleState(defining_class)) : nullptr;
-    if (!m || !m->dp) {
-        api.PyErr_Clear();  // the module has been cleared or is being taken apart
-        return new_none();
-    }
-    if (api.cached_pid != m->_gThisProcessPid)
-        return answer_none();
     return decide_fully(self, m, body, args, nargs, kwnames);
 }
 
@@ -540,11 +542,17 @@ static int CInitialCallback_init(PyObject* self, PyObject* args, PyObject* kwarg
 
 static void CInitialCallback_finalize(PyObject* self)
 {
+    XPyOwned second;  // released after events that have just read it hold it
+    CInitialCallbackBody* body = gIsLockOff ? initial_callback_body(self, borrow_defining_class(self)) : nullptr;
+    if (body) {
+        second.reset(take_shared_member(self, &body->fSecondCallback));
+        wait_for_readers();
+    }
     clear_object_members(self);
 }
 
 static PyMethodDef kMethods[] = {
-    {"Callback", AS_METHOD(CInitialCallback_Callback), kMethInstance, kDocCInitialCallback_Callback},
+    {"Callback", AS_METHOD(CInitialCallback_Callback<false>), kMethInstance, kDocCInitialCallback_Callback},
     {nullptr, nullptr, 0, nullptr},
 };
 
@@ -560,7 +568,7 @@ static PyMemberDef kMembers[] = {
 void CInitialCallback_ChooseCallback(void)
 {
     if (gIsLockOff)
-        kMethods[0].ml_meth = AS_METHOD(CInitialCallback_CallbackShared);
+        kMethods[0].ml_meth = AS_METHOD(CInitialCallback_Callback<true>);
 }
 
 static PyType_Slot kSlots[] = {CLASS_SLOTS(CInitialCallback)};

@@ -55,6 +55,7 @@ extern Py_ssize_t gPerFileBodyOffset;
 extern tSharedLock gInternalTableLock;   // the table of internal names in the module's state
 extern tSharedLock gKnownPathnamesLock;  // the names of files that have been seen
 extern tSharedLock gLeftExceptionsLock;  // the addresses of exceptions that failed events have left
+extern tSharedLock gPairsLock;           // which pair of a thread's storage points at which record
 
 // ---- The module's methods (optmonitoring_module.cpp) ----
 
@@ -166,7 +167,20 @@ struct tClassAttr {
     tNameCache name;
     tClassMark mark;  // when VALUE was found
     PyObject* value;  // a plain dict, or None [borrowed from the class's own dict]
+    // Without the interpreter lock nothing that may go can be remembered: only with which state of the class the
+    // attribute was None, as get_class_state() told. 0: not known.
+    uint64_t state_when_none;
 };
+
+// The class and its version in one word, which changes with each change of the class; 0 when it has no version.
+// Without the interpreter lock alone.
+static inline uint64_t get_class_state(PyTypeObject* cls)
+{
+    const char* address = reinterpret_cast<const char*>(cls);
+    uint64_t version = __atomic_load_n(
+        reinterpret_cast<const uint32_t*>(address + gSharedShortcutOffsets.type_version), __ATOMIC_ACQUIRE);
+    return version ? version << 32 | static_cast<uint32_t>(reinterpret_cast<uintptr_t>(cls) >> 4) : 0;
+}
 
 // Reads a class attribute. [new]; null with an exception pending.
 PyObject* read_class_attr(PyObject* cls, tNameCache* name);
@@ -348,6 +362,20 @@ void FreeCodeObjectExtra(void* extra);
 
 // The body of a record; null with an exception pending when OBJ is none.
 CPerCodeObjectBody* need_per_code_object(tModuleState* m, PyObject* obj);
+
+// Once per process, before the class is made: without the interpreter lock a record has one more field.
+void CPerCodeObject_MakeRoomForHeldLines(void);
+
+// Without the interpreter lock: the frozenset of line numbers that events may look into [borrowed], or null. The
+// record holds it for them: what the program puts into fEnabledBpLinenos may be released at any moment, and what is
+// no frozenset may change.
+static inline PyObject** borrow_held_lines(const CPerCodeObjectBody* body)
+{
+    return reinterpret_cast<PyObject**>(const_cast<CPerCodeObjectBody*>(body + 1));
+}
+
+// Holds what is in fEnabledBpLinenos now if it is such a frozenset, and nothing otherwise.
+void CPerCodeObject_HoldLines(PyObject* record, CPerCodeObjectBody* body);
 
 // 0, or -1 with TypeError pending when OBJ is no code object.
 int check_code_object(PyObject* obj);

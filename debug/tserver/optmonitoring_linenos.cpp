@@ -12,14 +12,16 @@ tLinenoPeek gLinenoPeek;
 
 void init_lineno_peek(void)
 {
-    const XPy_ShortcutOffsets& offsets = gShortcutOffsets;
+    const XPy_ShortcutOffsets& offsets = gIsLockOff ? gSharedShortcutOffsets : gShortcutOffsets;
     if (offsets.set_table == -1 || offsets.int_tag == -1)
         return;
     gLinenoPeek.set_mask = offsets.set_mask;
     gLinenoPeek.set_table = offsets.set_table;
     gLinenoPeek.int_tag = offsets.int_tag;
     gLinenoPeek.int_digit = offsets.int_digit;
-    gLinenoPeek.set_type = api.PySet_Type_ptr;
+    // Without the interpreter lock a set may change while it is being looked into.
+    gLinenoPeek.set_type =
+        gIsLockOff ? static_cast<PyTypeObject*>(XPy_LookupPythonFunction("PyFrozenSet_Type")) : api.PySet_Type_ptr;
 }
 
 // PYVERSIONS: how set_lookkey() of Objects/setobject.c goes on after an entry that is taken.

@@ -35,7 +35,9 @@ static PyMethodDef kMethods[] = {
     {nullptr, nullptr, 0, nullptr},
 };
 
-static const XPyModuleDef kModuleDef = {
+static constexpr int kGilNotUsed = 1;  // the GIL slot's value
+
+static XPyModuleDef module_def = {
     "optmonitoring",
     nullptr,  // no doc
     sizeof(tModuleState),
@@ -43,7 +45,7 @@ static const XPyModuleDef kModuleDef = {
     nullptr,  // no create function
     optmonitoring_exec,
     0,        // not supported in interpreters with a lock of their own
-    0,        // no GIL slot: a free-threaded interpreter switches its lock on for us
+    0,        // no GIL slot, unless start-up finds that the module can do without the lock
     nullptr,  // no traverse
     optmonitoring_mod_clear,
     nullptr,  // no free
@@ -68,11 +70,12 @@ static void add_object_head(void)
 }
 
 // A thread that waits for a lock may have been given it when another one forks: in the child it never gives it back.
-static void free_locks_in_child(void)
+static void begin_child(void)
 {
     for (tSharedLock* lock :
-         {&gLogLock, &gFileTablesLock, &gInternalTableLock, &gKnownPathnamesLock, &gLeftExceptionsLock})
+         {&gLogLock, &gFileTablesLock, &gInternalTableLock, &gKnownPathnamesLock, &gLeftExceptionsLock, &gPairsLock})
         lock->bits = 0;
+    forget_other_readers();
 }
 
 // What is otherwise made when it is first needed, perhaps by several threads at once; false when out of memory.
@@ -83,7 +86,7 @@ static bool begin_shared_state(void)
         return true;
     init_dp_data(&gUnsafeGlobalDPData, 0);
     borrow_current_thread_state_or_null();
-    is_begun = pthread_atfork(nullptr, nullptr, free_locks_in_child) == 0;
+    is_begun = pthread_atfork(nullptr, nullptr, begin_child) == 0;
     return is_begun;
 }
 
@@ -97,7 +100,7 @@ static PyObject* init_module_def(void)
         return nullptr;
     }
     if (!definition)
-        definition = XPyModuleDef_Init(&kModuleDef);
+        definition = XPyModuleDef_Init(&module_def);
     return definition;
 }
 
@@ -110,8 +113,10 @@ PyObject* PyInit_optmonitoring(void)
     call_count++;
     if (call_count == 1) {
         add_object_head();
-        init_shared();
+        if (init_shared())
+            module_def.m_no_gil_support_flag = kGilNotUsed;
         CInitialCallback_ChooseCallback();
+        CPerCodeObject_MakeRoomForHeldLines();
         init_lineno_peek();
         init_class_versions();
     }

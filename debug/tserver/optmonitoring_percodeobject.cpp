@@ -1,9 +1,11 @@
 // CPerCodeObject: the record of one code object, its construction and look-up.
 
 #include "optmonitoring_docs.h"
+#include "optmonitoring_fastpath_internal.h"
 #include "optmonitoring_percodeobject_internal.h"
 
-tClassAttr gNewPerCodeObjectCreatedCallback = {{"_fNewPerCodeObjectCreatedCallback", nullptr}, {nullptr, 0}, nullptr};
+tClassAttr gNewPerCodeObjectCreatedCallback = {
+    {"_fNewPerCodeObjectCreatedCallback", nullptr}, {nullptr, 0}, nullptr, 0};
 
 int check_code_object(PyObject* obj)
 {
@@ -137,8 +139,37 @@ int CPerCodeObject_init(PyObject* self, PyObject* args, PyObject* kwargs)
     return init_inner(m, self, body, code, frame) < 0 ? fail_int(m->dp, kPerCodeObjectInitFailure) : 0;
 }
 
+// Puts NEW_LINES [steals] where events look; what was there is released when none can be looking into it any more.
+static void replace_held_lines(CPerCodeObjectBody* body, PyObject* new_lines)
+{
+    XPyOwned old(__atomic_exchange_n(borrow_held_lines(body), new_lines, __ATOMIC_ACQ_REL));
+    if (old)
+        wait_for_readers();
+}
+
+XPY_COLD void CPerCodeObject_HoldLines(PyObject* record, CPerCodeObjectBody* body)
+{
+    PyObject* current = __atomic_load_n(&body->fEnabledBpLinenos, __ATOMIC_ACQUIRE);
+    PyObject* held = __atomic_load_n(borrow_held_lines(body), __ATOMIC_ACQUIRE);
+    if (current == held || (current == api.Py_None && !held))
+        return;
+    XPyOwned lines(XPy_NewRefOfMember(record, &body->fEnabledBpLinenos));
+    bool can_be_held = lines && XPy_BorrowTypeInline(lines.borrow()) == gLinenoPeek.set_type;
+    if (can_be_held || held)
+        replace_held_lines(body, can_be_held ? lines.detach() : nullptr);
+}
+
+void CPerCodeObject_MakeRoomForHeldLines(void)
+{
+    if (gIsLockOff)
+        kPerCodeObjectClass.spec->basicsize += static_cast<int>(sizeof(PyObject*));
+}
+
 static void CPerCodeObject_finalize(PyObject* self)
 {
+    CPerCodeObjectBody* body = gIsLockOff ? per_code_object_body(self, borrow_defining_class(self)) : nullptr;
+    if (body)
+        replace_held_lines(body, nullptr);
     clear_object_members(self);
 }
 

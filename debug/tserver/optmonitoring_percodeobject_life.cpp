@@ -73,7 +73,7 @@ int CPerCodeObject_RemoveFromPerFile_direct(tModuleState* m, PyObject* per_code_
 
 // ---- The registry ----
 
-static tClassAttr per_code_object_dict = {{"_fPerCodeObjectDict", nullptr}, {nullptr, 0}, nullptr};
+static tClassAttr per_code_object_dict = {{"_fPerCodeObjectDict", nullptr}, {nullptr, 0}, nullptr, 0};
 
 PyObject* CPerCodeObject_get_fPerCodeObjectDict(tModuleState* m)
 {
@@ -137,8 +137,8 @@ static int enter_in_registry(tModuleState* m, PyObject* record, CPerCodeObjectBo
 
 // ---- The extra slot ----
 // The interpreter frees what it replaces in a slot before it stores the new value, and does both without a lock. So
-// where the interpreter lock is off, each use of the slot takes the code object's own lock, and what is replaced is
-// kept until that is given back.
+// where the interpreter lock is off, each change of the slot takes the code object's own lock, as do look-ups, and
+// what is replaced is kept until that is given back and no event can be reading it any more.
 
 static thread_local void* kept_extra;  // being replaced on this thread: not to be freed yet
 
@@ -189,6 +189,8 @@ static int change_slot_and_free(tModuleState* m, PyObject* record, PyObject* cod
 {
     void* old = nullptr;
     int result = change_slot(m, record, code, change, &old);
+    if (old)
+        wait_for_readers();
     FreeCodeObjectExtra(old);
     return result;
 }
@@ -211,8 +213,10 @@ void CPerCodeObject_LeaveSlot(tModuleState* m, PyObject* record, PyObject* code)
         return;
     if (change_slot(m, record, code, kEmpty, &old) < 0)
         api.PyErr_Clear();
-    if (old)
-        XPy_DoDecRef(static_cast<PyObject*>(old));  // which the caller holds and takes apart
+    if (!old)
+        return;
+    wait_for_readers();
+    XPy_DoDecRef(static_cast<PyObject*>(old));  // which the caller holds and takes apart
 }
 
 static int store_in_extra_slot(tModuleState* m, PyObject* record, PyObject* code)

@@ -5,9 +5,10 @@
 
 // ---- Class attributes ----
 
-static tClassAttr per_files_dict = {{"_fPerFilesDict", nullptr}, {nullptr, 0}, nullptr};
-static tClassAttr by_checksum = {{"_fByChecksum", nullptr}, {nullptr, 0}, nullptr};
-static tClassAttr new_per_file_created_callback = {{"_fNewPerFileCreatedCallback", nullptr}, {nullptr, 0}, nullptr};
+static tClassAttr per_files_dict = {{"_fPerFilesDict", nullptr}, {nullptr, 0}, nullptr, 0};
+static tClassAttr by_checksum = {{"_fByChecksum", nullptr}, {nullptr, 0}, nullptr, 0};
+static tClassAttr new_per_file_created_callback = {
+    {"_fNewPerFileCreatedCallback", nullptr}, {nullptr, 0}, nullptr, 0};
 
 static int set_new_dict(PyObject* cls, tClassAttr* attribute)
 {

@@ -20,11 +20,11 @@ CPerThreadBody* need_per_thread(tModuleState* m, PyObject* obj)
 
 // ---- Class attributes ----
 
-static tClassAttr per_thread_dict = {{"_fPerThreadDict", nullptr}, {nullptr, 0}, nullptr};
-tClassAttr gDebugPolicyCallback = {{"_fDebugPolicyCallback", nullptr}, {nullptr, 0}, nullptr};
+static tClassAttr per_thread_dict = {{"_fPerThreadDict", nullptr}, {nullptr, 0}, nullptr, 0};
+tClassAttr gDebugPolicyCallback = {{"_fDebugPolicyCallback", nullptr}, {nullptr, 0}, nullptr, 0};
 static tClassAttr new_per_thread_created_callback = {
-    {"_fNewPerThreadCreatedCallback", nullptr}, {nullptr, 0}, nullptr};
-tClassAttr gGetThreadNameCallback = {{"_fGetThreadNameCallback", nullptr}, {nullptr, 0}, nullptr};
+    {"_fNewPerThreadCreatedCallback", nullptr}, {nullptr, 0}, nullptr, 0};
+tClassAttr gGetThreadNameCallback = {{"_fGetThreadNameCallback", nullptr}, {nullptr, 0}, nullptr, 0};
 
 PyObject* CPerThread_get_fPerThreadDict(tModuleState* m)
 {

@@ -12,6 +12,11 @@
 #include "optmonitoring_internal.h"
 
 // ---- The thread-specific pair ----
+// A pair is made, used and freed by its own thread. The end of a record makes the pair that leads to it stale, and
+// may come from any thread: where the interpreter lock is off, which pair belongs to which record is read and changed
+// under gPairsLock.
+
+tSharedLock gPairsLock;
 
 static _tPyTssData* current_pair(tModuleState* m)
 {
@@ -25,10 +30,23 @@ int CPerThread_ClearPerThreadForCurrentThread(tModuleState* m)
         return 0;
     if (api.PyThread_tss_set(m->_gPyTssKey, nullptr) != 0)
         return -1;
+    XPyLocked locked(&gPairsLock);
     if (pair->fPerThreadPtr)
         per_thread_body(pair->fPerThreadPtr, as_type(m->CPerThread))->_fPyTssData = nullptr;
     free(pair);
     return 0;
+}
+
+// Makes the record's pair, if it has one, lead nowhere, and sets *PAIR to it: its own thread frees it.
+static void take_pair(CPerThreadBody* body, _tPyTssData** pair)
+{
+    XPyLocked locked(&gPairsLock);
+    *pair = body->_fPyTssData;
+    body->_fPyTssData = nullptr;
+    if (!*pair)
+        return;
+    __atomic_store_n(&(*pair)->fPerThreadPtr, nullptr, __ATOMIC_RELEASE);
+    (*pair)->fThreadStatePtr = nullptr;
 }
 
 PyObject* CPerThread_FastGetExistingPerThreadFromPyTss(tModuleState* m)
@@ -82,8 +100,8 @@ int CPerThread_StorePerThreadForCurrentThreadInPyTss_direct(tModuleState* m, PyO
         return -1;
     }
     // A record that another thread state of the same id used before leaves that thread's pair stale.
-    if (body->_fPyTssData)
-        *body->_fPyTssData = {nullptr, nullptr};
+    _tPyTssData* stale;
+    take_pair(body, &stale);
     body->_fPyTssData = pair;
     return 0;
 }
@@ -91,11 +109,12 @@ int CPerThread_StorePerThreadForCurrentThreadInPyTss_direct(tModuleState* m, PyO
 // Detaches the pair that points at a dying record.
 static int CPerThread_DetachPyTssData_direct(tModuleState* m, CPerThreadBody* body)
 {
-    _tPyTssData* pair = body->_fPyTssData;
+    _tPyTssData* pair;
+    take_pair(body, &pair);
     if (!pair)
         return 0;
-    body->_fPyTssData = nullptr;
-    *pair = {nullptr, nullptr};
+    if (gIsLockOff && !(m && current_pair(m) == pair))
+        wait_for_readers();  // the thread whose pair it is may be reading the record
     if (!m)
         return 0;  // a record without a state was entered by hand: its thread's slot may still lead to the pair
     if (!m->_gPyTssKey) {

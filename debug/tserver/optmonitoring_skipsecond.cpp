@@ -81,7 +81,7 @@ static int CInitialCallback_SkipSecondCallback_inner(tModuleState* m,
     if (is_known_event(m, event_id)) {
         if (find_per_thread(m, locals) < 0)
             return -1;
-        reason = find_skip_reason(m, event_id, locals->per_thread_body, record, locals->lineno_obj);
+        reason = find_skip_reason<false>(m, event_id, locals->per_thread_body, record, locals->lineno_obj);
     }
     if (reason == kLineMayHaveBreakpoint) {
         XPyOwned linenos(XPy_NewRef(record->fEnabledBpLinenos));  // the look-up may run code that replaces it

@@ -9,27 +9,48 @@ static void (*begin_section)(void* section, PyObject* obj);  // PyCriticalSectio
 static void (*end_section)(void* section);                   // PyCriticalSection_End
 static int (*set_default)(PyObject* dict, PyObject* key, PyObject* value, PyObject** result);  // PyDict_SetDefaultRef
 
-// Whether the interpreter lock is on, as it is for good while a module loads that does not say that it can do
-// without; only the user can keep it off.
-static bool is_lock_on(void)
+template <typename T>
+static bool find_function(const char* name, T** function)
 {
-    PyObject* borrowed = api.PySys_GetObject("_is_gil_enabled");
-    XPyOwned is_enabled(XPy_NewRef(borrowed));
-    XPyOwned answer(is_enabled ? api.PyObject_CallNoArgs(is_enabled.borrow()) : nullptr);
-    if (!answer)
-        api.PyErr_Clear();
-    return answer.borrow() != api.Py_False;
+    *function = reinterpret_cast<T*>(XPy_LookupPythonFunction(name));
+    return *function != nullptr;
 }
 
-void init_shared(void)
+// What the user of the interpreter has said about its lock: 1: on, 0: off, -1: nothing. The lock is on at any rate
+// while a module loads, and goes off again if that can do without.
+static int get_wanted_lock(void)
+{
+    PyObject* borrowed = api.PySys_GetObject("flags");
+    XPyOwned flags(XPy_NewRef(borrowed));
+    XPyOwned wanted(flags ? api.PyObject_GetAttrString(flags.borrow(), "gil") : nullptr);
+    long long value = wanted && wanted.borrow() != api.Py_None ? api.PyLong_AsLongLong(wanted.borrow()) : -1;
+    api.PyErr_Clear();
+    return static_cast<int>(value);
+}
+
+// Where storms of threads have run for an hour without a fault. The interpreter stores the array of a code object's
+// extra slots behind what is in it with plain stores, which this processor keeps in order. PYVERSIONS
+static bool is_proved(void)
+{
+#ifdef __x86_64__
+    return api.major_version == 3 && api.minor_version == 13;
+#else
+    return false;
+#endif
+}
+
+bool init_shared(void)
 {
     if (api.pyobject_offsets.mutex == -1)
-        return;
-    begin_section = reinterpret_cast<void (*)(void*, PyObject*)>(XPy_LookupPythonFunction("PyCriticalSection_Begin"));
-    end_section = reinterpret_cast<void (*)(void*)>(XPy_LookupPythonFunction("PyCriticalSection_End"));
-    set_default = reinterpret_cast<decltype(set_default)>(XPy_LookupPythonFunction("PyDict_SetDefaultRef"));
-    bool has_all = api.PyMutex_Lock && api.PyMutex_Unlock && begin_section && end_section && set_default;
-    gIsLockOff = has_all && !is_lock_on();
+        return false;
+    bool has_all =
+        api.PyMutex_Lock && api.PyMutex_Unlock && find_function("PyCriticalSection_Begin", &begin_section) &&
+        find_function("PyCriticalSection_End", &end_section) && find_function("PyDict_SetDefaultRef", &set_default);
+    bool can_do_without = has_all && is_proved();
+    int wanted = get_wanted_lock();
+    bool is_off = has_all && (can_do_without ? wanted != 1 : wanted == 0);
+    gIsLockOff = is_off && init_readers() == 0;
+    return can_do_without && gIsLockOff == is_off;
 }
 
 XPyObjectLocked::XPyObjectLocked(PyObject* obj) : fSection()
@@ -46,6 +67,20 @@ PyObject* new_ref_of_shared_member(PyObject* owner, PyObject* const* field)
 {
     XPyObjectLocked locked(owner);
     return XPy_NewRef(__atomic_load_n(field, __ATOMIC_RELAXED));
+}
+
+PyObject* new_ref_of_read_member(PyObject* owner, PyObject* const* field)
+{
+    XPyReading reading;
+    if (!reading)
+        return new_ref_of_shared_member(owner, field);
+    return XPy_NewRef(__atomic_load_n(field, __ATOMIC_ACQUIRE));
+}
+
+PyObject* take_shared_member(PyObject* owner, PyObject** field)
+{
+    XPyObjectLocked locked(owner);
+    return __atomic_exchange_n(field, nullptr, __ATOMIC_ACQ_REL);
 }
 
 void set_shared_member(PyObject* owner, PyObject** field, PyObject* value)

@@ -13,13 +13,15 @@
 #ifndef OPTMONITORING_XPY_C_API_SHARED_H
 #define OPTMONITORING_XPY_C_API_SHARED_H
 
-#include "xpy_c_api.h"
+#include "xpy_c_api_readers.h"
 
 // Whether threads run at the same time. Written once, at start-up.
 extern bool gIsLockOff;
 
-// Once per process, after the binding layer has started up.
-void init_shared(void);
+// Once per process, after the binding layer has started up. Whether all is there that the module relies on where the
+// lock is off, on an interpreter and a processor on which that has been proved by tests: the module may then say that
+// it does not need the lock.
+bool init_shared(void);
 
 // ---- Locks ----
 
@@ -66,6 +68,12 @@ class XPyObjectLocked
 
 // What a member of OWNER holds. [new]; null stays null
 PyObject* new_ref_of_shared_member(PyObject* owner, PyObject* const* field);
+
+// The same without a lock, where whoever replaces the member waits for its readers.
+PyObject* new_ref_of_read_member(PyObject* owner, PyObject* const* field);
+
+// Empties it; returns what was there [new].
+PyObject* take_shared_member(PyObject* owner, PyObject** field);
 
 // Puts a new reference to VALUE there and releases what was there.
 void set_shared_member(PyObject* owner, PyObject** field, PyObject* value);

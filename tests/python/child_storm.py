@@ -47,6 +47,7 @@ class Storm:
         self.errors = []
         self.over = threading.Event()
         self.shared = [self.program("/nowhere/shared_%d.py" % n) for n in range(4)]
+        self.ended = [self.program("/nowhere/ended_%d.py" % n) for n in range(4)]   # whose records are
         self.events = {name: getattr(sys.monitoring.events, name) for name in NAMES}
 
     def second(self, code, *args):
@@ -155,17 +156,36 @@ def breakpoints(storm, chance):
     record = storm.record(run)
     what = chance.randrange(6)
     if what == 0:
-        record.fEnabledBpLinenos = {chance.randrange(1, 9) for _ in range(chance.randrange(6))}
+        kind = chance.choice((set, frozenset))
+        record.fEnabledBpLinenos = kind(chance.randrange(1, 9) for _ in range(chance.randrange(6)))
     elif what == 1:
         record.fEnabledBpLinenos = None
-    elif what == 2 and record.fEnabledBpLinenos is not None:
+    elif what == 2:
         lines = record.fEnabledBpLinenos
-        if lines is not None:
+        if isinstance(lines, set):
             lines.add(chance.randrange(1, 60))
             lines.discard(chance.randrange(1, 60))
     elif what == 3:
         record.fSteppingEventsNeededCount = chance.randrange(2)
         record.fReturnEventsNeededCount = chance.randrange(2)
+    else:
+        storm.watch_lines(run)
+    assert run(2) == [0, 1], "a program's own result"
+
+
+@weather
+def records(storm, chance):
+    """Records are replaced and ended by hand while the code runs that they belong to."""
+    run, items = chance.choice(storm.ended)
+    what = chance.randrange(20)
+    if what == 0 and storm.kind != "everything":    # the threads would miss theirs
+        for each in storm.om.CPerThread.GetAllPerThreads():
+            each.__del__()
+    elif what == 1:
+        storm.record(run).__del__()
+    elif what < 6:
+        record = storm.om.CPerCodeObject(run.__code__, sys._getframe())
+        record.fEnabledBpLinenos = frozenset((2, chance.randrange(3, 99)))
     else:
         storm.watch_lines(run)
     assert run(2) == [0, 1], "a program's own result"

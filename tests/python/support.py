@@ -19,6 +19,7 @@ HOST_DIR = os.path.join(HERE, "stand_ins")
 DEFAULT_MASK = 84           # the module's and the process-wide mask of a fresh import
 HEAD_LINE = "EXCEPTION IN DEBUG TRACER:\n"
 FREE_THREADED = bool(sysconfig.get_config_var("Py_GIL_DISABLED"))
+CAN_DO_WITHOUT_LOCK = FREE_THREADED and sys.version_info[:2] == (3, 13) and os.uname().machine == "x86_64"   # PYVERSIONS
 DEBUG_BUILD = hasattr(sys, "gettotalrefcount")
 
 needs_monitoring = unittest.skipUnless(hasattr(sys, "monitoring"), "this interpreter has no sys.monitoring")
@@ -41,7 +42,7 @@ def module_dir():
 
 
 def is_lock_off():
-    """Whether threads run at the same time. After the module is loaded: it has the lock switched on, unless PYTHON_GIL=0."""
+    """Whether threads run at the same time. After the module is loaded: where it needs the lock it has it switched on."""
     return FREE_THREADED and not sys._is_gil_enabled()
 
 
@@ -160,9 +161,10 @@ DIVISION_BY_ZERO = error_text(lambda: 1 // 0)
 
 # ---- Children ----
 
-# A free-threaded interpreter switches its lock on for the module and says so on standard error; nothing else is hidden.
+# Where the module needs the lock a free-threaded interpreter switches it on and says so on standard error; nothing else
+# is hidden.
 LOCK_WARNING = "The global interpreter lock (GIL) has been enabled to load module 'optmonitoring'"
-CHILD_OPTIONS = ["-W", "ignore:%s:RuntimeWarning" % LOCK_WARNING] if FREE_THREADED else []
+CHILD_OPTIONS = ["-W", "ignore:%s:RuntimeWarning" % LOCK_WARNING] if FREE_THREADED and not CAN_DO_WITHOUT_LOCK else []
 
 
 def run_child(script, *arguments, **options):

@@ -1,16 +1,19 @@
-"""The module in a free-threaded interpreter: the lock it asks for, the layout, the filter in many threads."""
+"""The module in a free-threaded interpreter: its lock, the layout, the filter in many threads."""
 
 import collections
+import itertools
 import os
 import sys
 import threading
 import unittest
+import weakref
 
 import child_storm
 import support
 from test_layout_truth import API, MISSING
 
 THREADS = 8
+ALL_CHANNELS = 0x7fff
 LONG = 120          # seconds; only a deadlock takes that long
 STORM_SECONDS = os.environ.get("OPTMONITORING_STORM_SECONDS", "1")
 
@@ -42,12 +45,23 @@ class FreeThreadedTest(unittest.TestCase):
     def setUp(self):
         self.om = support.load()
 
+    @unittest.skipUnless(support.CAN_DO_WITHOUT_LOCK, "the module needs the lock here")
+    def test_loading_leaves_the_lock_off_and_says_nothing(self):
+        out = support.check_child(self, LOADING, environment={"PYTHON_GIL": ""})
+        self.assertEqual(out, "False\nFalse\n[]\n4\n")
+
+    @unittest.skipIf(support.CAN_DO_WITHOUT_LOCK, "the module does not need the lock here")
     def test_loading_switches_the_lock_on_and_says_so_once(self):
         out = support.check_child(self, LOADING, environment={"PYTHON_GIL": ""})
         self.assertEqual(out, "False\nTrue\n[('RuntimeWarning', True)]\n4\n")
 
-    def test_lock_is_on_here(self):
-        self.assertIs(sys._is_gil_enabled(), os.environ.get("PYTHON_GIL") != "0")
+    def test_lock_stays_as_the_user_wants_it(self):
+        for gil, is_on in ("0", False), ("1", True):
+            out = support.check_child(self, LOADING, environment={"PYTHON_GIL": gil})
+            self.assertEqual(out, "%s\n%s\n[]\n4\n" % (is_on, is_on))
+
+    def test_lock_is_off_here(self):
+        self.assertIs(support.is_lock_off(), os.environ.get("PYTHON_GIL") != "1")
 
     def test_header_has_a_mutex_and_no_count(self):
         self.assertEqual(API.pyobject_offsets.refcnt, MISSING)
@@ -125,12 +139,114 @@ class ThreadsTest(unittest.TestCase):
         self.assertEqual(self.stops([self.program(name) for name in names], counts),
                          [{(name, BODY_LINE): count} for name, count in zip(names, counts)])
 
+    def test_a_line_that_stays_is_never_missed_while_the_others_change(self):
+        function, is_over = self.program("/nowhere/changing.py"), threading.Event()
+        record = self.om.CPerCodeObject.GetPerCodeObject(function.__code__)
+
+        def change():
+            for number in itertools.count(BODY_LINE + 1):
+                record.fEnabledBpLinenos = (frozenset, set)[number % 2]((BODY_LINE, number, number + 8))
+                lines = record.fEnabledBpLinenos
+                if isinstance(lines, set):
+                    lines.update(range(number, number + 20))
+                    lines.difference_update(range(number, number + 20))
+                if is_over.is_set():
+                    return
+
+        changer = threading.Thread(target=change)
+        changer.start()
+        try:
+            stops = self.stops([function] * THREADS, [5000] * THREADS)
+        finally:
+            is_over.set()
+            changer.join()
+        # lines of the loop that were added for a moment may have been seen as well
+        self.assertEqual([each["/nowhere/changing.py", BODY_LINE] for each in stops], [5000] * THREADS)
+
+    @unittest.skipUnless(support.is_lock_off(), "the interpreter lock is on")
+    def test_all_of_this_with_the_lock(self):
+        status, out, err = support.run_child("run_tests.py", "test_free_threaded.ThreadsTest", environment={"PYTHON_GIL": "1"})
+        self.assertRegex(err, r"OK \(skipped=1\)\s*$")
+        self.assertEqual(status, 0)
+
     def test_records_of_the_threads_are_gone_afterwards(self):
         before = support.total_instances(self.om.CPerThread)
         function = self.program("/nowhere/shared.py")
         self.assertEqual(len(self.stops([function] * THREADS, [10] * THREADS)), THREADS)
         self.assertEqual(self.om.CPerThread.GetAllPerThreads(), [])
         self.assertEqual(support.total_instances(self.om.CPerThread), before)
+
+
+class Marked:
+    """What a weak reference can lead to."""
+
+
+@unittest.skipUnless(support.CAN_DO_WITHOUT_LOCK and os.environ.get("PYTHON_GIL") != "1", "the interpreter lock is on")
+class HeldLinesTest(unittest.TestCase):
+    """Events hold the frozenset of lines that they look into; it dies soon after the program has let go of it."""
+
+    def setUp(self):
+        self.om = support.load()
+        self.line_event = sys.monitoring.events.LINE
+        self.code = compile("pass", "/nowhere/held.py", "exec")
+        self.record = self.om.CPerCodeObject.GetPerCodeObject(self.code, True, sys._getframe())
+        self.seen = []
+        callback = self.om.CInitialCallback(self.line_event, lambda code, line: self.seen.append(line), 1)
+        self.event = callback.Callback
+
+    def new_lines(self, kind, *lines):
+        """A reference to one of the elements of the lines that the record gets."""
+        mark = Marked()
+        self.record.fEnabledBpLinenos = kind((mark, *lines))
+        return weakref.ref(mark)
+
+    def test_lines_are_held_until_an_event_sees_others(self):
+        for lines in frozenset((9,)), {9}, None:
+            with self.subTest(lines):
+                mark = self.new_lines(frozenset, 7)
+                for line in 7, 8, 7:
+                    self.event(self.code, line)
+                self.record.fEnabledBpLinenos = lines
+                self.assertIsNotNone(mark())
+                with open(os.devnull, "w") as stream:       # an event that is logged looks at what is there
+                    self.om.set_dprintf_file(stream, -1, 0)
+                    self.om.set_dprintf_mask(ALL_CHANNELS)
+                    self.event(self.code, 9)
+                    self.om.reset()
+                self.assertIsNone(mark())
+        self.assertEqual(self.seen, [7, 7, 9] * 3)
+
+    def test_a_set_is_not_held(self):
+        mark = self.new_lines(set, 7)
+        self.event(self.code, 7)
+        self.record.fEnabledBpLinenos = None
+        self.assertIsNone(mark())
+
+    def test_a_frozenset_of_a_class_of_its_own_is_asked_itself(self):
+        class Lines(frozenset):
+            pass
+        mark = self.new_lines(Lines, 7)
+        for line in 7, 8:
+            self.event(self.code, line)
+        self.assertEqual(self.seen, [7])
+        self.record.fEnabledBpLinenos = None
+        self.assertIsNone(mark())
+
+    def test_lines_die_with_the_record(self):
+        mark = self.new_lines(frozenset, 7)
+        self.event(self.code, 7)
+        self.assertIsNotNone(mark())
+        del self.code, self.record
+        support.bury_code()
+        self.assertIsNone(mark())
+
+    def test_lines_go_with_a_record_that_is_ended_by_hand(self):
+        mark = self.new_lines(frozenset, 7)
+        self.event(self.code, 7)
+        self.record.__del__()
+        self.assertIsNone(mark())
+        self.event(self.code, 7)
+        self.assertEqual(self.seen, [7, 7])
 
 
 @unittest.skipUnless(support.FREE_THREADED, "this interpreter is not free-threaded")
