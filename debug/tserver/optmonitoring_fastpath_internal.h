@@ -92,6 +92,12 @@ static inline PyObject* borrow_field(PyObject* const* field)
     return kIsShared ? __atomic_load_n(field, __ATOMIC_ACQUIRE) : *field;
 }
 
+template <bool kIsShared, typename T>
+static inline T read_number(const T* field)
+{
+    return kIsShared ? XPy_Load(field) : *field;
+}
+
 // The record in the code object's extra slot [borrowed] if it needs no refinement, else null. Where the first module
 // that uses extra slots is another one, the array of the slots may be moved while it is read without a lock.
 template <bool kIsShared>
@@ -152,10 +158,12 @@ enum tSkipReason {
 };
 
 // The part of the skip decision behind the line test.
+template <bool kIsShared>
 static inline tSkipReason find_return_reason(const tModuleState* m, int event_id, const CPerCodeObjectBody* record)
 {
     bool is_return = event_id == m->kPyReturnEventId || event_id == m->kPyYieldEventId;
-    return is_return && record->fReturnEventsNeededCount != 0 ? kReturnIsNeeded : kNothingNeedsIt;
+    return is_return && read_number<kIsShared>(&record->fReturnEventsNeededCount) != 0 ? kReturnIsNeeded
+                                                                                       : kNothingNeedsIt;
 }
 
 // Whether the id is one of the five kinds; anything else goes to the second callback.
@@ -182,9 +190,9 @@ template <bool kIsShared>
 static inline tSkipReason find_skip_reason(const tModuleState* m, int event_id, const CPerThreadBody* thread,
                                            const CPerCodeObjectBody* record, PyObject* lineno_obj)
 {
-    if (thread && thread->fSteppingEventsNeeded)
+    if (thread && read_number<kIsShared>(&thread->fSteppingEventsNeeded))
         return kThreadIsStepping;
-    if (record->fSteppingEventsNeededCount != 0)
+    if (read_number<kIsShared>(&record->fSteppingEventsNeededCount) != 0)
         return kCodeIsStepping;
     PyObject* linenos = borrow_field<kIsShared>(&record->fEnabledBpLinenos);
     if (!linenos || linenos == api.Py_None)
@@ -194,7 +202,7 @@ static inline tSkipReason find_skip_reason(const tModuleState* m, int event_id, 
         if (found != kLinenoAbsent)
             return found == kLinenoPresent ? kLineHasBreakpoint : kLineMayHaveBreakpoint;
     }
-    return find_return_reason(m, event_id, record);
+    return find_return_reason<kIsShared>(m, event_id, record);
 }
 
 #endif

@@ -73,8 +73,9 @@ template <bool kIsShared>
 static inline PyObject* borrow_deciding_lines(tModuleState* m, const CInitialCallbackBody* body,
                                               const CPerCodeObjectBody* record, Py_ssize_t nargs)
 {
-    if (body->_fEventId != m->kPyLineEventId || nargs == 1 || body->fAnySuspendThread ||
-        body->fSteppingEventsNeededEveryThread || record->fSteppingEventsNeededCount != 0)
+    if (body->_fEventId != m->kPyLineEventId || nargs == 1 || read_number<kIsShared>(&body->fAnySuspendThread) ||
+        read_number<kIsShared>(&body->fSteppingEventsNeededEveryThread) ||
+        read_number<kIsShared>(&record->fSteppingEventsNeededCount) != 0)
         return nullptr;
     PyObject* linenos = borrow_field<kIsShared>(&record->fEnabledBpLinenos);
     return linenos == api.Py_None ? nullptr : linenos;
@@ -243,7 +244,7 @@ static tStep CInitialCallback_Callback_CheckDebugPolicy(tEvent* event)
               "CInitialCallback_Callback_CheckDebugPolicy(): per_thread is None\n");
         return kGoOn;
     }
-    int policy = per_thread_body(event->ctx.per_thread, as_type(m->CPerThread))->fDebugPolicy;
+    int policy = XPy_Load(&per_thread_body(event->ctx.per_thread, as_type(m->CPerThread))->fDebugPolicy);
     if (policy == -1)
         policy = CPerThread_GetDebugPolicy_direct(m, event->ctx.per_thread);
     if (policy == -1 && api.PyErr_Occurred()) {
@@ -387,10 +388,12 @@ static inline tVerdict decide_fast_for_thread(tModuleState* m, const CInitialCal
     if (XPY_UNLIKELY(!per_thread))
         return kUndecided;
     const CPerThreadBody* thread = per_thread_body(per_thread, as_type(m->CPerThread));
-    if (thread->fDebugPolicy == 0)
+    int policy = read_number<kIsShared>(&thread->fDebugPolicy);
+    if (policy == 0)
         return kAnswerNone;
-    bool must_ask = thread->fDebugPolicy == -1 && !is_surely_off<kIsShared>(&gDebugPolicyCallback, m->CPerThread);
-    bool may_be_held = body->fAnySuspendThread && thread->fCheckSuspendLock;
+    bool must_ask = policy == -1 && !is_surely_off<kIsShared>(&gDebugPolicyCallback, m->CPerThread);
+    bool may_be_held =
+        read_number<kIsShared>(&body->fAnySuspendThread) && read_number<kIsShared>(&thread->fCheckSuspendLock);
     if (XPY_UNLIKELY(must_ask || may_be_held))
         return kUndecided;
     if (XPY_UNLIKELY(!is_known_event(m, body->_fEventId)))
@@ -413,7 +416,7 @@ __attribute__((always_inline)) static inline tVerdict decide_fast(tModuleState* 
     if (XPY_UNLIKELY(nargs < 1 || XPy_BorrowTypeInline(args[0]) != api.PyCode_Type_ptr))
         return kUndecided;
     PyObject* record = borrow_ready_record<kIsShared>(m, args[0]);
-    if (XPY_UNLIKELY(!record || m->dp->initial_monitoring_callbacks))
+    if (XPY_UNLIKELY(!record || read_number<kIsShared>(&m->dp->initial_monitoring_callbacks)))
         return kUndecided;
     const CPerCodeObjectBody* record_body = per_code_object_body(record, as_type(m->CPerCodeObject));
     PyObject* flag = borrow_field<kIsShared>(&record_body->fIsInternal);
@@ -499,7 +502,7 @@ static PyObject* CInitialCallback_Callback(PyObject* self, PyTypeObject* definin
     tModuleState* m = body->mod_state;  // that of the defining class, as construction found it
     if (XPY_UNLIKELY(!m || !m->dp))
         return start_slowly<kIsShared>(self, defining_class, args, nargs, kwnames);
-    if (XPY_UNLIKELY(api.cached_pid != m->_gThisProcessPid))
+    if (XPY_UNLIKELY(api.cached_pid != read_number<kIsShared>(&m->_gThisProcessPid)))
         return answer_none();  // a forked child whose host has not taken it over
     switch (kIsShared ? decide_fast_reading(m, body, args, nargs) : decide_fast<false>(m, body, args, nargs)) {
         case kAnswerNone:

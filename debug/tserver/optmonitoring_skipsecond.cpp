@@ -88,7 +88,7 @@ static int CInitialCallback_SkipSecondCallback_inner(tModuleState* m,
         int contains = has_breakpoint(m, linenos.borrow(), locals->lineno_obj);
         if (contains != 0)
             return contains < 0 ? -1 : 0;
-        reason = find_return_reason(m, event_id, record);
+        reason = find_return_reason<false>(m, event_id, record);
     }
     if (kReasonTexts[reason])
         LOG("%s", kReasonTexts[reason]);

@@ -106,5 +106,5 @@ void XPy_SetFieldUnder(tSharedLock* lock, PyObject** field, PyObject* value)
     XPyOwned old;
     XPyLocked locked(lock);
     *old.out() = *field;
-    *field = XPy_NewRef(value);
+    XPy_Store(field, XPy_NewRef(value));
 }
