@@ -234,13 +234,13 @@ class EngineTest(unittest.TestCase):
 HITS = """\
     import sys, threading
     assert not sys._is_gil_enabled()
-    hits, ready = {}, threading.Barrier(8)
+    go, hits, ready = True, {}, threading.Barrier(8)
     def work(number):
         ready.wait()
         for n in range(5):
             hits[number] = n + 1            # line
-    def for_ever():
-        while True:
+    def turn():
+        while go:
             turned = 1                      # turn
     def run(*names_and_targets):
         threads = [threading.Thread(target=target, args=arguments) for target, *arguments in names_and_targets]
@@ -248,7 +248,7 @@ HITS = """\
         for each in threads: each.join()
     run(*((work, number) for number in range(8)))
     print("all", sorted(hits.values()))     # all
-    run(*((for_ever,) for number in range(8)))
+    run(*((turn,) for number in range(8)))
     """
 
 
@@ -260,7 +260,7 @@ class PromptTest(unittest.TestCase):
     def line(self, mark):
         return line_of(self.program, mark)
 
-    def test_stops_and_quit_beside_threads_that_run(self):
+    def test_stops_in_threads_that_run(self):
         session = Session(self, "-m", "brixdebug", self.program, **LOCK_OFF)
         session.prompt()
         session.do("break %d" % self.line("line"))
@@ -273,9 +273,11 @@ class PromptTest(unittest.TestCase):
         session.do("break %d" % self.line("turn"))
         self.assertIn("all [5, 5, 5, 5, 5, 5, 5, 5]", session.do("continue"))
         for _ in range(20):
-            self.assertIn("(%d)for_ever()" % self.line("turn"), session.do("continue"))
-        printed, status = session.end("quit")
-        self.assertEqual((printed.replace("\n", ""), status), ("", 0))
+            self.assertIn("(%d)turn()" % self.line("turn"), session.do("continue"))
+        session.do("clear 2")
+        session.do("!globals().update(go=False)")
+        self.assertIn("The program finished", session.do("continue"))
+        self.assertEqual(session.end("quit")[1], 0)
 
 
 COUNTS = """\
@@ -300,7 +302,7 @@ COUNTS = """\
 @needs_free_threads
 class AdapterTest(AdapterTestCase):
     def test_each_hit_in_each_thread_is_a_stop(self):
-        path = self.program(HITS.replace("run(*((for_ever,) for number in range(8)))\n", ""))
+        path = self.program(HITS.replace("run(*((turn,) for number in range(8)))\n", ""))
         client = self.client(**LOCK_OFF)
         client.launch(path, {path: [line_of(path, "line")]})
         found = collections.Counter()
