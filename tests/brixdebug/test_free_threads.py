@@ -66,6 +66,21 @@ class EngineTest(unittest.TestCase):
         program = write_program(self.folder, textwrap.dedent(PRELUDE) + textwrap.dedent(text))
         self.assertEqual(check_child(self, program, cwd=self.folder, **LOCK_OFF), "")
 
+    def test_lines_are_in_what_threads_look_into_without_a_lock(self):
+        self.check("""\
+            import optmonitoring
+            def work():
+                passed = 1
+            [line] = lines_of(work)[1:]
+            debugger.begin()
+            debugger.set_break(__file__, line)
+            work()
+            lines = optmonitoring.CPerCodeObject.GetPerCodeObject(work.__code__).fEnabledBpLinenos
+            debugger.stop_trace()
+            assert debugger.stops == {("MainThread", line): 1}, debugger.stops
+            assert type(lines) is frozenset and lines == {line}, lines
+            """)
+
     def test_each_hit_in_each_thread_is_a_stop(self):
         self.check("""\
             def work(name):

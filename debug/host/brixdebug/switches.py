@@ -56,7 +56,7 @@ import sys
 
 import optmonitoring
 
-from brixdebug.locks import LockAtEnd
+from brixdebug.locks import ARE_PARALLEL, LockAtEnd
 from brixdebug.places import SwitchedOff
 
 TYPE_CHECKING = False
@@ -224,8 +224,9 @@ class Switches:
         count = 1 if events or is_hidden is False else 0
         lines = self._reported_lines(record)
         # None lets every line through, to be switched off by the second callback.
-        record.fEnabledBpLinenos = None if self.is_idle or self._reports_all_lines \
-            else lines or (set() if is_hidden else None)
+        reported = None if self.is_idle or self._reports_all_lines else lines or (set() if is_hidden else None)
+        # Threads that run at the same time look into a frozenset without a lock.
+        record.fEnabledBpLinenos = frozenset(reported) if ARE_PARALLEL and reported is not None else reported
         if lines:
             events |= _BREAK_LOCAL_EVENTS
             if self.wants_calls:
