@@ -148,13 +148,13 @@ class EngineTest(unittest.TestCase):
             debugger.begin()
             threads = start(work)
             cleared = {}
-            for _ in range(6):
+            for _ in range(3):
                 for wanted in lines_of(work)[2:]:
                     for name in NAMES:
                         debugger.stops.pop((name, wanted), None)
                     here.clear()
                     assert debugger.set_break(__file__, wanted) is None
-                    assert here.wait(60), (wanted, debugger.per_thread(wanted))
+                    assert here.wait(250), (wanted, debugger.per_thread(wanted))
                     debugger.clear_break(__file__, wanted)
                     cleared[wanted] = debugger.per_thread(wanted)
             before = dict(rounds)
@@ -205,7 +205,7 @@ class EngineTest(unittest.TestCase):
             threads = start(work)
             loop, first, second = lines_of(work)[1:]
             debugger.set_break(__file__, first, cond="name == 'worker 3'")
-            assert done.wait(60), seen
+            assert done.wait(250), seen
             before = dict(rounds)
             while any(rounds[name] < before[name] + 10 for name in NAMES):
                 pass
@@ -233,13 +233,13 @@ class EngineTest(unittest.TestCase):
                     moved.append(rounds != before)
                 debugger.set_continue()
             ended = threading.Event()
-            debugger.on_stop = lambda frame: (hold(frame), len(moved) == 25 and ended.set())
+            debugger.on_stop = lambda frame: (hold(frame), len(moved) == 10 and ended.set())
             debugger.begin()
             threads = [threading.Thread(target=work, args=(name,), name=name, daemon=True) for name in NAMES]
             for each in threads: each.start()
             line = lines_of(work)[-1]
             debugger.set_break(__file__, line)
-            assert ended.wait(60), moved
+            assert ended.wait(250), moved
             debugger.clear_break(__file__, line)
             before = dict(rounds)
             while any(rounds[name] < before[name] + 10 for name in NAMES):
