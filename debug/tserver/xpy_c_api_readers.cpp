@@ -66,10 +66,9 @@ static bool is_reading(uint64_t count)
 
 void wait_for_readers(void)
 {
-    // In order behind what was made unreachable, and before the counts.
-    __atomic_thread_fence(__ATOMIC_SEQ_CST);
-    for (tReader* reader = __atomic_load_n(&first_reader, __ATOMIC_SEQ_CST); reader; reader = reader->next) {
-        uint64_t before = __atomic_load_n(&reader->count, __ATOMIC_ACQUIRE);
+    // Written back as they are, so that whoever begins to read later sees what was made unreachable before.
+    for (tReader* reader = __atomic_fetch_add(&first_reader, 0, __ATOMIC_ACQ_REL); reader; reader = reader->next) {
+        uint64_t before = __atomic_fetch_add(&reader->count, 0, __ATOMIC_ACQ_REL);
         if (reader == own_reader || !is_reading(before))
             continue;
         while (__atomic_load_n(&reader->count, __ATOMIC_ACQUIRE) == before)

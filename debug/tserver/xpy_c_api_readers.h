@@ -38,12 +38,12 @@ class XPyReading
             fReader = add_reader();
         // In order before everything that is read: who waits sees this, or this thread sees what was changed.
         if (XPY_LIKELY(fReader != nullptr))
-            __atomic_exchange_n(&fReader->count, fReader->count + 1, __ATOMIC_SEQ_CST);
+            __atomic_exchange_n(&fReader->count, XPy_Load(&fReader->count) + 1, __ATOMIC_SEQ_CST);
     }
     ~XPyReading()
     {
         if (XPY_LIKELY(fReader != nullptr))
-            __atomic_store_n(&fReader->count, fReader->count + 1, __ATOMIC_RELEASE);
+            __atomic_store_n(&fReader->count, XPy_Load(&fReader->count) + 1, __ATOMIC_RELEASE);
     }
     XPyReading(const XPyReading&) = delete;
     XPyReading& operator=(const XPyReading&) = delete;
