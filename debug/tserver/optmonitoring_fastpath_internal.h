@@ -98,6 +98,9 @@ static inline T read_number(const T* field)
     return kIsShared ? XPy_Load(field) : *field;
 }
 
+// Counts what is put into slots: changed before, and read behind the look into a slot, it orders what the record holds.
+extern uint32_t gSlotChanges;
+
 // The record in the code object's extra slot [borrowed] if it needs no refinement, else null. Where the first module
 // that uses extra slots is another one, the array of the slots may be moved while it is read without a lock.
 template <bool kIsShared>
@@ -110,6 +113,8 @@ static inline PyObject* borrow_ready_record(tModuleState* m, PyObject* code)
         api.PyErr_Clear();
         return nullptr;
     }
+    if (kIsShared)
+        (void)__atomic_load_n(&gSlotChanges, __ATOMIC_ACQUIRE);
     PyObject* record = static_cast<PyObject*>(extra);
     if (XPY_UNLIKELY(!record || gPerCodeObjectBodyOffset == -1))
         return nullptr;

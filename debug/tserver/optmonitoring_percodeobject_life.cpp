@@ -140,6 +140,7 @@ static int enter_in_registry(tModuleState* m, PyObject* record, CPerCodeObjectBo
 // where the interpreter lock is off, each change of the slot takes the code object's own lock, as do look-ups, and
 // what is replaced is kept until that is given back and no event can be reading it any more.
 
+uint32_t gSlotChanges;
 static thread_local void* kept_extra;  // being replaced on this thread: not to be freed yet
 
 static int get_from_slot(tModuleState* m, PyObject* code, PyObject** record)
@@ -174,6 +175,8 @@ static int change_slot(tModuleState* m, PyObject* record, PyObject* code, tSlotC
         return 0;
     PyObject* value = change == kEmpty ? nullptr : XPy_NewRef(record);  // owned by the slot
     kept_extra = extra;
+    // The interpreter's store is a plain one: what is in the record is in order before it.
+    __atomic_fetch_add(&gSlotChanges, 1, __ATOMIC_ACQ_REL);
     int result = api._PyCode_SetExtra(code, m->code_object_extra_index, value);
     kept_extra = nullptr;
     if (result < 0) {
