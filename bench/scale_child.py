@@ -27,16 +27,19 @@ def copy_of(function):
 
 
 class Watch:
-    """What one row is measured with: who is called back, and for which lines; None for no events at all."""
+    """What one row is measured with: who is called back, None for no events at all, and the kind of collection with a line.
 
-    def __init__(self, callback, lines=None):
+    Each code object has a collection of its own, with the line behind the loop.
+    """
+
+    def __init__(self, callback, kind=None):
         self.callback = callback
-        self.lines = lines
+        self.kind = kind
 
     def begin(self, functions):
         for function in functions:
             record = om.CPerCodeObject.GetPerCodeObject(function.__code__, True, sys._getframe())
-            record.fEnabledBpLinenos = self.lines
+            record.fEnabledBpLinenos = self.kind and self.kind((END_LINE,))
             sys.monitoring.set_local_events(TOOL, function.__code__, EVENTS.LINE if self.callback else 0)
         sys.monitoring.register_callback(TOOL, EVENTS.LINE, self.callback)
 
@@ -70,8 +73,8 @@ def main(counts):
     cores = len(os.sched_getaffinity(0))
     callback = om.CInitialCallback(EVENTS.LINE, second, 1).Callback
     plain, watches = Watch(None), {
-        "off": Watch(callback, frozenset((END_LINE,))),
-        "off_set": Watch(callback, {END_LINE}),
+        "off": Watch(callback, frozenset),
+        "off_set": Watch(callback, set),
         "forwarded": Watch(callback),
         "python": Watch(second),
     }
