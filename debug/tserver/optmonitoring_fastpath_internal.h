@@ -98,7 +98,8 @@ static inline T read_number(const T* field)
     return kIsShared ? XPy_Load(field) : *field;
 }
 
-// Counts what is put into slots: changed before, and read behind the look into a slot, it orders what the record holds.
+// Counts what is put into slots: changed before, and read behind the look into a slot, it orders what the record
+// holds.
 extern uint32_t gSlotChanges;
 
 // The record in the code object's extra slot [borrowed] if it needs no refinement, else null. Where the first module
