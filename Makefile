@@ -192,9 +192,11 @@ test-machines:  ## of these two what three minutes allow: one interpreter for aa
 test-life: tests-built  ## hostile programs, failing hooks, births and deaths (some minutes an interpreter)
 	@tools/run_ctest $(BUILD) -R '^life_'
 
-storm: build  ## eight threads do everything at once, without the interpreter lock, for STORM_SECONDS (an hour)
+storm: build  ## eight threads do everything at once, without the interpreter lock, then random programs: STORM_SECONDS each
 	@found=; for python in $(STORM_PYTHONS); do found=1; echo "storm: $$python"; \
-	    PYTHON_GIL=0 OPTMONITORING_DIR=$(BUILD) $$python tests/python/child_storm.py $(STORM_SECONDS) || exit 1; done; \
+	    PYTHON_GIL=0 OPTMONITORING_DIR=$(BUILD) $$python tests/python/child_storm.py $(STORM_SECONDS) || exit 1; \
+	    PYTHON_GIL=0 OPTMONITORING_DIR=$(BUILD) $$python tests/fuzz/fuzz_grammar.py --threads 8 --seconds $(STORM_SECONDS) || exit 1; \
+	    done; \
 	    [ -n "$$found" ] || { echo "storm: no free-threaded interpreter was found"; exit 1; }
 
 inject: tests-built  ## every allocation and every interpreter call failing in turn (some minutes an interpreter)

@@ -1,6 +1,6 @@
 """Random programs that use the module in every way it can be used from Python; no program may end the process.
 
-    PYTHON fuzz_grammar.py [--seed N] [--seconds S | --programs N] [--steps N] [--only I,J,...] [--show]
+    PYTHON fuzz_grammar.py [--seed N] [--seconds S | --programs N] [--steps N] [--threads N] [--only I,J,...] [--show]
 
 A program is a sequence of steps made from a seed: records of all kinds with odd values in their fields, registries and
 hooks replaced, callbacks called directly and through `sys.monitoring`, logs that fail or call the module back, names of
@@ -12,12 +12,15 @@ nothing on standard error. In the child:
   - run again and again, the program holds no more memory (and, in debug builds, references) than before. That goes
     for every second program: the others also break what records need at their death, or put them into cycles.
 
+With --threads so many programs of seeds of their own run at the same time, in a thread each.
+
 A step depends on the seed and its own number alone, so any part of a program can be run: a failing program is made
 short by leaving steps out, and `--seed N --only I,J,...` runs what is left.
 """
 
 import argparse
 import array
+import contextlib
 import ctypes
 import faulthandler
 import gc
@@ -44,6 +47,8 @@ from filter_support import EVENT_NAMES, event_id
 # What the interpreter says where the log's file, a program's own, fails only while an exception is displayed on it.
 LOST_REPORT = re.compile(r"object address  : .*\n(object .*\n)*lost sys\.stderr\n")
 SECONDS_PER_PROGRAM = int(os.environ.get("OPTMONITORING_CASE_SECONDS", 60))    # after which one that hangs is ended
+choosing_a_tool = threading.Lock()
+SEEDS_OF_A_THREAD = 10 ** 9      # even: a seed says by that what its program leaves alone
 REPETITIONS = 8             # of a program, to see what it loses
 MASK_OF_ALL = 1023
 FUNCTIONS = ("lookup_canonical_pathname", "register_canonical_pathname", "get_canonical_pathname",
@@ -63,6 +68,8 @@ DEPTH = 3                   # of programs run by what a program hands out
 class Program(object):
     """The steps of one seed, and what they have made so far."""
 
+    threads = 1                 # programs that run at the same time
+
     def __init__(self, module, seed, show=False):
         self.module = module
         self.seed = seed
@@ -78,7 +85,6 @@ class Program(object):
     def run(self, numbers):
         for number in numbers:
             self.step(random.Random("%s/%s" % (self.seed, number)), number)
-        self.settle()
 
     def step(self, rng, number=None):
         kind = rng.choices(STEPS, WEIGHTS)[0]
@@ -356,12 +362,14 @@ def run_watched(program, rng):
             attempt(setattr, made, "fAnySuspendThread", rng.randrange(2))
             callbacks[event_id(name)] = made
     record = attempt(program.module.CPerCodeObject.GetPerCodeObject, function.__code__, True, sys._getframe())
-    attempt(setattr, record, "fEnabledBpLinenos", rng.choice(({2}, {2, 3}, set(), None)))
-    try:
-        tool_id = next(each for each in range(6) if sys.monitoring.get_tool(each) is None)
-    except StopIteration:
-        return
-    with support.monitoring_tool({event: each.Callback for event, each in callbacks.items()}, tool_id=tool_id) as tool:
+    attempt(setattr, record, "fEnabledBpLinenos", rng.choice(({2}, {2, 3}, set(), frozenset({3}), None)))
+    with contextlib.ExitStack() as stack:
+        with choosing_a_tool:
+            tool_id = next((each for each in range(6) if sys.monitoring.get_tool(each) is None), None)
+            if tool_id is None:
+                return
+            tool = stack.enter_context(support.monitoring_tool(
+                {event: each.Callback for event, each in callbacks.items()}, tool_id=tool_id))
         tool.set_local_events(function.__code__, sum(callbacks))
         tool.set_local_events(generator.__code__, sum(callbacks))
         for _ in range(2):
@@ -446,11 +454,35 @@ def ignore_own_errors(unraisable):
         sys.__unraisablehook__(unraisable)
 
 
+def run_at_once(programs, numbers):
+    failures = []
+
+    def work(program):
+        try:
+            program.run(numbers)
+        except BaseException as error:
+            failures.append(error)
+
+    threads = [threading.Thread(target=work, args=(program,)) for program in programs]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    if failures:
+        raise failures[0]
+
+
 def run_program(module, seed, numbers, show):
-    program = Program(module, seed, show)
-    program.devnull = os.open(os.devnull, os.O_WRONLY)
-    program.run(numbers)
-    os.close(program.devnull)
+    programs = [Program(module, seed + number * SEEDS_OF_A_THREAD, show) for number in range(Program.threads)]
+    devnull = os.open(os.devnull, os.O_WRONLY)
+    for program in programs:
+        program.devnull = devnull
+    if len(programs) == 1:
+        programs[0].run(numbers)
+    else:
+        run_at_once(programs, numbers)
+    programs[0].settle()
+    os.close(devnull)
 
 
 def find_loss(module, seed, numbers, total_references):
@@ -537,6 +569,7 @@ def parse_options():
     parser.add_argument("--seconds", type=float, default=60)
     parser.add_argument("--programs", type=int)
     parser.add_argument("--steps", type=int, default=40)
+    parser.add_argument("--threads", type=int, default=1)
     parser.add_argument("--only", help="the numbers of the steps to run, of the one program of the seed")
     parser.add_argument("--show", action="store_true")
     parser.add_argument("--keep-going", action="store_true")
@@ -573,6 +606,7 @@ def run_all(module, options):
 
 def main():
     options = parse_options()
+    Program.threads = options.threads
     module = support.load()
     support.library()
     Program.original_methods = {name: {special: vars(getattr(module, name))[special]
