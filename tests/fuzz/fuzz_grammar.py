@@ -12,7 +12,8 @@ nothing on standard error. In the child:
   - run again and again, the program holds no more memory (and, in debug builds, references) than before. That goes
     for every second program: the others also break what records need at their death, or put them into cycles.
 
-With --threads so many programs of seeds of their own run at the same time, in a thread each.
+With --threads so many programs of seeds of their own run at the same time, in a thread each. Those leave threads and
+forks alone: what a program runs as an object dies may come while its thread has a lock of `threading`.
 
 A step depends on the seed and its own number alone, so any part of a program can be run: a failing program is made
 short by leaving steps out, and `--seed N --only I,J,...` runs what is left.
@@ -378,6 +379,8 @@ def run_watched(program, rng):
 
 
 def run_in_threads(program, rng):
+    if Program.threads > 1:
+        return
     seeds = [rng.random() for _ in range(rng.randrange(1, 4))]
     failures = []
 
@@ -403,7 +406,7 @@ def run_in_threads(program, rng):
 
 
 def fork(program, rng):
-    if program.depth or threading.active_count() > 1:
+    if program.depth or Program.threads > 1 or threading.active_count() > 1:
         return
     pid = os.fork()
     if pid == 0:
