@@ -1,6 +1,7 @@
 """What may go wrong inside the debugger, and what an exception of it is to the program: nothing, or just what bdb makes it."""
 
 import re
+import sys
 import textwrap
 import unittest
 
@@ -413,6 +414,7 @@ class SignalTest(OwnErrorsTestCase):
             debugger.stop_trace()
             """, expected="held True\nmine\n")
 
+    @unittest.skipUnless(getattr(sys, "_is_gil_enabled", lambda: True)(), "no lock decides which thread runs next")
     def test_a_thread_that_has_been_let_go_is_not_held_before_it_has_run(self):
         """It wakes from the last time that it was held while the next has begun already."""
         self.check("""\
