@@ -155,7 +155,7 @@ PyObject* read_class_attr(PyObject* cls, tNameCache* name)
 }
 
 // Without the interpreter lock. Another thread may change the class between the two looks at its version, but no
-// version is given twice.
+// version is given twice in an interpreter.
 static PyObject* find_shared_class_attr(PyObject* cls, tClassAttr* attribute)
 {
     uint64_t before = gSharedShortcutOffsets.type_version == -1 ? 0 : get_class_state(as_type(cls));
@@ -187,6 +187,7 @@ int set_class_attr(PyObject* cls, tClassAttr* attribute, PyObject* value)
 {
     // A class of an earlier interpreter may have had the same address and version.
     forget_mark(&attribute->mark);
+    XPy_Store(&attribute->state_when_none, uint64_t{0});
     PyObject* name = borrow_cached_name(&attribute->name);
     return name ? api.PyObject_SetAttr(cls, name, value) : -1;
 }

@@ -111,6 +111,12 @@ static int create_classes(PyObject* module, tModuleState* m)
 static int request_code_extra_index(tModuleState* m)
 {
     m->code_object_extra_index = static_cast<int>(api._PyEval_RequestCodeExtraIndex(FreeCodeObjectExtra));
+    if (m->code_object_extra_index > 0) {
+        // Others have used extra slots before, or a module of this kind that was loaded before: the array of a code
+        // object's slots may have to move, which no event may read without a lock then.
+        XPy_Store(&gMayReadSlots, false);
+        wait_for_readers();
+    }
     if (m->code_object_extra_index != -1)
         return 0;
     if (!api.PyErr_Occurred())

@@ -6,8 +6,8 @@
 #include "optmonitoring_internal.h"
 
 // ---- The order of reads ----
-// All reads here are plain loads, on processors that reorder loads (aarch64) as on those that do not (x86-64).
-// What another thread has written is always seen, and seen whole:
+// Under the interpreter lock all reads here are plain loads, on processors that reorder loads (aarch64) as on those
+// that do not (x86-64). What another thread has written is always seen, and seen whole:
 //
 // Callbacks run under the interpreter lock, and whoever writes what is read here holds that lock too. It is a
 // mutex: its release publishes every write before it, and taking it orders every read behind it. A reader needs no
@@ -102,13 +102,12 @@ static inline T read_number(const T* field)
 // holds.
 extern uint32_t gSlotChanges;
 
-// The record in the code object's extra slot [borrowed] if it needs no refinement, else null. Where the first module
-// that uses extra slots is another one, the array of the slots may be moved while it is read without a lock.
+// The record in the code object's extra slot [borrowed] if it needs no refinement, else null.
 template <bool kIsShared>
 static inline PyObject* borrow_ready_record(tModuleState* m, PyObject* code)
 {
     void* extra = nullptr;
-    if (kIsShared && m->code_object_extra_index != 0)
+    if (kIsShared && !XPy_Load(&gMayReadSlots))
         return nullptr;
     if (XPY_UNLIKELY(api._PyCode_GetExtra(code, m->code_object_extra_index, &extra) < 0)) {
         api.PyErr_Clear();
@@ -144,7 +143,7 @@ static inline PyObject* borrow_ready_per_thread(tModuleState* m)
     // The slot is this thread's own; a record that dies elsewhere is marked in the pair under the lock.
     _tPyTssData* pair = static_cast<_tPyTssData*>(api.PyThread_tss_get(m->_gPyTssKey));
     PyObject* record = pair ? borrow_field<kIsShared>(&pair->fPerThreadPtr) : nullptr;
-    if (XPY_UNLIKELY(!record || pair->fThreadStatePtr != api.PyThreadState_Get()))
+    if (XPY_UNLIKELY(!record || read_number<kIsShared>(&pair->fThreadStatePtr) != api.PyThreadState_Get()))
         return nullptr;
     PyObject* name = borrow_field<kIsShared>(&per_thread_body(record, as_type(m->CPerThread))->fThreadName);
     bool is_named = name != api.Py_None || is_surely_off<kIsShared>(&gGetThreadNameCallback, m->CPerThread);

@@ -125,9 +125,10 @@ static tStep check_arguments(tEvent* event)
               get_dprintf_repr_str1(m->dp, event->args[0]));
         return answer_with(event, m->monitoring_disabled);
     }
+    XPyOwned held(gIsLockOff ? new_ref_of_read_member(event->self, &event->body->fSecondCallback) : nullptr);
     DO_DP_TWO_REPRS(m->dp, m->dp->initial_monitoring_callbacks,
                     "Initial callback called for %s\n second callback is %s\n", event->args[0],
-                    event->body->fSecondCallback);
+                    gIsLockOff ? held.borrow() : event->body->fSecondCallback);
     return kGoOn;
 }
 
@@ -301,10 +302,10 @@ XPY_COLD static int pass_suspend_lock(tModuleState* m, PyObject* per_thread, CPe
 static tStep CInitialCallback_SuspendIfNeeded_direct(tEvent* event)
 {
     tModuleState* m = event->ctx.m;
-    if (!event->body->fAnySuspendThread || event->ctx.per_thread == api.Py_None)
+    if (!XPy_Load(&event->body->fAnySuspendThread) || event->ctx.per_thread == api.Py_None)
         return kGoOn;
     CPerThreadBody* body = per_thread_body(event->ctx.per_thread, as_type(m->CPerThread));
-    if (!body->fCheckSuspendLock || pass_suspend_lock(m, event->ctx.per_thread, body) == 0)
+    if (!XPy_Load(&body->fCheckSuspendLock) || pass_suspend_lock(m, event->ctx.per_thread, body) == 0)
         return kGoOn;
     report_failure(m->dp, "CInitialCallback_SuspendIfNeeded_direct() failed\n");
     return kFailed;

@@ -46,7 +46,15 @@ static void take_pair(CPerThreadBody* body, _tPyTssData** pair)
     if (!*pair)
         return;
     __atomic_store_n(&(*pair)->fPerThreadPtr, nullptr, __ATOMIC_RELEASE);
-    (*pair)->fThreadStatePtr = nullptr;
+    XPy_Store(&(*pair)->fThreadStatePtr, static_cast<PyThreadState*>(nullptr));
+}
+
+// The record that this thread's pair leads to [new], or null. Another thread may be ending it.
+static PyObject* new_ref_of_record(const _tPyTssData* pair)
+{
+    XPyLocked locked(&gPairsLock);
+    PyObject* record = XPy_Load(&pair->fPerThreadPtr);
+    return XPy_NewRef(record);
 }
 
 PyObject* CPerThread_FastGetExistingPerThreadFromPyTss(tModuleState* m)
@@ -54,8 +62,9 @@ PyObject* CPerThread_FastGetExistingPerThreadFromPyTss(tModuleState* m)
     _tPyTssData* pair = current_pair(m);
     if (!pair)
         return new_none();
-    if (pair->fPerThreadPtr && pair->fThreadStatePtr == api.PyThreadState_Get())
-        return XPy_NewRef(pair->fPerThreadPtr);
+    XPyOwned record(new_ref_of_record(pair));
+    if (record && XPy_Load(&pair->fThreadStatePtr) == api.PyThreadState_Get())
+        return record.detach();
     if (CPerThread_ClearPerThreadForCurrentThread(m) < 0) {
         api.PyErr_SetString(api.PyExc_RuntimeError, "the thread's storage slot could not be cleared");
         return nullptr;
@@ -102,6 +111,7 @@ int CPerThread_StorePerThreadForCurrentThreadInPyTss_direct(tModuleState* m, PyO
     // A record that another thread state of the same id used before leaves that thread's pair stale.
     _tPyTssData* stale;
     take_pair(body, &stale);
+    XPyLocked locked(&gPairsLock);
     body->_fPyTssData = pair;
     return 0;
 }
@@ -260,6 +270,8 @@ static int detach_capsule(PyObject* per_thread, CPerThreadBody* body)
     PyObject* capsule = body->capsule_ptr;
     if (!capsule)
         return 0;
+    if (gIsLockOff)
+        return 0;  // the record's thread has registered it just now: it holds the record
     body->capsule_ptr = nullptr;
     int result = api.PyCapsule_SetDestructor(capsule, nullptr);
     XPy_DoDecRef(per_thread);

@@ -5,22 +5,33 @@
 #include <pthread.h>
 #include <sched.h>
 #include <stdlib.h>
+#include <time.h>
 
 __thread tReader* own_reader;
 
 static tReader* first_reader;  // places are only ever added, in front
 static pthread_key_t key_of_readers;
+static bool has_key;
+
+static bool is_reading(uint64_t count)
+{
+    return count % 2 != 0;
+}
 
 // At the end of a thread. Code that runs after this on the thread gets another place.
 static void leave_place(void* place)
 {
     own_reader = nullptr;
-    __atomic_store_n(&static_cast<tReader*>(place)->is_taken, 0, __ATOMIC_RELEASE);
+    tReader* reader = static_cast<tReader*>(place);
+    if (is_reading(reader->count))  // the thread was ended there by force
+        __atomic_fetch_add(&reader->count, 1, __ATOMIC_RELEASE);
+    __atomic_store_n(&reader->is_taken, 0, __ATOMIC_RELEASE);
 }
 
-int init_readers(void)
+void init_readers(void)
 {
-    return pthread_key_create(&key_of_readers, leave_place) == 0 ? 0 : -1;
+    if (!has_key)
+        has_key = pthread_key_create(&key_of_readers, leave_place) == 0;
 }
 
 static tReader* take_empty_place(void)
@@ -48,8 +59,8 @@ static tReader* add_place(void)
 
 tReader* add_reader(void)
 {
-    tReader* reader = take_empty_place();
-    if (!reader)
+    tReader* reader = has_key ? take_empty_place() : nullptr;
+    if (!reader && has_key)
         reader = add_place();
     if (reader && pthread_setspecific(key_of_readers, reader) != 0) {
         __atomic_store_n(&reader->is_taken, 0, __ATOMIC_RELEASE);
@@ -59,20 +70,29 @@ tReader* add_reader(void)
     return reader;
 }
 
-static bool is_reading(uint64_t count)
+// A reader needs some nanoseconds, unless it is not running; then it may have less priority than this thread.
+static void pause_for_reader(int round)
 {
-    return count % 2 != 0;
+    static constexpr int kYields = 100;
+    static constexpr timespec kNap = {0, 50 * 1000};
+    if (round < kYields)
+        sched_yield();
+    else
+        nanosleep(&kNap, nullptr);
 }
 
 void wait_for_readers(void)
 {
-    // Written back as they are, so that whoever begins to read later sees what was made unreachable before.
+    // Written back as they are, so that whoever begins to read later sees what was made unreachable before. A thread
+    // that stops and begins again between our look and the end of the wait does so too: its own entry, an exchange,
+    // comes behind our write in the order of the count, and x86-64 and aarch64 keep what was before that write before
+    // it.
     for (tReader* reader = __atomic_fetch_add(&first_reader, 0, __ATOMIC_ACQ_REL); reader; reader = reader->next) {
         uint64_t before = __atomic_fetch_add(&reader->count, 0, __ATOMIC_ACQ_REL);
         if (reader == own_reader || !is_reading(before))
             continue;
-        while (__atomic_load_n(&reader->count, __ATOMIC_ACQUIRE) == before)
-            sched_yield();  // it reads for some nanoseconds, unless it is not running
+        for (int round = 0; __atomic_load_n(&reader->count, __ATOMIC_ACQUIRE) == before; round++)
+            pause_for_reader(round);
     }
 }
 

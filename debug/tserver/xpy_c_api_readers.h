@@ -17,12 +17,13 @@ struct tReader {
     uint64_t count;  // of entries and exits: odd while the thread is reading
     uint32_t is_taken;
     tReader* next;
+    char unused[104];  // the counts of two threads lie in different cache lines
 };
 
-// Once per process; 0, or -1 where the C library has run out of something.
-int init_readers(void);
+// Once per process. Where the C library has run out of keys no thread can be a reader.
+void init_readers(void);
 
-// Makes this thread a reader; null when out of memory.
+// Makes this thread a reader; null when out of memory or keys.
 tReader* add_reader(void);
 
 extern __thread tReader* own_reader;  // not thread_local, which would ask for initial values at each use

@@ -3,6 +3,7 @@
 #include "xpy_c_api_shared.h"
 
 bool gIsLockOff;
+bool gMayReadSlots;
 
 // Functions outside the binding table, which are needed here alone.
 static void (*begin_section)(void* section, PyObject* obj);  // PyCriticalSection_Begin
@@ -28,12 +29,15 @@ static int get_wanted_lock(void)
     return static_cast<int>(value);
 }
 
-// Where storms of threads have run for an hour without a fault. The interpreter stores the array of a code object's
-// extra slots behind what is in it with plain stores, which this processor keeps in order. PYVERSIONS
+// The versions on which storms of threads have been run. The interpreter stores the array of a code object's extra
+// slots behind what is in it with plain stores, which this processor keeps in order. PYVERSIONS
 static bool is_proved(void)
 {
 #ifdef __x86_64__
-    return api.major_version == 3 && api.minor_version == 13;
+    static constexpr uint32_t kFirst = 0x030d05f0, kEnd = 0x030e0000;
+    void* version = XPy_LookupPythonFunction("Py_Version");
+    return version && *static_cast<const uint64_t*>(version) >= kFirst &&
+           *static_cast<const uint64_t*>(version) < kEnd;
 #else
     return false;
 #endif
@@ -49,8 +53,11 @@ bool init_shared(void)
     bool can_do_without = has_all && is_proved();
     int wanted = get_wanted_lock();
     bool is_off = has_all && (can_do_without ? wanted != 1 : wanted == 0);
-    gIsLockOff = is_off && init_readers() == 0;
-    return can_do_without && gIsLockOff == is_off;
+    if (is_off)
+        init_readers();
+    gIsLockOff = is_off;
+    gMayReadSlots = can_do_without && is_off;
+    return can_do_without;
 }
 
 XPyObjectLocked::XPyObjectLocked(PyObject* obj) : fSection()

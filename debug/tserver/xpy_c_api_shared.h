@@ -15,8 +15,12 @@
 
 #include "xpy_c_api_readers.h"
 
-// Whether threads run at the same time. Written once, at start-up.
+// Whether threads may run at the same time. Written once, at start-up; the interpreter may have its lock on
+// nevertheless, where another module needs it.
 extern bool gIsLockOff;
+
+// Whether events may read code objects' extra slots without a lock.
+extern bool gMayReadSlots;
 
 // Once per process, after the binding layer has started up. Whether all is there that the module relies on where the
 // lock is off, on an interpreter and a processor on which that has been proved by tests: the module may then say that

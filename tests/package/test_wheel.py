@@ -67,7 +67,7 @@ import os, sys, warnings
 with warnings.catch_warnings(record=True) as caught:
     warnings.simplefilter("always")
     import optmonitoring
-needs_lock = (sys.version_info[:2], os.uname().machine) != ((3, 13), "x86_64")     # PYVERSIONS
+needs_lock = not (3, 13, 5) <= sys.version_info[:3] < (3, 14) or os.uname().machine != "x86_64"     # PYVERSIONS
 print(sys._is_gil_enabled(), needs_lock, [str(each.message) for each in caught], optmonitoring.GetPathnameKind("<x>"))
 """
 
