@@ -66,6 +66,25 @@ class EngineTest(unittest.TestCase):
         program = write_program(self.folder, textwrap.dedent(PRELUDE) + textwrap.dedent(text))
         self.assertEqual(check_child(self, program, cwd=self.folder, **LOCK_OFF), "")
 
+    def test_thread_whose_frames_of_ours_are_just_ending_is_found(self):
+        """For a moment they have no frame behind them; a generator's that does not run has none either."""
+        self.check("""\
+            from brixdebug import colors, suspension
+            debugger.begin()
+            debugger.set_break(__file__, lines_of(join)[-1])
+            frame = colors._colored_parts("").gi_frame
+            assert frame.f_back is None
+            look, looks = sys._current_frames, []
+            def current_frames():
+                looks.append(look())
+                return {each: frame for each in looks[0]} if len(looks) < 3 else looks[-1]
+            sys._current_frames = current_frames
+            found = suspension.debugged_frames()
+            assert list(found) == [threading.get_ident()], found
+            assert len(looks) == 3, looks
+            debugger.stop_trace()
+            """)
+
     def test_lines_are_in_what_threads_look_into_without_a_lock(self):
         self.check("""\
             import optmonitoring

@@ -17,6 +17,7 @@ from brixbase import dlog
 from brixdebug import log
 from brixdebug.evaluation import Evaluation
 from brixdebug.lives import Life
+from brixdebug.locks import ARE_PARALLEL
 from brixdebug.switches import program_frame, thread_id_of
 
 TYPE_CHECKING = False
@@ -36,18 +37,30 @@ _threading: Any = threading            # its table of running threads has no pub
 
 own_thread_ids: set[int] = set()       # of the debugger's own threads: never debugged
 
+_LOOKS_AT_FRAMES = 10 if ARE_PARALLEL else 1
+
 
 def debugged_frames() -> dict[int, FrameType]:
-    """The topmost frame of each thread that is not the debugger's own, by thread id."""
-    frames = {}
+    """The topmost frame of each thread that is not the debugger's own, by thread id.
+
+    Where threads run at the same time, a frame of ours that ends on its thread as it is looked at has nothing behind it for a
+    moment: then all are looked at again.
+    """
+    frames: dict[int, FrameType] = {}
     frame: FrameType | None
-    for thread_id, frame in sys._current_frames().items():
-        if thread_id in own_thread_ids:
-            continue
-        while frame is not None and optmonitoring.IsInternalFrame(frame):
-            frame = frame.f_back
-        if frame is not None:
-            frames[thread_id] = frame
+    for _ in range(_LOOKS_AT_FRAMES):
+        are_all_seen = True
+        for thread_id, frame in sys._current_frames().items():
+            if thread_id in own_thread_ids or thread_id in frames:
+                continue
+            while frame is not None and optmonitoring.IsInternalFrame(frame):
+                frame = frame.f_back
+            if frame is not None:
+                frames[thread_id] = frame
+            else:
+                are_all_seen = False
+        if are_all_seen:
+            break
     return frames
 
 
