@@ -48,7 +48,7 @@ from filter_support import EVENT_NAMES, event_id
 # What the interpreter says where the log's file, a program's own, fails only while an exception is displayed on it.
 LOST_REPORT = re.compile(r"object address  : .*\n(object .*\n)*lost sys\.stderr\n")
 SECONDS_PER_PROGRAM = int(os.environ.get("OPTMONITORING_CASE_SECONDS", 60))    # after which one that hangs is ended
-choosing_a_tool = threading.Lock()
+choosing_a_tool = threading.RLock()        # code of the program may run meanwhile, and choose another
 SEEDS_OF_A_THREAD = 10 ** 9      # even: a seed says by that what its program leaves alone
 REPETITIONS = 8             # of a program, to see what it loses
 MASK_OF_ALL = 1023
