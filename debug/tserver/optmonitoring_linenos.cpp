@@ -3,8 +3,9 @@
 // A line number's hash is the number itself, and the look-up of a set begins at the entry that the hash's low bits
 // name: when that entry has never been used, the line is no member. Where another line is there, the look goes on:
 // over the whole of a small table, for the hash alone; in a larger one along the entries that the interpreter would
-// visit. No code of the program can run meanwhile, so nothing needs to be held. A key of another type with the hash
-// of the line is left to the interpreter's own look-up, which compares.
+// visit. No code of the program can run meanwhile, so with the interpreter lock nothing needs to be held; without it
+// only frozensets are looked into, which somebody holds. A key of another type with the hash of the line is left to
+// the interpreter's own look-up, which compares.
 
 #include "optmonitoring_fastpath_internal.h"
 

@@ -1,5 +1,5 @@
-// What several threads share where no interpreter lock keeps them apart: on a free-threaded interpreter whose user
-// keeps the lock off.
+// What several threads share where no interpreter lock keeps them apart: on a free-threaded interpreter that the
+// module does not have switch its lock on.
 //
 // With the lock, everything here is the plain load or store that it stands for. Without it, a pointer that another
 // thread may replace is read together with a reference to what it points at, and replaced in one step. A field of an
@@ -8,7 +8,7 @@
 // afterwards.
 //
 // The interpreter stops all threads before it forks, and it stops a thread only where that waits or runs Python code,
-// so nothing is half done in a child.
+// so nothing is half done in a child; a child that native code forks may find other threads in the middle of reads.
 
 #ifndef OPTMONITORING_XPY_C_API_SHARED_H
 #define OPTMONITORING_XPY_C_API_SHARED_H

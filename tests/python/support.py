@@ -19,7 +19,8 @@ HOST_DIR = os.path.join(HERE, "stand_ins")
 DEFAULT_MASK = 84           # the module's and the process-wide mask of a fresh import
 HEAD_LINE = "EXCEPTION IN DEBUG TRACER:\n"
 FREE_THREADED = bool(sysconfig.get_config_var("Py_GIL_DISABLED"))
-CAN_DO_WITHOUT_LOCK = FREE_THREADED and (3, 13, 5) <= sys.version_info[:3] < (3, 14) and os.uname().machine == "x86_64"   # PYVERSIONS
+# PYVERSIONS
+CAN_DO_WITHOUT_LOCK = FREE_THREADED and (3, 13, 5) <= sys.version_info[:3] < (3, 14) and os.uname().machine == "x86_64"
 DEBUG_BUILD = hasattr(sys, "gettotalrefcount")
 
 needs_monitoring = unittest.skipUnless(hasattr(sys, "monitoring"), "this interpreter has no sys.monitoring")
