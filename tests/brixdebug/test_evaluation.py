@@ -130,13 +130,17 @@ class EvaluationTest(unittest.TestCase):
         self.assertEqual(session.wait_for(LET_GO), "")
         printed = session.prompt()
         self.assertEqual({self.waiting(session, number) for number in ("2", "3")}, set(printed.splitlines(True)))
-        stops = []
+        stops, places = [], []
         for _ in range(4):
             place = session.do("continue")
+            places.append(place)
             stops.append(session.do("p n") if "double()" in place else place.rpartition("/")[2])
         prompt = "program.py(%d)prompt()\n-> here = 1                             # here\n" % line_of(self.program, "here")
         self.assertEqual(sorted(stops), ["1\n", "2\n", "7\n", prompt])
-        self.finish(session)
+        last = session.do("continue")
+        self.assertIn("The program finished", last)
+        self.assertEqual("".join([*places, last]).count("done\n"), 1)      # of whoever stopped last, the main thread or not
+        self.assertEqual(session.end("quit")[1], 0)
 
     def waiting(self, session, number):
         name = next(line.split()[2] for line in session.do("threads").splitlines() if line[2:].startswith(number))
