@@ -307,10 +307,10 @@ def main(words):
     seconds = float(words.pop(0))
     storm = Storm()
     names = words or list(kinds)
-    faulthandler.dump_traceback_later(seconds + GRACE, exit=True)
     callbacks = {number: storm.om.CInitialCallback(number, storm.second, 1).Callback for number in storm.events.values()}
     with support.monitoring_tool(callbacks, sum(storm.events.values()) - storm.events["LINE"], TOOL):
         for name in names:
+            faulthandler.dump_traceback_later(seconds / len(names) + GRACE, exit=True)
             storm.blow(name, seconds / len(names))
             if storm.errors:
                 break
