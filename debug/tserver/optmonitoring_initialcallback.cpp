@@ -111,6 +111,18 @@ static tStep answer_with(tEvent* event, PyObject* answer)
     return kAnswered;
 }
 
+static const char kEventText[] = "Initial callback called for %s\n second callback is %s\n";
+
+// Where another thread may take the second callback away while it is displayed.
+XPY_COLD static void log_shared_event(tEvent* event)
+{
+    tDPData* dp = event->ctx.m->dp;
+    if (!XPy_Load(&dp->initial_monitoring_callbacks))
+        return;
+    XPyOwned second(new_ref_of_read_member(event->self, &event->body->fSecondCallback));
+    DO_DP_TWO_REPRS(dp, dp->initial_monitoring_callbacks, kEventText, event->args[0], second.borrow());
+}
+
 // An event without arguments fails; one whose first argument is not a code object is switched off.
 static tStep check_arguments(tEvent* event)
 {
@@ -125,10 +137,11 @@ static tStep check_arguments(tEvent* event)
               get_dprintf_repr_str1(m->dp, event->args[0]));
         return answer_with(event, m->monitoring_disabled);
     }
-    XPyOwned held(gIsLockOff ? new_ref_of_read_member(event->self, &event->body->fSecondCallback) : nullptr);
-    DO_DP_TWO_REPRS(m->dp, m->dp->initial_monitoring_callbacks,
-                    "Initial callback called for %s\n second callback is %s\n", event->args[0],
-                    gIsLockOff ? held.borrow() : event->body->fSecondCallback);
+    if (XPY_UNLIKELY(gIsLockOff))
+        log_shared_event(event);
+    else
+        DO_DP_TWO_REPRS(m->dp, m->dp->initial_monitoring_callbacks, kEventText, event->args[0],
+                        event->body->fSecondCallback);
     return kGoOn;
 }
 
@@ -215,12 +228,15 @@ static tStep check_breakpoint_lines(tEvent* event)
 {
     tModuleState* m = event->ctx.m;
     CPerCodeObjectBody* record = per_code_object_body(event->ctx.per_code_object, as_type(m->CPerCodeObject));
-    if (XPY_UNLIKELY(gIsLockOff))
-        CPerCodeObject_HoldLines(event->ctx.per_code_object, record);
+    XPyOwned linenos;  // hashing and comparing may run code that replaces it, as another thread may
+    if (XPY_UNLIKELY(gIsLockOff)) {
+        linenos.reset(new_ref_of_shared_member(event->ctx.per_code_object, &record->fEnabledBpLinenos));
+        CPerCodeObject_HoldLines(record, linenos.borrow());
+    }
     if (!borrow_deciding_lines<false>(m, event->body, record, event->nargs))
         return kGoOn;
-    // held: hashing and comparing may run code that replaces it, as another thread may
-    XPyOwned linenos(XPy_NewRefOfMember(event->ctx.per_code_object, &record->fEnabledBpLinenos));
+    if (XPY_LIKELY(!gIsLockOff))
+        linenos.reset(XPy_NewRef(record->fEnabledBpLinenos));
     if (!linenos || linenos.borrow() == api.Py_None)
         return kGoOn;
     int has_breakpoint = api.PySet_Contains(linenos.borrow(), event->args[1]);

@@ -374,8 +374,8 @@ static inline PyObject** borrow_held_lines(const CPerCodeObjectBody* body)
     return reinterpret_cast<PyObject**>(const_cast<CPerCodeObjectBody*>(body + 1));
 }
 
-// Holds what is in fEnabledBpLinenos now if it is such a frozenset, and nothing otherwise.
-void CPerCodeObject_HoldLines(PyObject* record, CPerCodeObjectBody* body);
+// Holds LINENOS, which fEnabledBpLinenos has, if it is such a frozenset, and nothing otherwise.
+void CPerCodeObject_HoldLines(CPerCodeObjectBody* body, PyObject* linenos);
 
 // 0, or -1 with TypeError pending when OBJ is no code object.
 int check_code_object(PyObject* obj);

@@ -147,16 +147,13 @@ static void replace_held_lines(CPerCodeObjectBody* body, PyObject* new_lines)
         wait_for_readers();
 }
 
-XPY_COLD void CPerCodeObject_HoldLines(PyObject* record, CPerCodeObjectBody* body)
+XPY_COLD void CPerCodeObject_HoldLines(CPerCodeObjectBody* body, PyObject* linenos)
 {
-    PyObject* current = __atomic_load_n(&body->fEnabledBpLinenos, __ATOMIC_ACQUIRE);
     PyObject* held = __atomic_load_n(borrow_held_lines(body), __ATOMIC_ACQUIRE);
-    if (current == held || (current == api.Py_None && !held))
-        return;
-    XPyOwned lines(XPy_NewRefOfMember(record, &body->fEnabledBpLinenos));
-    bool can_be_held = lines && XPy_BorrowTypeInline(lines.borrow()) == gLinenoPeek.set_type;
-    if (can_be_held || held)
-        replace_held_lines(body, can_be_held ? lines.detach() : nullptr);
+    bool can_be_held = linenos && XPy_BorrowTypeInline(linenos) == gLinenoPeek.set_type;
+    PyObject* wanted = can_be_held ? linenos : nullptr;
+    if (wanted != held)
+        replace_held_lines(body, XPy_NewRef(wanted));
 }
 
 void CPerCodeObject_MakeRoomForHeldLines(void)
