@@ -53,6 +53,12 @@ PRELUDE = """\
     def join(threads):
         for each in threads: each.join()
 
+    def wait_for_rounds(rounds):
+        # until each thread has gone ten times more through its loop
+        before = dict(rounds)
+        while any(rounds[name] < before[name] + 10 for name in NAMES):
+            pass
+
     NAMES = ["worker %d" % number for number in range(8)]
     debugger = Debugger()
     """
@@ -176,9 +182,7 @@ class EngineTest(unittest.TestCase):
                     assert here.wait(250), (wanted, debugger.per_thread(wanted))
                     debugger.clear_break(__file__, wanted)
                     cleared[wanted] = debugger.per_thread(wanted)
-            before = dict(rounds)
-            while any(rounds[name] < before[name] + 10 for name in NAMES):
-                pass
+            wait_for_rounds(rounds)
             assert {line: debugger.per_thread(line) for line in cleared} == cleared
             go = False
             join(threads)
@@ -225,9 +229,7 @@ class EngineTest(unittest.TestCase):
             loop, first, second = lines_of(work)[1:]
             debugger.set_break(__file__, first, cond="name == 'worker 3'")
             assert done.wait(250), seen
-            before = dict(rounds)
-            while any(rounds[name] < before[name] + 10 for name in NAMES):
-                pass
+            wait_for_rounds(rounds)
             go = False
             join(threads)
             debugger.stop_trace()
@@ -260,9 +262,7 @@ class EngineTest(unittest.TestCase):
             debugger.set_break(__file__, line)
             assert ended.wait(250), moved
             debugger.clear_break(__file__, line)
-            before = dict(rounds)
-            while any(rounds[name] < before[name] + 10 for name in NAMES):
-                pass
+            wait_for_rounds(rounds)
             go = False
             join(threads)
             debugger.stop_trace()
