@@ -21,6 +21,7 @@ HEAD_LINE = "EXCEPTION IN DEBUG TRACER:\n"
 FREE_THREADED = bool(sysconfig.get_config_var("Py_GIL_DISABLED"))
 # PYVERSIONS
 CAN_DO_WITHOUT_LOCK = FREE_THREADED and (3, 13, 5) <= sys.version_info[:3] < (3, 14) and os.uname().machine == "x86_64"
+WILL_LOCK_BE_OFF = FREE_THREADED and os.environ.get("PYTHON_GIL") in (("0", "", None) if CAN_DO_WITHOUT_LOCK else ("0",))
 DEBUG_BUILD = hasattr(sys, "gettotalrefcount")
 
 needs_monitoring = unittest.skipUnless(hasattr(sys, "monitoring"), "this interpreter has no sys.monitoring")

@@ -60,8 +60,8 @@ class FreeThreadedTest(unittest.TestCase):
             out = support.check_child(self, LOADING, environment={"PYTHON_GIL": gil})
             self.assertEqual(out, "%s\n%s\n[]\n4\n" % (is_on, is_on))
 
-    def test_lock_is_off_here(self):
-        self.assertIs(support.is_lock_off(), os.environ.get("PYTHON_GIL") != "1")
+    def test_lock_is_as_expected_here(self):
+        self.assertIs(support.is_lock_off(), support.WILL_LOCK_BE_OFF)
 
     def test_header_has_a_mutex_and_no_count(self):
         self.assertEqual(API.pyobject_offsets.refcnt, MISSING)
@@ -163,7 +163,7 @@ class ThreadsTest(unittest.TestCase):
         # lines of the loop that were added for a moment may have been seen as well
         self.assertEqual([each["/nowhere/changing.py", BODY_LINE] for each in stops], [5000] * THREADS)
 
-    @unittest.skipUnless(support.is_lock_off(), "the interpreter lock is on")
+    @unittest.skipUnless(support.WILL_LOCK_BE_OFF, "the interpreter lock is on")
     def test_all_of_this_with_the_lock(self):
         status, out, err = support.run_child("run_tests.py", "test_free_threaded.ThreadsTest", environment={"PYTHON_GIL": "1"})
         self.assertRegex(err, r"OK \(skipped=1\)\s*$")
@@ -181,7 +181,7 @@ class Marked:
     """What a weak reference can lead to."""
 
 
-@unittest.skipUnless(support.CAN_DO_WITHOUT_LOCK and os.environ.get("PYTHON_GIL") != "1", "the interpreter lock is on")
+@unittest.skipUnless(support.CAN_DO_WITHOUT_LOCK and support.WILL_LOCK_BE_OFF, "the interpreter lock is on")
 class HeldLinesTest(unittest.TestCase):
     """Events hold the frozenset of lines that they look into; it dies soon after the program has let go of it."""
 
