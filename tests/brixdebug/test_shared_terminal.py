@@ -286,12 +286,34 @@ def four(n):
             "t.start(); t.join(); os._exit(seen[0])"), terminal=True)
         self.let_come(session, 1)
         session.interrupt_sleeping(self.pids[1])
+        self.let_come(session, 2)
         session.wait_until_asleep(self.pids[0])
         os.kill(self.pids[0], signal.SIGINT)  # at its prompt, which may have ended when its main thread gets to run
-        self.let_come(session, 2)
         for n in 1, 2:
             session.do("continue")
             self.assertEqual((session.prompting_pid, session.do("p n")), (self.pids[n], "%d\n" % n))
+        self.end(session, "4 5 6")
+
+    def test_interrupt_just_before_an_expression_and_just_after_it(self):
+        """By then or never: what is done then for the other processes is done whole."""
+        session = self.start(CHILDREN.replace("pipes = [", """\
+from brixdebug.monitor import monitor
+    evaluation = monitor.suspension.evaluation
+    def interrupt_in(name):
+        real = getattr(evaluation, name)
+        def interrupted():
+            setattr(evaluation, name, real)
+            evaluation.interrupt()
+            real()
+        setattr(evaluation, name, interrupted)
+    pipes = [""", 1))
+        session.do("interrupt_in('on_begin')")
+        self.assertEqual(session.do("p 5 * 5"), "--KeyboardInterrupt--\n")
+        self.assertEqual(session.do("interrupt_in('on_end')"), "")
+        self.assertEqual(session.do("p 5 * 5"), "25\n")
+        self.assertEqual(set(self.rows(session)[0]), {session.process.pid, *self.pids})
+        self.let_come(session, 1, 2)
+        session.do("continue"), session.do("continue")
         self.end(session, "4 5 6")
 
     def test_signal_handler_that_raises_in_a_process_that_waits(self):

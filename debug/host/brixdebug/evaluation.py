@@ -61,6 +61,7 @@ class Evaluation:
         self._depth = 0                       # its expressions inside expressions
         self._deadline: float | None = None
         self._is_interrupted = False
+        self._is_interruptible = False        # the expression itself runs, not what is done before it and after it
         self._serial = 0                      # counts expressions, and their parts between prompts
         self._clock: _Clock | None = None
         self._reported_ids: set[int] = set()  # of the threads that `on_waiting` was called for
@@ -76,17 +77,36 @@ class Evaluation:
             self._thread_id = _thread.get_ident()
             self._start()
         self._depth += 1
+        if self._depth > 1:
+            return
+        try:
+            with self._lock:
+                self._is_interruptible = True
+                if self._is_interrupted:      # since it began
+                    raise KeyboardInterrupt
+        except BaseException:
+            self.__exit__(None, None, None)
+            raise
 
     def __exit__(self, kind: type[BaseException] | None, error: BaseException | None,
                  traceback: TracebackType | None) -> None:
         self._depth -= 1
         if self._depth:
             return
+        # What comes too late is not raised in the debugger's own code, which has to be done whole.
+        while self._is_interruptible:
+            try:
+                with self._lock:
+                    if self._is_interrupted:
+                        self._raise_in(_thread.get_ident(), None)
+                    self._is_interruptible = False
+            except KeyboardInterrupt:
+                pass                          # it came in here
         try:
-            self._forget_interruption()
-        finally:
             self._stop()
+        finally:
             self._thread_id = None
+            self._is_interrupted = False
 
     def _start(self) -> None:
         self.on_begin()
@@ -170,8 +190,9 @@ class Evaluation:
             if self._thread_id is None:
                 return False
             self._is_interrupted = True
-            self._raise_in(self._thread_id, KeyboardInterrupt)
-            _end_wait(self._thread_id)
+            if self._is_interruptible:
+                self._raise_in(self._thread_id, KeyboardInterrupt)
+                _end_wait(self._thread_id)
             return True
 
     def _raise_in(self, thread_id: int, kind: type[BaseException] | None) -> None:
@@ -179,13 +200,6 @@ class Evaluation:
         ctypes = self._ctypes
         ctypes.pythonapi.PyThreadState_SetAsyncExc(
             ctypes.c_ulong(thread_id), None if kind is None else ctypes.py_object(kind))
-
-    def _forget_interruption(self) -> None:
-        """One that came too late is not raised in the debugger's own code."""
-        if self._is_interrupted:
-            with self._lock:
-                self._is_interrupted = False
-                self._raise_in(_thread.get_ident(), None)
 
 
 class _Clock:
