@@ -76,6 +76,40 @@ class PromptOfAWorkerTest(InterruptTestCase):
         self.assertIn("The program finished", printed)
         self.end(session)
 
+    def test_main_thread_that_looks_at_it_as_the_prompt_ends(self):
+        session = self.start("""\
+            import threading
+            from brixdebug.monitor import monitor
+            interruption = monitor.debugger.interruption
+            take_knock, go_on, begun = interruption.take_knock, threading.Event(), threading.Event()
+            def look():
+                interruption.take_knock = take_knock
+                go_on.wait()
+                return take_knock()
+            def work():
+                begun.wait()
+                here = 1                         # line
+                go_on.set()
+            thread = threading.Thread(target=work)
+            thread.start()
+            interruption.take_knock = look
+            begun.set()
+            thread.join()
+            def wait():
+                print("joined", flush=True)
+                go_on.clear()
+                go_on.wait()
+            wait()
+            """)
+        session.do("break %d" % line_of(self.program, "line"))
+        self.assertIn("work()", session.do("continue"))
+        session.interrupt_sleeping()
+        session.send("continue")
+        self.assertNotIn(INTERRUPTED, session.wait_for("joined\n"))
+        session.interrupt_in_c_code()            # the next one is looked at anew
+        self.assertInterrupted(session.prompt(), "wait")
+        self.end(session)
+
 
 class BlockedTest(InterruptTestCase):
     """The program waits in C code: it stops there."""

@@ -39,6 +39,7 @@ class Interruption:
         self._stop_soon = stop_soon
         self._stop_inside = stop_inside
         self.is_wanted = False
+        self.is_used_up = False               # the handler runs for a prompt that has ended meanwhile
         self._is_armed = False                # the thread stops at its next event
         self._is_knock = False                # the helper thread has the handler called
         self._knocker: Any = None             # the lock that the helper thread waits for

@@ -280,10 +280,15 @@ class Terminal(Ends):
 
         That thread calls the handler, and may not have come to it: it had just begun to wait in C code, or waits for
         the interpreter lock.  A knock makes it look, and what it finds counts as the knock.  It is done only where it
-        waits for a lock, as in `join`, or at its gate: other calls of the program may end of a signal.
+        waits for a lock, as in `join`, or at its gate: other calls of the program may end of a signal.  One that has
+        begun to look is told so.
         """
         frame = sys._current_frames().get(threading.main_thread().ident or 0)
-        if frame is not None and (is_threading_code(frame) or optmonitoring.IsInternalFrame(frame)) \
+        if frame is None:
+            return
+        if _is_in_handler(frame):
+            self._traced().interruption.is_used_up = True
+        elif (is_threading_code(frame) or optmonitoring.IsInternalFrame(frame)) \
                 and self.waits_for_user() and _is_ours(signal.getsignal(signal.SIGINT)):
             self._traced().interruption.knock()
 
@@ -300,6 +305,12 @@ class Terminal(Ends):
     def sigint_handler(self, signum: Any, frame: Any) -> None:
         """The handler of SIGINT, in the main thread; prints nothing, for the thread may be in a `print`."""
         traced = self._traced()
+        try:
+            self._handle_interrupt(traced, signum, frame)
+        finally:
+            traced.interruption.is_used_up = False
+
+    def _handle_interrupt(self, traced: Terminal, signum: Any, frame: Any) -> None:
         is_knock = traced.interruption.take_knock()
         if not is_knock and sharing.is_anothers:
             return            # typed at the prompt of another process
@@ -308,6 +319,8 @@ class Terminal(Ends):
             if not is_knock:
                 monitor.suspension.evaluation.interrupt()
             return            # the prompt is another thread's, and this one is not to die of it
+        if traced.interruption.is_used_up:
+            return            # that prompt has ended since
         if self.quitting or monitor.suspension.is_ending_all:
             if callable(_programs_handler) and not is_knock:
                 _programs_handler(signum, frame)
@@ -463,6 +476,13 @@ def _is_main_thread() -> bool:
 
 def _is_ours(handler: Any) -> bool:
     return isinstance(getattr(handler, "__self__", None), Terminal)
+
+
+def _is_in_handler(frame: FrameType | None) -> bool:
+    """True where the thread of `frame` is in the middle of the handler of SIGINT."""
+    while frame is not None and frame.f_code is not Terminal.sigint_handler.__code__:
+        frame = frame.f_back
+    return frame is not None
 
 
 def _is_at_standard_prompt(frame: FrameType | None) -> bool:
