@@ -453,29 +453,63 @@ __attribute__((always_inline)) static inline tVerdict decide_fast(tModuleState* 
     return decide_fast_for_thread<kIsShared>(m, body, record_body, args, nargs);
 }
 
-// The same without the interpreter lock; undecided where this thread cannot be a reader.
-static inline tVerdict decide_fast_reading(tModuleState* m, const CInitialCallbackBody* body, PyObject* const* args,
-                                           Py_ssize_t nargs)
+// Calls the second callback; its exception is reported and answered None.
+static inline PyObject* call_second_or_report(tModuleState* m, PyObject* second, PyObject* const* args,
+                                              Py_ssize_t nargs, PyObject* kwnames)
 {
-    XPyReading reading;
-    return reading ? decide_fast<true>(m, body, args, nargs) : kUndecided;
+    PyObject* result = call_second(second, args, nargs, kwnames);
+    if (XPY_LIKELY(result != nullptr))
+        return result;
+    suppress_failure(m);
+    return new_none();
 }
 
 // An event that the host is to see.
-template <bool kIsShared>
 __attribute__((noinline)) static PyObject* forward(PyObject* self, tModuleState* m, CInitialCallbackBody* body,
                                                    PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
 {
     CInitialCallback_Callback_Ctx ctx = {m, nullptr, nullptr, nullptr, 0, 0};
     CInitialCallback_Callback_SaveErrno(&ctx);
     XPy_InlineIncRef(self);  // as in decide_fully()
-    PyObject* result = kIsShared ? call_shared_second(self, body, args, nargs, kwnames)
-                                 : call_second(body->fSecondCallback, args, nargs, kwnames);
-    if (XPY_UNLIKELY(!result)) {
-        suppress_failure(m);
-        result = new_none();
-    }
+    PyObject* result = call_second_or_report(m, body->fSecondCallback, args, nargs, kwnames);
     XPy_InlineDecRef(self);
+    CInitialCallback_Callback_Ctx_finish(&ctx);
+    return result;
+}
+
+// What an event for the host needs of the instance, which another thread may drop meanwhile.
+struct tForwarding {
+    PyObject* second;  // [owned]
+    PyObject* module;  // [owned]
+};
+
+// decide_fast() without the interpreter lock; undecided where this thread cannot be a reader. Sets *FORWARDING where
+// the event goes to the second callback.
+static inline tVerdict decide_fast_reading(tModuleState* m, const CInitialCallbackBody* body, PyObject* const* args,
+                                           Py_ssize_t nargs, tForwarding* forwarding)
+{
+    XPyReading reading;
+    if (!reading)
+        return kUndecided;
+    tVerdict verdict = decide_fast<true>(m, body, args, nargs);
+    if (verdict == kForward)
+        *forwarding = {XPy_NewRef(borrow_field<true>(&body->fSecondCallback)), XPy_NewRef(body->mod)};
+    return verdict;
+}
+
+// forward() without the interpreter lock. The instance is not held: its count would be one that all threads write.
+// Once a second thread has run, the interpreter keeps modules and functions for ever and counts no references to
+// them.
+__attribute__((noinline)) static PyObject* forward_shared(const tForwarding* forwarding, tModuleState* m,
+                                                          PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
+{
+    CInitialCallback_Callback_Ctx ctx = {m, nullptr, nullptr, nullptr, 0, 0};
+    CInitialCallback_Callback_SaveErrno(&ctx);
+    XPyOwned second(forwarding->second);
+    XPyOwned module(forwarding->module);
+    PyObject* result = call_second_or_report(m, second.borrow(), args, nargs, kwnames);
+    second.reset(nullptr);
+    module.reset(nullptr);
     CInitialCallback_Callback_Ctx_finish(&ctx);
     return result;
 }
@@ -521,13 +555,16 @@ static PyObject* CInitialCallback_Callback(PyObject* self, PyTypeObject* definin
         return start_slowly<kIsShared>(self, defining_class, args, nargs, kwnames);
     if (XPY_UNLIKELY(api.cached_pid != read_number<kIsShared>(&m->_gThisProcessPid)))
         return answer_none();  // a forked child whose host has not taken it over
-    switch (kIsShared ? decide_fast_reading(m, body, args, nargs) : decide_fast<false>(m, body, args, nargs)) {
+    tForwarding forwarding;
+    switch (kIsShared ? decide_fast_reading(m, body, args, nargs, &forwarding)
+                      : decide_fast<false>(m, body, args, nargs)) {
         case kAnswerNone:
             return answer_none();
         case kAnswerDisable:
             return XPy_NewRef(m->monitoring_disabled);
         case kForward:
-            return forward<kIsShared>(self, m, body, args, nargs, kwnames);
+            return kIsShared ? forward_shared(&forwarding, m, args, nargs, kwnames)
+                             : forward(self, m, body, args, nargs, kwnames);
         case kUndecided:
             break;
     }

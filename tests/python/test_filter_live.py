@@ -1,16 +1,19 @@
 """The filter behind sys.monitoring: real programs, breakpoints, stepping, threads, forks, and the host's mistakes."""
 
 import _thread
+import contextlib
+import gc
 import inspect
 import json
 import sys
 import threading
 import unittest
+import weakref
 
 import state
 import support
 from filter_support import (EVENT_NAMES, FAILURES, SUPPRESSED, THREADING, FilterTestCase, Recorder, errno_variable,
-                            event_id, messages, new_function)
+                            event_id, forget_handled_exception, messages, new_function)
 
 WAIT = 30       # seconds; the limit of a wait that ends at once unless something is broken
 
@@ -317,6 +320,35 @@ class Exceptions(LiveTestCase):
         self.assertEqual(len(second.calls), 1)
         # the instance outlives the call that it is in the middle of
         self.assertEqual(deaths, [second.calls])
+
+    def test_a_second_callback_that_drops_everything_and_fails(self):
+        """Nothing holds it then but the call."""
+        tool, counts = self.tool, []
+
+        class Second(object):
+            is_used = False
+
+            def __call__(self, code, offset):
+                if self.is_used:
+                    sys.monitoring.register_callback(tool.tool_id, event_id("PY_START"), None)
+                    counts.append(sys.getrefcount(self))
+                    raise LookupError("dropped")
+                self.is_used = True           # all is found out by now
+
+        function, _ = self.recorded_function(fSteppingEventsNeededCount=1)
+        owner = self.callback("PY_START", Second())
+        second = weakref.ref(owner._fSecondCallback)
+        self.watch(function, {"PY_START": owner})
+        del owner
+        self.assertEqual((function(3), function(4)), (3, 4))
+        self.assert_reported(LookupError, "dropped")
+        with contextlib.suppress(LookupError):
+            list(map(Second(), (None,) * 2, (0,) * 2))   # holds it once
+        self.assertEqual(counts[0], counts[1])
+        self.dlog.forget()                # its exception knows the frame
+        forget_handled_exception()
+        gc.collect()
+        self.assertIsNone(second())
 
 
 class Threads(LiveTestCase):

@@ -30,6 +30,31 @@ print([(each.category.__name__, str(each.message).startswith(support.LOCK_WARNIN
 print(optmonitoring.GetPathnameKind("<x>"))
 """
 
+# counts of references to the module are exact as long as there has been one thread alone
+HOLDING = """
+import sys
+import support
+
+om = support.load()
+seen = []
+
+def second(code, offset):
+    seen.append(sys.getrefcount(om))
+
+def function():
+    pass
+
+om.CPerCodeObject.GetPerCodeObject(function.__code__, True, sys._getframe()).fSteppingEventsNeededCount = 1
+with support.monitoring_tool({}) as tool:
+    callback = om.CInitialCallback(sys.monitoring.events.PY_START, second, 1)
+    tool.on(sys.monitoring.events.PY_START, callback.Callback)
+    tool.set_local_events(function.__code__, sys.monitoring.events.PY_START)
+    function()                   # what it finds out stays
+    before = sys.getrefcount(om)
+    function(), function()
+    print(seen[1] - before, seen[2] - before, sys.getrefcount(om) - before)
+"""
+
 # the loop's body is line 4
 PROGRAM = """def run(count, barrier):
     barrier.wait()
@@ -62,6 +87,10 @@ class FreeThreadedTest(unittest.TestCase):
 
     def test_lock_is_as_expected_here(self):
         self.assertIs(support.is_lock_off(), support.WILL_LOCK_BE_OFF)
+
+    def test_an_event_for_the_host_holds_the_module(self):
+        """It does not hold the instance, whose count all threads would share."""
+        self.assertEqual(support.check_child(self, HOLDING, environment={"PYTHON_GIL": "0"}), "1 1 0\n")
 
     def test_header_has_a_mutex_and_no_count(self):
         self.assertEqual(API.pyobject_offsets.refcnt, MISSING)
