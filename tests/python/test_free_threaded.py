@@ -30,16 +30,20 @@ print([(each.category.__name__, str(each.message).startswith(support.LOCK_WARNIN
 print(optmonitoring.GetPathnameKind("<x>"))
 """
 
-# counts of references to the module are exact as long as there has been one thread alone
+# By how much the references to the module and to the callback rise while an event is handed to the host, and stay up
+# afterwards; the counts are exact as long as there has been one thread alone.
 HOLDING = """
-import sys
+import ctypes, sys
 import support
 
-om = support.load()
+%s
 seen = []
 
+def counts():
+    return sys.getrefcount(om), sys.getrefcount(callback)
+
 def second(code, offset):
-    seen.append(sys.getrefcount(om))
+    seen.append(counts())
 
 def function():
     pass
@@ -50,9 +54,26 @@ with support.monitoring_tool({}) as tool:
     tool.on(sys.monitoring.events.PY_START, callback.Callback)
     tool.set_local_events(function.__code__, sys.monitoring.events.PY_START)
     function()                   # what it finds out stays
-    before = sys.getrefcount(om)
+    before = counts()
     function(), function()
-    print(seen[1] - before, seen[2] - before, sys.getrefcount(om) - before)
+    seen.append(counts())
+    print([[count - first for count, first in zip(each, before)] for each in seen[1:]])
+"""
+FAST, FULL = "[[1, 0], [1, 0], [0, 0]]\n", "[[0, 1], [0, 1], [0, 0]]\n"      # which path it takes
+
+# the C library has no key left for the threads that read without a lock, when the module begins
+NO_KEY_LEFT = """
+import importlib.util
+
+support.add_paths()
+libc, key, keys = ctypes.CDLL(None), ctypes.c_uint(), []
+while libc.pthread_key_create(ctypes.byref(key), None) == 0:
+    keys.append(key.value)
+spec = importlib.util.find_spec("optmonitoring")
+om = importlib.util.module_from_spec(spec)
+for each in keys:
+    libc.pthread_key_delete(each)
+spec.loader.exec_module(om)
 """
 
 # the loop's body is line 4
@@ -88,9 +109,22 @@ class FreeThreadedTest(unittest.TestCase):
     def test_lock_is_as_expected_here(self):
         self.assertIs(support.is_lock_off(), support.WILL_LOCK_BE_OFF)
 
+    def assertHolds(self, expected, loading):
+        self.assertEqual(support.check_child(self, HOLDING % loading, environment={"PYTHON_GIL": "0"}), expected)
+
+    @unittest.skipUnless(support.CAN_DO_WITHOUT_LOCK, "events read no slots here")
     def test_an_event_for_the_host_holds_the_module(self):
         """It does not hold the instance, whose count all threads would share."""
-        self.assertEqual(support.check_child(self, HOLDING, environment={"PYTHON_GIL": "0"}), "1 1 0\n")
+        self.assertHolds(FAST, "om = support.load()")
+
+    def test_events_take_the_full_path_once_the_module_was_loaded_twice(self):
+        """Then the array of a code object's extra slots may have to move."""
+        again = "support.load()\ndel sys.modules['optmonitoring']\n"
+        self.assertHolds(FULL, again + "om = support.load()")
+        self.assertHolds(FULL, "om = " + again + "support.load()")
+
+    def test_events_take_the_full_path_where_no_thread_can_say_that_it_reads(self):
+        self.assertHolds(FULL, NO_KEY_LEFT)
 
     def test_header_has_a_mutex_and_no_count(self):
         self.assertEqual(API.pyobject_offsets.refcnt, MISSING)
