@@ -42,8 +42,8 @@ INSTALLABLE = collections.OrderedDict([
     ("3.14-aarch64", packaged("3.14")),
     ("3.15-aarch64", packaged("3.15")),
     ("3.13-musl", Compiled("trixie", "python3.13", ["--disable-test-modules"], "bin/python3.13")),
-    ("3.13-freethreaded-tsan", Compiled("trixie", "python3.13",
-                                        ["--disable-gil", "--with-thread-sanitizer", "--disable-test-modules"],
+    # with the test modules: the tests of free-threaded builds need one
+    ("3.13-freethreaded-tsan", Compiled("trixie", "python3.13", ["--disable-gil", "--with-thread-sanitizer"],
                                         "bin/python3.13t")),
 ])
 
