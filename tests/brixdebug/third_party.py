@@ -21,7 +21,7 @@ PYTEST = "pytest==9.2.0"
 XDIST = "pytest-xdist==3.8.0"
 COVERAGE = "coverage==7.17.3"
 
-VERSION = "%d.%d" % sys.version_info[:2]
+VERSION = "%d.%d%s" % (*sys.version_info[:2], sys.abiflags)       # what is compiled is for one kind of build
 
 
 def folder(*wanted):
