@@ -75,7 +75,7 @@ class AttachTest(unittest.TestCase):
     def test_stops_in_the_program_and_in_all_its_threads(self):
         self.start()
         session = self.attach()
-        self.assertRegex(session.prompt(), r"^> %s\(\d+\)(<module>|step)\(" % self.program)
+        self.assertRegex(session.prompt(), r"(?m)^> %s\(\d+\)(<module>|step)\(" % self.program)
         where = session.do("where")
         self.assertNotIn("attach", where)
         self.assertNotIn("<string>", where)
