@@ -232,11 +232,11 @@ static tStep check_breakpoint_lines(tEvent* event)
     if (XPY_UNLIKELY(gIsLockOff)) {
         linenos.reset(new_ref_of_shared_member(event->ctx.per_code_object, &record->fEnabledBpLinenos));
         CPerCodeObject_HoldLines(record, linenos.borrow());
+        if (!borrow_deciding_lines<true>(m, event->body, record, event->nargs))
+            return kGoOn;
+    } else {
+        linenos.reset(XPy_NewRef(borrow_deciding_lines<false>(m, event->body, record, event->nargs)));
     }
-    if (!borrow_deciding_lines<false>(m, event->body, record, event->nargs))
-        return kGoOn;
-    if (XPY_LIKELY(!gIsLockOff))
-        linenos.reset(XPy_NewRef(record->fEnabledBpLinenos));
     if (!linenos || linenos.borrow() == api.Py_None)
         return kGoOn;
     int has_breakpoint = api.PySet_Contains(linenos.borrow(), event->args[1]);
@@ -492,6 +492,8 @@ static inline tVerdict decide_fast_reading(tModuleState* m, const CInitialCallba
     if (!reading)
         return kUndecided;
     tVerdict verdict = decide_fast<true>(m, body, args, nargs);
+    if (verdict == kForward && (!XPy_Load(&body->fSecondCallback) || !body->mod))
+        return kUndecided;  // a half-made instance, which the full path holds
     if (verdict == kForward)
         *forwarding = {XPy_NewRef(borrow_field<true>(&body->fSecondCallback)), XPy_NewRef(body->mod)};
     return verdict;

@@ -23,7 +23,7 @@ static void leave_place(void* place)
 {
     own_reader = nullptr;
     tReader* reader = static_cast<tReader*>(place);
-    if (is_reading(reader->count))  // the thread was ended there by force
+    if (is_reading(XPy_Load(&reader->count)))  // the thread was ended there by force
         __atomic_fetch_add(&reader->count, 1, __ATOMIC_RELEASE);
     __atomic_store_n(&reader->is_taken, 0, __ATOMIC_RELEASE);
 }
