@@ -17,13 +17,17 @@ import time
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     from collections.abc import Callable, Iterable
-    from types import TracebackType
-    from typing import Any
+    from typing import Any, TypeVar
+
+    T = TypeVar("T")
 
 # How long an expression may take while the other threads are held.
 SECONDS = 1.0
 
 _FOREVER = -1.0
+
+# What becomes of a Ctrl-C: while an expression begins, while it runs, and otherwise.
+_NOTED, _RAISED, _REFUSED = "noted", "raised", "refused"
 
 
 def _nothing() -> None:
@@ -31,7 +35,7 @@ def _nothing() -> None:
 
 
 class Evaluation:
-    """What the thread at the prompt evaluates; used as a context manager around it."""
+    """What the thread at the prompt evaluates."""
 
     def __init__(self, wake: Callable[[], None], let_go: Callable[[], None],
                  hold_again: Callable[[], None], on_let_go: Callable[[], None],
@@ -60,53 +64,44 @@ class Evaluation:
         self._thread_id: int | None = None    # of the thread that evaluates
         self._depth = 0                       # its expressions inside expressions
         self._deadline: float | None = None
-        self._is_interrupted = False
-        self._is_interruptible = False        # the expression itself runs, not what is done before it and after it
+        self._interruptions = _REFUSED        # what becomes of a Ctrl-C
+        self._is_noted = False
+        self._is_raised = False               # and may have still to come
         self._serial = 0                      # counts expressions, and their parts between prompts
         self._clock: _Clock | None = None
         self._reported_ids: set[int] = set()  # of the threads that `on_waiting` was called for
         self.are_others_free = False
         self.were_others_free = False         # for whoever has to know it; takes it back
 
-    def __enter__(self) -> None:
-        if self._depth == 0:
-            # Now, for the thread that interrupts may be held in the middle of either.
-            import ctypes
-            self._ctypes, _ = ctypes, ctypes.pythonapi.PyThreadState_SetAsyncExc
-            self.is_used = True
-            self._thread_id = _thread.get_ident()
-            self._start()
-        self._depth += 1
-        if self._depth > 1:
-            return
+    def run(self, call: Callable[..., T], *args: Any) -> T:
+        """What `call` returns or raises: it is the expression, or has it evaluated."""
+        depth, self._depth = self._depth, self._depth + 1
+        accepts = self._interruptions != _RAISED
         try:
-            with self._lock:
-                self._is_interruptible = True
-                if self._is_interrupted:      # since it began
-                    raise KeyboardInterrupt
-        except BaseException:
-            self.__exit__(None, None, None)
-            raise
-
-    def __exit__(self, kind: type[BaseException] | None, error: BaseException | None,
-                 traceback: TracebackType | None) -> None:
-        self._depth -= 1
-        if self._depth:
-            return
-        # What comes too late is not raised in the debugger's own code, which has to be done whole.
-        while self._is_interruptible:
-            try:
-                with self._lock:
-                    if self._is_interrupted:
-                        self._raise_in(_thread.get_ident(), None)
-                    self._is_interruptible = False
-            except KeyboardInterrupt:
-                pass                          # it came in here
-        try:
-            self._stop()
+            if depth == 0:
+                self._begin()
+            if accepts:
+                self._accept_interruptions()
+            return call(*args)
         finally:
-            self._thread_id = None
-            self._is_interrupted = False
+            try:
+                if accepts:
+                    self._refuse_interruptions()
+            finally:
+                self._depth = depth
+                if depth == 0:
+                    self._thread_id = None
+                    self._stop()
+
+    def _begin(self) -> None:
+        # Now, for the thread that interrupts may be held in the middle of either.
+        import ctypes
+        self._ctypes, _ = ctypes, ctypes.pythonapi.PyThreadState_SetAsyncExc
+        self.is_used = True
+        self._is_noted = False
+        self._thread_id = _thread.get_ident()
+        self._interruptions = _NOTED
+        self._start()
 
     def _start(self) -> None:
         self.on_begin()
@@ -129,14 +124,16 @@ class Evaluation:
     # -- a prompt inside an expression: what is evaluated runs a program under the debugger --
 
     def pause(self) -> None:
-        """The others are held until `resume`."""
+        """The others are held until `resume`, and a Ctrl-C is not for the expression."""
         if self._depth:
+            self._refuse_interruptions()
             self._stop()
 
     def resume(self) -> None:
         """The expression goes on."""
         if self._depth:
             self._start()
+            self._accept_interruptions()
 
     # -- for threads that are held ---------------------------------------------------------
 
@@ -181,19 +178,53 @@ class Evaluation:
     # -- Ctrl-C ----------------------------------------------------------------------------
 
     def interrupt(self) -> bool:
-        """Called in another thread: end the expression by a KeyboardInterrupt; False when there is none.
+        """End the expression by a KeyboardInterrupt; False when there is none.  Called in any thread.
 
         It comes when the thread runs Python code.  A wait for a condition of `threading`, as
         in the `result` of a future, is ended for that; what else waits in C code goes on.
+        What is done before an expression and after it is the debugger's own: nothing is raised there.
         """
         with self._lock:
-            if self._thread_id is None:
-                return False
-            self._is_interrupted = True
-            if self._is_interruptible:
+            if self._interruptions == _NOTED:
+                self._is_noted = True
+            elif self._interruptions == _RAISED and self._thread_id is not None:
+                self._is_raised = True
                 self._raise_in(self._thread_id, KeyboardInterrupt)
                 _end_wait(self._thread_id)
+            else:
+                return False
             return True
+
+    def _accept_interruptions(self) -> None:
+        with self._lock:
+            self._interruptions = _RAISED
+            is_noted, self._is_noted = self._is_noted, False
+            if is_noted:
+                raise KeyboardInterrupt
+
+    def _refuse_interruptions(self) -> None:
+        """What comes from now on comes too late, and what has not come yet is taken back."""
+        self._interruptions = _REFUSED
+        # Two may come in here: one that was on its way, and one of a thread that had just found the expression there.
+        try:
+            self._take_back()
+        except KeyboardInterrupt:
+            try:
+                self._take_back()
+            except KeyboardInterrupt:
+                self._take_back()
+
+    def _take_back(self) -> None:
+        lock = self._lock
+        try:
+            if not lock._is_owned():          # it may be since one came
+                lock.acquire()
+            if self._is_raised:
+                self._raise_in(_thread.get_ident(), None)
+                self._is_raised = False
+        finally:
+            while lock._is_owned():
+                lock.release()
 
     def _raise_in(self, thread_id: int, kind: type[BaseException] | None) -> None:
         """Have an exception raised in a thread; with None, take back one that has not come yet."""

@@ -87,14 +87,14 @@ class CompletionCommands(ThreadCommands, ProcessCommands, InformationCommands, S
         """Names and attributes, wherever in the line; an attribute may need another thread."""
         chain: Any = _CHAIN.search(text)
         before, chain = text[:chain.start()], chain.group()
-        with monitor.suspension.evaluation:
-            try:
-                if chain.startswith("."):
-                    found = self._attributes_of(line[:begidx] + before, chain)
-                else:
-                    found = super()._complete_expression(chain, line, begidx + len(before), endidx)
-            except Exception:
-                return []             # the program's own code may be asked for attributes
+        run = monitor.suspension.evaluation.run
+        try:
+            if chain.startswith("."):
+                found = run(self._attributes_of, line[:begidx] + before, chain)
+            else:
+                found = run(super()._complete_expression, chain, line, begidx + len(before), endidx)
+        except Exception:
+            return []                 # the program's own code may be asked for attributes
         return [before + each for each in found]
 
     def _attributes_of(self, before: str, chain: str) -> list[str]:
@@ -115,8 +115,7 @@ class CompletionCommands(ThreadCommands, ProcessCommands, InformationCommands, S
         return super().completenames(text, line, begidx, endidx)
 
     def completedefault(self, text: str, line: str, begidx: int, endidx: int) -> list[str]:
-        with monitor.suspension.evaluation:
-            found: list[str] = super().completedefault(text, line, begidx, endidx)
+        found: list[str] = monitor.suspension.evaluation.run(super().completedefault, text, line, begidx, endidx)
         return found or self._complete_expression(text, line, begidx, endidx)
 
     for _name, _function in list(vars(pdb.Pdb).items()):

@@ -24,16 +24,14 @@ else:
 
 
 def _exec(source: Any, *names: Any) -> None:
-    with monitor.suspension.evaluation:
-        exec(source, *names)
+    monitor.suspension.evaluation.run(exec, source, *names)
 
 
 class _Console(_StandardConsole):
     """The console of `interact`."""
 
     def runcode(self, source: CodeType) -> None:
-        with monitor.suspension.evaluation:
-            super().runcode(source)
+        monitor.suspension.evaluation.run(super().runcode, source)
 
 
 def _interact(banner: str | None = None, local: Any = None) -> None:
@@ -59,20 +57,16 @@ class EvaluatingCommands(ThreadCommands):
                                 code=types.SimpleNamespace(interact=_interact))
 
     def _exec_in_closure(self, *args: Any) -> Any:
-        with monitor.suspension.evaluation:
-            return super()._exec_in_closure(*args)
+        return monitor.suspension.evaluation.run(super()._exec_in_closure, *args)
 
     def _getval(self, arg: str) -> Any:
-        with monitor.suspension.evaluation:
-            return super()._getval(arg)
+        return monitor.suspension.evaluation.run(super()._getval, arg)
 
     def _getval_except(self, arg: str, frame: FrameType | None = None) -> Any:
-        with monitor.suspension.evaluation:
-            return super()._getval_except(arg, frame)
+        return monitor.suspension.evaluation.run(super()._getval_except, arg, frame)
 
     def _msg_val_func(self, arg: str, func: Any) -> None:
-        with monitor.suspension.evaluation:
-            super()._msg_val_func(arg, func)
+        monitor.suspension.evaluation.run(super()._msg_val_func, arg, func)
 
     def others_were_let_go(self) -> None:
         """Called in another thread, while the one at the prompt evaluates."""

@@ -138,11 +138,14 @@ def _run(request: Request, call: Callable[[], Any]) -> Any:
     progress = _Progress(request) if session.supports("supportsProgressReporting") else None
     running = session.runs(request)
     evaluation.were_others_free = False
+    def evaluate() -> Any:
+        if request.is_answered:              # cancelled before it could be interrupted
+            raise KeyboardInterrupt
+        return call()
+
     try:
-        with evaluation, running:
-            if request.is_answered:          # cancelled before it could be interrupted
-                raise KeyboardInterrupt
-            return call()
+        with running:
+            return evaluation.run(evaluate)
     except BaseException as error:
         raise RequestError(rendering.error_text(error)) from None
     finally:
