@@ -22,7 +22,7 @@ from brixdebug.raising import Raiser
 from brixdebug.returns import PassedReturns
 from brixdebug.stops import NOWHERE
 from brixdebug.suspension import Suspension, debugged_frames
-from brixdebug.switches import STEP_LOCAL_EVENTS, MonitorError, Switches
+from brixdebug.switches import STEP_LOCAL_EVENTS, MonitorError, Switches, record_of
 from brixdebug.turn import Turn
 from brixdebug.watching import Watches
 
@@ -315,7 +315,7 @@ class Monitor:
         """Have all lines and returns of the calls reported whose names are watched."""
         records = set()
         for frame in self.watches.codes_of_calls().values():
-            record = optmonitoring.CPerCodeObject.GetPerCodeObject(frame.f_code, True, frame)
+            record = record_of(frame)
             if record is not None:
                 records.add(record)
         before, self._watched_records = self._watched_records, records
@@ -363,7 +363,7 @@ class Monitor:
     def _add_stepped(debugger: TracedDebugger | None, frame: FrameType,
                      state: StopState) -> CPerCodeObject | None:
         """Note the code object of `frame`; None when that changes nothing, else its record."""
-        record = optmonitoring.CPerCodeObject.GetPerCodeObject(frame.f_code, True, frame)
+        record = record_of(frame)
         if record is None or record.fIsInternal:
             return None
         events = state.stepped.get(record, 0) | STEP_LOCAL_EVENTS

@@ -18,7 +18,7 @@ from brixdebug import log
 from brixdebug.evaluation import Evaluation
 from brixdebug.lives import Life
 from brixdebug.locks import ARE_PARALLEL
-from brixdebug.switches import program_frame, thread_id_of
+from brixdebug.switches import program_frame, record_of, thread_id_of
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -26,7 +26,7 @@ if TYPE_CHECKING:
     from types import FrameType
     from typing import Any
 
-    from optmonitoring import CPerThread
+    from optmonitoring import CPerCodeObject, CPerThread
 
     from brixdebug.lives import Tell
     from brixdebug.raising import Raiser
@@ -62,6 +62,19 @@ def debugged_frames() -> dict[int, FrameType]:
         if are_all_seen:
             break
     return frames
+
+
+def _add_records(frame: FrameType | None, records: dict[CPerCodeObject, bool]) -> bool:
+    """Add those of the code that a stack of frames runs, but for the debugger's own; False where a frame has none."""
+    has_all = True
+    while frame is not None:
+        record = record_of(frame)
+        if record is None:
+            has_all = False
+        elif not record.fIsInternal:
+            records[record] = True
+        frame = frame.f_back
+    return has_all
 
 
 def _thread_object(frame: FrameType | None, method: str) -> object:
@@ -427,17 +440,14 @@ class Suspension:
 
     def _watch_running_code(self, own_too: bool = False) -> None:
         """Have events of all code that other threads are in, with `own_too` the calling one too."""
-        frame: FrameType | None
         frames = sys._current_frames()
         if not own_too:
             del frames[threading.get_ident()]
-        records = {}
-        for frame in frames.values():
-            while frame is not None:
-                record = optmonitoring.CPerCodeObject.GetPerCodeObject(frame.f_code, True, frame)
-                if record is not None and not record.fIsInternal:
-                    records[record] = True
-                frame = frame.f_back
+        records: dict[CPerCodeObject, bool] = {}
+        for _ in range(_LOOKS_AT_FRAMES):
+            if all([_add_records(frame, records) for frame in frames.values()]):
+                break
+            frames = {thread_id: frame for thread_id, frame in sys._current_frames().items() if thread_id in frames}
         del frames                            # it holds the frame of this very call, and so all those below
         with self._switches.lock:
             for record in records:

@@ -53,6 +53,7 @@ import bisect
 import functools
 import os
 import sys
+from types import CodeType
 
 import optmonitoring
 
@@ -63,7 +64,7 @@ TYPE_CHECKING = False
 if TYPE_CHECKING:
     from collections.abc import Callable, Iterable
     from collections.abc import Set as AbstractSet
-    from types import CodeType, FrameType
+    from types import FrameType
     from typing import Any
 
     from optmonitoring import CInitialCallback, CPerCodeObject, CPerThread
@@ -638,6 +639,12 @@ class Switches:
         own_id = _thread.get_ident()
         self._raising = {own_id: self._raising[own_id]} if own_id in self._raising else {}
         self._process_id = os.getpid()
+
+
+def record_of(frame: FrameType) -> CPerCodeObject | None:
+    """That of the code that `frame` runs; None where threads run at the same time, and it has just ended on its own."""
+    code: object = frame.f_code
+    return optmonitoring.CPerCodeObject.GetPerCodeObject(code, True, frame) if isinstance(code, CodeType) else None
 
 
 def thread_id_of(per_thread: CPerThread) -> int | None:
