@@ -66,6 +66,12 @@ DEPTH = 3                   # of programs run by what a program hands out
 
 # ---- What is random ----
 
+def chosen(rng, pool):
+    """One of these, None if there is none: what a program makes may be taken away meanwhile, as an object dies."""
+    pool = list(pool)
+    return rng.choice(pool) if pool else None
+
+
 class Program(object):
     """The steps of one seed, and what they have made so far."""
 
@@ -124,7 +130,7 @@ class Program(object):
         if kind < 3:
             return rng.choice(self.odd)
         if kind == 3 and self.things:
-            return rng.choice(self.things)
+            return chosen(rng, self.things)
         if kind == 4:
             return rng.choice(FILENAMES)
         if kind == 5:
@@ -137,7 +143,7 @@ class Program(object):
         return [self.value(rng) for _ in range(rng.randrange(most + 1))]
 
     def function(self, rng):
-        return rng.choice(self.functions) if self.functions else new_program()
+        return chosen(rng, self.functions) or new_program()
 
     def callable(self, rng):
         """A function of the program's: takes anything, may take a step, and answers or raises."""
@@ -188,9 +194,8 @@ def call_method(program, rng):
     name = rng.choice(METHODS[cls])
     if program.is_gentle and name == "SetNewPerFileCreatedCallback":
         return
-    if program.things and rng.randrange(2):
-        target = rng.choice(program.things)
-    else:
+    target = chosen(rng, program.things) if rng.randrange(2) else None
+    if target is None:
         target = getattr(program.module, cls)
     program.keep(attempt(lambda: getattr(target, name)(*program.values(rng))))
 
@@ -224,7 +229,9 @@ def get_record(program, rng):
 
 
 def change_field(program, rng):
-    target = rng.choice(program.things) if program.things else program.module.CPerThread
+    target = chosen(rng, program.things)
+    if target is None:
+        target = program.module.CPerThread
     fields = FIELDS.get(type(target).__name__) or FIELDS[rng.choice(list(FIELDS))]
     name = rng.choice(fields)
     if program.is_gentle and name == "fKnownPerCodeObjects":
