@@ -124,7 +124,7 @@ class Bdb(compat.TraceBase):
         # Not in __init__: classes with several bases call the standard one by name.
         self = super().__new__(cls)
         self.stop_states = StopStates()
-        self.interruption = Interruption(self._stop_soon, self._stop_inside)
+        self.interruption = Interruption(self._stop_soon, self._stop_inside, monitor.suspension.adopt_thread)
         self.exception_stops = ExceptionStops()
         self._first_names = {}
         return self

@@ -30,16 +30,34 @@ _EVENT_SECONDS = 0.05
 _IMPORT_SYSTEM = ("<frozen importlib._bootstrap>", "<frozen importlib._bootstrap_external>", "<frozen zipimport>")
 
 
+class Look:
+    """One run of the handler of SIGINT, which the main thread alone calls; known to other threads by a number.
+
+    Only attributes, changed without a call in between: nothing then comes between two of them.
+    """
+
+    def __init__(self) -> None:
+        self.number = 0
+        self.has_begun = False                # and has not ended
+        self.used_up = 0                      # the last whose Ctrl-C was for a prompt that has ended since
+
+
+look = Look()
+
+
 class Interruption:
     """The wish to stop the main thread of a debugger's program, until that has stopped."""
 
-    def __init__(self, stop_soon: Callable[[FrameType], object],
-                 stop_inside: Callable[[FrameType], object]) -> None:
-        """`stop_soon` has the calling thread stop at its next event; `stop_inside` stops it at once."""
+    def __init__(self, stop_soon: Callable[[FrameType], object], stop_inside: Callable[[FrameType], object],
+                 adopt_thread: Callable[[], object]) -> None:
+        """`stop_soon` has the calling thread stop at its next event; `stop_inside` stops it at once.
+
+        `adopt_thread` makes the calling thread one of the debugger's own.
+        """
+        self._adopt_thread = adopt_thread
         self._stop_soon = stop_soon
         self._stop_inside = stop_inside
         self.is_wanted = False
-        self.is_used_up = False               # the handler runs for a prompt that has ended meanwhile
         self._is_armed = False                # the thread stops at its next event
         self._is_knock = False                # the helper thread has the handler called
         self._knocker: Any = None             # the lock that the helper thread waits for
@@ -93,6 +111,7 @@ class Interruption:
             self._knocker = None
 
     def _knock(self, knocker: Any, handler: object) -> None:
+        self._adopt_thread()
         if knocker.acquire(True, _EVENT_SECONDS) or self._knocker is not knocker:
             return
         self._knocker = None
@@ -107,6 +126,15 @@ class Interruption:
         # One after the other without a call in between, where the main thread could run the handler.
         self._is_knock = True
         kill(thread_id, number)
+
+    def use_up(self) -> None:
+        """Have the main thread look at a Ctrl-C now; what it finds, or is looking at, counts as the knock."""
+        kill, thread_id, number = signal.pthread_kill, threading.main_thread().ident or 0, signal.SIGINT
+        if look.has_begun:
+            look.used_up = look.number
+        else:
+            self._is_knock = True
+            kill(thread_id, number)
 
 
 def is_debuggers_code(frame: FrameType | None) -> bool:

@@ -15,6 +15,7 @@ import threading
 import optmonitoring
 
 from brixdebug import colors, processes
+from brixdebug.interrupts import look
 from brixdebug.monitor import monitor
 from brixdebug.session_ends import Ends
 from brixdebug.sharing import sharing
@@ -280,17 +281,17 @@ class Terminal(Ends):
 
         That thread calls the handler, and may not have come to it: it had just begun to wait in C code, or waits for
         the interpreter lock.  A knock makes it look, and what it finds counts as the knock.  It is done only where it
-        waits for a lock, as in `join`, or at its gate: other calls of the program may end of a signal.  One that has
-        begun to look is told so.
+        waits for a lock, as in `join`, or at its gate: other calls of the program may end of a signal.  If it has begun
+        to look, it finds that the prompt has ended.
         """
         frame = sys._current_frames().get(threading.main_thread().ident or 0)
         if frame is None:
             return
-        if _is_in_handler(frame):
-            self._traced().interruption.is_used_up = True
-        elif (is_threading_code(frame) or optmonitoring.IsInternalFrame(frame)) \
+        if frame.f_code is Terminal.sigint_handler.__code__ and not look.has_begun:
+            look.used_up = look.number + 1
+        elif look.has_begun or (is_threading_code(frame) or optmonitoring.IsInternalFrame(frame)) \
                 and self.waits_for_user() and _is_ours(signal.getsignal(signal.SIGINT)):
-            self._traced().interruption.knock()
+            self._traced().interruption.use_up()
 
     def _traced(self) -> Terminal:
         """The debugger that gets the events; in a program with another one that is derived from `bdb`, this one."""
@@ -304,13 +305,15 @@ class Terminal(Ends):
 
     def sigint_handler(self, signum: Any, frame: Any) -> None:
         """The handler of SIGINT, in the main thread; prints nothing, for the thread may be in a `print`."""
-        traced = self._traced()
+        look.number += 1
+        own, outer, look.has_begun = look.number, look.has_begun, True
         try:
-            self._handle_interrupt(traced, signum, frame)
+            self._look(own, signum, frame)
         finally:
-            traced.interruption.is_used_up = False
+            look.has_begun = outer
 
-    def _handle_interrupt(self, traced: Terminal, signum: Any, frame: Any) -> None:
+    def _look(self, number: int, signum: Any, frame: Any) -> None:
+        traced = self._traced()
         is_knock = traced.interruption.take_knock()
         if not is_knock and sharing.is_anothers:
             return            # typed at the prompt of another process
@@ -319,7 +322,7 @@ class Terminal(Ends):
             if not is_knock:
                 monitor.suspension.evaluation.interrupt()
             return            # the prompt is another thread's, and this one is not to die of it
-        if traced.interruption.is_used_up:
+        if look.used_up >= number:
             return            # that prompt has ended since
         if self.quitting or monitor.suspension.is_ending_all:
             if callable(_programs_handler) and not is_knock:
@@ -476,13 +479,6 @@ def _is_main_thread() -> bool:
 
 def _is_ours(handler: Any) -> bool:
     return isinstance(getattr(handler, "__self__", None), Terminal)
-
-
-def _is_in_handler(frame: FrameType | None) -> bool:
-    """True where the thread of `frame` is in the middle of the handler of SIGINT."""
-    while frame is not None and frame.f_code is not Terminal.sigint_handler.__code__:
-        frame = frame.f_back
-    return frame is not None
 
 
 def _is_at_standard_prompt(frame: FrameType | None) -> bool:
