@@ -91,6 +91,17 @@ class EngineTest(unittest.TestCase):
             debugger.stop_trace()
             """)
 
+    def test_frame_that_has_just_ended_on_its_thread(self):
+        """It is there without its code object, and with the frames behind it."""
+        self.check("""\
+            import types
+            from brixdebug.suspension import _add_records
+            records, own = {}, sys._getframe()
+            assert not _add_records(types.SimpleNamespace(f_code=None, f_back=own), records)
+            assert [each.fCodeObjectWeakRef() for each in records] == [own.f_code]
+            assert _add_records(own, {})
+            """)
+
     def test_lines_are_in_what_threads_look_into_without_a_lock(self):
         self.check("""\
             import optmonitoring

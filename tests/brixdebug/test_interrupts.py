@@ -110,6 +110,76 @@ class PromptOfAWorkerTest(InterruptTestCase):
         self.assertInterrupted(session.prompt(), "wait")
         self.end(session)
 
+    def test_prompt_inside_an_expression(self):
+        """Neither as that prompt begins nor at it: its own commands are not to be broken off."""
+        session = self.start("""\
+            import threading, brixdebug
+            from brixdebug.monitor import monitor
+            evaluation = monitor.suspension.evaluation
+            try:
+                1 / 0
+            except ZeroDivisionError as error:
+                failed = error.__traceback__
+            def look():
+                real = evaluation.on_end
+                def on_end():
+                    evaluation.on_end = real
+                    evaluation.interrupt()
+                    real()
+                evaluation.on_end = on_end
+                brixdebug.post_mortem(failed)
+            def work():
+                here = 1                         # line
+            thread = threading.Thread(target=work)
+            thread.start()
+            thread.join()
+            print("joined")
+            """)
+        session.do("break %d" % line_of(self.program, "line"))
+        self.assertIn("work()", session.do("continue"))
+        self.assertIn("<module>()", session.do("look()"))
+        session.interrupt_sleeping()
+        self.assertEqual(session.do("p 'typed'"), "'typed'\n")
+        session.send("all(iter(lambda: not print('run' + 'ning', flush=True), 0))")
+        session.wait_for("running")
+        session.interrupt()
+        self.assertIn("*** KeyboardInterrupt", session.prompt())
+        self.assertEqual(session.do("quit"), "")
+        self.assertIn("joined\n", session.do("continue"))
+        self.end(session)
+
+    def test_thread_that_knocks_is_not_the_programs(self):
+        session = self.start("""\
+            import signal, threading
+            known, knocks, knock = {threading.get_ident()}, threading.Event(), threading.Event()
+            standard = signal.getsignal
+            def getsignal(number):
+                if threading.get_ident() not in known:
+                    knocks.set()
+                    knock.wait()
+                return standard(number)
+            def work():
+                known.add(threading.get_ident())
+                print("waiting", flush=True)
+                knocks.wait()
+                here = 1                         # line
+            signal.getsignal = getsignal
+            thread = threading.Thread(target=work, name="worker")
+            thread.start()
+            thread.join()
+            """)
+        session.do("break %d" % line_of(self.program, "line"))
+        session.send("continue")
+        session.wait_for("waiting\n")
+        session.interrupt_in_c_code()
+        self.assertIn("work()", session.prompt())
+        listed = session.do("threads")
+        self.assertEqual((listed.count("\n"), "getsignal" in listed), (3, False), listed)     # one is the title
+        session.do("knock.set()")
+        self.assertInterrupted(session.do("continue"), "join" if sys.version_info >= (3, 13) else "_wait_for_tstate_lock")
+        self.assertIn("The program finished", session.do("continue"))
+        self.end(session)
+
 
 class BlockedTest(InterruptTestCase):
     """The program waits in C code: it stops there."""
