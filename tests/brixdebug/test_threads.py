@@ -444,6 +444,42 @@ class CommandsTest(ThreadsTestCase):
         session.do_until("next", "b = 2", 4)
         self.assertEnds(session, "done")
 
+    def test_step_of_a_held_thread_goes_on_by_one_line(self):
+        """From where it is held: the line has not run, or is in the middle of it."""
+        self.write("""\
+            import threading
+            go, rounds = [True], dict.fromkeys("abc", 0)
+            def other():
+                name, n = threading.current_thread().name, 0
+                while go:                                # loop
+                    n += 1                               # first
+                    n += 1                               # second
+                    n += 1                               # third
+                    rounds[name] += 1                    # round
+            threads = [threading.Thread(target=other, name=name) for name in rounds]
+            for each in threads: each.start()
+            while min(rounds.values()) < 3:
+                pass
+            here = 1                                     # here
+            for each in threads: each.join()
+            print("done")
+            """)
+        session = self.start("here")
+        self.assertStopped(session.do("continue"), "here")
+        lines = [line_of(self.program, mark) for mark in ("loop", "first", "second", "third", "round")]
+        for name in "abcabc":
+            session.do_until("threads", lambda printed: not re.search(r"running +[abc] ", printed))
+            line = int(re.search(r"program\.py\((\d+)\)other", session.do("thread " + self.number_of(session, name)))[1])
+            n = int(session.do("p n"))
+            for _ in range(3):
+                n += line in lines[1:4]
+                line = lines[(lines.index(line) + 1) % 5]
+                self.assertIn("> %s(%d)other()" % (self.program, line), session.do("next"))
+                self.assertEqual(session.do("p name, n"), "('%s', %d)\n" % (name, n))
+        session.do("clear 1")
+        session.do("!go.clear()")
+        self.assertEnds(session, "done")
+
 
 class StepTest(ThreadsTestCase):
     """A step belongs to the thread that it was asked for."""

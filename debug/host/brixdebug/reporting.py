@@ -123,6 +123,8 @@ class Reporter:
             return
         if is_of_life:
             self._thread_ends(debugger, frame)
+        if state.held_at is not None and self._was_held_at(state, debugger, frame):
+            return
         if state.stopframe is frame and state.stoplineno == 0 and (id(frame), code_id) in state.traced:
             self._report(debugger, frame, "line", None)       # `next`, the most frequent
         elif debugger.decides_early and not state.may_stop_in(frame):
@@ -134,6 +136,12 @@ class Reporter:
                 self._report(debugger, frame, "line", None)
         elif not state.is_free and state.traces(frame, debugger) or debugger.break_anywhere(frame):
             self._report(debugger, frame, "line", None)
+
+    @staticmethod
+    def _was_held_at(state: StopState, debugger: TracedDebugger, frame: FrameType) -> bool:
+        """The step of a thread that was looked at begins with this line, which has no breakpoint."""
+        held_at, state.held_at = state.held_at, None
+        return held_at == (id(frame), frame.f_lasti) and not debugger.points_at(frame)
 
     def _statement(self, debugger: TracedDebugger, frame: FrameType, offset: int) -> None:
         """A statement is reached that has breakpoints of its own."""

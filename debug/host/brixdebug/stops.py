@@ -57,6 +57,9 @@ class StopState:
 
     is_muted = False          # the thread runs the debugger's own code, outside of an event
 
+    # Where the thread stands at its gate, in an event that was not reported: a step does not end there.
+    held_at: tuple[int, int] | None = None      # id of the frame, its instruction
+
     def __init__(self, thread_id: int) -> None:
         self.thread_id = thread_id
         # record of a code object -> local events for stepping

@@ -445,7 +445,8 @@ class Suspension:
             del frames[threading.get_ident()]
         records: dict[CPerCodeObject, bool] = {}
         for _ in range(_LOOKS_AT_FRAMES):
-            if all([_add_records(frame, records) for frame in frames.values()]):
+            have_all = [_add_records(frame, records) for frame in frames.values()]
+            if all(have_all):
                 break
             frames = {thread_id: frame for thread_id, frame in sys._current_frames().items() if thread_id in frames}
         del frames                            # it holds the frame of this very call, and so all those below
