@@ -500,8 +500,8 @@ static inline tVerdict decide_fast_reading(tModuleState* m, const CInitialCallba
 }
 
 // forward() without the interpreter lock. The instance is not held: its count would be one that all threads write.
-// Once a second thread has run, the interpreter keeps modules and functions for ever and counts no references to
-// them.
+// Once a second thread has run, the interpreter keeps modules, and functions of modules and classes, for ever and
+// counts no references to them.
 __attribute__((noinline)) static PyObject* forward_shared(const tForwarding* forwarding, tModuleState* m,
                                                           PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames)
 {
