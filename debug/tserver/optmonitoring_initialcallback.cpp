@@ -213,7 +213,7 @@ static tStep CInitialCallback_Callback_CheckInternal(tEvent* event)
     PyTypeObject* cls = as_type(m->CPerCodeObject);
     if (XPy_BorrowTypeInline(event->ctx.per_code_object) != cls)
         return kGoOn;
-    PyObject* flag = per_code_object_body(event->ctx.per_code_object, cls)->fIsInternal;
+    PyObject* flag = XPy_Load(&per_code_object_body(event->ctx.per_code_object, cls)->fIsInternal);
     int is_internal = flag ? get_istrue(flag) : 0;
     if (is_internal < 0) {
         report_failure(m->dp, "CInitialCallback_Callback_CheckInternal() failed\n");

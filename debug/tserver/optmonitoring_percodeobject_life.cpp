@@ -124,10 +124,12 @@ static int enter_in_registry(tModuleState* m, PyObject* record, CPerCodeObjectBo
     if (!dict)
         return -1;
     XPyOwned held;
-    PyObject* key = body->fCodeObjectWeakRef;
+    PyObject* key;
     if (XPY_UNLIKELY(gIsLockOff)) {
         held.reset(new_ref_of_shared_member(record, &body->fCodeObjectWeakRef));
         key = held.borrow();
+    } else {
+        key = body->fCodeObjectWeakRef;
     }
     if (key)
         return enter_under_own_key(dict.borrow(), key, record);
