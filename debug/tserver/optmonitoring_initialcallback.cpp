@@ -492,11 +492,13 @@ static inline tVerdict decide_fast_reading(tModuleState* m, const CInitialCallba
     if (!reading)
         return kUndecided;
     tVerdict verdict = decide_fast<true>(m, body, args, nargs);
-    if (verdict == kForward && (!XPy_Load(&body->fSecondCallback) || !body->mod))
+    if (verdict != kForward)
+        return verdict;
+    PyObject* second = borrow_field<true>(&body->fSecondCallback);
+    if (!second || !body->mod)
         return kUndecided;  // a half-made instance, which the full path holds
-    if (verdict == kForward)
-        *forwarding = {XPy_NewRef(borrow_field<true>(&body->fSecondCallback)), XPy_NewRef(body->mod)};
-    return verdict;
+    *forwarding = {XPy_NewRef(second), XPy_NewRef(body->mod)};
+    return kForward;
 }
 
 // forward() without the interpreter lock. The instance is not held: its count would be one that all threads write.
