@@ -110,34 +110,42 @@ class PromptOfAWorkerTest(InterruptTestCase):
         self.assertInterrupted(session.prompt(), "wait")
         self.end(session)
 
-    def test_prompt_inside_an_expression(self):
-        """Neither as that prompt begins nor at it: its own commands are not to be broken off."""
-        session = self.start("""\
-            import threading, brixdebug
-            from brixdebug.monitor import monitor
-            evaluation = monitor.suspension.evaluation
-            try:
-                1 / 0
-            except ZeroDivisionError as error:
-                failed = error.__traceback__
-            def look():
-                real = evaluation.on_end
-                def on_end():
-                    evaluation.on_end = real
-                    evaluation.interrupt()
-                    real()
-                evaluation.on_end = on_end
-                brixdebug.post_mortem(failed)
-            def work():
-                here = 1                         # line
-            thread = threading.Thread(target=work)
-            thread.start()
-            thread.join()
-            print("joined")
-            """)
+    INSIDE = """\
+        import threading, brixdebug
+        from brixdebug.monitor import monitor
+        evaluation = monitor.suspension.evaluation
+        try:
+            1 / 0
+        except ZeroDivisionError as error:
+            failed = error.__traceback__
+        def come():
+            raise KeyboardInterrupt
+        def look(interrupt):
+            real = evaluation.on_end
+            def on_end():
+                evaluation.on_end = real
+                interrupt()
+                real()
+            evaluation.on_end = on_end
+            brixdebug.post_mortem(failed)
+        def work():
+            here = 1                         # line
+        thread = threading.Thread(target=work)
+        thread.start()
+        thread.join()
+        print("joined")
+        """
+
+    def begin_inside(self):
+        session = self.start(self.INSIDE)
         session.do("break %d" % line_of(self.program, "line"))
         self.assertIn("work()", session.do("continue"))
-        self.assertIn("<module>()", session.do("look()"))
+        return session
+
+    def test_prompt_inside_an_expression(self):
+        """Neither as that prompt begins nor at it: its own commands are not to be broken off."""
+        session = self.begin_inside()
+        self.assertIn("<module>()", session.do("look(evaluation.interrupt)"))
         session.interrupt_sleeping()
         self.assertEqual(session.do("p 'typed'"), "'typed'\n")
         session.send("all(iter(lambda: not print('run' + 'ning', flush=True), 0))")
@@ -145,6 +153,14 @@ class PromptOfAWorkerTest(InterruptTestCase):
         session.interrupt()
         self.assertIn("*** KeyboardInterrupt", session.prompt())
         self.assertEqual(session.do("quit"), "")
+        self.assertIn("joined\n", session.do("continue"))
+        self.end(session)
+
+    def test_prompt_inside_an_expression_that_does_not_come_to_begin(self):
+        """One that still comes ends the expression, and the threads go on afterwards."""
+        session = self.begin_inside()
+        self.assertEqual(session.do("look(come)"), "*** KeyboardInterrupt\n")
+        self.assertEqual(session.do("p 'typed'"), "'typed'\n")
         self.assertIn("joined\n", session.do("continue"))
         self.end(session)
 

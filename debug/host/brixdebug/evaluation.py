@@ -86,6 +86,7 @@ class Evaluation:
         finally:
             try:
                 if accepts:
+                    self._interruptions = _REFUSED      # also where one comes as the call begins
                     self._refuse_interruptions()
             finally:
                 self._depth = depth

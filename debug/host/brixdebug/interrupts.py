@@ -119,18 +119,15 @@ class Interruption:
         if signal.getsignal(signal.SIGINT) == handler:
             self.knock()
 
-    def knock(self) -> None:
-        """Have the handler of SIGINT called in the main thread: once, where a Ctrl-C has not been looked at yet."""
+    def knock(self, ends_prompt: bool = False) -> None:
+        """Have the handler of SIGINT called in the main thread: once, where a Ctrl-C has not been looked at yet.
+
+        With `ends_prompt` one that is being looked at was for the prompt that ends, and no knock is needed.
+        """
         # A real signal, for it ends what the thread waits for in the kernel.
         kill, thread_id, number = signal.pthread_kill, threading.main_thread().ident or 0, signal.SIGINT
-        # One after the other without a call in between, where the main thread could run the handler.
-        self._is_knock = True
-        kill(thread_id, number)
-
-    def use_up(self) -> None:
-        """Have the main thread look at a Ctrl-C now; what it finds, or is looking at, counts as the knock."""
-        kill, thread_id, number = signal.pthread_kill, threading.main_thread().ident or 0, signal.SIGINT
-        if look.has_begun:
+        # Without a call in between, where the main thread could run the handler.
+        if ends_prompt and look.has_begun:
             look.used_up = look.number
         else:
             self._is_knock = True

@@ -384,10 +384,10 @@ class Suspension:
         return _OthersHeld(self, at_once)
 
     def begin(self, at_once: bool) -> None:
+        if self._depth:
+            self.evaluation.pause()           # first: a Ctrl-C may still come into it
         self._depth += 1
-        if self._depth > 1:
-            self.evaluation.pause()
-        else:
+        if self._depth == 1:
             self.holder = threading.get_ident()
             if self.alone:                    # events are on already
                 self.alone = set()

@@ -291,7 +291,7 @@ class Terminal(Ends):
             look.used_up = look.number + 1
         elif look.has_begun or (is_threading_code(frame) or optmonitoring.IsInternalFrame(frame)) \
                 and self.waits_for_user() and _is_ours(signal.getsignal(signal.SIGINT)):
-            self._traced().interruption.use_up()
+            self._traced().interruption.knock(ends_prompt=True)
 
     def _traced(self) -> Terminal:
         """The debugger that gets the events; in a program with another one that is derived from `bdb`, this one."""
