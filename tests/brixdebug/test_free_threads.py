@@ -336,7 +336,7 @@ COUNTS = """\
     running, counts, ready = True, [0] * 8, threading.Barrier(9)
     def count(number):
         ready.wait()
-        while running:
+        while running:                      # loop
             counts[number] += 1             # count
             last = counts[number]           # last
     threads = [threading.Thread(target=count, args=(number,), name="counter %d" % number) for number in range(8)]
@@ -391,6 +391,15 @@ class AdapterTest(AdapterTestCase):
                 expected = list(counts[0])
                 expected[number] += 1
                 self.assertEqual(counts[-1], expected)
+        for number in [*range(THREADS)] * 2:     # the others go on too, and are held again
+            thread_id = numbers["counter %d" % number]
+            line, count = client.frames(thread_id)[0]["line"], self.counts(client)[number]
+            client.ask("next", threadId=thread_id)
+            stop = client.wait_for_stop("step")
+            self.assertEqual(stop["threadId"], thread_id)
+            lines = [line_of(path, mark) for mark in ("loop", "count", "last")]
+            self.assertEqual((stop["frame"]["line"], self.counts(client)[number]),
+                             (lines[(lines.index(line) + 1) % 3], count + (line == lines[1])))
         client.evaluate("globals().update(running=False)", client.frames(1)[-1]["id"])
         client.go_on()
         self.assertEqual(client.finish(), 0)

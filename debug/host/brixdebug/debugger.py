@@ -207,10 +207,8 @@ class Debugger(Terminal, Commands, Leftovers, _StandardDebugger, Bdb):
         frame = debugged_frames().get(selected.thread_id)
         if frame is not None and not selected.is_free:
             selected.trace(frame)
-            if monitor.suspension.is_waiting(selected.thread_id):
-                selected.held_at = id(frame), frame.f_lasti
-        monitor.refresh()                     # before that thread goes on, which is before this event ends
-        monitor.needs_changed(self)
+            self.note_held(selected, frame)
+        self.stops_of_other_changed()
 
     def postcmd(self, stop: bool, line: str) -> bool:
         """A child that is forked at the prompt does not stay there, unless it is followed."""

@@ -29,7 +29,7 @@ from brixdebug.exceptions import ExceptionStops
 from brixdebug.libraries import is_library
 from brixdebug.monitor import monitor
 from brixdebug.reporting import Reporter
-from brixdebug.stops import StopStates, per_thread
+from brixdebug.stops import StopState, StopStates, per_thread
 from brixdebug.switches import MonitorError
 
 TYPE_CHECKING = False
@@ -191,6 +191,17 @@ class Bdb(compat.TraceBase):
             self.interruption.want(frame, muted or monitor.is_at_work, is_knock)
         finally:
             state.is_muted = muted
+
+    def stops_of_other_changed(self) -> None:
+        """What stops another thread has changed: that goes on before this thread's event ends."""
+        monitor.refresh()
+        monitor.needs_changed(self)           # the threads that are held go on after that
+
+    @staticmethod
+    def note_held(state: StopState, frame: FrameType) -> None:
+        """A thread that begins a step in `frame` may be held there, in an event of a line that has still to run."""
+        if monitor.suspension.is_waiting(state.thread_id):
+            state.held_at = id(frame), frame.f_lasti
 
     def can_stop_inside(self) -> bool:
         """True when the calling thread may stop where it is: in a signal handler, inside C code."""

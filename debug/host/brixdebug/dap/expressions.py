@@ -138,6 +138,7 @@ def _run(request: Request, call: Callable[[], Any]) -> Any:
     progress = _Progress(request) if session.supports("supportsProgressReporting") else None
     running = session.runs(request)
     evaluation.were_others_free = False
+
     def evaluate() -> Any:
         if request.is_answered:              # cancelled before it could be interrupted
             raise KeyboardInterrupt

@@ -450,6 +450,7 @@ class ClientDebugger(Bdb):
             if stop.thread_id == own_id:
                 self.set_continue()           # the one that stopped goes on
             self._step_other(thread_id, frame, set_stop)
+            self.note_held(self.stop_states.of(thread_id), frame)
         if passes_calls and self.shows_return_values:
             monitor.returns.begin(thread_id, frame)
 
@@ -477,4 +478,4 @@ class ClientDebugger(Bdb):
             while each is not None:
                 state.trace(each)
                 each = each.f_back
-        monitor.needs_changed(self)
+        self.stops_of_other_changed()
