@@ -198,8 +198,10 @@ def _attach_options(arguments: list[str]) -> tuple[int, list[str]] | None:
 
 def _stop_at_ends_of_threads(show: Callable[[Any], object]) -> Callable[[Any], None]:
     """Threads that `threading` has not started report their end to this hook, from C code."""
+    is_finalizing = sys.is_finalizing         # the modules are taken apart then, and the program's destructors may fail
+
     def unraisablehook(args: Any) -> None:
-        if _ENDED_THREAD in (args.err_msg or "") and args.exc_value is not None:
+        if not is_finalizing() and _ENDED_THREAD in (args.err_msg or "") and args.exc_value is not None:
             if reporter.bare_thread_ends(args.exc_value):
                 return                        # seen at the prompt, and nothing is printed while the interpreter ends
         show(args)

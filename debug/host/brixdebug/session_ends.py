@@ -30,8 +30,10 @@ else:
 
 def hide_quit(show: Callable[[Any], object]) -> Callable[[Any], None]:
     """Threads that end because the user quits have nothing to report."""
+    quit_type = BdbQuit                       # its name is cleared with the module while destructors still run
+
     def excepthook(args: Any) -> None:
-        if args.exc_type is not BdbQuit:
+        if args.exc_type is not quit_type:
             show(args)
     return excepthook
 

@@ -128,6 +128,7 @@ class Switches:
         self._raising: dict[int, CodeType] = {}       # id of a thread with an exception to raise -> the code to do it in
         self._told: dict[int, tuple[CodeType, int]] = {}     # id of a code object -> it, and events that `tell_of_calls` wants
         self._call_callbacks: dict[int, Callable[..., object]] = {}
+        self._raiser_callbacks: dict[int, Callable[..., object] | None] = {}      # event -> what is registered
         self._any_stops_anywhere = False
         self._is_holding = False
         self._reports_all_lines = False
@@ -410,6 +411,8 @@ class Switches:
         with self.lock:
             self._is_ending = True
             self._find_without_filter(False)
+            for event, callback in self._raiser_callbacks.items():
+                self._ask_raiser(event, callback)
         self.lock = LockAtEnd(self.lock)
 
     # Nothing is called before DISABLE is answered, so no other thread gets between.
@@ -495,7 +498,7 @@ class Switches:
                 sys.monitoring.get_local_events(RAISER_TOOL_ID, code) | STEP_LOCAL_EVENTS)
             self.rearm()
             for event in self._second_callbacks:
-                sys.monitoring.register_callback(RAISER_TOOL_ID, event, callback)
+                self._ask_raiser(event, callback)
 
     def end_raising(self, code: CodeType) -> None:
         """The calling thread has its exception."""
@@ -519,7 +522,14 @@ class Switches:
         if self._told:
             callbacks.update(self._call_callbacks)
         for event in [*self._second_callbacks, *self._call_callbacks]:
-            sys.monitoring.register_callback(RAISER_TOOL_ID, event, callbacks.get(event))
+            self._ask_raiser(event, callbacks.get(event))
+
+    def _ask_raiser(self, event: int, callback: Callable[..., object] | None) -> None:
+        """Register what the raiser calls for `event`; None: nothing."""
+        self._raiser_callbacks[event] = callback
+        if callback is not None and self._is_ending:
+            callback = _until_finalizing(callback)
+        sys.monitoring.register_callback(RAISER_TOOL_ID, event, callback)
 
     # -- calls that steps pass over ----------------------------------------------------------
 
@@ -624,7 +634,7 @@ class Switches:
             self._set_local_events(record, 0)
         for event in self._initial_callbacks:
             sys.monitoring.register_callback(self._filter_tool_id, event, None)
-            sys.monitoring.register_callback(RAISER_TOOL_ID, event, None)
+            self._ask_raiser(event, None)
         self._remove_hooks()
         tool_ids = RAISER_TOOL_ID, self._filter_tool_id
         self._filter_tool_id = None
@@ -675,6 +685,18 @@ def line_at(code: CodeType, offset: int) -> int | None:
     """The line of the instruction at `offset`."""
     starts, lines = _line_starts(id(code), code)
     return lines[bisect.bisect_right(starts, offset) - 1]
+
+
+def _until_finalizing(callback: Callable[..., object]) -> Callable[..., object]:
+    """`callback`, until the other threads have been ended: the names that it uses are cleared with its module soon.
+
+    Destructors of the program have events after that.
+    """
+    is_finalizing = sys.is_finalizing
+
+    def call(*args: object) -> object:
+        return None if is_finalizing() else callback(*args)
+    return call
 
 
 def _free_filter_tool_id() -> int:

@@ -1,0 +1,83 @@
+"""The end of the interpreter, which takes the modules apart while the program's last destructors run.
+
+They run as without a debugger, whatever is still switched on.
+"""
+
+import unittest
+
+from host_support import scratch_folder
+from session import line_of, run_session, write_program
+
+# Something keeps the main module, so its names go after those of the debugger's modules.
+LATE = """\
+    import sys, brixdebug
+    sys.keeps = sys.modules["__main__"]
+    class Late:
+        def __del__(self):
+            x = 1                                # late
+            print("late", x, flush=True)
+    late = Late()
+    """
+
+# A thread that the interpreter stops for good before it gets what `quit` raises in it: a tool that is asked between
+# the debugger's own two keeps it.
+KEPT_THREAD = """\
+    import _thread, sys, threading, brixdebug
+    class Late:
+        def __del__(self):
+            1 / 0
+    sys.keeps, late = sys.modules["__main__"], Late()
+    begun, kept, go, forever, ending = threading.Event(), threading.Event(), threading.Lock(), threading.Lock(), []
+    go.acquire(), forever.acquire()
+    def keep(code, line):
+        if ending:
+            kept.set()
+            forever.acquire()
+    def work():
+        begun.set()
+        go.acquire()
+        x = 1
+    TOOL_ID = sys.monitoring.COVERAGE_ID
+    sys.monitoring.use_tool_id(TOOL_ID, "between")
+    sys.monitoring.register_callback(TOOL_ID, sys.monitoring.events.LINE, keep)
+    sys.monitoring.set_local_events(TOOL_ID, work.__code__, sys.monitoring.events.LINE)
+    _thread.start_new_thread(work, ())
+    begun.wait()
+    try:
+        here = 1                                 # here
+    finally:
+        ending.append(1)
+        go.release()
+        kept.wait()
+    """
+
+
+class InterpreterEndTest(unittest.TestCase):
+
+    def run_program(self, text, mark, commands, *, as_command=False):
+        folder = scratch_folder(self)
+        path = write_program(folder, text)
+        begin = ("-m", "brixdebug", path) if as_command else (path,)
+        return run_session(*begin, cwd=folder, commands=["break %d" % line_of(path, mark), *commands])
+
+    def test_destructor_with_a_breakpoint(self):
+        """Its code is known, so it has events; nobody can be asked any longer."""
+        child = self.run_program(LATE + """
+    brixdebug.set_trace()
+    Late()
+    print("end")
+    """, "late", ["continue", "continue"])
+        self.assertEqual((child.stderr, child.returncode), ("", 0))
+        self.assertEqual(child.stdout.splitlines()[-3:], ["(Pdb) late 1", "end", "late 1"])
+
+    def test_thread_that_never_gets_what_ends_it(self):
+        """And what the program's own destructor reports then is shown as ever."""
+        child = self.run_program(KEPT_THREAD, "here", ["continue", "quit"], as_command=True)
+        self.assertEqual(child.returncode, 0)
+        self.assertRegex(child.stderr, r"\AException ignored [^\n]*__del__[^\n]*\nTraceback [^\n]*\n"
+                                       r"  File [^\n]*program.py[^\n]*\n(    [^\n]*\n)*"
+                                       r"ZeroDivisionError: division by zero\n\Z")
+
+
+if __name__ == "__main__":
+    unittest.main()
