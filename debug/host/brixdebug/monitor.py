@@ -187,7 +187,7 @@ class Monitor:
     def _install_hooks(self) -> None:
         optmonitoring.SetInternalPathnameDict(internal.pathname_table())
         optmonitoring.CPerCodeObject.SetNewPerCodeObjectCreatedCallback(
-            self._on_new_code)
+            self.switches.asked_at_end(self._on_new_code))
         self.suspension.install_hooks()
 
     def _on_new_code(self, record: CPerCodeObject) -> None:

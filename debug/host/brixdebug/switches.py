@@ -139,6 +139,7 @@ class Switches:
         self._passed: set[str] = set()        # `co_filename`s of files in which nobody waits
         self._passing: AbstractSet[str] = _NO_NAMES   # these, while code is found without the filter
         self._is_ending = False               # the interpreter takes this module apart soon
+        self._ends_beside_others = False      # and stops threads that run at the same time for good
         atexit.register(self._end)
         self.wants_calls = False              # user_call is to be called in code with breakpoints
         self.is_idle = True                   # all threads run freely
@@ -413,7 +414,26 @@ class Switches:
             self._find_without_filter(False)
             for event, callback in self._raiser_callbacks.items():
                 self._ask_raiser(event, callback)
+            if ARE_PARALLEL and len(sys._current_frames()) > 1:
+                self._end_beside_others()
         self.lock = LockAtEnd(self.lock)
+
+    def _end_beside_others(self) -> None:
+        """Ask nothing of the debugger in Python once the other threads have been ended.
+
+        Without the interpreter's lock one of them may have been given the lock of any table just before, for good.
+        """
+        self._ends_beside_others = True
+        before, self._initial_callbacks = self._initial_callbacks, self._make_initial_callbacks()
+        for event, callback in before.items():
+            self._initial_callbacks[event].fAnySuspendThread = callback.fAnySuspendThread
+        if self._filter_tool_id is not None:
+            self._install_hooks()
+            self._register_filter(self._filter_tool_id)
+
+    def asked_at_end(self, callback: Callable[..., Any]) -> Callable[..., Any]:
+        """`callback` as the native module may call it from now on: see `_end_beside_others`."""
+        return _until_finalizing(callback) if self._ends_beside_others else callback
 
     # Nothing is called before DISABLE is answered, so no other thread gets between.
 
@@ -592,13 +612,18 @@ class Switches:
         self._filter_tool_id = filter_tool_id
         self._install_hooks()
         if not self._initial_callbacks:
-            for event, second_callback in self._second_callbacks.items():
-                self._initial_callbacks[event] = optmonitoring.CInitialCallback(
-                    event, second_callback, 0 if event & _LASTING_EVENTS else 1)
-        for event, callback in self._initial_callbacks.items():
-            sys.monitoring.register_callback(filter_tool_id, event, callback.Callback)
+            self._initial_callbacks = self._make_initial_callbacks()
+        self._register_filter(filter_tool_id)
         self._passing = _NO_NAMES
         self._register_raiser()
+
+    def _make_initial_callbacks(self) -> dict[int, CInitialCallback]:
+        return {event: optmonitoring.CInitialCallback(event, self.asked_at_end(callback), 0 if event & _LASTING_EVENTS else 1)
+                for event, callback in self._second_callbacks.items()}
+
+    def _register_filter(self, filter_tool_id: int) -> None:
+        for event, callback in self._initial_callbacks.items():
+            sys.monitoring.register_callback(filter_tool_id, event, callback.Callback)
 
     def release(self) -> None:
         """Everything off and given back, and nothing remembered of what was wanted.
