@@ -97,9 +97,42 @@ class EngineTest(unittest.TestCase):
             import types
             from brixdebug.suspension import _add_records
             records, own = {}, sys._getframe()
-            assert not _add_records(types.SimpleNamespace(f_code=None, f_back=own), records)
+            _add_records(types.SimpleNamespace(f_code=None, f_back=own), records)
             assert [each.fCodeObjectWeakRef() for each in records] == [own.f_code]
-            assert _add_records(own, {})
+            """)
+
+    def test_code_that_a_thread_comes_back_to(self):
+        """Nobody walks over the frames of a thread that runs: it finds its own code, that of its callers too.  No line is
+        reported after that."""
+        self.check("""\
+            import optmonitoring
+            E = sys.monitoring.events
+            begun, go = threading.Event(), threading.Lock()
+            go.acquire()
+            def work(name):
+                inner()
+                passed = 1
+            def inner():
+                begun.set()
+                go.acquire()
+                passed = 2
+                go.acquire()
+                passed = 3
+            debugger.on_stop = lambda frame: debugger.set_continue()
+            debugger.begin()
+            thread = threading.Thread(target=work, args=("",))
+            thread.start()
+            begun.wait()
+            line = lines_of(work)[-1]
+            assert debugger.set_break(__file__, line) is None
+            assert optmonitoring.CPerCodeObject.GetPerCodeObject(work.__code__, False) is None
+            go.release()
+            while optmonitoring.CPerCodeObject.GetPerCodeObject(work.__code__, False) is None: pass
+            while sys.monitoring.get_events(4) & E.LINE: pass
+            go.release()
+            thread.join()
+            assert [each[1] for each in debugger.stops] == [line], debugger.stops
+            debugger.stop_trace()
             """)
 
     def test_lines_are_in_what_threads_look_into_without_a_lock(self):

@@ -11,7 +11,6 @@ from __future__ import annotations
 import bdb
 import functools
 import os
-import sys
 import weakref
 
 import optmonitoring
@@ -111,14 +110,13 @@ class BreakLines:
         for per_file in optmonitoring.CPerFile.GetAllPerFiles():
             per_file.fBpSetByLineno.clear()
 
-    def find_running_code(self) -> None:
-        """Make records of all code that is running: it may not start again for a long time."""
-        frame: FrameType | None
-        for frame in sys._current_frames().values():
-            while frame is not None:
-                if optmonitoring.CPerCodeObject.GetPerCodeObject(frame.f_code, False) is None:
-                    optmonitoring.CPerCodeObject.GetPerCodeObject(frame.f_code, True, frame)
-                frame = frame.f_back
+    @staticmethod
+    def find_running_code(frame: FrameType | None) -> None:
+        """Make records of all code that a stack of frames runs: it may not start again for a long time."""
+        while frame is not None:
+            if optmonitoring.CPerCodeObject.GetPerCodeObject(frame.f_code, False) is None:
+                optmonitoring.CPerCodeObject.GetPerCodeObject(frame.f_code, True, frame)
+            frame = frame.f_back
 
     def on_new_code(self, record: CPerCodeObject) -> None:
         """The hook for new records: no line of the code is decided before this ends."""

@@ -16,6 +16,8 @@ if TYPE_CHECKING:
 _LOOK_SECONDS = 0.05
 
 # Whether threads run Python code at the same time.  The lock may be switched on later, and is never switched off again.
+# Nobody may walk over the frames of another thread then, unless it waits in our code: with each that ends `f_back` may
+# come to memory that is gone.
 ARE_PARALLEL = _optmonitoring is not None and not getattr(sys, "_is_gil_enabled", lambda: True)()
 
 

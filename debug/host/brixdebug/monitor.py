@@ -18,11 +18,12 @@ from brixdebug.breakpoints import BreakLines
 from brixdebug.decisions import Decisions
 from brixdebug.exceptions import RAISED, UNCAUGHT, UNHANDLED, places_of_beginning, places_of_uncaught
 from brixdebug.libraries import is_library
+from brixdebug.locks import ARE_PARALLEL
 from brixdebug.raising import Raiser
 from brixdebug.returns import PassedReturns
 from brixdebug.stops import NOWHERE
-from brixdebug.suspension import Suspension, debugged_frames
-from brixdebug.switches import STEP_LOCAL_EVENTS, MonitorError, Switches, record_of
+from brixdebug.suspension import Suspension, debugged_frames, own_thread_ids
+from brixdebug.switches import STEP_LOCAL_EVENTS, MonitorError, Switches, record_of, thread_id_of
 from brixdebug.turn import Turn
 from brixdebug.watching import Watches
 
@@ -112,15 +113,42 @@ class Monitor:
         # Events first: what starts from here on is seen, and what has started is on a stack.
         self._refresh()
         if debugger.breaks:
-            self._find_running_code(debugger.stop_states.own())
+            self._find_running_code(debugger.stop_states.own(),
+                                    [sys._getframe()] if ARE_PARALLEL else sys._current_frames().values())
+            if ARE_PARALLEL:
+                grown |= self._await_others()
         if grown:
             self.switches.rearm()
 
-    def _find_running_code(self, state: StopState) -> None:
+    def _await_others(self) -> bool:
+        """Each other thread finds its own code, at its next event, once places are armed again; False without others."""
+        thread_ids = sys._current_frames().keys() - own_thread_ids - {threading.get_ident()}
+        if thread_ids or self.switches.unseen:
+            self.switches.await_threads(thread_ids)
+            self._refresh()
+        return bool(thread_ids)
+
+    def see_thread(self) -> None:
+        """The calling thread, at an event: the code that it runs is found, and it is waited for no longer.
+
+        When all have been seen places are armed once more: a place that one was about to switch off when they were armed
+        is off since, and the next event of that thread comes after that.
+        """
+        unseen, debugger = self.switches.unseen, self.debugger
+        if debugger is not None and threading.get_ident() in unseen:
+            self._find_running_code(debugger.stop_states.own(), [sys._getframe()])
+            unseen.discard(threading.get_ident())
+        if not unseen:
+            with self.switches.lock:
+                self.switches.rearm()
+            self.needs_changed(debugger)
+
+    def _find_running_code(self, state: StopState, frames: Iterable[FrameType]) -> None:
         """What a new record runs is the debugger's, the standard library's part of it too."""
         muted, state.is_muted = state.is_muted, True
         try:
-            self.break_lines.find_running_code()
+            for frame in frames:
+                self.break_lines.find_running_code(frame)
         finally:
             state.is_muted = muted
 
@@ -330,6 +358,9 @@ class Monitor:
                              busy: list[StopState]) -> dict[CPerCodeObject, int]:
         """The code objects that have to be reported, each with its local events."""
         top_frames = sys._current_frames() if busy else {}
+        if ARE_PARALLEL:
+            standing = {threading.get_ident(), *map(thread_id_of, list(self.suspension.held.values()))}
+            top_frames = {thread_id: frame for thread_id, frame in top_frames.items() if thread_id in standing}
         for state in busy:
             self._collect_stepped(debugger, state, top_frames.get(state.thread_id))
         del top_frames                        # it holds the frame of this very call

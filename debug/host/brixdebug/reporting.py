@@ -16,6 +16,7 @@ from brixbase import dlog
 from brixdebug import compat
 from brixdebug.decisions import PASSED, UNDECIDED
 from brixdebug.exceptions import RAISED, UNHANDLED
+from brixdebug.locks import ARE_PARALLEL
 from brixdebug.raising import is_of_signal_handler
 from brixdebug.suspension import ends_by_itself, is_daemon, is_threading_code
 from brixdebug.switches import line_at, program_frame
@@ -77,6 +78,8 @@ class Reporter:
                 if verdict != PASSED:
                     self._line(frame, points, verdict)
                 return None
+            if self._switches.unseen:
+                self._monitor.see_thread()
             if points is not None and self._switches.is_idle:
                 return None                   # its breakpoints are of statements inside the line
             if self._switches.is_idle:
@@ -91,6 +94,8 @@ class Reporter:
     def _on_jump(self, code: CodeType, offset: int, destination: int) -> object:
         """A loop on one line: each pass is a line of its own, as with `sys.settrace`."""
         try:
+            if self._switches.unseen:
+                self._monitor.see_thread()
             epoch = self._switches.epoch
             if self._switches.is_jump_off(code, offset, destination):
                 self._switches.note_off(code)
@@ -383,8 +388,10 @@ class Reporter:
             return True                       # at the next line
         if thread_id not in self._raiser.ended_thread_ids:
             if not is_daemon(thread_id):
+                if ARE_PARALLEL:
+                    self._monitor.suspension.watch_own_code()     # nobody else could
                 self._raiser.raise_in_program(bdb.BdbQuit())
-        elif is_line:
+        elif is_line and (not ARE_PARALLEL or self._switches.is_held(frame.f_code)):
             self._raiser.end_again(frame)
         return True
 

@@ -22,7 +22,7 @@ from brixdebug.switches import program_frame, record_of, thread_id_of
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
-    from collections.abc import Callable
+    from collections.abc import Callable, Iterable
     from types import FrameType
     from typing import Any
 
@@ -64,17 +64,13 @@ def debugged_frames() -> dict[int, FrameType]:
     return frames
 
 
-def _add_records(frame: FrameType | None, records: dict[CPerCodeObject, bool]) -> bool:
-    """Add those of the code that a stack of frames runs, but for the debugger's own; False where a frame has none."""
-    has_all = True
+def _add_records(frame: FrameType | None, records: dict[CPerCodeObject, bool]) -> None:
+    """Add those of the code that a stack of frames runs, but for the debugger's own."""
     while frame is not None:
         record = record_of(frame)
-        if record is None:
-            has_all = False
-        elif not record.fIsInternal:
+        if record is not None and not record.fIsInternal:
             records[record] = True
         frame = frame.f_back
-    return has_all
 
 
 def _thread_object(frame: FrameType | None, method: str) -> object:
@@ -438,18 +434,23 @@ class Suspension:
         self._switches.look_at_suspend_locks(True)
         self._watch_running_code()
 
-    def _watch_running_code(self, own_too: bool = False) -> None:
-        """Have events of all code that other threads are in, with `own_too` the calling one too."""
-        frames = sys._current_frames()
-        if not own_too:
-            del frames[threading.get_ident()]
+    def _watch_running_code(self) -> None:
+        """Have events of all code that other threads are in.
+
+        Where they run at the same time all code has them already, see `Switches`.
+        """
+        frames = {} if ARE_PARALLEL else sys._current_frames()
+        frames.pop(threading.get_ident(), None)
+        self._watch_code_of(frames.values())
+
+    def watch_own_code(self) -> None:
+        """Have events of all code that the calling thread is in."""
+        self._watch_code_of([sys._getframe()])
+
+    def _watch_code_of(self, frames: Iterable[FrameType]) -> None:
         records: dict[CPerCodeObject, bool] = {}
-        for _ in range(_LOOKS_AT_FRAMES):
-            have_all = [_add_records(frame, records) for frame in frames.values()]
-            if all(have_all):
-                break
-            frames = {thread_id: frame for thread_id, frame in sys._current_frames().items() if thread_id in frames}
-        del frames                            # it holds the frame of this very call, and so all those below
+        for frame in frames:
+            _add_records(frame, records)
         with self._switches.lock:
             for record in records:
                 self._switches.want(record, held=True)
@@ -460,7 +461,8 @@ class Suspension:
         self.is_ending_all = True
         self._switches.hold(True)
         self._begin_events()
-        self._watch_running_code(own_too=True)
+        self._watch_running_code()
+        self.watch_own_code()
 
     def end_session(self) -> None:
         """No thread is ended any longer."""

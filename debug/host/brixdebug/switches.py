@@ -28,7 +28,8 @@ What is switched on under them:
     PY_UNWIND                      and the end of such a call by an exception
     LINE, JUMP                     while attributes or global names are watched
     LINE, JUMP, returns            in the code objects of frames that are stepped
-    LINE, PY_START, JUMP           in all running code, while a thread is at the prompt
+    LINE, PY_START, JUMP           in all running code, while a thread is at the prompt; where threads run at the
+                                   same time in all code, then and until each has been seen after a new breakpoint
     CALL                           for the raiser alone, in the code of frames that are stepped,
     PY_RETURN                      and in the functions called there, to show what they return
 
@@ -141,6 +142,7 @@ class Switches:
         self._is_ending = False               # the interpreter takes this module apart soon
         self._ends_beside_others = False      # and stops threads that run at the same time for good
         atexit.register(self._end)
+        self.unseen: set[int] = set()         # ids of threads that may run code with new breakpoints, see `await_threads`
         self.wants_calls = False              # user_call is to be called in code with breakpoints
         self.is_idle = True                   # all threads run freely
         self.epoch = 0                        # counts the times when places were armed again
@@ -209,6 +211,10 @@ class Switches:
         for table in self._lines, self._offsets:
             for record in [each for each in table if each.fCodeObjectWeakRef() is None]:
                 del table[record]
+
+    def is_held(self, code: CodeType) -> bool:
+        """Threads are caught in this code for its own sake."""
+        return optmonitoring.CPerCodeObject.GetPerCodeObject(code, False) in self._held
 
     def let_all_go(self) -> None:
         """No code object is needed to hold threads any longer."""
@@ -294,12 +300,20 @@ class Switches:
             step_events |= _FIND_EVENTS
         if lines:
             step_events |= _WATCH_EVENTS
+        if self._awaits_all_threads():
+            step_events |= _HOLD_LOCAL_EVENTS
         events = step_events | (_FIND_EVENTS if finds else 0)
         self._set_reports_all_lines(lines)
         self._find_without_filter(finds and not (anywhere or ends or lines or self._is_holding))
         self._set_events(events, step_events)
         if was_idle != is_idle:
             self._change_idle()
+
+    def _awaits_all_threads(self) -> bool:
+        """Whether all code has to have events, to catch threads whose frames nobody may walk over; see `ARE_PARALLEL`."""
+        if self.unseen:
+            self.unseen &= set(sys._current_frames())     # the others have ended
+        return ARE_PARALLEL and (self._is_holding or bool(self.unseen))
 
     def _set_reports_all_lines(self, is_wanted: bool) -> None:
         if self._reports_all_lines == is_wanted:
@@ -468,6 +482,13 @@ class Switches:
         """Whether threads have to look at their suspend locks."""
         for callback in self._initial_callbacks.values():
             callback.fAnySuspendThread = int(is_needed)
+
+    def await_threads(self, thread_ids: set[int]) -> None:
+        """Each of these has an event soon, and is to be taken out of `unseen` when the code that it runs has been found.
+
+        The lock, `need` and `rearm` are the caller's.
+        """
+        self.unseen = thread_ids
 
     # -- what nobody needs -----------------------------------------------------------------
 
@@ -640,6 +661,7 @@ class Switches:
         self._held = set()
         self._passed = set()
         self._any_stops_anywhere = False
+        self.unseen = set()
         self.is_idle = True
         for record in list(self._local_events):
             record.fEnabledBpLinenos = None
@@ -674,6 +696,7 @@ class Switches:
         own_id = _thread.get_ident()
         self._raising = {own_id: self._raising[own_id]} if own_id in self._raising else {}
         self._process_id = os.getpid()
+        self.unseen = set()
 
 
 def record_of(frame: FrameType) -> CPerCodeObject | None:

@@ -16,6 +16,7 @@ import threading
 import weakref
 
 from brixdebug import conditions
+from brixdebug.locks import ARE_PARALLEL
 from brixdebug.raising import is_of_signal_handler
 
 TYPE_CHECKING = False
@@ -265,7 +266,8 @@ class Watches:
             self._steps = {}
         self.active = [*self.active, watch]
         for thread_id, frame in sys._current_frames().items():
-            self._steps.setdefault(thread_id, self._steps_of(frame))
+            if not ARE_PARALLEL or thread_id == threading.get_ident():    # the others tell of their lines from the next one on
+                self._steps.setdefault(thread_id, self._steps_of(frame))
         del frame                             # that of this very call may be among them
 
     @staticmethod
