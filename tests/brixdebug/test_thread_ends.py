@@ -47,6 +47,21 @@ class CaughtQuitTest(unittest.TestCase):
             """, "break 10")
         self.assertEqual(printed[1:], ["closing", "closed", "caught BdbQuit", "end 0", "end 1", "end 2"])
 
+    def test_main_thread_that_waits_in_c_code(self):
+        """It runs other code than the thread in which the user quits, and gets its end in the handler of a signal."""
+        self.ended("""\
+            import threading, time
+            def work():
+                here = 1
+                time.sleep(1000)
+            threading.Thread(target=work).start()
+            while True:
+                try:
+                    time.sleep(1000)
+                except Exception as error:
+                    print("caught", type(error).__name__)
+            """, "break 3")
+
     def test_what_a_daemon_thread_does_for_others_at_the_end(self):
         """It serves until the interpreter ends it, as without a debugger; other threads end."""
         printed = self.ended("""\

@@ -10,6 +10,7 @@ import threading
 from brixdebug import streams
 from brixdebug.engine import Bdb, BdbQuit
 from brixdebug.interrupts import is_debuggers_code
+from brixdebug.locks import ARE_PARALLEL
 from brixdebug.monitor import monitor
 from brixdebug.suspension import debugged_frames
 
@@ -135,6 +136,8 @@ class Ends(_StandardDebugger):
         elif threading.get_ident() not in monitor.raiser.ended_thread_ids:
             if isinstance(error, BdbQuit):
                 monitor.raiser.ended_thread_ids.add(threading.get_ident())
+                if ARE_PARALLEL:
+                    monitor.suspension.watch_own_code()       # nobody else could, and the program may catch it
             state.run_freely()                # no stop at what is raised
             monitor.needs_changed(self)
             raise error

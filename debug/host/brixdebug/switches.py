@@ -426,8 +426,9 @@ class Switches:
         with self.lock:
             self._is_ending = True
             self._find_without_filter(False)
-            for event, callback in self._raiser_callbacks.items():
-                self._ask_raiser(event, callback)
+            if self._filter_tool_id is not None:      # else the raiser's id may be another tool's
+                for event, callback in self._raiser_callbacks.items():
+                    self._ask_raiser(event, callback)
             if ARE_PARALLEL and len(sys._current_frames()) > 1:
                 self._end_beside_others()
         self.lock = LockAtEnd(self.lock)
