@@ -72,6 +72,26 @@ DAEMONS = """\
     sys.keeps, late = sys.modules["__main__"], [Late() for _ in range(30)]
     ready.wait()
     """
+# An exit handler that runs after the debugger's own, while a daemon thread passes a logpoint.
+LOGPOINT = """\
+    import atexit, threading
+    passed, goes_on = [], True
+    @atexit.register
+    def late():
+        global goes_on
+        before = len(passed)
+        while len(passed) < before + 3: pass
+        goes_on = False
+        thread.join()
+    import brixdebug
+    def work():
+        while goes_on:
+            number = len(passed)
+            passed.append(number)                # log
+    brixdebug.set_trace()
+    thread = threading.Thread(target=work, daemon=True)
+    thread.start()
+    """
 # Without the lock about one session in four did not end when the debugger was asked then.
 DAEMON_SESSIONS = 1 if getattr(sys, "_is_gil_enabled", lambda: True)() else 12
 
@@ -110,6 +130,38 @@ class InterpreterEndTest(unittest.TestCase):
             breaks = ["break %d, False" % line_of(path, mark) for mark in ("loop", "late")]
             child = run_session(path, cwd=folder, commands=[*breaks, "continue"], ASAN_OPTIONS="detect_leaks=0")
             self.assertEqual((child.returncode, child.stderr), (0, ""), child.stdout)
+
+    def test_logpoint_of_a_daemon_thread_while_exit_handlers_run(self):
+        folder = scratch_folder(self)
+        path = write_program(folder, LOGPOINT)
+        child = run_session(path, cwd=folder, commands=["dprintf %d, at {number}" % line_of(path, "log"), "continue"])
+        self.assertEqual((child.returncode, child.stderr), (0, ""))
+        lines = child.stdout.replace("(Pdb) ", "").splitlines()
+        numbers = [line for line in lines if line.startswith("at ")]
+        self.assertGreaterEqual(len(numbers), 3)
+        self.assertEqual(numbers, ["at %d" % number for number in range(len(numbers))])
+
+    def test_tool_that_has_taken_the_debuggers_id(self):
+        """The debugger has nothing to wait for, and another tool works while exit handlers run."""
+        folder = scratch_folder(self)
+        child = run_session(write_program(folder, """\
+            import atexit, sys
+            begun = []
+            def function(): pass
+            @atexit.register
+            def late():
+                function()
+                print([code.co_name for code in begun])
+            import brixdebug
+            brixdebug.set_trace()
+            here = 1
+            sys.monitoring.use_tool_id(sys.monitoring.DEBUGGER_ID, "other")
+            sys.monitoring.register_callback(sys.monitoring.DEBUGGER_ID, sys.monitoring.events.PY_START,
+                                             lambda code, offset: begun.append(code))
+            sys.monitoring.set_local_events(sys.monitoring.DEBUGGER_ID, function.__code__, sys.monitoring.events.PY_START)
+            """), cwd=folder, commands=["continue"])
+        self.assertEqual((child.returncode, child.stderr), (0, ""))
+        self.assertEqual(child.stdout.splitlines()[-1], "(Pdb) ['function']")
 
 
 if __name__ == "__main__":

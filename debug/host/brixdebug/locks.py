@@ -11,6 +11,7 @@ import optmonitoring as _optmonitoring       # before the question: the module m
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
+    from collections.abc import Callable
     from typing import Any
 
 _LOOK_SECONDS = 0.05
@@ -51,3 +52,18 @@ class LockAtEnd:
 
     def __exit__(self, *exc_info: object) -> None:
         self.release()
+
+
+class CallbackAtEnd:
+    """In the place of a callback of the interpreter, until the other threads have been ended.
+
+    After that its module may be in pieces, and the program's last destructors have events.  The callback's caller is one
+    frame further away.
+    """
+
+    def __init__(self, callback: Callable[..., object]) -> None:
+        self._callback = callback
+        self._is_finalizing = sys.is_finalizing
+
+    def __call__(self, *args: object) -> object:
+        return None if self._is_finalizing() else self._callback(*args)

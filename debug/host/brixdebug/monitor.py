@@ -20,10 +20,11 @@ from brixdebug.exceptions import RAISED, UNCAUGHT, UNHANDLED, places_of_beginnin
 from brixdebug.libraries import is_library
 from brixdebug.locks import ARE_PARALLEL
 from brixdebug.raising import Raiser
+from brixdebug.records import record_of, thread_id_of
 from brixdebug.returns import PassedReturns
 from brixdebug.stops import NOWHERE
 from brixdebug.suspension import Suspension, debugged_frames, own_thread_ids
-from brixdebug.switches import STEP_LOCAL_EVENTS, MonitorError, Switches, record_of, thread_id_of
+from brixdebug.switches import STEP_LOCAL_EVENTS, MonitorError, Switches
 from brixdebug.turn import Turn
 from brixdebug.watching import Watches
 
@@ -131,16 +132,16 @@ class Monitor:
     def see_thread(self) -> None:
         """The calling thread, at an event: the code that it runs is found, and it is waited for no longer.
 
-        When all have been seen places are armed once more: a place that one was about to switch off when they were armed
-        is off since, and the next event of that thread comes after that.
+        Places are armed once more: one that this thread was about to switch off when they were armed is off since, and its
+        next event comes after that.
         """
         unseen, debugger = self.switches.unseen, self.debugger
         if debugger is not None and threading.get_ident() in unseen:
             self._find_running_code(debugger.stop_states.own(), [sys._getframe()])
             unseen.discard(threading.get_ident())
-        if not unseen:
             with self.switches.lock:
                 self.switches.rearm()
+        if not unseen:
             self.needs_changed(debugger)
 
     def _find_running_code(self, state: StopState, frames: Iterable[FrameType]) -> None:
@@ -285,6 +286,7 @@ class Monitor:
             [state for state in debugger.stop_states.all() if not state.is_free]
         if not busy:
             self.returns.end()
+        self.switches.unseen -= own_thread_ids        # those that have been adopted since
         is_holding = self.suspension.is_active
         exception_stops = debugger.exception_stops
         if not (busy or debugger.breaks or debugger.awaits_code or debugger.awaits_threads or is_holding

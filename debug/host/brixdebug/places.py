@@ -89,5 +89,5 @@ def _arm_again(tool_ids: tuple[int, ...], codes: list[CodeType]) -> None:
             calls.append((_monitoring.set_local_events, tool_id, code, 0 if local_events else _PROBE))
             calls.append((_monitoring.set_local_events, tool_id, code, local_events))
         calls.append((_monitoring.set_events, tool_id, events))
-    # From C code at one go: no other thread runs between the two, and passes a breakpoint.
+    # From C code at one go: with the interpreter's lock no other thread runs between the two, and passes a breakpoint.
     collections.deque(itertools.starmap(operator.call, calls), maxlen=0)

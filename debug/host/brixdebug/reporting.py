@@ -18,8 +18,9 @@ from brixdebug.decisions import PASSED, UNDECIDED
 from brixdebug.exceptions import RAISED, UNHANDLED
 from brixdebug.locks import ARE_PARALLEL
 from brixdebug.raising import is_of_signal_handler
+from brixdebug.records import line_at
 from brixdebug.suspension import ends_by_itself, is_daemon, is_threading_code
-from brixdebug.switches import line_at, program_frame
+from brixdebug.switches import program_frame
 from brixdebug.thread_ends import is_without_handlers
 
 TYPE_CHECKING = False

@@ -18,11 +18,13 @@ import types
 
 from brixbase import dlog
 
+from brixdebug.locks import CallbackAtEnd
 from brixdebug.raising import is_of_signal_handler
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
     from types import CodeType, FrameType
+    from typing import Any
 
     from brixdebug.switches import Switches
 
@@ -75,7 +77,7 @@ class PassedReturns:
     def _on_call(self, code: CodeType, offset: int, called: object, argument: object) -> None:
         try:
             step = self._steps.get(_thread.get_ident())
-            if step is not None and len(step.values) < MOST_VALUES and step.is_in(sys._getframe(1)):
+            if step is not None and len(step.values) < MOST_VALUES and step.is_in(_frame_of_event(sys._getframe(1))):
                 self._await_return(step, called)
         except Exception as error:
             self._failed(error)
@@ -92,7 +94,7 @@ class PassedReturns:
         try:
             step = self._steps.get(_thread.get_ident())
             if step is None or len(step.values) >= MOST_VALUES or not self._switches.tells_of_returns(code) \
-                    or not step.is_in(sys._getframe(1).f_back):
+                    or not step.is_in(_frame_of_event(sys._getframe(1)).f_back):
                 return                        # perhaps the end of the step before, whose event the raiser sees last
             step.values.append((code.co_qualname, value))
             if len(step.values) == MOST_VALUES:
@@ -110,6 +112,11 @@ class PassedReturns:
         if is_of_signal_handler(error):
             raise error
         dlog.LogException("a call that a step passes over")
+
+
+def _frame_of_event(frame: FrameType | None) -> Any:
+    """That of an event, for the frame that has called its callback: at the program's exit there is one between."""
+    return frame.f_back if frame is not None and frame.f_code is CallbackAtEnd.__call__.__code__ else frame
 
 
 def _code_of(called: object) -> CodeType | None:

@@ -18,7 +18,8 @@ from brixdebug import log
 from brixdebug.evaluation import Evaluation
 from brixdebug.lives import Life
 from brixdebug.locks import ARE_PARALLEL
-from brixdebug.switches import program_frame, record_of, thread_id_of
+from brixdebug.records import record_of, thread_id_of
+from brixdebug.switches import program_frame
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:

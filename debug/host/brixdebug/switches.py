@@ -50,16 +50,15 @@ from __future__ import annotations
 
 import _thread
 import atexit
-import bisect
-import functools
 import os
 import sys
 from types import CodeType
 
 import optmonitoring
 
-from brixdebug.locks import ARE_PARALLEL, LockAtEnd
+from brixdebug.locks import ARE_PARALLEL, CallbackAtEnd, LockAtEnd
 from brixdebug.places import SwitchedOff
+from brixdebug.records import line_at, thread_id_of
 
 TYPE_CHECKING = False
 if TYPE_CHECKING:
@@ -68,7 +67,7 @@ if TYPE_CHECKING:
     from types import FrameType
     from typing import Any
 
-    from optmonitoring import CInitialCallback, CPerCodeObject, CPerThread
+    from optmonitoring import CInitialCallback, CPerCodeObject
 
 TOOL_NAME = "brixdebug"
 RAISER_TOOL_ID = sys.monitoring.DEBUGGER_ID
@@ -140,7 +139,6 @@ class Switches:
         self._passed: set[str] = set()        # `co_filename`s of files in which nobody waits
         self._passing: AbstractSet[str] = _NO_NAMES   # these, while code is found without the filter
         self._is_ending = False               # the interpreter takes this module apart soon
-        self._ends_beside_others = False      # and stops threads that run at the same time for good
         atexit.register(self._end)
         self.unseen: set[int] = set()         # ids of threads that may run code with new breakpoints, see `await_threads`
         self.wants_calls = False              # user_call is to be called in code with breakpoints
@@ -313,6 +311,8 @@ class Switches:
         """Whether all code has to have events, to catch threads whose frames nobody may walk over; see `ARE_PARALLEL`."""
         if self.unseen:
             self.unseen &= set(sys._current_frames())     # the others have ended
+            if not self.unseen:
+                self.rearm()
         return ARE_PARALLEL and (self._is_holding or bool(self.unseen))
 
     def _set_reports_all_lines(self, is_wanted: bool) -> None:
@@ -434,21 +434,17 @@ class Switches:
         self.lock = LockAtEnd(self.lock)
 
     def _end_beside_others(self) -> None:
-        """Ask nothing of the debugger in Python once the other threads have been ended.
+        """The thread that ends the interpreter asks nothing more of the debugger in Python.
 
-        Without the interpreter's lock one of them may have been given the lock of any table just before, for good.
+        The threads that run now are stopped for good, and one of them may have been given the lock of any table just before.
         """
-        self._ends_beside_others = True
-        before, self._initial_callbacks = self._initial_callbacks, self._make_initial_callbacks()
-        for event, callback in before.items():
-            self._initial_callbacks[event].fAnySuspendThread = callback.fAnySuspendThread
         if self._filter_tool_id is not None:
-            self._install_hooks()
-            self._register_filter(self._filter_tool_id)
+            self._install_hooks()             # new code comes before the policy, which this makes unknown
+        optmonitoring.CPerThread.GetPerThread(_thread.get_ident()).fDebugPolicy = 0
 
     def asked_at_end(self, callback: Callable[..., Any]) -> Callable[..., Any]:
-        """`callback` as the native module may call it from now on: see `_end_beside_others`."""
-        return _until_finalizing(callback) if self._ends_beside_others else callback
+        """`callback` as it may be called from now on."""
+        return CallbackAtEnd(callback) if self._is_ending else callback
 
     # Nothing is called before DISABLE is answered, so no other thread gets between.
 
@@ -569,9 +565,7 @@ class Switches:
     def _ask_raiser(self, event: int, callback: Callable[..., object] | None) -> None:
         """Register what the raiser calls for `event`; None: nothing."""
         self._raiser_callbacks[event] = callback
-        if callback is not None and self._is_ending:
-            callback = _until_finalizing(callback)
-        sys.monitoring.register_callback(RAISER_TOOL_ID, event, callback)
+        sys.monitoring.register_callback(RAISER_TOOL_ID, event, callback and self.asked_at_end(callback))
 
     # -- calls that steps pass over ----------------------------------------------------------
 
@@ -634,18 +628,13 @@ class Switches:
         self._filter_tool_id = filter_tool_id
         self._install_hooks()
         if not self._initial_callbacks:
-            self._initial_callbacks = self._make_initial_callbacks()
-        self._register_filter(filter_tool_id)
+            for event, second_callback in self._second_callbacks.items():
+                self._initial_callbacks[event] = optmonitoring.CInitialCallback(
+                    event, second_callback, 0 if event & _LASTING_EVENTS else 1)
+        for event, initial_callback in self._initial_callbacks.items():
+            sys.monitoring.register_callback(filter_tool_id, event, initial_callback.Callback)
         self._passing = _NO_NAMES
         self._register_raiser()
-
-    def _make_initial_callbacks(self) -> dict[int, CInitialCallback]:
-        return {event: optmonitoring.CInitialCallback(event, self.asked_at_end(callback), 0 if event & _LASTING_EVENTS else 1)
-                for event, callback in self._second_callbacks.items()}
-
-    def _register_filter(self, filter_tool_id: int) -> None:
-        for event, callback in self._initial_callbacks.items():
-            sys.monitoring.register_callback(filter_tool_id, event, callback.Callback)
 
     def release(self) -> None:
         """Everything off and given back, and nothing remembered of what was wanted.
@@ -697,18 +686,7 @@ class Switches:
         own_id = _thread.get_ident()
         self._raising = {own_id: self._raising[own_id]} if own_id in self._raising else {}
         self._process_id = os.getpid()
-        self.unseen = set()
-
-
-def record_of(frame: FrameType) -> CPerCodeObject | None:
-    """That of the code that `frame` runs; None where threads run at the same time, and it has just ended on its own."""
-    code: object = frame.f_code
-    return optmonitoring.CPerCodeObject.GetPerCodeObject(code, True, frame) if isinstance(code, CodeType) else None
-
-
-def thread_id_of(per_thread: CPerThread) -> int | None:
-    """The id in a thread's record; None when the thread has ended: its record is emptied then, at any moment."""
-    return getattr(per_thread, "fThreadId", None)
+        self.unseen = {own_id} if self.unseen else set()      # it may have been one of them; the old table may be locked
 
 
 def program_frame(frame: FrameType) -> FrameType:
@@ -722,30 +700,6 @@ def _caller(frame: FrameType) -> FrameType:
     caller = frame.f_back
     assert caller is not None
     return caller
-
-
-@functools.lru_cache(maxsize=256)
-def _line_starts(code_id: int, code: CodeType) -> tuple[list[int], list[int | None]]:
-    starts = [(start, line) for start, _, line in code.co_lines()]
-    return [start for start, _ in starts], [line for _, line in starts]
-
-
-def line_at(code: CodeType, offset: int) -> int | None:
-    """The line of the instruction at `offset`."""
-    starts, lines = _line_starts(id(code), code)
-    return lines[bisect.bisect_right(starts, offset) - 1]
-
-
-def _until_finalizing(callback: Callable[..., object]) -> Callable[..., object]:
-    """`callback`, until the other threads have been ended: the names that it uses are cleared with its module soon.
-
-    Destructors of the program have events after that.
-    """
-    is_finalizing = sys.is_finalizing
-
-    def call(*args: object) -> object:
-        return None if is_finalizing() else callback(*args)
-    return call
 
 
 def _free_filter_tool_id() -> int:
