@@ -430,7 +430,10 @@ class Reporter:
             state.untrace(frame)
             state.run_freely()
             self._monitor.needs_changed(debugger)
-            if not (self._monitor.suspension.is_ending_all and is_without_handlers(frame)):
+            is_ending_all = self._monitor.suspension.is_ending_all
+            if ARE_PARALLEL and is_ending_all:
+                self._monitor.suspension.watch_own_code()     # nobody else could
+            if not (is_ending_all and is_without_handlers(frame)):
                 self._raiser.raise_in_program(error)      # else the thread is ended at its next line
         else:
             debugger.on_own_error(error)
